@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/error.hpp"
+#include "board/sandbox.hpp"
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+/** Runs a deed in a process of its own; true when the deed said so. */
+bool inChild(const std::function<bool()>& deed)
+{
+    const auto child = fork();
+    if (child == 0)
+    {
+        auto ok = false;
+        try
+        {
+            ok = deed();
+        }
+        catch (const std::exception& error)
+        {
+            static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
+        }
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+struct Result
+{
+    int status = -1;
+    std::string output;
+};
+
+Result output(const std::string& command)
+{
+    // NOLINTNEXTLINE(cert-env33-c): the shell sees the test's own words only
+    auto* const pipe = popen((command + " 2>&1").c_str(), "re");
+    Result result;
+    std::array<char, 256> part{};
+    while (std::fgets(part.data(), part.size(), pipe) != nullptr)
+    {
+        result.output += part.data();
+    }
+    result.status = WEXITSTATUS(pclose(pipe));
+    return result;
+}
+
+Result wrapper(const std::string& arguments)
+{
+    return output(std::string(SANDBOX_PROGRAM) + " " + arguments);
+}
+
+bool touch(const fs::path& path)
+{
+    return std::ofstream(path).good();
+}
+
+bool isCharacterDevice(const std::string& path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && S_ISCHR(status.st_mode);
+}
+
+TEST(Sandbox, SaysThatItWasEntered)
+{
+    EXPECT_TRUE(board::sandbox::entered());
+}
+
+TEST(Sandbox, MakesTheCallerRoot)
+{
+    EXPECT_EQ(geteuid(), 0U);
+    EXPECT_EQ(getegid(), 0U);
+}
+
+TEST(Sandbox, HasTheDriverFilesAndAnEmptyClass)
+{
+    const fs::path driver("/sys/bus/platform/drivers/silvaco-i3c-master");
+    EXPECT_TRUE(fs::is_regular_file(driver / "bind"));
+    EXPECT_TRUE(fs::is_regular_file(driver / "unbind"));
+    EXPECT_TRUE(fs::is_directory("/sys/class/i3c-mctp"));
+    EXPECT_TRUE(fs::is_empty("/sys/class/i3c-mctp"));
+    EXPECT_FALSE(fs::exists("/sys/kernel"));
+}
+
+TEST(Sandbox, HasTheUsualDeviceNodes)
+{
+    for (const auto* name : {"null", "zero", "full", "random", "urandom"})
+    {
+        EXPECT_TRUE(isCharacterDevice(std::string("/dev/") + name)) << name;
+    }
+    EXPECT_TRUE(touch("/dev/null"));
+    EXPECT_TRUE(fs::exists("/dev/fd"));
+    EXPECT_TRUE(touch("/dev/shm/x"));
+    EXPECT_TRUE(fs::remove("/dev/shm/x"));
+}
+
+TEST(Sandbox, HasItsOwnRun)
+{
+    EXPECT_TRUE(fs::is_directory("/run/dbus"));
+    EXPECT_TRUE(fs::is_empty("/run/dbus"));
+    EXPECT_TRUE(fs::is_directory("/run/platform/io"));
+}
+
+TEST(Sandbox, RenewGivesFreshTreesAndKeepsTheOldOnesForTheParent)
+{
+    ASSERT_TRUE(touch("/run/mine"));
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            return !fs::exists("/run/mine") && touch("/run/theirs") &&
+                   touch("/dev/i3c-mctp-0") && touch("/sys/class/new");
+        }));
+    EXPECT_TRUE(fs::exists("/run/mine"));
+    EXPECT_FALSE(fs::exists("/run/theirs"));
+    EXPECT_FALSE(fs::exists("/dev/i3c-mctp-0"));
+    EXPECT_FALSE(fs::exists("/sys/class/new"));
+    fs::remove("/run/mine");
+}
+
+TEST(Sandbox, EnteredTwiceIsRenewed)
+{
+    ASSERT_TRUE(touch("/run/mine"));
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::enter();
+            return board::sandbox::entered() && !fs::exists("/run/mine");
+        }));
+    fs::remove("/run/mine");
+}
+
+TEST(Sandbox, RenewGivesFreshIpc)
+{
+    constexpr key_t key = 0x6d6f7272;
+    const auto mine = shmget(key, 1, IPC_CREAT | 0600);
+    ASSERT_GE(mine, 0);
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            return shmget(key, 1, 0) < 0 && errno == ENOENT;
+        }));
+    EXPECT_EQ(shmctl(mine, IPC_RMID, nullptr), 0);
+}
+
+TEST(Sandbox, LeavesNoMountBehind)
+{
+    const auto mounts = []
+    {
+        std::ifstream file("/proc/self/mounts");
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    const auto before = mounts();
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            return true;
+        }));
+    EXPECT_EQ(mounts(), before);
+}
+
+TEST(SandboxProgram, RunsTheCommandAndReturnsItsStatus)
+{
+    const auto result = wrapper("-- sh -c 'ls -A /run; exit 7'");
+    EXPECT_EQ(result.output, "dbus\nmorrow-sandbox\nplatform\n");
+    EXPECT_EQ(result.status, 7);
+}
+
+TEST(SandboxProgram, TakesTheCommandWithoutTheDashesToo)
+{
+    EXPECT_EQ(wrapper("echo -n --help").output, "--help");
+}
+
+TEST(SandboxProgram, SaysWhatItCannotRun)
+{
+    const auto result = wrapper("/no/such/program");
+    EXPECT_EQ(result.output, "/no/such/program: No such file or directory\n");
+    EXPECT_EQ(result.status, 127);
+}
+
+TEST(SandboxProgram, ExplainsItself)
+{
+    EXPECT_EQ(wrapper("--help").status, 0);
+    EXPECT_THAT(wrapper("--help").output,
+                HasSubstr("Usage: morrow-sandbox [--] COMMAND [ARGUMENT...]"));
+    EXPECT_EQ(wrapper("").status, 2);
+    EXPECT_EQ(wrapper("--nonsense").status, 2);
+}
+
+TEST(SandboxProgram, SaysWhatToDoWhereMountsAreRefused)
+{
+    // In a tree without the sandbox's mark, with no user namespace to be had
+    // below this one, and run without the right to mount.
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            fs::remove("/run/morrow-sandbox");
+            std::ofstream("/proc/sys/user/max_user_namespaces") << 0;
+            const auto result = output(
+                "setpriv --inh-caps=-all --bounding-set=-all " SANDBOX_PROGRAM
+                " true");
+            return result.status == 125 &&
+                   result.output.find("run as root\n") != std::string::npos &&
+                   result.output.find('\n') == result.output.size() - 1;
+        }));
+}
+
+} // namespace
