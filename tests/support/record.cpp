@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
+#include <string_view>
+#include <utility>
 
 namespace record
 {
@@ -73,10 +76,48 @@ Slot& takeSlot()
     return slot;
 }
 
+/** What `when` was given. Not touched by a thread that logs from a signal
+ *  handler while nothing is waited for. */
+struct Trigger
+{
+    std::string beginning;
+    std::function<void()> action;
+};
+
+std::vector<Trigger> triggers;
+std::atomic<std::size_t> pendingTriggers;
+std::mutex triggersMutex;
+
+/** The action that an event sets off, if any. */
+std::function<void()> takeAction(std::string_view text)
+{
+    if (pendingTriggers == 0)
+    {
+        return {};
+    }
+    const std::lock_guard lock(triggersMutex);
+    const auto found = std::find_if(
+        triggers.begin(), triggers.end(), [text](const auto& trigger) {
+            return text.starts_with(trigger.beginning);
+        });
+    if (found == triggers.end())
+    {
+        return {};
+    }
+    auto action = std::move(found->action);
+    triggers.erase(found);
+    --pendingTriggers;
+    return action;
+}
+
 void publish(Slot& slot)
 {
     slot.written.store(true, std::memory_order_release);
     sem_post(&news.semaphore);
+    if (const auto action = takeAction(slot.text.data()))
+    {
+        action();
+    }
 }
 
 } // namespace
@@ -187,6 +228,13 @@ bool waitUntil(const std::function<bool()>& holds)
 void beforeEachOfThisThread(std::function<void()> hook)
 {
     beforeEach = std::move(hook);
+}
+
+void when(const std::string& beginning, std::function<void()> action)
+{
+    const std::lock_guard lock(triggersMutex);
+    triggers.push_back({beginning, std::move(action)});
+    ++pendingTriggers;
 }
 
 pid_t thisThread()

@@ -69,6 +69,11 @@ bool waitUntil(const std::function<bool()>& holds);
  *  to files since the last one can be put in its place. */
 void beforeEachOfThisThread(std::function<void()> hook);
 
+/** Runs something once, on the thread and at the moment of the first event
+ *  whose text begins so: the way to do something to the daemon at a point that
+ *  it can't be seen to be at otherwise. */
+void when(const std::string& beginning, std::function<void()> action);
+
 /** This thread's id, as events carry it. */
 pid_t thisThread();
 
