@@ -607,8 +607,8 @@ TEST_F(Daemon, PowerSignalWithdrawsWhatWasPublishedAndRunningBringsItBack)
                           "log 4 morrow: Discovery complete\n",
                       }));
     EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 2U);
-    EXPECT_EQ(power_down_pending, 0);
-    EXPECT_EQ(await_host_running, 0);
+    EXPECT_EQ(shared_word::load(power_down_pending), 0);
+    EXPECT_EQ(shared_word::load(await_host_running), 0);
 }
 
 TEST_F(Daemon, WarmResetDiscoversAnew)
