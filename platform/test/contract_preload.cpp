@@ -73,7 +73,7 @@ void setShmPermission(const std::string&)
 mctp_wrapper_ep::mctp_wrapper_ep(const std::string&, uint8_t, unsigned long,
                                  unsigned long, bool,
                                  _mctp_wrapper_network_id_) :
-    impl(nullptr)
+    impl(this)
 {
     say("mctp_wrapper_ep");
 }

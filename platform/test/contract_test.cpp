@@ -2,7 +2,6 @@
 #include "program.hpp"
 
 #include <cctype>
-#include <cstdlib>
 #include <set>
 #include <sstream>
 #include <string>
@@ -22,9 +21,10 @@ namespace
 /** The symbols that a library defines for others. */
 std::set<std::string> exportsOf(const char* library)
 {
-    const auto outcome = run({{std::getenv("NM"), "--dynamic", "--defined-only",
-                               "--format=posix", std::getenv(library)},
-                              {}});
+    const auto outcome =
+        run({{fromEnvironment("NM"), "--dynamic", "--defined-only",
+              "--format=posix", fromEnvironment(library)},
+             {}});
     EXPECT_EQ(outcome.status, 0);
     std::set<std::string> names;
     std::istringstream lines(outcome.output);
@@ -63,13 +63,14 @@ TEST(Exports, OfTheTransportAreItsContract)
     const std::string constructor =
         "RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEhmmb"
         "25_mctp_wrapper_network_id_";
+    const std::string send = "_ZN15mctp_wrapper_ep21send_message_blockingE";
+    const std::string request = "R31__mctp_wrapper_request_buffer_t";
+    const std::string response = "R28__mctp_wrapper_resp_buffer_t";
     EXPECT_EQ(exportsOf("LIBRARY_MCTP"),
               (Names{"_ZN15mctp_wrapper_epC1E" + constructor,
                      "_ZN15mctp_wrapper_epC2E" + constructor,
                      "_ZN15mctp_wrapper_epD1Ev", "_ZN15mctp_wrapper_epD2Ev",
-                     "_ZN15mctp_wrapper_ep21send_message_blockingER31__mctp_"
-                     "wrapper_request_buffer_tR28__mctp_wrapper_resp_buffer_"
-                     "t"}));
+                     send + request + response}));
 }
 
 TEST(Sonames, CarryTheVersion)
@@ -81,8 +82,8 @@ TEST(Sonames, CarryTheVersion)
         {
             character = static_cast<char>(std::tolower(character));
         }
-        const auto outcome = run({{std::getenv("READELF"), "--dynamic",
-                                   std::getenv(("LIBRARY_" + name).c_str())},
+        const auto outcome = run({{fromEnvironment("READELF"), "--dynamic",
+                                   fromEnvironment("LIBRARY_" + name)},
                                   {}});
         EXPECT_NE(outcome.output.find("soname: [" + expected + "]"),
                   std::string::npos)
@@ -92,17 +93,18 @@ TEST(Sonames, CarryTheVersion)
 
 TEST(Replacement, IsNotNeeded)
 {
-    const auto outcome = run({{std::getenv("CONTRACT_CALLER")}, {}});
+    const auto outcome = run({{fromEnvironment("CONTRACT_CALLER")}, {}});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "3\n-1\n-1\n2\n");
 }
 
 TEST(Replacement, TakesOverEachFunction)
 {
-    const auto outcome = run({{std::getenv("CONTRACT_CALLER")},
-                              {{"LD_PRELOAD", std::getenv("CONTRACT_PRELOAD")},
-                               // The sanitizer's runtime comes later then.
-                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
+    const auto outcome =
+        run({{fromEnvironment("CONTRACT_CALLER")},
+             {{"LD_PRELOAD", fromEnvironment("CONTRACT_PRELOAD")},
+              // The sanitizer's runtime comes later then.
+              {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "dlog_printf\n"
                               "dmctp_trace\n"

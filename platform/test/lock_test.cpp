@@ -26,7 +26,7 @@ int modeOfLock(int lockId)
     semid_ds status = {};
     EXPECT_EQ(
         ::semctl(lockId, 0, IPC_STAT, SemaphoreArgument{.status = &status}), 0);
-    return status.sem_perm.mode & 0777;
+    return static_cast<int>(status.sem_perm.mode & 0777);
 }
 
 void setModeOfLock(int lockId, int mode)
@@ -42,7 +42,7 @@ int modeOfShm(int shmId)
 {
     shmid_ds status = {};
     EXPECT_EQ(::shmctl(shmId, IPC_STAT, &status), 0);
-    return status.shm_perm.mode & 0777;
+    return static_cast<int>(status.shm_perm.mode & 0777);
 }
 
 void setModeOfShm(int shmId, int mode)

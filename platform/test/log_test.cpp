@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,7 +37,7 @@ using testing::Key;
 using testing::Not;
 using testing::Pair;
 
-constexpr const char* journalPath = "/run/systemd/journal/socket";
+constexpr std::string_view journalPath = "/run/systemd/journal/socket";
 
 /** All datagrams that wait on a socket, one string each. */
 std::vector<std::string> drain(int descriptor)
@@ -92,7 +94,7 @@ class Log : public testing::Test
     std::vector<std::string> say(std::vector<std::string> words,
                                  Environment environment = {})
     {
-        words.insert(words.begin(), std::getenv("LOG_SPEAKER"));
+        words.insert(words.begin(), fromEnvironment("LOG_SPEAKER"));
         const auto outcome =
             run({std::move(words), std::move(environment), writer.get()});
         EXPECT_EQ(outcome.status, 0);
@@ -115,19 +117,21 @@ class Journal : public Log
         journal =
             FileDescriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        std::strcpy(address.sun_path, journalPath);
+        std::ranges::copy(journalPath, address.sun_path);
         ASSERT_EQ(::bind(journal.get(),
                          reinterpret_cast<const sockaddr*>(&address),
                          sizeof(address)),
                   0);
     }
 
-    [[nodiscard]] std::string stream() const
+    /** The name of the stream, or of one that is not it by so much. */
+    [[nodiscard]] std::string stream(int otherDevice = 0,
+                                     int otherInode = 0) const
     {
         struct stat status = {};
         EXPECT_EQ(::fstat(writer.get(), &status), 0);
-        return std::to_string(status.st_dev) + ":" +
-               std::to_string(status.st_ino);
+        return std::to_string(status.st_dev + otherDevice) + ":" +
+               std::to_string(status.st_ino + otherInode);
     }
 
     /** @return the journal's entries */
@@ -322,7 +326,7 @@ TEST_F(Journal, LeavesErrno)
 
 TEST_F(Journal, IsLeftAloneWhenStandardErrorIsNotItsStream)
 {
-    for (const auto& other : {std::string("1:2"), std::string("x"),
+    for (const auto& other : {stream(1, 0), stream(0, 1), std::string("x"),
                               std::string(), stream() + "x", stream() + ":"})
     {
         SCOPED_TRACE(other);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fake_endpoint.hpp"
+#include "interruptions.hpp"
 #include "mctp/wire.hpp"
 #include "sandbox.hpp"
 #include "util/file_descriptor.hpp"
@@ -8,6 +9,7 @@
 #include <platform/mctp_wrapper.hpp>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
@@ -124,6 +126,13 @@ class Mctp : public testing::Test
     void TearDown() override
     {
         removeLock(acquireLock(device.path));
+    }
+
+    void expectNoRequest() const
+    {
+        char byte = 0;
+        EXPECT_EQ(::read(device.farEnd.get(), &byte, 1), -1);
+        EXPECT_EQ(errno, EAGAIN);
     }
 
     Device device;
@@ -377,6 +386,34 @@ TEST_F(Mctp, CountsTheWaitForTheLock)
     const LockHolder holder(acquireLock(device.path));
     expectFailure(sendTo(device.path, shortMs), ETIMEDOUT, false);
     EXPECT_EQ(::semctl(acquireLock(device.path), 0, GETVAL), 1);
+    expectNoRequest();
+}
+
+TEST_F(Mctp, WaitsForTheLockDespiteSignals)
+{
+    setLockPermission(device.path);
+    const LockHolder holder(acquireLock(device.path));
+    const Interruptions interruptions;
+    expectFailure(sendTo(device.path, shortMs), ETIMEDOUT, false);
+    expectNoRequest();
+}
+
+TEST_F(Mctp, LeavesTheLockFreeWhenItsProcessDies)
+{
+    setLockPermission(device.path);
+    const int lockId = acquireLock(device.path);
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        ::_exit(sendTo(device.path).error);
+    }
+    // The request is on its way, so the lock is held.
+    pollfd entry{.fd = device.farEnd.get(), .events = POLLIN, .revents = 0};
+    EXPECT_EQ(::poll(&entry, 1, static_cast<int>(generousMs)), 1);
+    EXPECT_EQ(::semctl(lockId, 0, GETVAL), 1);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(::semctl(lockId, 0, GETVAL), 0);
 }
 
 TEST_F(Mctp, GoesOnWhenTheLocksHolderDies)

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 #include <system_error>
 
 namespace platform::test
@@ -76,6 +77,16 @@ Outcome run(const Program& program)
     outcome.status =
         WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     return outcome;
+}
+
+std::string fromEnvironment(const std::string& name)
+{
+    const char* const value = std::getenv(name.c_str());
+    if (value == nullptr)
+    {
+        throw std::runtime_error(name + " is not set; run with meson test");
+    }
+    return value;
 }
 
 } // namespace platform::test

@@ -27,4 +27,8 @@ struct Outcome
 
 Outcome run(const Program& program);
 
+/** @return the environment's value of that name
+ *  @throws std::runtime_error when it has none */
+std::string fromEnvironment(const std::string& name);
+
 } // namespace platform::test
