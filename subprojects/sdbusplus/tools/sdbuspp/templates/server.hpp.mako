@@ -15,7 +15,7 @@
 
 #include <systemd/sd-bus.h>
 
-% for header in sorted(set(interface.headers) | ({"limits", "map", "string"} if interface.properties else set())):
+% for header in sorted(set(interface.headers) | ({"map", "string"} if interface.properties else set())):
 #include <${header}>
 % endfor
 
