@@ -20,7 +20,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <source_location>
 #include <string_view>
 
 namespace logging
@@ -37,10 +36,8 @@ inline constexpr int pass = 11; //!< what each pass of the state loop says
 
 /** The base name, without directory and extension, of the file that calls it,
  *  as a NUL-terminated array. */
-consteval auto
-sourceName(std::source_location here = std::source_location::current())
+consteval auto sourceName(std::string_view name = __builtin_FILE())
 {
-    std::string_view name{here.file_name()};
     name.remove_prefix(name.rfind('/') + 1); // npos + 1 is 0
     name = name.substr(0, name.find('.'));
     std::array<char, 32> result{};

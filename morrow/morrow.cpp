@@ -22,6 +22,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string_view>
 
 uint32_t daemon_state = MORROW_OFF_EVENT;
@@ -182,10 +183,11 @@ using ResponseArea = std::array<uint8_t, mctpWrapperResponseCapacity>;
 /** Logs a response byte by byte; the library's length is not trusted. */
 void logResponse(const ResponseArea& area, uint64_t length)
 {
-    const auto end = area.begin() + std::min<std::size_t>(length, area.size());
-    for (const auto* byte = area.begin(); byte != end; ++byte)
+    const std::span<const uint8_t> bytes(area);
+    for (const uint8_t byte :
+         bytes.first(std::min<std::size_t>(length, area.size())))
     {
-        MORROW_LOG(logging::progress, "[%02x]\n", *byte);
+        MORROW_LOG(logging::progress, "[%02x]\n", byte);
     }
 }
 

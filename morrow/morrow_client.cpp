@@ -465,12 +465,12 @@ void signalHandler_internalpowerstate(sdbusplus::message_t& message)
         MORROW_LOG(logging::progress, "%s:Property name is  [%s]\n", __func__,
                    key.c_str());
         MORROW_LOG(logging::progress, "Property value is [%s]\n", text.c_str());
-        const auto state = std::find_if(powerStates.begin(), powerStates.end(),
-                                        [&text](const auto& known)
-                                        {
-                                            return text.find(known.substring) !=
-                                                   std::string::npos;
-                                        });
+        const auto* const state = std::find_if(
+            powerStates.begin(), powerStates.end(),
+            [&text](const auto& known)
+            {
+                return text.find(known.substring) != std::string::npos;
+            });
         if (state == powerStates.end())
         {
             continue;

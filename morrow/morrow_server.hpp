@@ -99,7 +99,7 @@ class morrow_dbus_server
     void createMorrowEventLoop();
 
     void serveBus();
-    std::shared_ptr<sdbusplus::bus_t> shareBus() const;
+    [[nodiscard]] std::shared_ptr<sdbusplus::bus_t> shareBus() const;
     EndpointMap* endpointsOf(int64_t networkId);
     int32_t createAndRemember(uint32_t networkId, uint8_t eid,
                               const EndpointProperties& properties,

@@ -45,7 +45,7 @@ class morrow_signal
     void signal_thread_fn();
 
     /** 0 running, 1 stopping, 2 stopped. Any thread. */
-    uint8_t get_stop_state() const;
+    [[nodiscard]] uint8_t get_stop_state() const;
 
     /** Waits for stop state 2 and joins the signal thread. Main thread. */
     void wait_stop();
