@@ -4,7 +4,14 @@
  *
  * Levels grow with detail: 1 an error, 2 a failure of the core, 4 ordinary
  * progress, 11 a line that comes with every pass of a loop. The library shows
- * a record when its level is not above the DLOG_LEVEL of the environment.
+ * a record when its level is not above the DLOG_LEVEL of the environment, 2
+ * when that is not set; it reads that once.
+ *
+ * A record is one line: line ends at the end of a text are dropped, those
+ * within become blanks, and a text of more than about a kilobyte is cut.
+ * Records go to the journal when standard error is connected to it, otherwise
+ * to standard error as "dlog LEVEL MODULE FILE:LINE:TEXT" or "trace LEVEL
+ * FILE:LINE:TEXT".
  *
  * Both calls may be made from any thread and from a signal handler: they are
  * async-signal-safe and leave errno as it was. Neither reports an error.

@@ -1,0 +1,334 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <platform/dlog.h>
+
+// The places that are worth a CODE_FILE are the callers', not this file's.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+/*
+ * Signal handlers log, so nothing here takes a lock, allocates or uses stdio's
+ * streams: a record is built on the stack and leaves through one system call.
+ * (v)snprintf is not on POSIX's list of async-signal-safe functions, yet into a
+ * caller's buffer and for integers, characters and strings it touches neither
+ * the heap nor anything shared; no caller prints floating point or wide text.
+ */
+
+namespace
+{
+
+constexpr int defaultLevel = 2;
+
+// Below PIPE_BUF, so that lines of several writers never mix in a pipe.
+constexpr std::size_t recordCapacity = 1024;
+
+constexpr std::string_view placePrefix = "%s:%u:";
+
+/** The socket to the journal, as the service manager names it. */
+struct JournalStream
+{
+    dev_t device;
+    ino_t inode;
+};
+
+struct Settings
+{
+    int shownLevel;
+    std::optional<JournalStream> journal;
+};
+
+struct Origin
+{
+    int level;
+    std::optional<int> module; //!< none: a trace
+    const char* file; //!< nullptr: unknown
+    unsigned int line;
+};
+
+int readShownLevel()
+{
+    const char* const text = std::getenv("DLOG_LEVEL");
+    if (text == nullptr)
+    {
+        return defaultLevel;
+    }
+    const char* const end = text + std::strlen(text);
+    int level = defaultLevel;
+    const auto [stop, error] = std::from_chars(text, end, level);
+    return error == std::errc{} && stop == end ? level : defaultLevel;
+}
+
+std::optional<JournalStream> readJournalStream()
+{
+    const char* const text = std::getenv("JOURNAL_STREAM");
+    if (text == nullptr)
+    {
+        return std::nullopt;
+    }
+    const char* const end = text + std::strlen(text);
+    JournalStream stream{};
+    const auto device = std::from_chars(text, end, stream.device);
+    if (device.ec != std::errc{} || device.ptr == end || *device.ptr != ':')
+    {
+        return std::nullopt;
+    }
+    const auto inode = std::from_chars(device.ptr + 1, end, stream.inode);
+    if (inode.ec != std::errc{} || inode.ptr != end)
+    {
+        return std::nullopt;
+    }
+    return stream;
+}
+
+// Read while the library is loaded: before any caller runs, and never in a
+// signal handler, where getenv has no place.
+const Settings settings{readShownLevel(), readJournalStream()};
+
+/** Gives the caller its errno back. */
+class ErrnoKeeper
+{
+  public:
+    ErrnoKeeper() noexcept : kept(errno)
+    {
+    }
+
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+    ErrnoKeeper(ErrnoKeeper&&) = delete;
+    ErrnoKeeper& operator=(ErrnoKeeper&&) = delete;
+
+    ~ErrnoKeeper()
+    {
+        errno = kept;
+    }
+
+  private:
+    int kept;
+};
+
+/** One line of text of bounded length; what does not fit is cut. */
+class Line
+{
+  public:
+    __attribute__((format(printf, 2, 0))) void append(const char* format,
+                                                      va_list values)
+    {
+        const std::size_t room = text.size() - length;
+        const int wanted =
+            std::vsnprintf(text.data() + length, room, format, values);
+        if (wanted > 0)
+        {
+            length += std::min(static_cast<std::size_t>(wanted), room - 1);
+        }
+    }
+
+    // NOLINTNEXTLINE(cert-dcl50-cpp): so that the compiler checks the format
+    __attribute__((format(printf, 2, 3))) void append(const char* format, ...)
+    {
+        va_list values;
+        va_start(values, format);
+        append(format, values);
+        va_end(values);
+    }
+
+    /** Drops the line ends at the end and makes blanks of those within. */
+    void flatten()
+    {
+        while (length > 0 && text[length - 1] == '\n')
+        {
+            --length;
+        }
+        std::replace(text.begin(), text.begin() + length, '\n', ' ');
+    }
+
+    /** Puts the line end into the place that append's NUL had. */
+    void terminate()
+    {
+        text[length++] = '\n';
+    }
+
+    [[nodiscard]] iovec vector()
+    {
+        return {text.data(), length};
+    }
+
+  private:
+    std::array<char, recordCapacity> text;
+    std::size_t length = 0;
+};
+
+/** A short "NAME=value" of a journal record. */
+class Field
+{
+  public:
+    // NOLINTNEXTLINE(cert-dcl50-cpp): so that the compiler checks the format
+    __attribute__((format(printf, 2, 3))) explicit Field(const char* format,
+                                                         ...)
+    {
+        va_list values;
+        va_start(values, format);
+        const int wanted =
+            std::vsnprintf(text.data(), text.size(), format, values);
+        va_end(values);
+        length = std::clamp<std::size_t>(wanted, 0, text.size() - 1);
+    }
+
+    [[nodiscard]] iovec vector()
+    {
+        return {text.data(), length};
+    }
+
+  private:
+    std::array<char, 80> text;
+    std::size_t length;
+};
+
+/** Standard error may be redirected at any time, so each record looks anew. */
+bool stderrIsJournal()
+{
+    if (!settings.journal)
+    {
+        return false;
+    }
+    const ErrnoKeeper keeper;
+    struct stat status = {};
+    return ::fstat(STDERR_FILENO, &status) == 0 &&
+           status.st_dev == settings.journal->device &&
+           status.st_ino == settings.journal->inode;
+}
+
+/** 1 is an error, and each level above it one step less; 4 is information. */
+int priorityOf(int level)
+{
+    constexpr int firstLevel = 1;
+    constexpr int lastLevel = firstLevel + LOG_DEBUG - LOG_ERR;
+    return std::clamp(level, firstLevel, lastLevel) - firstLevel + LOG_ERR;
+}
+
+__attribute__((format(printf, 2, 0))) void
+sendToJournal(const Origin& origin, const char* format, va_list values)
+{
+    Line message;
+    message.append("MESSAGE=");
+    message.append(format, values);
+    message.flatten();
+
+    Field priority("PRIORITY=%d", priorityOf(origin.level));
+    Field level("DLOG_LEVEL=%d", origin.level);
+    Field module("DLOG_MODULE=%d", origin.module.value_or(0));
+    Field file("CODE_FILE=%s", origin.file != nullptr ? origin.file : "");
+    Field line("CODE_LINE=%u", origin.line);
+
+    std::array<iovec, 6> fields{message.vector(), priority.vector(),
+                                level.vector()};
+    int count = 3;
+    if (origin.module)
+    {
+        fields[count++] = module.vector();
+    }
+    if (origin.file != nullptr)
+    {
+        fields[count++] = file.vector();
+        fields[count++] = line.vector();
+    }
+    // A log has nowhere to complain about itself.
+    static_cast<void>(sd_journal_sendv(fields.data(), count));
+}
+
+__attribute__((format(printf, 2, 0))) void
+writeToStderr(const Origin& origin, const char* format, va_list values)
+{
+    Line line;
+    if (origin.module)
+    {
+        line.append("dlog %d %d ", origin.level, *origin.module);
+    }
+    else
+    {
+        line.append("trace %d ", origin.level);
+    }
+    if (origin.file != nullptr)
+    {
+        line.append("%s:%u:", origin.file, origin.line);
+    }
+    line.append(format, values);
+    line.flatten();
+    line.terminate();
+
+    const iovec bytes = line.vector();
+    ssize_t written = -1;
+    do
+    {
+        written = ::write(STDERR_FILENO, bytes.iov_base, bytes.iov_len);
+    } while (written < 0 && errno == EINTR);
+}
+
+__attribute__((format(printf, 2, 0))) void
+emit(const Origin& origin, const char* format, va_list values)
+{
+    if (stderrIsJournal())
+    {
+        sendToJournal(origin, format, values);
+    }
+    else
+    {
+        writeToStderr(origin, format, values);
+    }
+}
+
+} // namespace
+
+// NOLINTBEGIN(cert-dcl50-cpp): variadic by contract
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the analyzer of clang 14
+// does not see va_start through the branch before it
+
+void dlog_printf(int level, int module, const char* format, ...)
+{
+    if (level > settings.shownLevel)
+    {
+        return;
+    }
+    const ErrnoKeeper keeper;
+    Origin origin{level, module, nullptr, 0};
+    va_list values;
+    va_start(values, format);
+    if (std::strncmp(format, placePrefix.data(), placePrefix.size()) == 0)
+    {
+        origin.file = va_arg(values, const char*);
+        origin.line = va_arg(values, unsigned int);
+        format += placePrefix.size();
+    }
+    emit(origin, format, values);
+    va_end(values);
+}
+
+void dmctp_trace(int level, const char* file, unsigned int line,
+                 const char* format, ...)
+{
+    if (level > settings.shownLevel)
+    {
+        return;
+    }
+    const ErrnoKeeper keeper;
+    va_list values;
+    va_start(values, format);
+    emit({level, std::nullopt, file, line}, format, values);
+    va_end(values);
+}
+
+// NOLINTEND(clang-analyzer-valist.Uninitialized)
+// NOLINTEND(cert-dcl50-cpp)
