@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/**
+ * The server thread's default connection, kept past the end of that thread.
+ *
+ * libsystemd remembers a thread's default connection in a thread-local
+ * variable and clears that variable when the connection's last reference goes.
+ * The endpoint objects are withdrawn after the server thread has ended, and
+ * they hold references: the last of them would write into the memory of a
+ * thread that is no more. So one reference is held here and never given back;
+ * what matters about the end of a connection, that everything reaches the bus
+ * and that the name is released, is done by closing it.
+ *
+ * An object is announced as removed only below an object manager, and the
+ * server's own managers go with its loop. So the connection gets managers of
+ * its own for the withdrawal.
+ *
+ * `hold` is for the thread whose connection it is, everything else for one
+ * thread at a time after that thread has ended.
+ */
+
+#include <systemd/sd-bus.h>
+
+class LastingConnection
+{
+  public:
+    /** Takes a reference to the calling thread's default system connection. */
+    void hold();
+
+    /** Adds an object manager that stays for the life of the connection. */
+    void manage(const char* path);
+
+    /** Sends what is queued and leaves the bus. */
+    void close();
+
+  private:
+    sd_bus* connection = nullptr;
+};

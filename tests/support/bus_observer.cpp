@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bus_observer.hpp"
+
+#include "record.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <sdbusplus/bus.hpp>
+#include <sdbusplus/exception.hpp>
+#include <sdbusplus/message.hpp>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <map>
+#include <string_view>
+#include <system_error>
+#include <variant>
+
+namespace
+{
+
+constexpr const char* service = "xyz.openbmc_project.mctp";
+constexpr const char* interface = "xyz.openbmc_project.mctp.Endpoint";
+
+using Value =
+    std::variant<std::string, std::vector<uint8_t>, uint16_t, uint32_t, uint8_t>;
+using Properties = std::map<std::string, Value>;
+using Interfaces = std::map<std::string, Properties>;
+
+int check(int result, const char* what)
+{
+    if (result < 0)
+    {
+        throw std::system_error(-result, std::generic_category(), what);
+    }
+    return result;
+}
+
+std::string textOf(const Value& value)
+{
+    if (const auto* text = std::get_if<std::string>(&value))
+    {
+        return *text;
+    }
+    if (const auto* bytes = std::get_if<std::vector<uint8_t>>(&value))
+    {
+        std::string list;
+        for (const uint8_t byte : *bytes)
+        {
+            list += (list.empty() ? "" : ",") + std::to_string(byte);
+        }
+        return "[" + list + "]";
+    }
+    return std::visit(
+        [](const auto& number) -> std::string {
+            if constexpr (std::is_integral_v<
+                              std::remove_cvref_t<decltype(number)>>)
+            {
+                return std::to_string(number);
+            }
+            return {};
+        },
+        value);
+}
+
+std::string textOf(const Properties& properties)
+{
+    std::string text;
+    for (const auto& [name, value] : properties)
+    {
+        text += " " + name + "=" + textOf(value);
+    }
+    return text;
+}
+
+/** An object path is no std::string to the wrapper. */
+std::string readPath(sdbusplus::message_t& message)
+{
+    const char* path = nullptr;
+    check(sd_bus_message_read(message.get(), "o", &path), "path");
+    return path;
+}
+
+std::string describe(sdbusplus::message_t& message)
+{
+    const std::string_view member = message.get_member();
+    if (member == "InterfacesAdded")
+    {
+        const auto path = readPath(message);
+        Interfaces interfaces;
+        message.read(interfaces);
+        return path + textOf(interfaces[interface]);
+    }
+    if (member == "InterfacesRemoved")
+    {
+        std::string text = readPath(message);
+        std::vector<std::string> names;
+        message.read(names);
+        for (const auto& name : names)
+        {
+            text += " " + name;
+        }
+        return text;
+    }
+    if (member == "PropertiesChanged")
+    {
+        std::string changed;
+        Properties properties;
+        message.read(changed, properties);
+        return message.get_path() + textOf(properties);
+    }
+    std::string name;
+    std::string before;
+    std::string after;
+    message.read(name, before, after);
+    return after.empty() ? "gone" : "owned";
+}
+
+int onSignal(sd_bus_message* raw, void* /*userData*/, sd_bus_error* /*error*/)
+{
+    sdbusplus::message_t message(raw);
+    if (sd_bus_message_is_signal(raw, "test.Marker", nullptr) > 0)
+    {
+        record::add("mark");
+        return 0;
+    }
+    const auto text = describe(message);
+    record::add("%s %s", message.get_member(), text.c_str());
+    return 0;
+}
+
+sdbusplus::message_t newCall(sdbusplus::bus_t& bus, const std::string& path,
+                             const char* calledInterface, const char* member)
+{
+    return bus.new_method_call(service, path.c_str(), calledInterface, member);
+}
+
+constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
+
+/** Runs a call and turns its error into text. */
+template <typename Call>
+std::string orError(const Call& call)
+{
+    try
+    {
+        auto bus = sdbusplus::bus::new_system();
+        return call(bus);
+    }
+    catch (const sdbusplus::exception::SdBusError& error)
+    {
+        return std::string(error.name()) + ": " + error.description();
+    }
+}
+
+} // namespace
+
+BusObserver::BusObserver() : stopEvent(eventfd(0, EFD_CLOEXEC))
+{
+    check(sd_bus_open_system(&bus), "sd_bus_open_system");
+    check(sd_bus_open_system(&marker), "sd_bus_open_system");
+    for (const char* rule :
+         {"type='signal',interface='org.freedesktop.DBus.ObjectManager'",
+          "type='signal',interface='org.freedesktop.DBus.Properties',"
+          "path_namespace='/xyz/openbmc_project/mctp'",
+          "type='signal',sender='org.freedesktop.DBus',"
+          "member='NameOwnerChanged',arg0='xyz.openbmc_project.mctp'",
+          "type='signal',interface='test.Marker'"})
+    {
+        check(sd_bus_add_match(bus, nullptr, rule, onSignal, nullptr), rule);
+    }
+    thread = std::thread(&BusObserver::run, this);
+}
+
+BusObserver::~BusObserver()
+{
+    (void)eventfd_write(stopEvent, 1);
+    thread.join();
+    sd_bus_flush_close_unref(bus);
+    sd_bus_flush_close_unref(marker);
+    close(stopEvent);
+}
+
+std::vector<std::string> BusObserver::seen() const
+{
+    auto texts = record::textsOf(
+        std::atomic_ref<const pid_t>(threadId).load());
+    std::erase(texts, "mark");
+    return texts;
+}
+
+void BusObserver::catchUp()
+{
+    // The answer comes behind the daemon's signals; without a daemon there is
+    // nothing to wait for.
+    (void)sd_bus_call_method(marker, service, "/",
+                             "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                             nullptr, nullptr);
+    check(sd_bus_emit_signal(marker, "/test", "test.Marker", "Mark", nullptr),
+          "mark");
+    if (!record::waitFor("mark", ++marks))
+    {
+        throw std::runtime_error("the bus does not answer");
+    }
+}
+
+void BusObserver::run()
+{
+    std::atomic_ref<pid_t>(threadId).store(record::thisThread());
+    while (true)
+    {
+        int busy = 0;
+        while ((busy = sd_bus_process(bus, nullptr)) > 0)
+        {}
+        std::array<pollfd, 2> watched{{{sd_bus_get_fd(bus), POLLIN, 0},
+                                       {stopEvent, POLLIN, 0}}};
+        // Without a broker there is nothing to see but the stop.
+        const nfds_t count = busy < 0 ? 1 : 2;
+        (void)poll(watched.data() + (2 - count), count, -1);
+        if ((watched[1].revents & POLLIN) != 0)
+        {
+            return;
+        }
+    }
+}
+
+namespace busctl
+{
+
+std::string getAll(const std::string& path)
+{
+    return orError([&](sdbusplus::bus_t& bus) {
+        auto call = newCall(bus, path, propertiesInterface, "GetAll");
+        call.append(interface);
+        auto reply = bus.call(call);
+        Properties properties;
+        reply.read(properties);
+        return textOf(properties);
+    });
+}
+
+std::string getArbitration(const std::string& path, uint8_t eid)
+{
+    return orError([&](sdbusplus::bus_t& bus) {
+        auto call = newCall(bus, path, interface, "GetArbitration");
+        call.append(eid);
+        auto reply = bus.call(call);
+        uint32_t answer = 0;
+        reply.read(answer);
+        return std::to_string(answer);
+    });
+}
+
+std::string setEid(const std::string& path, uint8_t eid)
+{
+    return orError([&](sdbusplus::bus_t& bus) {
+        auto call = newCall(bus, path, propertiesInterface, "Set");
+        call.append(interface, "EID", std::variant<uint8_t>(eid));
+        bus.call(call);
+        return std::string();
+    });
+}
+
+std::string introspect(const std::string& path)
+{
+    return orError([&](sdbusplus::bus_t& bus) {
+        auto call = newCall(bus, path, "org.freedesktop.DBus.Introspectable",
+                            "Introspect");
+        auto reply = bus.call(call);
+        std::string xml;
+        reply.read(xml);
+        return xml;
+    });
+}
+
+std::vector<std::string> managedObjects(const std::string& manager)
+{
+    auto bus = sdbusplus::bus::new_system();
+    auto call = newCall(bus, manager, "org.freedesktop.DBus.ObjectManager",
+                        "GetManagedObjects");
+    auto reply = bus.call(call);
+    std::vector<std::string> paths;
+    check(sd_bus_message_enter_container(reply.get(), 'a', "{oa{sa{sv}}}"),
+          "objects");
+    while (check(sd_bus_message_enter_container(reply.get(), 'e', "oa{sa{sv}}"),
+                 "object") > 0)
+    {
+        paths.push_back(readPath(reply));
+        check(sd_bus_message_skip(reply.get(), "a{sa{sv}}"), "interfaces");
+        check(sd_bus_message_exit_container(reply.get()), "object");
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+bool hasOwner(const std::string& name)
+{
+    auto bus = sdbusplus::bus::new_system();
+    auto call = bus.new_method_call("org.freedesktop.DBus",
+                                    "/org/freedesktop/DBus",
+                                    "org.freedesktop.DBus", "NameHasOwner");
+    call.append(name);
+    auto reply = bus.call(call);
+    bool answer = false;
+    reply.read(answer);
+    return answer;
+}
+
+} // namespace busctl

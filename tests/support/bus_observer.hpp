@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/**
+ * A peer on the bus that puts into the record what the daemon announces, and
+ * asks it as any client would.
+ *
+ * Its events read
+ *
+ *     InterfacesAdded PATH DevicePath= EID=0 ...     (by name)
+ *     PropertiesChanged PATH EID=29
+ *     InterfacesRemoved PATH INTERFACE ...
+ *     NameOwnerChanged gone|owned
+ */
+
+#include <systemd/sd-bus.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+class BusObserver
+{
+  public:
+    BusObserver();
+    BusObserver(const BusObserver&) = delete;
+    BusObserver& operator=(const BusObserver&) = delete;
+    BusObserver(BusObserver&&) = delete;
+    BusObserver& operator=(BusObserver&&) = delete;
+    ~BusObserver();
+
+    /** The texts of its events so far. */
+    std::vector<std::string> seen() const;
+
+    /** Waits until all that the daemon sent before has been seen: sends a
+     *  signal of its own and waits for that. */
+    void catchUp();
+
+  private:
+    void run();
+
+    sd_bus* bus = nullptr;
+    sd_bus* marker = nullptr;
+    std::size_t marks = 0;
+    int stopEvent;
+    pid_t threadId = 0;
+    std::thread thread;
+};
+
+/** A call to the daemon from a fresh connection. */
+namespace busctl
+{
+
+/** The object's properties, as "EID=8 ..." by name.
+ *  @return the D-Bus error's name when the call fails */
+std::string getAll(const std::string& path);
+
+/** Calls GetArbitration. @return the answer as text, or the error's name */
+std::string getArbitration(const std::string& path, uint8_t eid);
+
+/** Sets EID. @return "", or the error's name and message */
+std::string setEid(const std::string& path, uint8_t eid);
+
+/** The object's introspection data. */
+std::string introspect(const std::string& path);
+
+/** The paths below an object manager, ascending. */
+std::vector<std::string> managedObjects(const std::string& manager);
+
+/** Whether anybody owns the name. */
+bool hasOwner(const std::string& name);
+
+} // namespace busctl

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/**
+ * The platform contract as the unit tests need it: every call is recorded, and
+ * what it answers is set here. Sleeping takes no time: the request is recorded
+ * and the sleeper goes on at once.
+ */
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fake
+{
+
+/** What a read of the CPU vendor gives. */
+struct VendorRead
+{
+    int32_t status;
+    uint16_t vendor;
+};
+
+/** What the next reads of the CPU vendor give; the last one stays. */
+extern std::deque<VendorRead> vendorReads;
+
+/** Lock and shared-memory ids by device node; -1 for one that is not here. */
+extern std::map<std::string, int> lockIds;
+extern std::map<std::string, int> shmIds;
+
+/** What one attempt to talk to an endpoint ends in. */
+struct Attempt
+{
+    int result = 0;                //!< 0 or a positive errno value
+    std::vector<uint8_t> response{}; //!< the message
+    uint8_t eid = 0;               //!< endpoint id of the responder
+    uint8_t stop = 0;              //!< the stop flag
+    bool throws = false;           //!< raises std::runtime_error instead
+};
+
+/** The attempt of an endpoint that answers Discovery Notify as it should. */
+Attempt answer(uint8_t eid);
+
+/** The attempt of an endpoint that does not answer. */
+Attempt silence();
+
+/** What the next attempts on a device node end in; the last one stays. A node
+ *  that is not here stays silent. */
+extern std::map<std::string, std::deque<Attempt>> endpoints;
+
+/** The 64-bit words of the last request and, as the caller laid it out, of the
+ *  last response record; the pointers in them are left out as 0. */
+extern std::vector<uint64_t> lastRequestWords;
+extern std::vector<uint64_t> lastResponseWords;
+
+/** Called on the sleeping thread after each sleep was recorded, with its
+ *  length in milliseconds. */
+extern std::function<void(int64_t)> onSleep;
+
+/** How many of the next sleeps are interrupted half-way, as by a signal. */
+extern int interruptedSleeps;
+
+/** Fails the next sleeps with something else than an interruption. */
+extern int brokenSleeps;
+
+/** Called on the thread that reads the CPU vendor, before the read. */
+extern std::function<void()> onVendorRead;
+
+} // namespace fake

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host_service.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <stdexcept>
+#include <system_error>
+
+namespace
+{
+
+constexpr const char* serviceName = "xyz.openbmc_project.State.Host0";
+constexpr const char* objectPath = "/xyz/openbmc_project/state/host0";
+constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
+
+int check(int result, const char* what)
+{
+    if (result < 0)
+    {
+        throw std::system_error(-result, std::generic_category(), what);
+    }
+    return result;
+}
+
+int appendText(sd_bus_message* message, const std::string& text)
+{
+    return sd_bus_message_append(message, "v", "s", text.c_str());
+}
+
+} // namespace
+
+HostService::HostService() : stopEvent(eventfd(0, EFD_CLOEXEC))
+{
+    goesTo("Off");
+    check(sd_bus_open_system(&bus), "sd_bus_open_system");
+    check(sd_bus_add_object(bus, nullptr, objectPath, onCall, this),
+          "sd_bus_add_object");
+    check(sd_bus_request_name(bus, serviceName, 0), serviceName);
+    thread = std::thread(&HostService::run, this);
+}
+
+HostService::~HostService()
+{
+    (void)eventfd_write(stopEvent, 1);
+    thread.join();
+    sd_bus_flush_close_unref(bus);
+    close(stopEvent);
+}
+
+void HostService::goesTo(const std::string& state)
+{
+    answersText("xyz.openbmc_project.State.Host.HostState." + state);
+}
+
+void HostService::answersText(const std::string& text)
+{
+    answers([text](sd_bus_message* reply) { return appendText(reply, text); });
+}
+
+void HostService::answers(Fill newFill)
+{
+    const std::lock_guard lock(mutex);
+    fill = std::move(newFill);
+    errorName.clear();
+}
+
+void HostService::answersError(const std::string& name)
+{
+    const std::lock_guard lock(mutex);
+    errorName = name;
+}
+
+std::size_t HostService::reads() const
+{
+    const std::lock_guard lock(mutex);
+    return answered;
+}
+
+std::string HostService::lastRead() const
+{
+    const std::lock_guard lock(mutex);
+    return asked;
+}
+
+int HostService::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
+{
+    if (sd_bus_message_is_method_call(call, propertiesInterface, "Get") <= 0)
+    {
+        return 0;
+    }
+    auto& service = *static_cast<HostService*>(self);
+    const char* interface = nullptr;
+    const char* property = nullptr;
+    check(sd_bus_message_read(call, "ss", &interface, &property), "Get");
+    const std::lock_guard lock(service.mutex);
+    ++service.answered;
+    service.asked = std::string(interface) + " " + property;
+    if (!service.errorName.empty())
+    {
+        return sd_bus_error_set(error, service.errorName.c_str(),
+                                "as the test wants it");
+    }
+    sd_bus_message* reply = nullptr;
+    check(sd_bus_message_new_method_return(call, &reply), "reply");
+    check(service.fill(reply), "fill");
+    const int result = sd_bus_send(nullptr, reply, nullptr);
+    sd_bus_message_unref(reply);
+    return result < 0 ? result : 1;
+}
+
+void HostService::run()
+{
+    while (true)
+    {
+        int busy = 0;
+        while ((busy = sd_bus_process(bus, nullptr)) > 0)
+        {}
+        std::array<pollfd, 2> watched{{{sd_bus_get_fd(bus), POLLIN, 0},
+                                       {stopEvent, POLLIN, 0}}};
+        // Without a broker there is nothing to serve but the stop.
+        const nfds_t count = busy < 0 ? 1 : 2;
+        (void)poll(watched.data() + (2 - count), count, -1);
+        if ((watched[1].revents & POLLIN) != 0)
+        {
+            return;
+        }
+    }
+}
+
+HostControl::HostControl()
+{
+    check(sd_bus_open_system(&bus), "sd_bus_open_system");
+}
+
+HostControl::~HostControl()
+{
+    sd_bus_flush_close_unref(bus);
+}
+
+void HostControl::changes(const char* path,
+                          const std::vector<Change>& properties)
+{
+    signals(path, propertiesInterface, "PropertiesChanged",
+            [&properties](sd_bus_message* message) {
+                check(sd_bus_message_append(message, "s", "test.Interface"),
+                      "interface");
+                check(sd_bus_message_open_container(message, 'a', "{sv}"),
+                      "dictionary");
+                for (const auto& change : properties)
+                {
+                    check(sd_bus_message_append(message, "{sv}",
+                                                change.name.c_str(), "s",
+                                                change.text.c_str()),
+                          "entry");
+                }
+                check(sd_bus_message_close_container(message), "dictionary");
+                return sd_bus_message_append(message, "as", 0);
+            });
+}
+
+void HostControl::signals(const char* path, const char* interface,
+                          const char* member,
+                          const std::function<int(sd_bus_message*)>& fill)
+{
+    sd_bus_message* message = nullptr;
+    check(sd_bus_message_new_signal(bus, &message, path, interface, member),
+          "signal");
+    check(fill(message), "body");
+    check(sd_bus_send(bus, message, nullptr), "send");
+    sd_bus_message_unref(message);
+    check(sd_bus_flush(bus), "flush");
+}

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/**
+ * The host-state service and the host-control objects, as the unit tests need
+ * them: they answer what they are told to, sensible or not. On a connection
+ * and a thread of their own.
+ */
+
+#include <systemd/sd-bus.h>
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class HostService
+{
+  public:
+    /** Takes the name of the host-state service; the state is Off. */
+    HostService();
+    HostService(const HostService&) = delete;
+    HostService& operator=(const HostService&) = delete;
+    HostService(HostService&&) = delete;
+    HostService& operator=(HostService&&) = delete;
+    ~HostService();
+
+    /** Answers Get with the state of this name, for example "Running", as the
+     *  whole text "xyz.openbmc_project.State.Host.HostState.Running". */
+    void goesTo(const std::string& state);
+
+    /** Answers Get with this text. */
+    void answersText(const std::string& text);
+
+    /** Answers Get with a variant that this fills in. Called on the service's
+     *  thread. */
+    using Fill = std::function<int(sd_bus_message*)>;
+    void answers(Fill fill);
+
+    /** Answers Get with an error of this name. */
+    void answersError(const std::string& name);
+
+    /** How many Gets it has answered. */
+    std::size_t reads() const;
+
+    /** What the last Get asked for: "INTERFACE PROPERTY". */
+    std::string lastRead() const;
+
+  private:
+    static int onCall(sd_bus_message* call, void* self, sd_bus_error* error);
+    void run();
+
+    mutable std::mutex mutex;
+    Fill fill;
+    std::string errorName;
+    std::size_t answered = 0;
+    std::string asked;
+    sd_bus* bus = nullptr;
+    int stopEvent;
+    std::thread thread;
+};
+
+/** One property that a PropertiesChanged signal brings. */
+struct Change
+{
+    std::string name;
+    std::string text;
+};
+
+/** A connection that sends signals from the host-control objects. */
+class HostControl
+{
+  public:
+    HostControl();
+    HostControl(const HostControl&) = delete;
+    HostControl& operator=(const HostControl&) = delete;
+    HostControl(HostControl&&) = delete;
+    HostControl& operator=(HostControl&&) = delete;
+    ~HostControl();
+
+    static constexpr const char* powerState =
+        "/xyz/openbmc_project/control/host0/internal_power_state";
+    static constexpr const char* resetCause =
+        "/xyz/openbmc_project/control/host0/reset_cause";
+
+    /** Sends PropertiesChanged with these properties. */
+    void changes(const char* path, const std::vector<Change>& properties);
+
+    /** Sends a signal of this interface and member, with a body that `fill`
+     *  appends. */
+    void signals(const char* path, const char* interface, const char* member,
+                 const std::function<int(sd_bus_message*)>& fill);
+
+  private:
+    sd_bus* bus = nullptr;
+};

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "record.hpp"
+
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+namespace record
+{
+
+namespace
+{
+
+struct Slot
+{
+    pid_t thread;
+    unsigned line;
+    std::array<char, 24> source;
+    std::array<char, 488> text;
+    std::atomic<bool> written;
+};
+
+constexpr std::size_t capacity = 1U << 16U;
+constexpr time_t limitSeconds = 30;
+
+std::array<Slot, capacity> slots;
+std::atomic<std::size_t> taken;
+
+/** Posted with each event. */
+struct News
+{
+    News()
+    {
+        sem_init(&semaphore, 0, 0);
+    }
+
+    sem_t semaphore{};
+};
+
+News news;
+
+thread_local std::function<void()> beforeEach;
+thread_local bool inHook = false;
+
+void runHook()
+{
+    if (beforeEach && !inHook)
+    {
+        inHook = true;
+        beforeEach();
+        inHook = false;
+    }
+}
+
+Slot& takeSlot()
+{
+    const auto index = taken.fetch_add(1);
+    if (index >= capacity)
+    {
+        constexpr char full[] = "record: more events than it can hold\n";
+        (void)!write(STDERR_FILENO, full, sizeof(full) - 1);
+        std::_Exit(EXIT_FAILURE);
+    }
+    Slot& slot = slots[index];
+    slot.thread = gettid();
+    return slot;
+}
+
+/** What `when` was given. Not touched by a thread that logs from a signal
+ *  handler while nothing is waited for. */
+struct Trigger
+{
+    std::string beginning;
+    std::function<void()> action;
+};
+
+std::vector<Trigger> triggers;
+std::atomic<std::size_t> pendingTriggers;
+std::mutex triggersMutex;
+
+/** The action that an event sets off, if any. */
+std::function<void()> takeAction(std::string_view text)
+{
+    if (pendingTriggers == 0)
+    {
+        return {};
+    }
+    const std::lock_guard lock(triggersMutex);
+    const auto found = std::find_if(
+        triggers.begin(), triggers.end(), [text](const auto& trigger) {
+            return text.starts_with(trigger.beginning);
+        });
+    if (found == triggers.end())
+    {
+        return {};
+    }
+    auto action = std::move(found->action);
+    triggers.erase(found);
+    --pendingTriggers;
+    return action;
+}
+
+void publish(Slot& slot)
+{
+    slot.written.store(true, std::memory_order_release);
+    sem_post(&news.semaphore);
+    if (const auto action = takeAction(slot.text.data()))
+    {
+        action();
+    }
+}
+
+} // namespace
+
+void add(const char* format, ...)
+{
+    runHook();
+    Slot& slot = takeSlot();
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vsnprintf(slot.text.data(), slot.text.size(), format, arguments);
+    va_end(arguments);
+    publish(slot);
+}
+
+void addLog(const char* head, const char* source, unsigned line,
+            const char* format, va_list arguments)
+{
+    const int saved = errno;
+    runHook();
+    Slot& slot = takeSlot();
+    slot.line = line;
+    (void)snprintf(slot.source.data(), slot.source.size(), "%s", source);
+    const int used = snprintf(slot.text.data(), slot.text.size(), "%s %s: ",
+                              head, source);
+    (void)vsnprintf(slot.text.data() + used,
+                    slot.text.size() - static_cast<std::size_t>(used), format,
+                    arguments);
+    publish(slot);
+    errno = saved;
+}
+
+std::vector<Event> events()
+{
+    std::vector<Event> result;
+    const auto end = std::min(taken.load(), capacity);
+    for (std::size_t index = 0; index < end; ++index)
+    {
+        const Slot& slot = slots[index];
+        if (slot.written.load(std::memory_order_acquire))
+        {
+            result.push_back({slot.thread, slot.source.data(), slot.line,
+                              slot.text.data()});
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> textsOf(pid_t thread)
+{
+    std::vector<std::string> result;
+    for (auto& event : events())
+    {
+        if (event.thread == thread)
+        {
+            result.push_back(std::move(event.text));
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> texts()
+{
+    std::vector<std::string> result;
+    for (auto& event : events())
+    {
+        result.push_back(std::move(event.text));
+    }
+    return result;
+}
+
+std::size_t count(const std::string& text)
+{
+    const auto all = texts();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
+}
+
+bool waitFor(const std::string& text, std::size_t times)
+{
+    return waitUntil([&] { return count(text) >= times; });
+}
+
+bool waitUntil(const std::function<bool()>& holds)
+{
+    timespec limit{};
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += limitSeconds;
+    while (!holds())
+    {
+        // Wakes up now and then even without an event, for what is no event.
+        timespec next{};
+        clock_gettime(CLOCK_REALTIME, &next);
+        if (next.tv_sec >= limit.tv_sec)
+        {
+            return false;
+        }
+        next.tv_nsec += 10'000'000;
+        if (next.tv_nsec >= 1'000'000'000)
+        {
+            next.tv_nsec -= 1'000'000'000;
+            ++next.tv_sec;
+        }
+        (void)sem_timedwait(&news.semaphore, &next);
+    }
+    return true;
+}
+
+void beforeEachOfThisThread(std::function<void()> hook)
+{
+    beforeEach = std::move(hook);
+}
+
+void when(const std::string& beginning, std::function<void()> action)
+{
+    const std::lock_guard lock(triggersMutex);
+    triggers.push_back({beginning, std::move(action)});
+    ++pendingTriggers;
+}
+
+pid_t thisThread()
+{
+    return gettid();
+}
+
+} // namespace record

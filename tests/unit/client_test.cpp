@@ -1,0 +1,1075 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "morrow/morrow_client.hpp"
+#include "morrow/power_state.hpp"
+#include "tests/support/broker.hpp"
+#include "tests/support/host_service.hpp"
+#include "tests/support/limits.hpp"
+#include "tests/support/record.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+constexpr const char* initialised =
+    "log 4 morrow_client: createMorrowEventLoop - morrow DBus Client "
+    "Initialization Completed.\n";
+constexpr const char* starting =
+    "log 4 morrow_client: createMorrowEventLoop - Starting sd_event_loop\n";
+constexpr const char* threadExits =
+    "log 4 morrow_client: morrowClientDBusHandler - Exit\n";
+constexpr const char* initExits =
+    "log 4 morrow_client: morrow_dbus_client_init - Exit\n";
+
+/** What the client thread logs of its maps. */
+const Texts fillsItsMaps{
+    "log 4 morrow_client: FillobjectMap - Enter\n",
+    "log 4 morrow_client: FillStaticObject - Enter\n",
+    "log 4 morrow_client: FillStaticObject - Exit\n",
+    "log 4 morrow_client: ReadObjectMap - Enter\n",
+    "log 4 morrow_client: ReadObjectMap-Key:currenthoststate,"
+    "Ser:xyz.openbmc_project.State.Host0,"
+    "Obj:/xyz/openbmc_project/state/host0\n",
+    "log 4 morrow_client: ReadObjectMap-Key:currenthoststate,"
+    "Int:xyz.openbmc_project.State.Host\n",
+    "log 4 morrow_client: ReadObjectMap - Exit\n",
+    "log 4 morrow_client: FillMethodMap - Enter\n",
+    "log 4 morrow_client: FillMethodMap - Exit\n",
+    "log 4 morrow_client: ReadMethodMap - Enter\n",
+    "log 4 morrow_client: ReadMethodMap-Key:UpdateModulesPICPWRPolicy,"
+    "Ser:com.kestrel.bmc.power,Obj:/com/kestrel/bmc/power\n",
+    "log 4 morrow_client: ReadMethodMap-Key:UpdateModulesPICPWRPolicy,"
+    "Int:com.kestrel.bmc.power.PowerPolicy,Met:UpdateModulesPICPWRPolicy\n",
+    "log 4 morrow_client: ReadMethodMap - Exit\n",
+};
+
+Texts operator+(Texts left, const Texts& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+morrow_dbus_client& client()
+{
+    return morrow_dbus_client::get_instance();
+}
+
+/** The thread on which a text was logged first. */
+pid_t threadOf(const std::string& text)
+{
+    for (const auto& event : record::events())
+    {
+        if (event.text == text)
+        {
+            return event.thread;
+        }
+    }
+    return 0;
+}
+
+/** A thread's events from its n-th on. */
+Texts storyFrom(pid_t thread, std::size_t start)
+{
+    const auto all = record::textsOf(thread);
+    return {all.begin() + static_cast<std::ptrdiff_t>(start), all.end()};
+}
+
+std::size_t here()
+{
+    return record::textsOf(record::thisThread()).size();
+}
+
+Texts storySince(std::size_t start)
+{
+    return storyFrom(record::thisThread(), start);
+}
+
+/** Runs client start-up on a thread of its own until a text is logged; ends
+ *  the process with 42 when that happened, start-up has not returned and the
+ *  client thread's story holds as told. */
+[[noreturn]] void startAndExpectNoReturn(const std::string& seen,
+                                         const Texts& story)
+{
+    std::thread([] { morrow_dbus_client_init(); }).detach();
+    const bool happened = record::waitFor(seen);
+    const auto told = record::textsOf(threadOf(seen));
+    EXPECT_EQ(told, story);
+    std::_Exit(happened && told == story && record::count(initExits) == 0 ? 42
+                                                                          : 1);
+}
+
+class WithBroker : public testing::Test
+{
+  protected:
+    Broker broker;
+};
+
+class ClientStart : public WithBroker
+{};
+
+class ClientMaps : public testing::Test
+{};
+
+/** Tests with a client that runs. */
+class Client : public WithBroker
+{
+  protected:
+    Client()
+    {
+        EXPECT_EQ(morrow_dbus_client_init(), 0);
+        EXPECT_TRUE(record::waitFor(starting));
+        thread = threadOf(initialised);
+        behind = record::textsOf(thread).size();
+    }
+
+    ~Client() override
+    {
+        if (record::count(threadExits) == 0)
+        {
+            EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+        }
+    }
+
+    /** The client thread's events since start-up. */
+    Texts threadStory() const
+    {
+        return storyFrom(thread, behind);
+    }
+
+    pid_t thread = 0;
+    std::size_t behind = 0;
+};
+
+class ClientStop : public Client
+{};
+
+class ReadsHostState : public Client
+{
+  protected:
+    ReadsHostState()
+    {
+        power_down_pending = 0;
+        await_host_running = 0;
+    }
+
+    HostService host;
+};
+
+class Decoding : public ReadsHostState
+{
+  protected:
+    /** Reads the property, which the host answers so. */
+    PropertyValue read(const HostService::Fill& fill)
+    {
+        host.answers(fill);
+        PropertyValue result;
+        EXPECT_EQ(client().GetProperty(
+                      "currenthoststate", "CurrentHostState",
+                      [&result](const std::string&, const std::string&,
+                                const PropertyValue& value) {
+                          result = value;
+                      }),
+                  0);
+        return result;
+    }
+};
+
+class PowerSignals : public Client
+{
+  protected:
+    PowerSignals()
+    {
+        power_down_pending = 0;
+        await_host_running = 0;
+    }
+
+    /** What handling the signals so far logged: all that comes before a
+     *  signal of the reset cause that changes nothing. */
+    Texts handled()
+    {
+        return handledBefore(HostControl::resetCause, resetPath);
+    }
+
+    /** The same for signals of the reset cause. */
+    Texts handledResets()
+    {
+        return handledBefore(HostControl::powerState, powerPath);
+    }
+
+    Texts handledBefore(const char* path, const std::string& logged)
+    {
+        control.changes(path, {});
+        EXPECT_TRUE(record::waitFor(logged, ++marks));
+        auto story = threadStory();
+        story.pop_back();
+        return story;
+    }
+
+    static bool flagsAreSet()
+    {
+        const bool first = shared_word::load(power_down_pending) == 1;
+        EXPECT_EQ(shared_word::load(await_host_running), first ? 1 : 0);
+        return first;
+    }
+
+    static constexpr const char* resetPath =
+        "log 1 morrow_client: signalHandler_warmreset:Path:"
+        "[/xyz/openbmc_project/control/host0/reset_cause]\n";
+    static constexpr const char* powerPath =
+        "log 1 morrow_client: signalHandler_internalpowerstate:Path:"
+        "[/xyz/openbmc_project/control/host0/internal_power_state]\n";
+
+    HostControl control;
+    std::size_t marks = 0;
+};
+
+/** What the handler logs of a property, before it looks at its value. */
+Texts tellsPowerState(const std::string& value)
+{
+    return {"log 4 morrow_client: signalHandler_internalpowerstate:Property "
+            "name is  [InternalPowerState]\n",
+            "log 4 morrow_client: Property value is [" + value + "]\n"};
+}
+
+Texts recognises(const std::string& state)
+{
+    const std::string text =
+        "signalHandler_internalpowerstate:Power state is " + state + "\n";
+    return {"log 4 morrow_client: " + text, "trace 4 morrow_client: " + text};
+}
+
+} // namespace
+
+// Start-up
+
+TEST_F(ClientStart, IsTheWholeStoryOnBothThreads)
+{
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_THAT(
+        storySince(0),
+        ElementsAre(
+            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            initExits));
+    ASSERT_TRUE(record::waitFor(starting));
+    EXPECT_THAT(
+        record::textsOf(threadOf(initialised)),
+        ElementsAreArray(
+            Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
+            fillsItsMaps +
+            Texts{"log 4 morrow_client: createMorrowEventLoop - Enter\n",
+                  initialised, starting}));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, ReturnsOnlyAfterTheLoopIsReady)
+{
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(record::count(initialised), 1);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, WithoutADescriptorForThePipeEndsWith1)
+{
+    const limits::NoNewDescriptors none;
+    EXPECT_EQ(morrow_dbus_client_init(), 1);
+    EXPECT_THAT(
+        storySince(0),
+        ElementsAre(
+            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            "log 1 morrow_client: morrow_dbus_client_init -Failed to create "
+            "signal pipe: Too many open files\n",
+            initExits));
+}
+
+TEST_F(ClientStart, WithoutAThreadEndsWith1)
+{
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_dbus_client_init(), 1);
+    EXPECT_THAT(
+        storySince(0),
+        ElementsAre(
+            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            "log 1 morrow_client: morrow_dbus_client_init -Error creating "
+            "thread\n",
+            initExits));
+}
+
+TEST_F(ClientStart, AgainWhileTheThreadRunsEndsTheProcess)
+{
+    EXPECT_EXIT(
+        {
+            morrow_dbus_client_init();
+            morrow_dbus_client_init();
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(ClientStart, WithoutABusRunsItsLoopAllTheSameAndStops)
+{
+    broker.kill();
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    ASSERT_TRUE(record::waitFor(starting));
+    const auto story = record::textsOf(threadOf(initialised));
+    EXPECT_THAT(story.at(1),
+                StartsWith("log 1 morrow_client: morrowClientDBusHandler "
+                           "-Error: sd_bus_default_system: "));
+    EXPECT_EQ(Texts(story.begin() + 2, story.end()),
+              fillsItsMaps + Texts({"log 4 morrow_client: "
+                                    "createMorrowEventLoop - Enter\n",
+                                    initialised, starting}));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(record::count(threadExits), 1);
+}
+
+/** Start-up with a stop pipe that can't be polled for. */
+[[noreturn]] void startWithAFileForAPipe()
+{
+    record::when("log 4 morrow_client: createMorrowEventLoop - Enter", [] {
+        clientSignalPipe[0] =
+            open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    });
+    startAndExpectNoReturn(
+        threadExits,
+        Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
+            fillsItsMaps +
+            Texts{"log 4 morrow_client: createMorrowEventLoop - Enter\n",
+                  "log 1 morrow_client: createMorrowEventLoop "
+                  "-sd_event_add_io sig pipe failed: Operation not "
+                  "permitted\n",
+                  threadExits});
+}
+
+TEST_F(ClientStart, NeverReturnsWhenThePipeCannotBeWatched)
+{
+    EXPECT_EXIT(startWithAFileForAPipe(), testing::ExitedWithCode(42), "");
+}
+
+/** Start-up without descriptors for the loop. */
+[[noreturn]] void startWithoutALoop()
+{
+    record::when("log 4 morrow_client: createMorrowEventLoop - Enter",
+                 [] { static const limits::NoNewDescriptors none; });
+    startAndExpectNoReturn(
+        threadExits,
+        Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
+            fillsItsMaps +
+            Texts{"log 4 morrow_client: createMorrowEventLoop - Enter\n",
+                  "log 1 morrow_client: createMorrowEventLoop "
+                  "-sd_event_default failed:Too many open files\n",
+                  "log 1 morrow_client: createMorrowEventLoop "
+                  "-sd_event_add_io bus failed:Invalid argument\n",
+                  "log 1 morrow_client: createMorrowEventLoop "
+                  "-sd_event_add_io sig pipe failed: Invalid argument\n",
+                  threadExits});
+}
+
+TEST_F(ClientStart, LoopThatCannotBeMadeIsLoggedStepByStep)
+{
+    EXPECT_EXIT(startWithoutALoop(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ClientStart, StopByteWrittenBeforeTheLoopRunsEndsIt)
+{
+    record::when(initialised, [] {
+        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+    });
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+// The maps
+
+TEST_F(ClientMaps, ListingAnEmptyObjectMapLogsThatAlone)
+{
+    (void)client();
+    const auto start = here();
+    client().ReadObjectMap();
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 4 morrow_client: ReadObjectMap - Enter\n",
+                    "log 1 morrow_client: ReadObjectMap - No object present in "
+                    "objectMap\n",
+                    "log 4 morrow_client: ReadObjectMap - Exit\n"));
+}
+
+TEST_F(ClientMaps, ListingAnEmptyMethodMapLogsThatAlone)
+{
+    (void)client();
+    const auto start = here();
+    client().ReadMethodMap();
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 4 morrow_client: ReadMethodMap - Enter\n",
+                    "log 1 morrow_client: ReadMethodMap - No method present in "
+                    "methodMap\n",
+                    "log 4 morrow_client: ReadMethodMap - Exit\n"));
+}
+
+TEST_F(ClientMaps, AKeyThatIsThereKeepsItsEntry)
+{
+    client().FillobjectMap();
+    client().FillStaticObject("currenthoststate", "a", "b", "c");
+    client().FillMethodMap();
+    client().FillMethodMap();
+    const auto start = here();
+    client().ReadObjectMap();
+    client().ReadMethodMap();
+    EXPECT_EQ(storySince(start),
+              Texts(fillsItsMaps.begin() + 3, fillsItsMaps.begin() + 7) +
+                  Texts(fillsItsMaps.begin() + 9, fillsItsMaps.end()));
+}
+
+TEST_F(ClientMaps, AreListedInTheOrderOfTheirKeys)
+{
+    client().FillStaticObject("b", "sb", "ob", "ib");
+    client().FillStaticObject("a", "sa", "oa", "ia");
+    const auto start = here();
+    client().ReadObjectMap();
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre(
+            "log 4 morrow_client: ReadObjectMap - Enter\n",
+            "log 4 morrow_client: ReadObjectMap-Key:a,Ser:sa,Obj:oa\n",
+            "log 4 morrow_client: ReadObjectMap-Key:a,Int:ia\n",
+            "log 4 morrow_client: ReadObjectMap-Key:b,Ser:sb,Obj:ob\n",
+            "log 4 morrow_client: ReadObjectMap-Key:b,Int:ib\n",
+            "log 4 morrow_client: ReadObjectMap - Exit\n"));
+}
+
+TEST_F(ClientMaps, EmptyMapMakesEveryReadFailAsNotFound)
+{
+    current_host_state = "before";
+    EXPECT_EQ(getcurrentpowerstate(), 1);
+    EXPECT_THAT(
+        storySince(0),
+        ElementsAre(
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            "log 11 morrow_client: Entry [getcurrentpowerstate]\n",
+            "log 4 morrow_client: GetProperty - Enter\n",
+            "log 1 morrow_client: GetProperty -'currenthoststate' not found\n",
+            "log 4 morrow_client: GetProperty - Exit\n",
+            "log 2 morrow_client: Failed to set read property\n"));
+    EXPECT_EQ(current_host_state, "before");
+}
+
+TEST_F(ClientMaps, KeyThatIsNotThereGives2)
+{
+    client().FillobjectMap();
+    EXPECT_EQ(client().GetProperty("other", "CurrentHostState", {}), 2);
+}
+
+// Reading the host's state
+
+TEST_F(ReadsHostState, RunningIsTheWholeStoryAndLeavesTheFlags)
+{
+    host.goesTo("Running");
+    const auto start = here();
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
+                    "log 4 morrow_client: GetProperty - Enter\n",
+                    "log 4 morrow_client: readproperty:objectName:"
+                    "[currenthoststate],propertyName:[CurrentHostState]\n",
+                    "log 4 morrow_client: readproperty:Power State is on\n",
+                    "log 4 morrow_client: readproperty:property value is "
+                    "[xyz.openbmc_project.State.Host.HostState.Running]\n",
+                    "log 4 morrow_client: GetProperty - Exit\n"));
+    EXPECT_EQ(current_host_state,
+              "xyz.openbmc_project.State.Host.HostState.Running");
+    EXPECT_EQ(power_down_pending, 0);
+    EXPECT_EQ(await_host_running, 0);
+    EXPECT_EQ(host.lastRead(),
+              "xyz.openbmc_project.State.Host CurrentHostState");
+}
+
+TEST_F(ReadsHostState, OffIsTheWholeStoryAndSetsBothFlags)
+{
+    host.goesTo("Off");
+    const auto start = here();
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
+                    "log 4 morrow_client: GetProperty - Enter\n",
+                    "log 4 morrow_client: readproperty:objectName:"
+                    "[currenthoststate],propertyName:[CurrentHostState]\n",
+                    "log 4 morrow_client: readproperty:Power State is off\n",
+                    "log 4 morrow_client: readproperty:property value is "
+                    "[xyz.openbmc_project.State.Host.HostState.Off]\n",
+                    "log 4 morrow_client: GetProperty - Exit\n"));
+    EXPECT_EQ(power_down_pending, 1);
+    EXPECT_EQ(await_host_running, 1);
+}
+
+TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
+{
+    for (const std::string& text :
+         {std::string(), std::string("Running"),
+          std::string("xyz.openbmc_project.State.Host.HostState.RunninG"),
+          std::string("xyz.openbmc_project.State.Host.HostState.Running2"),
+          std::string("xyz.openbmc_project.State.Host.HostState.Quiesced")})
+    {
+        power_down_pending = 0;
+        await_host_running = 0;
+        host.answersText(text);
+        EXPECT_EQ(getcurrentpowerstate(), 0) << text;
+        EXPECT_EQ(current_host_state, text);
+        EXPECT_EQ(power_down_pending, 1) << text;
+        EXPECT_EQ(await_host_running, 1) << text;
+    }
+}
+
+TEST_F(ReadsHostState, ErrorReplyIsABusError)
+{
+    current_host_state = "before";
+    host.answersError("test.Error.Broken");
+    const auto start = here();
+    EXPECT_EQ(getcurrentpowerstate(), 1);
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
+                    "log 4 morrow_client: GetProperty - Enter\n",
+                    "log 1 morrow_client: GetProperty -SdBusError:sd_bus_call: "
+                    "test.Error.Broken: as the test wants it\n",
+                    "log 4 morrow_client: GetProperty - Exit\n",
+                    "log 2 morrow_client: Failed to set read property\n"));
+    EXPECT_EQ(current_host_state, "before");
+    EXPECT_EQ(power_down_pending, 0);
+    EXPECT_EQ(await_host_running, 0);
+}
+
+TEST_F(ReadsHostState, ReplyWithoutAVariantIsABusError)
+{
+    host.answers([](sd_bus_message* reply) {
+        return sd_bus_message_append(reply, "s", "text");
+    });
+    EXPECT_EQ(client().GetProperty("currenthoststate", "CurrentHostState",
+                                   readproperty),
+              1);
+    EXPECT_EQ(record::count("log 1 morrow_client: GetProperty "
+                            "-SdBusError:sd_bus_message_skip variant: "
+                            "System.Error.ENXIO: No such device or address\n"),
+              1);
+}
+
+TEST_F(ReadsHostState, EmptyCallbackRaises)
+{
+    EXPECT_THROW(
+        client().GetProperty("currenthoststate", "CurrentHostState", {}),
+        std::bad_function_call);
+}
+
+TEST_F(ReadsHostState, ValueThatIsNoTextRaisesAndChangesNothing)
+{
+    current_host_state = "before";
+    host.answers([](sd_bus_message* reply) {
+        return sd_bus_message_append(reply, "v", "u", 1U);
+    });
+    try
+    {
+        getcurrentpowerstate();
+        FAIL();
+    }
+    catch (const std::bad_variant_access& error)
+    {
+        EXPECT_STREQ(error.what(), "std::get: wrong index for variant");
+    }
+    EXPECT_EQ(current_host_state, "before");
+    EXPECT_EQ(power_down_pending, 0);
+}
+
+TEST_F(ReadsHostState, TypeBeyondTheAlternativesRaisesToo)
+{
+    host.answers([](sd_bus_message* reply) {
+        return sd_bus_message_append(reply, "v", "o", "/a/path");
+    });
+    EXPECT_THROW(getcurrentpowerstate(), std::bad_variant_access);
+    EXPECT_EQ(record::count("log 4 morrow_client: readproperty:objectName:"
+                            "[currenthoststate],propertyName:"
+                            "[CurrentHostState]\n"),
+              1);
+}
+
+TEST_F(ReadsHostState, LeavesTheConnectionOfTheClientAlone)
+{
+    const auto start = threadStory().size();
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(threadStory().size(), start);
+}
+
+TEST_F(Client, ReadWithoutTheServiceIsABusErrorAndKeepsWhatWas)
+{
+    current_host_state = "before";
+    power_down_pending = 0;
+    await_host_running = 0;
+    const auto start = here();
+    EXPECT_EQ(getcurrentpowerstate(), 1);
+    EXPECT_THAT(storySince(start).at(2),
+                StartsWith("log 1 morrow_client: GetProperty "
+                           "-SdBusError:sd_bus_call: "
+                           "org.freedesktop.DBus.Error."));
+    EXPECT_EQ(current_host_state, "before");
+    EXPECT_EQ(power_down_pending, 0);
+    EXPECT_EQ(await_host_running, 0);
+}
+
+TEST_F(Client, ReadWithoutABusIsABusError)
+{
+    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:", [] {
+        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+    });
+    broker.kill();
+    EXPECT_EQ(getcurrentpowerstate(), 1);
+    ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+// Decoding a property's value
+
+TEST_F(Decoding, EachTypeFindsItsAlternative)
+{
+    const auto of = [this](const char* type, auto value) {
+        return read([type, value](sd_bus_message* reply) {
+            return sd_bus_message_append(reply, "v", type, value);
+        });
+    };
+    EXPECT_EQ(of("s", "text"), PropertyValue("text"));
+    EXPECT_EQ(of("x", int64_t{-5}), PropertyValue(int64_t{-5}));
+    EXPECT_EQ(of("t", uint64_t{5}), PropertyValue(uint64_t{5}));
+    EXPECT_EQ(of("d", 2.5), PropertyValue(2.5));
+    EXPECT_EQ(of("i", -7), PropertyValue(int32_t{-7}));
+    EXPECT_EQ(of("u", 7U), PropertyValue(uint32_t{7}));
+    EXPECT_EQ(of("n", -9), PropertyValue(int16_t{-9}));
+    EXPECT_EQ(of("q", 9), PropertyValue(uint16_t{9}));
+    EXPECT_EQ(of("y", 200), PropertyValue(uint8_t{200}));
+    EXPECT_EQ(of("b", 1), PropertyValue(true));
+    EXPECT_EQ(read([](sd_bus_message* reply) {
+                  return sd_bus_message_append(reply, "v", "as", 2, "a", "b");
+              }),
+              PropertyValue(std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(Decoding, OtherTypesBecomeAnEmptyList)
+{
+    EXPECT_EQ(read([](sd_bus_message* reply) {
+                  return sd_bus_message_append(reply, "v", "o", "/a");
+              }),
+              PropertyValue(std::vector<std::string>{}));
+    EXPECT_EQ(read([](sd_bus_message* reply) {
+                  return sd_bus_message_append(reply, "v", "ay", 1, 1);
+              }),
+              PropertyValue(std::vector<std::string>{}));
+}
+
+// Power-state signals
+
+TEST_F(PowerSignals, EachStateIsRecognisedAsTheTableSays)
+{
+    struct Row
+    {
+        const char* state;
+        bool sets;
+    };
+    for (const Row& row :
+         {Row{"S0InReset", true}, Row{"PreStandby", true},
+          Row{"StateS6", true}, Row{"StateS5Early", true},
+          Row{"StateS5S3Mbusy", true}, Row{"StateS5", true},
+          Row{"S5OnPending", true}, Row{"OffPendingS0", false},
+          Row{"Unknown", true}})
+    {
+        shared_word::store<uint8_t>(power_down_pending, 0);
+        shared_word::store<uint8_t>(await_host_running, 0);
+        behind = record::textsOf(thread).size();
+        const std::string value = std::string("some.State.") + row.state;
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", value}});
+        EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
+                                 recognises(row.state));
+        EXPECT_EQ(flagsAreSet(), row.sets) << row.state;
+    }
+}
+
+TEST_F(PowerSignals, TheFirstRowThatFitsDecides)
+{
+    const std::string value = "a.Unknown.OffPendingS0.StateS6";
+    control.changes(HostControl::powerState, {{"InternalPowerState", value}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
+                             recognises("StateS6"));
+}
+
+TEST_F(PowerSignals, StateWithoutItsLeadingDotIsNotRecognised)
+{
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "S0InReset"}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("S0InReset"));
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, OtherPropertiesArePassedOver)
+{
+    control.changes(HostControl::powerState,
+                    {{"Other", "a.StateS5"}, {"internalPowerState", ".Unknown"}});
+    EXPECT_THAT(handled(), ElementsAre(powerPath));
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, EmptyDictionaryEndsTheHandler)
+{
+    control.changes(HostControl::powerState, {});
+    EXPECT_THAT(handled(), ElementsAre(powerPath));
+}
+
+TEST_F(PowerSignals, TwoMatchingEntriesAreLoggedTwice)
+{
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS5"},
+                     {"InternalPowerState", "a.Unknown"}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("a.StateS5") +
+                             recognises("StateS5") +
+                             tellsPowerState("a.Unknown") +
+                             recognises("Unknown"));
+    EXPECT_TRUE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, TwoSignalsAreHandledInTheirOrder)
+{
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS6"}});
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.PreStandby"}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("a.StateS6") +
+                             recognises("StateS6") + Texts{powerPath} +
+                             tellsPowerState("a.PreStandby") +
+                             recognises("PreStandby"));
+}
+
+TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
+{
+    // The client's handler waits for the mutex while both arrive.
+    std::unique_lock lock(clientBusMutex);
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS6"}});
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.PreStandby"}});
+    // Between the two, the mutex can't be had: one call serves both.
+    bool free = false;
+    record::when("log 4 morrow_client: signalHandler_internalpowerstate:Power "
+                 "state is PreStandby",
+                 [&free] {
+                     std::thread([&free] {
+                         free = clientBusMutex.try_lock();
+                     }).join();
+                 });
+    lock.unlock();
+    EXPECT_THAT(handled(),
+                Contains("log 4 morrow_client: signalHandler_"
+                         "internalpowerstate:Power state is PreStandby\n"));
+    EXPECT_FALSE(free);
+}
+
+TEST_F(PowerSignals, WarmResetSetsTheFlags)
+{
+    control.changes(HostControl::resetCause, {{"ResetCause", "a.WarmReset"}});
+    EXPECT_THAT(
+        handledResets(),
+        ElementsAre(
+            resetPath,
+            "log 4 morrow_client: signalHandler_warmreset:Property name is "
+            "[ResetCause]\n",
+            "log 4 morrow_client: signalHandler_warmreset:Property value is "
+            "[a.WarmReset]\n",
+            "log 4 morrow_client: signalHandler_warmreset: Power State is "
+            "WarmReset\n",
+            "trace 4 morrow_client: signalHandler_warmreset: Power State is "
+            "WarmReset\n"));
+    EXPECT_TRUE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, OtherResetCausesAreIgnored)
+{
+    for (const char* cause : {"a.ColdReset", "WarmReset", "a.warmreset"})
+    {
+        behind = record::textsOf(thread).size();
+        control.changes(HostControl::resetCause, {{"ResetCause", cause}});
+        EXPECT_THAT(
+            handledResets(),
+            ElementsAre(resetPath,
+                        "log 4 morrow_client: signalHandler_warmreset:Property "
+                        "name is [ResetCause]\n",
+                        "log 4 morrow_client: signalHandler_warmreset:Property "
+                        "value is [" +
+                            std::string(cause) + "]\n"));
+        EXPECT_FALSE(flagsAreSet());
+    }
+}
+
+TEST_F(PowerSignals, ResetWithoutItsPropertyLogsThePathAlone)
+{
+    control.changes(HostControl::resetCause,
+                    {{"InternalPowerState", "a.WarmReset"}});
+    EXPECT_THAT(handledResets(), ElementsAre(resetPath));
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, ResetStaysAReset)
+{
+    control.changes(HostControl::powerState, {{"ResetCause", "a.WarmReset"}});
+    EXPECT_THAT(handled(), ElementsAre(powerPath));
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, ComeFromAnySenderAndForAnyInterface)
+{
+    const auto fill = [](sd_bus_message* message) {
+        return sd_bus_message_append(message, "sa{sv}as", "some.Other", 1,
+                                     "InternalPowerState", "s", "x.StateS5", 0);
+    };
+    HostControl another;
+    another.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged", fill);
+    ASSERT_TRUE(record::waitUntil([] { return flagsAreSet(); }));
+}
+
+TEST_F(PowerSignals, OtherMembersInterfacesAndPathsAreNotSubscribedTo)
+{
+    const auto fill = [](sd_bus_message* message) {
+        return sd_bus_message_append(message, "sa{sv}as", "some.Other", 1,
+                                     "InternalPowerState", "s", "x.StateS5", 0);
+    };
+    control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
+                    "Other", fill);
+    control.signals(HostControl::powerState, "some.Other", "PropertiesChanged",
+                    fill);
+    control.signals("/xyz/openbmc_project/control/host1/internal_power_state",
+                    "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                    fill);
+    EXPECT_THAT(handled(), IsEmpty());
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, MalformedBodyIsLoggedAndChangesNothing)
+{
+    control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged", [](sd_bus_message* message) {
+                        return sd_bus_message_append(message, "su", "a", 1);
+                    });
+    EXPECT_THAT(
+        handled(),
+        ElementsAre(powerPath,
+                    "log 2 morrow_client: Exception: "
+                    "sd_bus_message_enter_container emplace_back_container: "
+                    "System.Error.ENXIO: No such device or address\n"));
+    EXPECT_FALSE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, MalformedResetIsLoggedToo)
+{
+    control.signals(HostControl::resetCause, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged",
+                    [](sd_bus_message*) -> int { return 0; });
+    EXPECT_THAT(handledResets(),
+                ElementsAre(resetPath,
+                            "log 2 morrow_client: Exception: "
+                            "sd_bus_message_read_basic string: "
+                            "System.Error.ENXIO: No such device or address\n"));
+}
+
+TEST_F(PowerSignals, DictionaryOfAnotherKindIsMalformed)
+{
+    control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged", [](sd_bus_message* message) {
+                        return sd_bus_message_append(message, "sa{ss}as", "a",
+                                                     1, "InternalPowerState",
+                                                     ".StateS5", 0);
+                    });
+    EXPECT_EQ(handled().size(), 2U);
+    EXPECT_FALSE(flagsAreSet());
+}
+
+// The handlers on their own, for what the bus never delivers to them
+
+class Handlers : public WithBroker
+{
+  protected:
+    /** A message that the handlers may be called with. */
+    sdbusplus::message_t message(
+        const std::function<int(sd_bus*, sd_bus_message**)>& make)
+    {
+        EXPECT_GE(sd_bus_open_system(&bus), 0);
+        sd_bus_message* raw = nullptr;
+        EXPECT_GE(make(bus, &raw), 0);
+        return {raw, std::false_type()};
+    }
+
+    ~Handlers() override
+    {
+        sd_bus_flush_close_unref(bus);
+    }
+
+    sd_bus* bus = nullptr;
+};
+
+TEST_F(Handlers, MethodErrorIsLoggedAlone)
+{
+    sdbusplus::message_t none;
+    signalHandler_internalpowerstate(none);
+    signalHandler_warmreset(none);
+    EXPECT_THAT(
+        storySince(0),
+        ElementsAre("log 1 morrow_client: signalHandler_internalpowerstate - "
+                    "method Error \n",
+                    "log 1 morrow_client: signalHandler_warmreset - method "
+                    "Error \n"));
+}
+
+TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
+{
+    auto other = message([](sd_bus* connection, sd_bus_message** made) {
+        return sd_bus_message_new_signal(connection, made, "/a/path",
+                                         "org.freedesktop.DBus.Properties",
+                                         "PropertiesChange");
+    });
+    signalHandler_internalpowerstate(other);
+    EXPECT_THAT(storySince(0),
+                ElementsAre("log 1 morrow_client: "
+                            "signalHandler_internalpowerstate:Path:[/a/path]"
+                            "\n"));
+}
+
+// An exception that leaves a handler
+
+/** Starts the client and sends a power state that is no text; a client that
+ *  survives it ends the process with 1. */
+[[noreturn]] void sendANumberFor(const char* path, const char* property)
+{
+    morrow_dbus_client_init();
+    HostControl control;
+    control.signals(path, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged", [property](sd_bus_message* message) {
+                        return sd_bus_message_append(message, "sa{sv}as", "a",
+                                                     1, property, "u", 5, 0);
+                    });
+    (void)record::waitFor("never");
+    std::_Exit(1);
+}
+
+TEST_F(ClientStart, PowerStateThatIsNoTextEndsTheProcess)
+{
+    EXPECT_EXIT(sendANumberFor(HostControl::powerState, "InternalPowerState"),
+                testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
+}
+
+TEST_F(ClientStart, ResetCauseThatIsNoTextEndsTheProcess)
+{
+    EXPECT_EXIT(sendANumberFor(HostControl::resetCause, "ResetCause"),
+                testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
+}
+
+// Stopping
+
+TEST_F(ClientStop, IsTheWholeStoryOnBothThreads)
+{
+    const auto start = here();
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+                    "log 4 morrow_client: stop_morrow_dbus_client - Exit\n"));
+    EXPECT_THAT(
+        threadStory(),
+        ElementsAre("log 1 morrow_client: morrowProcessSig - signal: 1\n",
+                    "log 4 morrow_client: createMorrowEventLoop - "
+                    "sd_event_loop returned\n",
+                    threadExits));
+    EXPECT_THAT(clientSignalPipe, ElementsAre(-1, -1));
+}
+
+TEST_F(ClientStop, SecondFailsToWriteAndToJoin)
+{
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    const auto start = here();
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 1);
+    EXPECT_THAT(
+        storySince(start),
+        ElementsAre("log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+                    "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe "
+                    "write failed: Bad file descriptor\n",
+                    "log 1 morrow_client: stop_morrow_dbus_client -Failed to "
+                    "terminate thread: Invalid argument\n"));
+}
+
+TEST_F(ClientStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
+{
+    int other = -1;
+    std::thread second(
+        [&other] { other = client().stop_morrow_dbus_client(); });
+    const int mine = client().stop_morrow_dbus_client();
+    second.join();
+    EXPECT_EQ(mine + other, 1);
+}
+
+TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)
+{
+    const uint8_t byte = 0;
+    ASSERT_EQ(write(clientSignalPipe[1], &byte, 1), 1);
+    ASSERT_TRUE(record::waitFor(
+        "log 1 morrow_client: morrowProcessSig - signal: 0\n"));
+    EXPECT_EQ(record::count(threadExits), 0);
+}
+
+TEST_F(ClientStop, EndsTheSubscriptions)
+{
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    power_down_pending = 0;
+    HostControl control;
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS5"}});
+    EXPECT_EQ(power_down_pending, 0);
+    EXPECT_EQ(record::count("log 1 morrow_client: "
+                            "signalHandler_internalpowerstate:Path:"
+                            "[/xyz/openbmc_project/control/host0/"
+                            "internal_power_state]\n"),
+              0);
+}
+
+// When the broker goes
+
+TEST_F(Client, GoesOnAfterTheBrokerHasGone)
+{
+    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:", [] {
+        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+    });
+    broker.kill();
+    ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_THAT(threadStory(),
+                Contains("log 1 morrow_client: morrowClientProcessRequest "
+                         "-Error:sd_bus_wait: System.Error.ENOTCONN: Transport "
+                         "endpoint is not connected\n"));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}

@@ -1,0 +1,830 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "morrow/morrow.hpp"
+#include "morrow/morrow_server.hpp"
+#include "tests/support/driver_files.hpp"
+#include "tests/support/fake_platform.hpp"
+#include "tests/support/record.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace
+{
+
+const std::string node0 = "/dev/i3c-mctp-0";
+const std::string node1 = "/dev/i3c-mctp-1";
+const std::string entry0 = "/sys/class/i3c-mctp/i3c-mctp-0";
+const std::string entry1 = "/sys/class/i3c-mctp/i3c-mctp-1";
+const std::string controller0 = "fff10000.i3c";
+const std::string controller1 = "fff11000.i3c";
+
+using Texts = std::vector<std::string>;
+
+Texts operator+(Texts left, const Texts& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+/** How many events a test has put behind it. */
+std::size_t behind = 0;
+
+/** The main thread's events since. */
+Texts story()
+{
+    const auto all = record::textsOf(record::thisThread());
+    return {all.begin() + static_cast<std::ptrdiff_t>(behind), all.end()};
+}
+
+/** Makes the server's singleton, so that its line is out of the way. */
+void makeServer()
+{
+    (void)morrow_dbus_server::get_instance();
+    behind += story().size();
+}
+
+/** Expects the main thread's events to be these and no others. */
+void expectStory(const Texts& expected)
+{
+    EXPECT_EQ(story(), expected);
+}
+
+/** What one publish logs while there is no bus. */
+const Texts publishWithoutBus{
+    "log 4 morrow_server: createEndpointObject - Enter\n",
+    "log 1 morrow_server: createEndpointObject - Error: Bus pointer not "
+    "present\n",
+    "trace 1 morrow_server: createEndpointObject - Error: Bus pointer not "
+    "present\n",
+    "log 4 morrow_server: createEndpointObject - Exit\n",
+};
+
+/** What a withdrawal logs while nothing is published. */
+const Texts withdrawNothing{
+    "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+    "log 4 morrow_server: deleteAllEndpointObject - Exit\n",
+};
+
+/** The opening of an exchange with the endpoint behind a node. */
+Texts exchangeOpens(const std::string& node)
+{
+    return {
+        "log 4 morrow: Entry [morrow_i3c_device_do_notify]\n",
+        "log 4 morrow: Device node path: [" + node + "]\n",
+        "log 4 morrow: ep: [00]\n",
+        "mctp_wrapper_ep " + node + " eid 0, 0, 0, false, network 0",
+    };
+}
+
+/** A whole exchange with an endpoint that answers as it should. */
+Texts goodExchange(const std::string& node)
+{
+    return exchangeOpens(node) +
+           Texts{
+               "send 00 81 0d",
+               "log 4 morrow: resp_buffer.len = [4]\n",
+               "log 4 morrow: [00]\n",
+               "log 4 morrow: [01]\n",
+               "log 4 morrow: [0d]\n",
+               "log 4 morrow: [00]\n",
+               "log 4 morrow: MCTP_CTRL_CMD_DISCOVERY_NOTIFY response "
+               "received [" +
+                   node + "]\n",
+           } +
+           publishWithoutBus + Texts{"~mctp_wrapper_ep " + node};
+}
+
+/** Tests that touch the driver's files and device nodes. */
+class WithFiles : public testing::Test
+{
+  protected:
+    DriverFiles driver;
+};
+
+class WaitDeviceNode : public WithFiles
+{};
+
+class WriteController : public WithFiles
+{};
+
+class Scan : public WithFiles
+{
+  protected:
+    Scan()
+    {
+        makeServer();
+    }
+};
+
+class Notify : public testing::Test
+{
+  protected:
+    Notify()
+    {
+        makeServer();
+    }
+};
+
+class FullDiscovery : public WithFiles
+{
+  protected:
+    /** Runs the cycle and takes in what it did last. */
+    void discover()
+    {
+        EXPECT_EQ(full_discovery(), 0);
+        driver.collect();
+    }
+};
+
+class PowerOffCleanup : public WithFiles
+{
+  protected:
+    void cleanUp()
+    {
+        EXPECT_EQ(power_off_cleanup(), 0);
+        driver.collect();
+    }
+};
+
+} // namespace
+
+// Waiting for a device node
+
+TEST_F(WaitDeviceNode, NeverShowingUpIsGivenUpAfter31Sleeps)
+{
+    EXPECT_FALSE(wait_device_node(node0, 3000));
+    expectStory(Texts(31, "sleep 100 ms"));
+}
+
+TEST_F(WaitDeviceNode, PresentIsTakenAtTheFirstAttemptWithoutASleep)
+{
+    DriverFiles::makeNode(0);
+    EXPECT_TRUE(wait_device_node(node0, 3000));
+    EXPECT_THAT(story(), IsEmpty());
+}
+
+TEST_F(WaitDeviceNode, AppearingAfterTheLastSleepButOneIsTaken)
+{
+    fake::onSleep = [sleeps = 0](int64_t) mutable {
+        if (++sleeps == 30)
+        {
+            DriverFiles::makeNode(0);
+        }
+    };
+    EXPECT_TRUE(wait_device_node(node0, 3000));
+    expectStory(Texts(30, "sleep 100 ms"));
+}
+
+TEST_F(WaitDeviceNode, AppearingInTheLastSleepIsTooLate)
+{
+    fake::onSleep = [sleeps = 0](int64_t) mutable {
+        if (++sleeps == 31)
+        {
+            DriverFiles::makeNode(0);
+        }
+    };
+    EXPECT_FALSE(wait_device_node(node0, 3000));
+}
+
+TEST_F(WaitDeviceNode, PathWithThePrefixElsewhereIsInvalid)
+{
+    std::filesystem::create_directories("/run/dev");
+    std::ofstream{"/run/dev/i3c-mctp-0"};
+    EXPECT_FALSE(wait_device_node("/run/dev/i3c-mctp-0", 3000));
+    EXPECT_THAT(story(),
+                ElementsAre("log 2 morrow: Invalid device node name: "
+                            "/run/dev/i3c-mctp-0\n"));
+}
+
+TEST_F(WaitDeviceNode, PathOf13CharactersIsInvalid)
+{
+    std::ofstream{"/dev/i3c-mctp"};
+    EXPECT_FALSE(wait_device_node("/dev/i3c-mctp", 3000));
+    EXPECT_THAT(
+        story(),
+        ElementsAre("log 2 morrow: Invalid device node name: /dev/i3c-mctp\n"));
+}
+
+TEST_F(WaitDeviceNode, PathThatIsThePrefixAloneIsWaitedFor)
+{
+    EXPECT_FALSE(wait_device_node("/dev/i3c-mctp-", 0));
+    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
+}
+
+TEST_F(WaitDeviceNode, EmptyPathIsInvalid)
+{
+    EXPECT_FALSE(wait_device_node("", 3000));
+    EXPECT_THAT(story(),
+                ElementsAre("log 2 morrow: Invalid device node name: \n"));
+}
+
+TEST_F(WaitDeviceNode, LimitOf0GivesOneAttempt)
+{
+    EXPECT_FALSE(wait_device_node(node0, 0));
+    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
+    DriverFiles::makeNode(0);
+    EXPECT_TRUE(wait_device_node(node0, 0));
+}
+
+TEST_F(WaitDeviceNode, LimitOfMinus99GivesOneAttempt)
+{
+    EXPECT_FALSE(wait_device_node(node0, -99));
+    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
+    DriverFiles::makeNode(0);
+    EXPECT_TRUE(wait_device_node(node0, -99));
+}
+
+TEST_F(WaitDeviceNode, LimitOfMinus100GivesNoAttempt)
+{
+    DriverFiles::makeNode(0);
+    EXPECT_FALSE(wait_device_node(node0, -100));
+    EXPECT_THAT(story(), IsEmpty());
+}
+
+TEST_F(WaitDeviceNode, SleepsAreTakenUpAgainAfterASignal)
+{
+    fake::interruptedSleeps = 1;
+    EXPECT_FALSE(wait_device_node(node0, 0));
+    EXPECT_THAT(story(), ElementsAre("sleep 100 ms", "sleep 50 ms"));
+}
+
+TEST_F(WaitDeviceNode, SleepThatFailsOtherwiseEndsEarly)
+{
+    fake::brokenSleeps = 1;
+    EXPECT_FALSE(wait_device_node(node0, 0));
+    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
+}
+
+// Writing a controller's name
+
+TEST_F(WriteController, WritesTheNameWithoutALineEnd)
+{
+    std::filesystem::create_directories("/run/test");
+    std::ofstream("/run/test/file") << "what was there before, and longer";
+    write_controller_sysfs("/run/test/file", controller0);
+    std::ifstream file("/run/test/file");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}),
+              controller0);
+    EXPECT_THAT(story(), IsEmpty());
+}
+
+TEST_F(WriteController, LogsAFileThatCannotBeOpened)
+{
+    write_controller_sysfs("/run/nowhere/bind", controller1);
+    EXPECT_THAT(
+        story(),
+        ElementsAre(
+            "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"));
+}
+
+TEST_F(WriteController, IgnoresAWriteThatFails)
+{
+    write_controller_sysfs("/dev/full", controller0);
+    EXPECT_THAT(story(), IsEmpty());
+}
+
+// Scanning a controller
+
+TEST_F(Scan, RecordsAndNotifiesADeviceThatIsThere)
+{
+    DriverFiles::makeClassEntry(0);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    scan_i3c_device(controller0, entry0);
+    expectStory(Texts{"log 4 morrow: Found i3c device: " + node0 + "\n"} +
+                           goodExchange(node0));
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
+    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Scan, MissingClassEntryIsSilent)
+{
+    scan_i3c_device(controller0, entry0);
+    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+    EXPECT_THAT(i3c_discovered_map, IsEmpty());
+}
+
+TEST_F(Scan, ClassEntryThatIsAFileIsIgnored)
+{
+    std::ofstream{entry0};
+    scan_i3c_device(controller0, entry0);
+    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+}
+
+TEST_F(Scan, ClassEntryThatIsALinkToADirectoryCounts)
+{
+    std::filesystem::create_directories("/sys/devices/i3c-mctp-1");
+    std::filesystem::create_directory_symlink("/sys/devices/i3c-mctp-1",
+                                              entry1);
+    scan_i3c_device(controller1, entry1);
+    EXPECT_THAT(i3c_device_map, ElementsAre(node1));
+}
+
+TEST_F(Scan, ClassEntryThatIsADanglingLinkIsIgnored)
+{
+    std::filesystem::create_directory_symlink("/sys/devices/gone", entry1);
+    scan_i3c_device(controller1, entry1);
+    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+}
+
+TEST_F(Scan, TheNodeIsNamedAfterTheClassEntryNotAfterTheController)
+{
+    DriverFiles::makeClassEntry(0);
+    scan_i3c_device(controller1, entry0);
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
+    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller1));
+}
+
+TEST_F(Scan, PathThatEndsInASlashGivesAnEmptyName)
+{
+    DriverFiles::makeClassEntry(0);
+    scan_i3c_device(controller0, entry0 + "/");
+    EXPECT_THAT(i3c_device_map, ElementsAre("/dev/"));
+}
+
+TEST_F(Scan, TwiceAppendsTwice)
+{
+    DriverFiles::makeClassEntry(0);
+    scan_i3c_device(controller0, entry0);
+    scan_i3c_device(controller0, entry0);
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0, node0));
+    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller0));
+}
+
+// The Discovery Notify exchange
+
+TEST_F(Notify, GoodAnswerPublishesAfterOneAttempt)
+{
+    fake::endpoints[node0] = {fake::answer(0x9D)};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    expectStory(goodExchange(node0));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, LaysTheRecordsOutAsTheLibraryWantsThem)
+{
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    morrow_i3c_device_do_notify(node0);
+    EXPECT_THAT(fake::lastRequestWords, ElementsAre(0, 3, 0, 1000, 0));
+    EXPECT_THAT(fake::lastResponseWords, ElementsAre(0, 0, 0, 0));
+}
+
+TEST_F(Notify, FillsTheResponseRecordAnewBeforeEachAttempt)
+{
+    fake::endpoints[node0] = {{.result = ETIMEDOUT, .eid = 0x42},
+                              fake::answer(0x1D)};
+    morrow_i3c_device_do_notify(node0);
+    EXPECT_THAT(fake::lastResponseWords, ElementsAre(0, 0, 0, 0));
+}
+
+TEST_F(Notify, SilenceIsTriedThreeTimesAndPublishesNothing)
+{
+    fake::endpoints[node0] = {fake::silence()};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    const Texts attempt{
+        "send 00 81 0d",
+        "log 4 morrow: Failed req_disc_notify to i3c device [" + node0 +
+            "]\n"};
+    expectStory(exchangeOpens(node0) + attempt + attempt + attempt +
+                           Texts{"~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, StopFlagEndsAfterOneAttempt)
+{
+    fake::endpoints[node0] = {{.result = ENODEV, .stop = 1}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    expectStory(exchangeOpens(node0) +
+                  Texts{"send 00 81 0d",
+                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
+                            node0 + "]\n",
+                        "~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, EmptyAnswerEndsAtOnce)
+{
+    fake::endpoints[node0] = {{.response = {}, .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
+    expectStory(exchangeOpens(node0) +
+                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [0]\n",
+                        "log 4 morrow: Invalid req_disc_notify response [" +
+                            node0 + "]\n",
+                        "~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, AnswerOfTwoBytesIsLoggedAndEndsAtOnce)
+{
+    fake::endpoints[node0] = {{.response = {0x00, 0x01}, .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
+    expectStory(exchangeOpens(node0) +
+                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [2]\n",
+                        "log 4 morrow: [00]\n", "log 4 morrow: [01]\n",
+                        "log 4 morrow: Invalid req_disc_notify response [" +
+                            node0 + "]\n",
+                        "~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, AnswerOfThreeBytesIsLongEnough)
+{
+    fake::endpoints[node0] = {{.response = {0x00, 0x01, 0x0D}, .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+    EXPECT_EQ(record::count("send 00 81 0d"), 1);
+}
+
+TEST_F(Notify, ShortAnswerAfterAWrongOneStillPublishesNothing)
+{
+    fake::endpoints[node0] = {
+        {.response = {0x7F, 0x01, 0x0D}, .eid = 0x1D},
+        {.response = {0x00}, .eid = 0x1D},
+    };
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, WrongTypeThenFailuresPublishesAllTheSame)
+{
+    fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D},
+                              {.result = ETIMEDOUT, .eid = 0x42}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    const Texts failed{
+        "send 00 81 0d",
+        "log 4 morrow: Failed req_disc_notify to i3c device [" + node0 +
+            "]\n"};
+    expectStory(exchangeOpens(node0) +
+                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
+                        "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
+                        "log 4 morrow: [0d]\n"} +
+                  failed + failed + publishWithoutBus +
+                  Texts{"~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, WrongCommandIsTriedAgain)
+{
+    fake::endpoints[node0] = {
+        {.response = {0x00, 0x01, 0x0C, 0x00}, .eid = 0x1D},
+        fake::answer(0x1D)};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_EQ(record::count("send 00 81 0d"), 2);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, WrongAnswerWithTheStopFlagPublishesAfterOneAttempt)
+{
+    fake::endpoints[node0] = {
+        {.response = {0x05, 0x01, 0x0D}, .eid = 0x1D, .stop = 1}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_EQ(record::count("send 00 81 0d"), 1);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, CompletionCodeAndInstanceAreNotLookedAt)
+{
+    fake::endpoints[node0] = {
+        {.response = {0x00, 0xFF, 0x0D, 0x80}, .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, ExceptionOfTheTransportComesOutAfterTheEndpointIsGone)
+{
+    fake::endpoints[node0] = {{.throws = true}};
+    EXPECT_THROW(morrow_i3c_device_do_notify(node0), std::runtime_error);
+    EXPECT_EQ(story().back(), "~mctp_wrapper_ep " + node0);
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+// Full discovery
+
+TEST_F(FullDiscovery, BothAnsweringIsTheWholeStory)
+{
+    driver.comesUp(controller0);
+    driver.comesUp(controller1);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    fake::endpoints[node1] = {fake::answer(0x9D)};
+    fake::lockIds = {{node0, 10}, {node1, 11}};
+    fake::shmIds = {{node0, 20}, {node1, 21}};
+    DriverFiles::makeNode(0);
+    DriverFiles::makeNode(1);
+    i3c_device_map = {"left", "over"};
+    i3c_discovered_map = {"left", "over"};
+    i3c_device_notify_map = {"left", "over"};
+    daemon_state = MORROW_ON_EVENT;
+
+    discover();
+
+    EXPECT_THAT(
+        story(),
+        ElementsAreArray(
+            Texts{
+                "log 4 morrow_server: morrow_dbus_server - Default "
+                "constructor\n",
+                "acquireLock /dev/i3c-mctp-0 gives 10",
+                "acquireLock /dev/i3c-mctp-1 gives 11",
+                "getShmId /dev/i3c-mctp-0 gives 20",
+                "getShmId /dev/i3c-mctp-1 gives 21",
+            } +
+            withdrawNothing +
+            Texts{
+                "sleep 100 ms",
+                "removeLock 10",
+                "removeLock 11",
+                "remove /dev/i3c-mctp-0",
+                "remove /dev/i3c-mctp-1",
+                "removeShm 20",
+                "removeShm 21",
+                "write unbind fff10000.i3c",
+                "write unbind fff11000.i3c",
+                "sleep 2000 ms",
+                "write bind fff10000.i3c",
+                "sleep 100 ms",
+                "setLockPermission /dev/i3c-mctp-0",
+                "setShmPermission /dev/i3c-mctp-0",
+                "log 4 morrow: Found i3c device: /dev/i3c-mctp-0\n",
+            } +
+            goodExchange(node0) +
+            Texts{
+                "write bind fff11000.i3c",
+                "sleep 100 ms",
+                "setLockPermission /dev/i3c-mctp-1",
+                "setShmPermission /dev/i3c-mctp-1",
+                "log 4 morrow: Found i3c device: /dev/i3c-mctp-1\n",
+            } +
+            goodExchange(node1) +
+            Texts{
+                "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+                "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
+                "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
+                "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-1\n",
+                "log 4 morrow: Number of elements in i3c_device_map: 2\n",
+                "log 4 morrow: Number of elements in "
+                "i3c_device_notify_map: 2\n",
+                "log 4 morrow: Discovery complete\n",
+            }));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
+    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller1));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
+}
+
+TEST_F(FullDiscovery, MissingIdsAreGivenToRemoveLockButNotToRemoveShm)
+{
+    fake::lockIds = {{node1, 11}};
+    fake::shmIds = {{node1, 21}};
+    discover();
+    EXPECT_THAT(story(), Contains("removeLock -1"));
+    EXPECT_THAT(story(), Contains("removeLock 11"));
+    EXPECT_THAT(story(), Not(Contains("removeShm -1")));
+    EXPECT_THAT(story(), Contains("removeShm 21"));
+}
+
+TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
+{
+    driver.comesUp(controller0);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    discover();
+    EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
+    EXPECT_THAT(story(), Contains("log 4 morrow: Failed to open device node "
+                                  "for fff11000.i3c\n"));
+    EXPECT_THAT(story(), Contains("setLockPermission /dev/i3c-mctp-1"));
+    EXPECT_EQ(story().back(), "log 4 morrow: Start partial discovery\n");
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
+    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(FullDiscovery, EndsEarlyWhenTheFirstNodeNeverOpens)
+{
+    driver.comesUp(controller1);
+    discover();
+    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
+    EXPECT_EQ(wait_ticks, 1);
+    EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
+    const auto told = story();
+    // Silent from the first bind on: 31 polls and nothing else.
+    const auto bind =
+        std::find(told.begin(), told.end(), "write bind fff10000.i3c");
+    ASSERT_NE(bind, told.end());
+    EXPECT_EQ(Texts(bind + 1, told.end()), Texts(31, "sleep 100 ms"));
+    EXPECT_THAT(told, Contains("write unbind fff11000.i3c"));
+    EXPECT_THAT(told, Not(Contains("write bind fff11000.i3c")));
+}
+
+TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
+{
+    driver.comesUp(controller0);
+    driver.comesUp(controller1);
+    discover();
+    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
+    EXPECT_EQ(wait_ticks, 3);
+    EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
+    const auto told = story();
+    EXPECT_EQ(
+        Texts(told.end() - 5, told.end()),
+        (Texts{
+            "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+            "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
+            "log 4 morrow: Number of elements in i3c_device_map: 2\n",
+            "log 4 morrow: Number of elements in i3c_device_notify_map: 0\n",
+            "log 4 morrow: Retry discovering i3c devices:count = 0\n",
+        }));
+}
+
+TEST_F(FullDiscovery, MissingClassEntryMakesTheSecondControllerTheFirstAgain)
+{
+    driver.comesUpWithoutClassEntry(controller0);
+    discover();
+    const auto told = story();
+    EXPECT_EQ(std::count(told.begin(), told.end(),
+                         "setLockPermission /dev/i3c-mctp-0"),
+              2);
+    EXPECT_THAT(told, Not(Contains("setLockPermission /dev/i3c-mctp-1")));
+    EXPECT_THAT(told, Contains("write bind fff11000.i3c"));
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
+    EXPECT_EQ(wait_ticks, 3);
+}
+
+TEST_F(FullDiscovery, FirstWithoutClassEntryLetsTheSecondBeScannedAsTheFirst)
+{
+    driver.comesUpWithoutClassEntry(controller0);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    fake::onSleep = [](int64_t) {
+        if (record::count("write bind fff11000.i3c") == 0)
+        {
+            DriverFiles::makeClassEntry(1);
+        }
+    };
+    discover();
+    // The entry of the second node is not what is looked for.
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+}
+
+TEST_F(FullDiscovery, OneOfTwoAnsweringStartsPartialDiscovery)
+{
+    driver.comesUp(controller0);
+    driver.comesUp(controller1);
+    fake::endpoints[node1] = {fake::answer(0x9D)};
+    discover();
+    EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node1));
+}
+
+TEST_F(FullDiscovery, UnopenableUnbindFileIsLoggedAndTheCycleGoesOn)
+{
+    DriverFiles::removeUnbindFile();
+    driver.comesUp(controller0);
+    driver.comesUp(controller1);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    fake::endpoints[node1] = {fake::answer(0x9D)};
+    discover();
+    EXPECT_THAT(
+        story(),
+        testing::IsSupersetOf(
+            {"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
+             "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"}));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(FullDiscovery, UnopenableBindFileIsLoggedAndTheNodeStillWaitedFor)
+{
+    DriverFiles::removeBindFile();
+    discover();
+    const auto told = story();
+    EXPECT_EQ(Texts(told.end() - 32, told.end()),
+              Texts{"log 4 morrow: Failed to open sysfs file for "
+                    "fff10000.i3c\n"} +
+                  Texts(31, "sleep 100 ms"));
+    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
+    EXPECT_EQ(wait_ticks, 1);
+}
+
+// Power-off cleanup
+
+TEST_F(PowerOffCleanup, IsTheWholeStory)
+{
+    fake::lockIds = {{node0, 10}, {node1, 11}};
+    fake::shmIds = {{node0, 20}, {node1, 21}};
+    DriverFiles::makeNode(0);
+    DriverFiles::makeNode(1);
+    i3c_device_map = {node0, node1};
+    i3c_discovered_map = {controller0, controller1};
+    i3c_device_notify_map = {node0, node1};
+    wait_ticks = 10;
+
+    cleanUp();
+
+    EXPECT_THAT(
+        story(),
+        ElementsAreArray(Texts{"log 4 morrow_server: morrow_dbus_server - "
+                               "Default constructor\n",
+                               "acquireLock /dev/i3c-mctp-0 gives 10",
+                               "getShmId /dev/i3c-mctp-0 gives 20",
+                               "acquireLock /dev/i3c-mctp-1 gives 11",
+                               "getShmId /dev/i3c-mctp-1 gives 21"} +
+                         withdrawNothing +
+                         Texts{
+                             "sleep 100 ms",
+                             "removeLock 10",
+                             "removeLock 11",
+                             "remove /dev/i3c-mctp-0",
+                             "remove /dev/i3c-mctp-1",
+                             "removeShm 20",
+                             "removeShm 21",
+                             "write unbind fff10000.i3c",
+                             "write unbind fff11000.i3c",
+                         }));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+    EXPECT_THAT(i3c_discovered_map, IsEmpty());
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(PowerOffCleanup, WithEmptyListsTouchesNoLockOrSharedMemory)
+{
+    fake::lockIds = {{node0, 10}, {node1, 11}};
+    fake::shmIds = {{node0, 20}, {node1, 21}};
+    DriverFiles::makeNode(0);
+    DriverFiles::makeNode(1);
+    cleanUp();
+    expectStory(Texts{"log 4 morrow_server: morrow_dbus_server - "
+                             "Default constructor\n"} +
+                           withdrawNothing +
+                           Texts{
+                               "sleep 100 ms",
+                               "remove /dev/i3c-mctp-0",
+                               "remove /dev/i3c-mctp-1",
+                               "write unbind fff10000.i3c",
+                               "write unbind fff11000.i3c",
+                           });
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(PowerOffCleanup, DeviceListedTwiceIsLookedUpAndRemovedTwice)
+{
+    fake::lockIds = {{node0, 10}};
+    fake::shmIds = {{node0, 20}};
+    i3c_device_map = {node0, node0};
+    cleanUp();
+    EXPECT_EQ(record::count("acquireLock /dev/i3c-mctp-0 gives 10"), 2);
+    EXPECT_EQ(record::count("getShmId /dev/i3c-mctp-0 gives 20"), 2);
+    EXPECT_EQ(record::count("removeLock 10"), 2);
+    EXPECT_EQ(record::count("removeShm 20"), 2);
+}
+
+TEST_F(PowerOffCleanup, IdsOfMinus1AreLeftOut)
+{
+    i3c_device_map = {node0, node1};
+    fake::lockIds = {{node1, 11}};
+    fake::shmIds = {{node0, 20}};
+    cleanUp();
+    EXPECT_THAT(story(), Not(Contains("removeLock -1")));
+    EXPECT_THAT(story(), Not(Contains("removeShm -1")));
+    EXPECT_EQ(record::count("removeLock 11"), 1);
+    EXPECT_EQ(record::count("removeShm 20"), 1);
+}
+
+TEST_F(PowerOffCleanup, CancelsAPendingRetry)
+{
+    wait_ticks = 10;
+    state_after_wait = MORROW_PARTIAL_DISCOVERY_EVENT;
+    daemon_state = MORROW_WAIT_EVENT;
+    cleanUp();
+    EXPECT_EQ(wait_ticks, 0);
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedForBothControllers)
+{
+    DriverFiles::removeUnbindFile();
+    cleanUp();
+    const auto told = story();
+    EXPECT_EQ(
+        Texts(told.end() - 2, told.end()),
+        (Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
+               "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"}));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}

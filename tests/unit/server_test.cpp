@@ -1,0 +1,914 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "morrow/endpoint_object.hpp"
+#include "morrow/morrow_server.hpp"
+#include "tests/support/broker.hpp"
+#include "tests/support/bus_observer.hpp"
+#include "tests/support/limits.hpp"
+#include "tests/support/record.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+const std::string manager0 = "/xyz/openbmc_project/mctp/0";
+const std::string manager1 = "/xyz/openbmc_project/mctp/1";
+const std::string manager2 = "/xyz/openbmc_project/mctp/2";
+
+constexpr const char* initialised =
+    "log 1 morrow_server: createMorrowEventLoop - morrow DBus Server "
+    "Initialization Completed.\n";
+constexpr const char* threadExits =
+    "log 4 morrow_server: morrowDBusMgrHandler - Exit\n";
+
+/** What InterfacesRemoved lists of an endpoint object. */
+constexpr const char* removedInterfaces =
+    " org.freedesktop.DBus.Peer org.freedesktop.DBus.Introspectable "
+    "org.freedesktop.DBus.Properties xyz.openbmc_project.mctp.Endpoint";
+
+constexpr const char* defaults =
+    " DevicePath= EID=0 EndpointType=0 NetworkId=0 Slot=0 "
+    "SupportedMessageTypes=[]";
+
+morrow_dbus_server& server()
+{
+    return morrow_dbus_server::get_instance();
+}
+
+/** Publishes an endpoint as discovery does. */
+int32_t publish(uint32_t network, uint8_t eid)
+{
+    return server().createEndpointObject(network, eid, {0x7E, 0x05}, 1, 2,
+                                         "/dev/i3c-mctp-0");
+}
+
+/** The thread on which a text was logged first. */
+pid_t threadOf(const std::string& text)
+{
+    for (const auto& event : record::events())
+    {
+        if (event.text == text)
+        {
+            return event.thread;
+        }
+    }
+    return 0;
+}
+
+/** This thread's events from its n-th on. */
+Texts storyFrom(std::size_t start)
+{
+    const auto all = record::textsOf(record::thisThread());
+    return {all.begin() + static_cast<std::ptrdiff_t>(start), all.end()};
+}
+
+std::size_t here()
+{
+    return record::textsOf(record::thisThread()).size();
+}
+
+class ServerWithoutBus : public testing::Test
+{};
+
+/** Tests with a broker, but without a started server. */
+class WithBroker : public testing::Test
+{
+  protected:
+    Broker broker;
+};
+
+class ServerStart : public WithBroker
+{};
+
+/** Tests with a server that runs. */
+class Server : public WithBroker
+{
+  protected:
+    Server()
+    {
+        EXPECT_EQ(morrow_dbus_server_init(), 0);
+    }
+
+    ~Server() override
+    {
+        if (record::count(threadExits) == 0)
+        {
+            EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+        }
+    }
+};
+
+class Registry : public Server
+{
+  protected:
+    BusObserver observer;
+};
+
+class Interface : public Registry
+{};
+
+class ServerStop : public Server
+{};
+
+/** An object of its own on a connection of its own. */
+class EndpointObject : public WithBroker
+{
+  protected:
+    sdbusplus::bus_t bus = sdbusplus::bus::new_system();
+    sdbusplus::server::manager_t manager{bus, manager0.c_str()};
+    BusObserver observer;
+
+    /** What was announced. */
+    Texts announced()
+    {
+        // A call of this connection's own comes behind its signals.
+        auto call = bus.new_method_call("org.freedesktop.DBus",
+                                        "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "GetId");
+        (void)bus.call(call);
+        observer.catchUp();
+        return observer.seen();
+    }
+};
+
+} // namespace
+
+// Start-up
+
+TEST_F(ServerStart, IsTheWholeStoryOnBothThreads)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n"));
+    const std::string starting =
+        "log 4 morrow_server: createMorrowEventLoop - Starting "
+        "sd_event_loop\n";
+    ASSERT_TRUE(record::waitFor(starting));
+    const auto thread = threadOf(initialised);
+    EXPECT_NE(thread, record::thisThread());
+    EXPECT_THAT(
+        record::textsOf(thread),
+        ElementsAre("log 4 morrow_server: morrowDBusMgrHandler - Enter\n",
+                    "log 4 morrow_server: createMorrowEventLoop - Enter\n",
+                    initialised, starting));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(ServerStart, ReturnsOnlyAfterTheLoopIsReady)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_EQ(record::count(initialised), 1);
+    EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(ServerStart, HasThreeObjectManagers)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    for (const auto& manager : {manager0, manager1, manager2})
+    {
+        EXPECT_THAT(busctl::managedObjects(manager), IsEmpty());
+        EXPECT_THAT(busctl::introspect(manager),
+                    HasSubstr("org.freedesktop.DBus.ObjectManager"));
+    }
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(ServerStart, WithoutADescriptorForThePipeEndsWith1)
+{
+    const limits::NoNewDescriptors none;
+    EXPECT_EQ(morrow_dbus_server_init(), 1);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 1 morrow_server: morrow_dbus_server_init -Failed to create "
+            "signal pipe:Too many open files\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n"));
+}
+
+TEST_F(ServerStart, WithoutAThreadEndsWith4)
+{
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_dbus_server_init(), 4);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 1 morrow_server: morrow_dbus_server_init - Error to create "
+            "service thread \n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n"));
+}
+
+TEST_F(ServerStart, AgainWhileTheThreadRunsEndsTheProcess)
+{
+    EXPECT_EXIT(
+        {
+            morrow_dbus_server_init();
+            morrow_dbus_server_init();
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
+/** Starts the server and, when `seen` has been logged, ends the process: with
+ *  42 when starting has not returned. */
+[[noreturn]] void startAndExpectNoReturn(const std::string& seen)
+{
+    std::thread([] { morrow_dbus_server_init(); }).detach();
+    const bool happened = record::waitFor(seen);
+    const bool returned =
+        record::count("log 4 morrow_server: morrow_dbus_server_init - "
+                      "Exit\n") != 0;
+    std::_Exit(happened && !returned ? 42 : 1);
+}
+
+TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
+{
+    auto other = sdbusplus::bus::new_system();
+    sd_bus* owner = nullptr;
+    ASSERT_GE(sd_bus_open_system(&owner), 0);
+    ASSERT_GE(sd_bus_request_name(owner, "xyz.openbmc_project.mctp", 0), 0);
+    EXPECT_EXIT(
+        {
+            std::thread([] { morrow_dbus_server_init(); }).detach();
+            const bool ended = record::waitFor(threadExits);
+            const bool logged =
+                record::count(
+                    "log 1 morrow_server: morrowDBusMgrHandler "
+                    "-Error:sd_bus_request_name: "
+                    "org.freedesktop.DBus.Error.FileExists: File exists\n") == 1;
+            const bool returned =
+                record::count("log 4 morrow_server: morrow_dbus_server_init - "
+                              "Exit\n") != 0;
+            std::_Exit(ended && logged && !returned ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
+    sd_bus_flush_close_unref(owner);
+}
+
+TEST_F(ServerStart, TakesTheNameFromOneWhoAllowsIt)
+{
+    sd_bus* owner = nullptr;
+    ASSERT_GE(sd_bus_open_system(&owner), 0);
+    ASSERT_GE(sd_bus_request_name(owner, "xyz.openbmc_project.mctp",
+                                  SD_BUS_NAME_ALLOW_REPLACEMENT),
+              0);
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    sd_bus_flush_close_unref(owner);
+}
+
+TEST_F(ServerStart, LetsAnotherTakeTheName)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    sd_bus* other = nullptr;
+    ASSERT_GE(sd_bus_open_system(&other), 0);
+    EXPECT_GE(sd_bus_request_name(other, "xyz.openbmc_project.mctp",
+                                  SD_BUS_NAME_REPLACE_EXISTING),
+              0);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    sd_bus_flush_close_unref(other);
+}
+
+TEST_F(ServerStart, NeverReturnsWithoutABus)
+{
+    broker.kill();
+    EXPECT_EXIT(startAndExpectNoReturn(threadExits),
+                testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
+{
+    EXPECT_EXIT(
+        {
+            // A plain file can't be polled for.
+            record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
+                         [] {
+                             serverSignalPipe[0] = open(
+                                 "/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
+                                 0600);
+                         });
+            startAndExpectNoReturn("log 1 morrow_server: createMorrowEventLoop "
+                                   "-sd_event_add_io sig pipe failed: "
+                                   "Operation not permitted\n");
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+/** Starts the server without descriptors for its loop; ends the process with
+ *  42 when the thread has logged what it should. */
+[[noreturn]] void startWithoutALoop()
+{
+    record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
+                 [] { static const limits::NoNewDescriptors none; });
+    std::thread([] { morrow_dbus_server_init(); }).detach();
+    const bool ended = record::waitFor(threadExits);
+    const Texts wanted{
+        "log 4 morrow_server: morrowDBusMgrHandler - Enter\n",
+        "log 4 morrow_server: createMorrowEventLoop - Enter\n",
+        "log 1 morrow_server: createMorrowEventLoop -sd_event_default "
+        "failed:Too many open files\n",
+        "log 1 morrow_server: createMorrowEventLoop -sd_event_add_io bus "
+        "failed:Invalid argument\n",
+        "log 1 morrow_server: createMorrowEventLoop -sd_event_add_io sig pipe "
+        "failed: Invalid argument\n",
+        threadExits};
+    const auto told = record::textsOf(threadOf(threadExits));
+    EXPECT_EQ(told, wanted);
+    std::_Exit(ended && told == wanted ? 42 : 1);
+}
+
+TEST_F(ServerStart, LoopThatCannotBeMadeIsLoggedStepByStep)
+{
+    EXPECT_EXIT(startWithoutALoop(), testing::ExitedWithCode(42), "");
+}
+
+// The registry
+
+TEST_F(ServerWithoutBus, CreatesNothing)
+{
+    (void)server();
+    const auto start = here();
+    EXPECT_EQ(publish(0, 8), 1);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre(
+            "log 4 morrow_server: createEndpointObject - Enter\n",
+            "log 1 morrow_server: createEndpointObject - Error: Bus pointer "
+            "not present\n",
+            "trace 1 morrow_server: createEndpointObject - Error: Bus pointer "
+            "not present\n",
+            "log 4 morrow_server: createEndpointObject - Exit\n"));
+}
+
+TEST_F(ServerWithoutBus, ChecksTheBusBeforeTheNetwork)
+{
+    EXPECT_EQ(publish(3, 8), 1);
+}
+
+TEST_F(Registry, PublishesAnEndpoint)
+{
+    const auto start = here();
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre(
+            "log 4 morrow_server: createEndpointObject - Enter\n",
+            "log 4 morrow_server: createEndpointObject "
+            "-[/xyz/openbmc_project/mctp/0/8] object created successful\n",
+            "trace 4 morrow_server: createEndpointObject "
+            "-[/xyz/openbmc_project/mctp/0/8] object created successful\n",
+            "log 4 morrow_server: createEndpointObject - Exit\n"));
+    EXPECT_THAT(busctl::managedObjects(manager0),
+                ElementsAre("/xyz/openbmc_project/mctp/0/8"));
+    EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/8"),
+              " DevicePath=/dev/i3c-mctp-0 EID=8 EndpointType=1 NetworkId=0 "
+              "Slot=2 SupportedMessageTypes=[126,5]");
+}
+
+TEST_F(Registry, PathEndsInTheDecimalEid)
+{
+    for (const uint8_t eid : {0, 9, 255})
+    {
+        EXPECT_EQ(publish(0, eid), 0);
+    }
+    EXPECT_THAT(busctl::managedObjects(manager0),
+                ElementsAre("/xyz/openbmc_project/mctp/0/0",
+                            "/xyz/openbmc_project/mctp/0/255",
+                            "/xyz/openbmc_project/mctp/0/9"));
+}
+
+TEST_F(Registry, KeepsTheNetworksApart)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(publish(1, 8), 0);
+    EXPECT_EQ(publish(2, 8), 0);
+    EXPECT_THAT(busctl::managedObjects(manager0),
+                ElementsAre("/xyz/openbmc_project/mctp/0/8"));
+    EXPECT_THAT(busctl::managedObjects(manager1),
+                ElementsAre("/xyz/openbmc_project/mctp/1/8"));
+    EXPECT_THAT(busctl::managedObjects(manager2),
+                ElementsAre("/xyz/openbmc_project/mctp/2/8"));
+    EXPECT_EQ(server().deleteAllEndpointObject(1), 0);
+    EXPECT_THAT(busctl::managedObjects(manager1), IsEmpty());
+    EXPECT_THAT(busctl::managedObjects(manager2),
+                ElementsAre("/xyz/openbmc_project/mctp/2/8"));
+}
+
+TEST_F(Registry, PublishesTheLow16BitsOfTheEndpointType)
+{
+    EXPECT_EQ(server().createEndpointObject(0, 8, {}, 0xABCD0001, 0xFFFF, ""),
+              0);
+    EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/8"),
+              " DevicePath= EID=8 EndpointType=1 NetworkId=0 Slot=65535 "
+              "SupportedMessageTypes=[]");
+}
+
+TEST_F(Registry, SecondOfTheSamePathFailsAndTheFirstStays)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    const auto start = here();
+    EXPECT_EQ(server().createEndpointObject(0, 8, {}, 9, 9, "other"), 5);
+    const std::string error =
+        "createEndpointObject -Type:0,EID:8,Error:sd_bus_add_object_vtable: "
+        "org.freedesktop.DBus.Error.FileExists: File exists\n";
+    EXPECT_THAT(storyFrom(start),
+                ElementsAre(
+                    "log 4 morrow_server: createEndpointObject - Enter\n",
+                    "log 1 morrow_server: " + error,
+                    "trace 1 morrow_server: " + error,
+                    "log 4 morrow_server: createEndpointObject - Exit\n"));
+    EXPECT_THAT(busctl::getAll("/xyz/openbmc_project/mctp/0/8"),
+                HasSubstr("DevicePath=/dev/i3c-mctp-0"));
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+}
+
+TEST_F(Registry, Network3IsNotInThePathTable)
+{
+    const auto start = here();
+    EXPECT_EQ(publish(3, 8), 2);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: createEndpointObject - Enter\n",
+                    "log 1 morrow_server: createEndpointObject - Error: "
+                    "Network ID 3 not present in map\n",
+                    "log 4 morrow_server: createEndpointObject - Exit\n"));
+    observer.catchUp();
+    EXPECT_THAT(observer.seen(), IsEmpty());
+}
+
+TEST_F(Registry, NetworkBeyondTheSignedNumbersIsNotInThePathTable)
+{
+    EXPECT_EQ(publish(0xFFFFFFFF, 8), 2);
+    EXPECT_EQ(record::count("log 1 morrow_server: createEndpointObject - "
+                            "Error: Network ID -1 not present in map\n"),
+              1);
+}
+
+TEST_F(Registry, WithdrawsInAscendingOrder)
+{
+    for (const uint8_t eid : {20, 9, 12})
+    {
+        EXPECT_EQ(publish(0, eid), 0);
+    }
+    observer.catchUp();
+    const auto seenBefore = observer.seen().size();
+    const auto start = here();
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+                    "log 4 morrow_server: deleteAllEndpointObject - EID 9: "
+                    "object deleted successfully\n",
+                    "trace 4 morrow_server: deleteAllEndpointObject - EID 9: "
+                    "object deleted successfully\n",
+                    "log 4 morrow_server: deleteAllEndpointObject - EID 12: "
+                    "object deleted successfully\n",
+                    "trace 4 morrow_server: deleteAllEndpointObject - EID 12: "
+                    "object deleted successfully\n",
+                    "log 4 morrow_server: deleteAllEndpointObject - EID 20: "
+                    "object deleted successfully\n",
+                    "trace 4 morrow_server: deleteAllEndpointObject - EID 20: "
+                    "object deleted successfully\n",
+                    "log 4 morrow_server: deleteAllEndpointObject - Exit\n"));
+    observer.catchUp();
+    auto seen = observer.seen();
+    seen.erase(seen.begin(),
+               seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
+    EXPECT_THAT(
+        seen,
+        ElementsAre(
+            "InterfacesRemoved /xyz/openbmc_project/mctp/0/9" +
+                std::string(removedInterfaces),
+            "InterfacesRemoved /xyz/openbmc_project/mctp/0/12" +
+                std::string(removedInterfaces),
+            "InterfacesRemoved /xyz/openbmc_project/mctp/0/20" +
+                std::string(removedInterfaces)));
+}
+
+TEST_F(Registry, WithdrawingAnEmptyNetworkLogsOnlyEntryAndExit)
+{
+    const auto start = here();
+    EXPECT_EQ(server().deleteAllEndpointObject(1), 0);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+                    "log 4 morrow_server: deleteAllEndpointObject - Exit\n"));
+}
+
+TEST_F(Registry, WithdrawingNetwork7IsRefusedWithoutAnExitLine)
+{
+    for (const int32_t network : {7, -1, 3})
+    {
+        const auto start = here();
+        EXPECT_EQ(server().deleteAllEndpointObject(network), 3);
+        EXPECT_THAT(
+            storyFrom(start),
+            ElementsAre(
+                "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+                "log 1 morrow_server: deleteAllEndpointObject - Error: "
+                "NetworkID " +
+                    std::to_string(network) + " not supported\n"));
+    }
+}
+
+TEST_F(Registry, RefusedWithdrawalLeavesTheMutexFree)
+{
+    EXPECT_EQ(server().deleteAllEndpointObject(7), 3);
+    EXPECT_EQ(publish(0, 8), 0);
+}
+
+TEST_F(Registry, PublishesAgainWhatWasWithdrawn)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_THAT(busctl::managedObjects(manager0),
+                ElementsAre("/xyz/openbmc_project/mctp/0/8"));
+}
+
+TEST_F(Registry, UnloadingWithdrawsAllNetworksWithoutALineForEach)
+{
+    EXPECT_EQ(publish(2, 1), 0);
+    EXPECT_EQ(publish(0, 7), 0);
+    EXPECT_EQ(publish(0, 3), 0);
+    EXPECT_EQ(publish(1, 5), 0);
+    observer.catchUp();
+    const auto seenBefore = observer.seen().size();
+    const auto start = here();
+    server().UnloadDBusObjects();
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Exit\n"));
+    observer.catchUp();
+    auto seen = observer.seen();
+    seen.erase(seen.begin(),
+               seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
+    EXPECT_THAT(
+        seen,
+        ElementsAre(StartsWith("InterfacesRemoved "
+                               "/xyz/openbmc_project/mctp/0/3 "),
+                    StartsWith("InterfacesRemoved "
+                               "/xyz/openbmc_project/mctp/0/7 "),
+                    StartsWith("InterfacesRemoved "
+                               "/xyz/openbmc_project/mctp/1/5 "),
+                    StartsWith("InterfacesRemoved "
+                               "/xyz/openbmc_project/mctp/2/1 ")));
+}
+
+TEST_F(Registry, WaitsForTheMutex)
+{
+    std::unique_lock lock(server_mutex);
+    std::thread creator([] { EXPECT_EQ(publish(0, 8), 0); });
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: createEndpointObject - Enter\n"));
+    EXPECT_EQ(record::count("log 4 morrow_server: createEndpointObject - "
+                            "Exit\n"),
+              0);
+    lock.unlock();
+    creator.join();
+}
+
+TEST_F(Registry, ServesRequestsWhileEndpointsComeAndGo)
+{
+    std::atomic<bool> finished{false};
+    std::thread client([&finished] {
+        while (!finished)
+        {
+            (void)busctl::managedObjects(manager0);
+            (void)busctl::getAll("/xyz/openbmc_project/mctp/0/8");
+        }
+    });
+    for (int round = 0; round < 50; ++round)
+    {
+        EXPECT_EQ(publish(0, 8), 0);
+        EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    }
+    finished = true;
+    client.join();
+}
+
+// The interface, as a client sees it
+
+TEST_F(Interface, AnnouncesDefaultsThenEachValueByName)
+{
+    EXPECT_EQ(server().createEndpointObject(1, 0x9D, {0x7E, 0x05}, 1, 3,
+                                            "/dev/i3c-mctp-1"),
+              0);
+    observer.catchUp();
+    const std::string path = " /xyz/openbmc_project/mctp/1/157";
+    EXPECT_THAT(
+        observer.seen(),
+        ElementsAre("InterfacesAdded" + path + defaults,
+                    "PropertiesChanged" + path + " DevicePath=/dev/i3c-mctp-1",
+                    "PropertiesChanged" + path + " EID=157",
+                    "PropertiesChanged" + path + " EndpointType=1",
+                    "PropertiesChanged" + path + " NetworkId=1",
+                    "PropertiesChanged" + path + " Slot=3",
+                    "PropertiesChanged" + path +
+                        " SupportedMessageTypes=[126,5]"));
+}
+
+TEST_F(Interface, ValuesThatEqualTheirDefaultsAreNotAnnounced)
+{
+    EXPECT_EQ(server().createEndpointObject(0, 0, {0x7E, 0x05}, 1, 0,
+                                            "/dev/i3c-mctp-0"),
+              0);
+    observer.catchUp();
+    const std::string path = " /xyz/openbmc_project/mctp/0/0";
+    EXPECT_THAT(
+        observer.seen(),
+        ElementsAre("InterfacesAdded" + path + defaults,
+                    "PropertiesChanged" + path + " DevicePath=/dev/i3c-mctp-0",
+                    "PropertiesChanged" + path + " EndpointType=1",
+                    "PropertiesChanged" + path +
+                        " SupportedMessageTypes=[126,5]"));
+}
+
+TEST_F(Interface, GetArbitrationAnswers0ToEveryByte)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    for (const uint8_t eid : {0, 1, 255})
+    {
+        EXPECT_EQ(busctl::getArbitration("/xyz/openbmc_project/mctp/0/8", eid),
+                  "0");
+    }
+}
+
+TEST_F(Interface, SetIsRefused)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_THAT(busctl::setEid("/xyz/openbmc_project/mctp/0/8", 9),
+                StartsWith("org.freedesktop.DBus.Error.PropertyReadOnly: "));
+    EXPECT_THAT(busctl::getAll("/xyz/openbmc_project/mctp/0/8"),
+                HasSubstr(" EID=8 "));
+}
+
+TEST_F(Interface, IntrospectionListsTheMembersInOrder)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    const auto xml = busctl::introspect("/xyz/openbmc_project/mctp/0/8");
+    const std::string expected =
+        R"( <interface name="xyz.openbmc_project.mctp.Endpoint">
+  <method name="GetArbitration">
+   <arg type="y" direction="in"/>
+   <arg type="u" direction="out"/>
+  </method>
+  <signal name="ArbitrationUpdated">
+   <arg type="y"/>
+   <arg type="u"/>
+   <arg type="u"/>
+  </signal>
+  <property name="NetworkId" type="u" access="read">
+  </property>
+  <property name="EID" type="y" access="read">
+  </property>
+  <property name="SupportedMessageTypes" type="ay" access="read">
+  </property>
+  <property name="EndpointType" type="q" access="read">
+  </property>
+  <property name="Slot" type="q" access="read">
+  </property>
+  <property name="DevicePath" type="s" access="read">
+  </property>
+ </interface>
+)";
+    EXPECT_THAT(xml, HasSubstr(expected));
+}
+
+// An endpoint object on its own
+
+TEST_F(EndpointObject, SettingAValueAgainSendsNoSignal)
+{
+    endpoint_object object(bus, manager0 + "/8", {{"EID", uint8_t{8}}});
+    EXPECT_EQ(object.eid(8), 8);
+    EXPECT_EQ(object.eid(9, true), 9);
+    EXPECT_EQ(object.eid(10), 10);
+    EXPECT_THAT(announced(),
+                ElementsAre("InterfacesAdded " + manager0 + "/8" + defaults,
+                            "PropertiesChanged " + manager0 + "/8 EID=8",
+                            "PropertiesChanged " + manager0 + "/8 EID=10"));
+}
+
+TEST_F(EndpointObject, WrongTypeIsRefusedAndNothingStays)
+{
+    try
+    {
+        const endpoint_object object(bus, manager0 + "/8",
+                                     {{"EID", uint32_t{8}}});
+        FAIL();
+    }
+    catch (const std::bad_variant_access& error)
+    {
+        EXPECT_STREQ(error.what(), "std::get: wrong index for variant");
+    }
+    EXPECT_THAT(announced(),
+                ElementsAre("InterfacesAdded " + manager0 + "/8" + defaults,
+                            "InterfacesRemoved " + manager0 + "/8" +
+                                removedInterfaces));
+}
+
+TEST_F(EndpointObject, PathThatIsNoneIsRefused)
+{
+    EXPECT_THROW(endpoint_object(bus, "no path", {}), std::exception);
+}
+
+TEST_F(EndpointObject, ArbitrationIsAlways0)
+{
+    endpoint_object object(bus, manager0 + "/8", {});
+    for (int eid = 0; eid < 256; ++eid)
+    {
+        EXPECT_EQ(object.getArbitration(static_cast<uint8_t>(eid)), 0U);
+    }
+}
+
+// Stopping
+
+TEST_F(ServerStop, IsTheWholeStoryOnBothThreads)
+{
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "Starting sd_event_loop\n"));
+    const auto thread = threadOf(initialised);
+    const auto started = record::textsOf(thread).size();
+    const auto start = here();
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Exit\n",
+                    "log 4 morrow_server: stop_morrow_dbus_server - Exit\n"));
+    auto thread_story = record::textsOf(thread);
+    thread_story.erase(thread_story.begin(),
+                       thread_story.begin() +
+                           static_cast<std::ptrdiff_t>(started));
+    EXPECT_THAT(
+        thread_story,
+        ElementsAre("log 4 morrow_server: morrowProcessSig - signal: 1\n",
+                    "log 4 morrow_server: createMorrowEventLoop - "
+                    "sd_event_loop returned\n",
+                    threadExits));
+}
+
+TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
+{
+    BusObserver observer;
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(publish(0, 9), 0);
+    EXPECT_EQ(publish(1, 7), 0);
+    observer.catchUp();
+    const auto seenBefore = observer.seen().size();
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+    auto seen = observer.seen();
+    seen.erase(seen.begin(),
+               seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
+    EXPECT_THAT(seen,
+                ElementsAre("InterfacesRemoved " + manager0 + "/8" +
+                                removedInterfaces,
+                            "InterfacesRemoved " + manager0 + "/9" +
+                                removedInterfaces,
+                            "InterfacesRemoved " + manager1 + "/7" +
+                                removedInterfaces,
+                            "NameOwnerChanged gone"));
+    EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
+}
+
+TEST_F(ServerStop, EmptiesTheMapsAndTheBus)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    const auto start = here();
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_EQ(storyFrom(start).size(), 2U) << "an object was left";
+    EXPECT_EQ(publish(0, 8), 1);
+}
+
+TEST_F(ServerStop, LeavesThePipeClosedWithoutNumbers)
+{
+    const auto before = serverSignalPipe;
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_THAT(serverSignalPipe, ElementsAre(-1, -1));
+    EXPECT_EQ(fcntl(before[0], F_GETFD), -1);
+    EXPECT_EQ(fcntl(before[1], F_GETFD), -1);
+}
+
+TEST_F(ServerStop, SecondFailsToWriteAndToJoin)
+{
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    const auto start = here();
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 1);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+                    "log 1 morrow_server: stop_morrow_dbus_server -Signal pipe "
+                    "write failed: Bad file descriptor\n",
+                    "log 1 morrow_server: stop_morrow_dbus_server -Failed to "
+                    "terminate thread: Invalid argument\n"));
+}
+
+TEST_F(ServerStop, SecondWritesIntoNothingThatHasTakenTheNumbers)
+{
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    // Whatever is opened now takes the numbers that are free.
+    std::vector<std::array<int, 2>> pipes(4);
+    for (auto& pipe : pipes)
+    {
+        ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    }
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 1);
+    for (auto& pipe : pipes)
+    {
+        char byte = 0;
+        EXPECT_EQ(read(pipe[0], &byte, 1), -1);
+        close(pipe[0]);
+        close(pipe[1]);
+    }
+}
+
+TEST_F(ServerStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
+{
+    int32_t other = -1;
+    std::thread second(
+        [&other] { other = server().stop_morrow_dbus_server(); });
+    const int32_t mine = server().stop_morrow_dbus_server();
+    second.join();
+    EXPECT_EQ(mine + other, 1);
+}
+
+TEST_F(ServerStop, ByteOtherThan1IsLoggedAndIgnored)
+{
+    const uint8_t byte = 7;
+    ASSERT_EQ(write(serverSignalPipe[1], &byte, 1), 1);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_THAT(busctl::managedObjects(manager0),
+                ElementsAre(manager0 + "/8"));
+}
+
+TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
+{
+    const BusObserver observer;
+    std::thread discovery([] {
+        while (publish(0, 8) == 0)
+        {
+            EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+        }
+    });
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: createEndpointObject - Exit\n", 5));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    discovery.join();
+    EXPECT_TRUE(record::waitFor("NameOwnerChanged gone"));
+}
+
+// When the broker goes
+
+TEST_F(Server, GoesOnAfterTheBrokerHasGone)
+{
+    record::when("log 1 morrow_server: morrowProcessRequest -Error:", [] {
+        ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
+    });
+    broker.kill();
+    ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_THAT(
+        record::textsOf(threadOf(threadExits)),
+        Contains("log 1 morrow_server: morrowProcessRequest -Error:sd_bus_wait:"
+                 " System.Error.ENOTCONN: Transport endpoint is not "
+                 "connected\n"));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}

@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "morrow/morrow_signal.hpp"
+#include "tests/support/fake_platform.hpp"
+#include "tests/support/limits.hpp"
+#include "tests/support/record.hpp"
+
+#include <pthread.h>
+#include <signal.h> // NOLINT(modernize-deprecated-headers): sigaction
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::ElementsAre;
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+Texts story()
+{
+    return record::textsOf(record::thisThread());
+}
+
+/** The thread on which a text was logged; 0 when it was not. */
+pid_t threadOf(const std::string& text)
+{
+    for (const auto& event : record::events())
+    {
+        if (event.text == text)
+        {
+            return event.thread;
+        }
+    }
+    return 0;
+}
+
+constexpr const char* threadEnters =
+    "log 4 morrow_signal: Entry [signal_thread_fn]\n";
+constexpr const char* stopped = "log 4 morrow_signal: Stopped MORROW\n";
+
+/** Sends this process a signal; the kernel picks the thread. */
+void sendSignal(int number)
+{
+    ASSERT_EQ(kill(getpid(), number), 0);
+}
+
+/** Whether a signal has its default action. */
+bool isDefault(int number)
+{
+    struct sigaction action
+    {};
+    sigaction(number, nullptr, &action);
+    return action.sa_handler == SIG_DFL;
+}
+
+class Signal : public testing::Test
+{
+  protected:
+    /** Ends the signal thread, if it runs, so that the process can end. */
+    ~Signal() override
+    {
+        if (record::count(threadEnters) > 0 && record::count(stopped) == 0)
+        {
+            morrow_signal::get_instance().post_stop();
+        }
+        if (record::count("log 4 morrow_signal: Created signal thread\n") > 0 &&
+            record::count("log 4 morrow_signal: Entry [wait_stop]\n") == 0)
+        {
+            morrow_signal::get_instance().wait_stop();
+        }
+    }
+
+    /** Starts the signal side and waits for its thread to wait. */
+    static void start()
+    {
+        ASSERT_EQ(morrow_init_signal(), 0U);
+        ASSERT_TRUE(record::waitFor(threadEnters));
+    }
+};
+
+} // namespace
+
+TEST_F(Signal, FirstUseLogsItsEntryBeforeTheConstructors)
+{
+    morrow_signal::get_instance();
+    morrow_signal::get_instance();
+    EXPECT_THAT(story(),
+                ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
+                            "log 4 morrow_signal: Entry [morrow_signal]\n",
+                            "log 4 morrow_signal: Entry [get_instance]\n"));
+    EXPECT_EQ(morrow_signal::get_instance().get_stop_state(), 0);
+}
+
+TEST_F(Signal, SetUpIsTheWholeStory)
+{
+    start();
+    EXPECT_THAT(
+        story(),
+        ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
+                    "log 4 morrow_signal: Entry [morrow_signal]\n",
+                    "log 4 morrow_signal: Entry [morrow_init_signal]\n",
+                    "log 4 morrow_signal: Entry [register_signal]\n",
+                    "log 4 morrow_signal: Created signal thread\n"));
+}
+
+TEST_F(Signal, SecondSetUpKeepsTheThread)
+{
+    start();
+    EXPECT_EQ(morrow_init_signal(), 0U);
+    EXPECT_EQ(story().back(),
+              "log 4 morrow_signal: Signal thread is already created\n");
+    EXPECT_EQ(record::count(threadEnters), 1);
+}
+
+TEST_F(Signal, SecondSetUpInstallsTheHandlersAgain)
+{
+    start();
+    signal(SIGTERM, SIG_DFL);
+    EXPECT_EQ(morrow_init_signal(), 0U);
+    EXPECT_FALSE(isDefault(SIGTERM));
+}
+
+TEST_F(Signal, HandlesTermSegvAndBusAndNothingElse)
+{
+    start();
+    for (int number = 1; number < SIGRTMIN; ++number)
+    {
+        const bool handled =
+            number == SIGTERM || number == SIGSEGV || number == SIGBUS;
+        // A sanitizer has handlers for faults of its own.
+        if (handled || number == SIGHUP || number == SIGINT ||
+            number == SIGQUIT || number == SIGUSR1 || number == SIGUSR2 ||
+            number == SIGALRM || number == SIGPIPE || number == SIGCHLD)
+        {
+            EXPECT_EQ(isDefault(number), !handled) << number;
+        }
+    }
+}
+
+TEST_F(Signal, ThreadThatCannotStartIsLoggedAndNoHandlerInstalled)
+{
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_init_signal(), 2U);
+    EXPECT_EQ(story().back(),
+              "log 4 morrow_signal: Failed to create signal thread\n");
+    EXPECT_TRUE(isDefault(SIGTERM));
+}
+
+TEST_F(Signal, SetUpAfterAFailureMakesTheThread)
+{
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_init_signal(), 2U);
+    }
+    start();
+    EXPECT_FALSE(isDefault(SIGTERM));
+}
+
+TEST_F(Signal, TerminationBeforeStartUpFinishedStopsNoBus)
+{
+    start();
+    sendSignal(SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    auto& signal = morrow_signal::get_instance();
+    EXPECT_EQ(signal.get_stop_state(), 2);
+    Texts told = record::textsOf(threadOf(threadEnters));
+    // The handler may have run on the signal thread.
+    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(told,
+                ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
+                            "log 4 morrow_signal: Got signal Stopping MORROW\n",
+                            "log 4 morrow_signal: Stopped MORROW\n"));
+    signal.wait_stop();
+}
+
+TEST_F(Signal, HandlerLogsThroughGetInstance)
+{
+    start();
+    const auto before =
+        record::count("log 4 morrow_signal: Entry [get_instance]\n");
+    sendSignal(SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    EXPECT_EQ(record::count("log 4 morrow_signal: Entry [get_instance]\n"),
+              before + 1);
+}
+
+TEST_F(Signal, StopStateIs1WhileStopping)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    EXPECT_EQ(signal.get_stop_state(), 0);
+    sendSignal(SIGTERM);
+    EXPECT_TRUE(
+        record::waitUntil([&] { return signal.get_stop_state() != 0; }));
+    ASSERT_TRUE(record::waitFor(stopped));
+    EXPECT_EQ(signal.get_stop_state(), 2);
+}
+
+TEST_F(Signal, BusSidesThatWereNeverStartedAreStoppedAllTheSame)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    signal.set_dbus_ready();
+    EXPECT_EQ(story().back(), "log 4 morrow_signal: Entry [set_dbus_ready]\n");
+    sendSignal(SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    Texts told = record::textsOf(threadOf(threadEnters));
+    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(
+        told,
+        ElementsAre(
+            "log 4 morrow_signal: Entry [signal_thread_fn]\n",
+            "log 4 morrow_signal: Got signal Stopping MORROW\n",
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 4 morrow_signal: Stopping Dbus\n",
+            "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+            "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe write "
+            "failed: Bad file descriptor\n",
+            "log 1 morrow_client: stop_morrow_dbus_client -Failed to terminate "
+            "thread: Invalid argument\n",
+            "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+            "log 1 morrow_server: stop_morrow_dbus_server -Signal pipe write "
+            "failed: Bad file descriptor\n",
+            "log 1 morrow_server: stop_morrow_dbus_server -Failed to terminate "
+            "thread: Invalid argument\n",
+            "log 4 morrow_signal: Stopped MORROW\n"));
+}
+
+TEST_F(Signal, WaitStopPollsEvery100MsUntilStopped)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    int sleeps = 0;
+    fake::onSleep = [&](int64_t length) {
+        EXPECT_EQ(length, 100);
+        if (++sleeps == 3)
+        {
+            signal.post_stop();
+        }
+        if (sleeps >= 3)
+        {
+            ASSERT_TRUE(record::waitFor(stopped));
+        }
+    };
+    signal.wait_stop();
+    EXPECT_EQ(sleeps, 3);
+    fake::onSleep = {};
+    const Texts told = story();
+    EXPECT_THAT(Texts(told.end() - 4, told.end()),
+                ElementsAre("log 4 morrow_signal: Entry [wait_stop]\n",
+                            "sleep 100 ms", "sleep 100 ms", "sleep 100 ms"));
+}
+
+TEST_F(Signal, WaitStopLogsAThreadThatCannotBeJoined)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    signal.post_stop();
+    signal.wait_stop();
+    signal.wait_stop();
+    EXPECT_EQ(story().back(), "log 4 morrow_signal: Failed to terminate thread "
+                              "[Invalid argument].\n");
+}
+
+TEST_F(Signal, SecondPassWaitsForASecondTermination)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    sendSignal(SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    std::thread second([&signal] { signal.signal_thread_fn(); });
+    ASSERT_TRUE(record::waitFor(threadEnters, 2));
+    EXPECT_EQ(record::count(stopped), 1);
+    sendSignal(SIGTERM);
+    second.join();
+    EXPECT_EQ(record::count(stopped), 2);
+    EXPECT_EQ(signal.get_stop_state(), 2);
+}
+
+TEST_F(Signal, SegmentationFaultEndsTheProcessByItsDefaultAction)
+{
+    EXPECT_EXIT(
+        {
+            start();
+            void* page = mmap(nullptr, 1, PROT_NONE,
+                              MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            *static_cast<volatile char*>(page) = 1;
+        },
+        testing::KilledBySignal(SIGSEGV), "");
+}
+
+TEST_F(Signal, FaultHandlerResetsTheDispositionAndReturns)
+{
+    start();
+    for (const int number : {SIGSEGV, SIGBUS})
+    {
+        ASSERT_FALSE(isDefault(number));
+        // Sent, not faulted: the handler returns and the program goes on.
+        ASSERT_EQ(raise(number), 0);
+        EXPECT_TRUE(isDefault(number));
+    }
+    EXPECT_EQ(record::count(stopped), 0);
+}
+
+TEST_F(Signal, DestructorLogsItsEntry)
+{
+    EXPECT_EXIT(
+        {
+            // Registered before the singleton is made: runs after it is gone.
+            (void)std::atexit([] {
+                std::_Exit(
+                    record::texts().back() ==
+                            "log 4 morrow_signal: Entry [~morrow_signal]\n"
+                        ? 42
+                        : 1);
+            });
+            start();
+            sendSignal(SIGTERM);
+            morrow_signal::get_instance().wait_stop();
+            std::exit(0);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Signal, ThreadThatWasNotJoinedEndsTheProcess)
+{
+    EXPECT_EXIT(
+        {
+            start();
+            std::exit(0);
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
