@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/endpoint_object.hpp"
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -120,6 +122,12 @@ struct EndpointChanged
     std::string property;
 };
 
+/** @brief The board read an endpoint object over the bus, as a client does. */
+struct EndpointRead
+{
+    EndpointObject object;
+};
+
 /** @brief The daemon's process was started. */
 struct Started
 {
@@ -177,14 +185,13 @@ struct Exited
 /** @brief One entry of the timeline. */
 struct Event
 {
-    using Body =
-        std::variant<event::Note, event::HostState, event::ControlSignal,
-                     event::DriverWrite, event::DeviceUp, event::DeviceDown,
-                     event::NodeRemoved, event::NodeOpened, event::NodeClosed,
-                     event::Packet, event::NameOwner, event::EndpointAdded,
-                     event::EndpointRemoved, event::EndpointChanged,
-                     event::Started, event::Notified, event::Log, event::Trace,
-                     event::Output, event::Signalled, event::Exited>;
+    using Body = std::variant<
+        event::Note, event::HostState, event::ControlSignal, event::DriverWrite,
+        event::DeviceUp, event::DeviceDown, event::NodeRemoved,
+        event::NodeOpened, event::NodeClosed, event::Packet, event::NameOwner,
+        event::EndpointAdded, event::EndpointRemoved, event::EndpointChanged,
+        event::EndpointRead, event::Started, event::Notified, event::Log,
+        event::Trace, event::Output, event::Signalled, event::Exited>;
 
     std::size_t index = 0; //!< its place on the timeline, from 0
     Time at{};

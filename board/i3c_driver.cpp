@@ -159,12 +159,14 @@ std::optional<std::string> I3cDriver::node(std::size_t controller) const
 
 I3cDriver::Controller* I3cDriver::find(std::string_view name)
 {
-    const auto found =
-        std::find(controllerNames.begin(), controllerNames.end(), name);
-    return found == controllerNames.end()
-               ? nullptr
-               : &controllers.at(
-                     static_cast<std::size_t>(found - controllerNames.begin()));
+    for (std::size_t index = 0; index < controllerCount; ++index)
+    {
+        if (controllerNames.at(index) == name)
+        {
+            return &controllers.at(index);
+        }
+    }
+    return nullptr;
 }
 
 I3cDriver::Controller* I3cDriver::firstToComeUp(Clock::time_point now)

@@ -89,10 +89,10 @@ KernelMounts::KernelMounts() :
 
 KernelMounts::~KernelMounts()
 {
-    for (auto path = mounted.rbegin(); path != mounted.rend(); ++path)
+    for (; !mounted.empty(); mounted.pop_back())
     {
         // With the sandbox the mounts end in any case.
-        static_cast<void>(umount2(path->c_str(), MNT_DETACH));
+        static_cast<void>(umount2(mounted.back().c_str(), MNT_DETACH));
     }
 }
 

@@ -23,8 +23,6 @@ namespace fs = std::filesystem;
 using namespace board;
 using namespace board::test;
 using namespace std::chrono_literals;
-using testing::Each;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
