@@ -75,8 +75,8 @@ int exchange(const Endpoint& endpoint,
     {
         return ETIMEDOUT;
     }
-    FileDescriptor device(
-        ::open(endpoint.device.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    FileDescriptor device(::open(endpoint.device.c_str(),
+                                 O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!device)
     {
         return errno;

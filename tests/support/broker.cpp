@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): kill
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,6 +44,8 @@ Broker::Broker()
     process = fork();
     if (process == 0)
     {
+        // However the test ends, no broker stays behind.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(ready[1], STDOUT_FILENO);
         execlp("dbus-daemon", "dbus-daemon", "--nofork", "--print-address",
                (std::string("--config-file=") + configuration).c_str(),

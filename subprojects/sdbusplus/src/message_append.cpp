@@ -2,8 +2,8 @@
 #include <sdbusplus/message/append.hpp>
 #include <sys/uio.h>
 
-// Every result is dropped here, in one place: a message that a value was left
-// out of is refused when it is sent, which is where the error is reported.
+// Every result is dropped here, in one place: appending is promised not to
+// fail, and a message that a value was left out of stays short of it.
 namespace sdbusplus::message::details
 {
 

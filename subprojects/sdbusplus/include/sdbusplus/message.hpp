@@ -107,7 +107,7 @@ class message
             std::apply(
                 [this](auto&... each)
                 {
-                    read(each...);
+                    this->read(each...);
                 },
                 values);
             return values;

@@ -154,12 +154,15 @@ class Interface:
         used = [p.type for p in self.properties]
         for signal in self.signals:
             used += [p.type for p in signal.properties]
-        found = set()
+        found = {"limits"} if self._has_limits() else set()
         for method in self.methods:
             used += [a.type for a in method.parameters + method.returns]
             if len(method.returns) > 1:
                 found.add("tuple")
         return sorted(found.union(*(t.headers for t in used)))
+
+    def _has_limits(self):
+        return any("numeric_limits" in p.cpp_default for p in self.properties)
 
     @property
     def property_types(self):

@@ -9,6 +9,17 @@ from . import definition, render
 from .error import UserError
 
 
+DESCRIPTION = """\
+Generates C++ bindings from the definition of a D-Bus interface; what it makes
+goes to standard output."""
+
+EPILOG = """\
+processes:
+  common-header  common.hpp, the name of the interface
+  server-header  server.hpp, the class that offers the interface
+  server-cpp     server.cpp, its code"""
+
+
 def _interface_name(text):
     if not re.fullmatch(r"[A-Za-z_]\w*(\.[A-Za-z_]\w*)+", text, re.ASCII):
         raise argparse.ArgumentTypeError(
@@ -20,10 +31,10 @@ def _interface_name(text):
 def _parser():
     parser = argparse.ArgumentParser(
         prog="sdbus++",
-        description="Generates C++ bindings from the definition of a D-Bus"
-        " interface; what it makes goes to standard output.",
-        epilog="Processes: common-header (the name of the interface),"
-        " server-header and server-cpp (the class that offers it).",
+        description=DESCRIPTION,
+        epilog=EPILOG,
+        # As written: names are not to be cut where a line ends.
+        formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.add_argument(
         "-r",
@@ -43,7 +54,7 @@ def _parser():
         "process",
         choices=list(render.PROCESSES),
         metavar="PROCESS",
-        help=", ".join(render.PROCESSES),
+        help="what to make, see below",
     )
     parser.add_argument(
         "name",

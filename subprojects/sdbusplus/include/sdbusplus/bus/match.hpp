@@ -43,8 +43,8 @@ struct match
     ~match() = default;
 
   private:
-    // On the heap: sd-bus keeps its address while the match may move.
     slot_t _slot;
+    // On the heap: sd-bus keeps its address while the match may move.
     std::unique_ptr<callback_t> _callback;
 };
 

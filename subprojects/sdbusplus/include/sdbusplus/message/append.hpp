@@ -12,9 +12,9 @@
 
 /** Writing C++ values into a message.
  *
- *  Appending never fails loudly: what sd-bus refuses (text that is not UTF-8,
- *  a sealed message) is left out, and the message, being short, is refused
- *  when it is sent. So callers need no error handling per value.
+ *  Appending never fails: what sd-bus refuses (text that is not UTF-8, any
+ *  value for a message that is sealed) is left out, and the message stays
+ *  short of it. Who passes text on that may be bad has to look at it before.
  */
 namespace sdbusplus::message::details
 {

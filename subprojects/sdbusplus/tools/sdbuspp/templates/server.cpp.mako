@@ -24,7 +24,9 @@ namespace sdbusplus::server::${interface.namespace}
 {
 
 ${cls}::${cls}(sdbusplus::bus_t& bus, const char* path) :
-    ${intf}(bus, path, interface, _vtable, this),
+    ${intf}(
+        bus, path, sdbusplus::common::${interface.namespace}::${cls}::interface,
+        _vtable, this),
     _sdbusplus_bus(bus)
 {}
 
@@ -52,9 +54,9 @@ int ${cls}::_callback_${method.name}(sd_bus_message* msg, void* context,
 % for signal in interface.signals:
 void ${cls}::${signal.cpp_name}(${arguments(signal.properties)})
 {
-    auto signal = ${intf}.new_signal("${signal.name}");
-    signal.append(${", ".join(p.cpp_name for p in signal.properties)});
-    signal.signal_send();
+    auto _msg = ${intf}.new_signal("${signal.name}");
+    _msg.append(${", ".join(p.cpp_name for p in signal.properties)});
+    _msg.signal_send();
 }
 
 % endfor

@@ -15,7 +15,7 @@
 
 #include <systemd/sd-bus.h>
 
-% for header in sorted(set(interface.headers) | ({"limits", "map", "string"} if interface.properties else set())):
+% for header in sorted(set(interface.headers) | ({"map", "string"} if interface.properties else set())):
 #include <${header}>
 % endfor
 
@@ -56,7 +56,7 @@ ${comment(method.description, "    ")}\
 % endfor
 % for property in interface.properties:
 ${comment(property.description, "    ")}\
-    virtual ${property.type.cpp} ${property.cpp_name}() const;
+    [[nodiscard]] virtual ${property.type.cpp} ${property.cpp_name}() const;
     /** Sets it and, unless skipSignal, announces a change; @return it. */
     virtual ${property.type.cpp} ${property.cpp_name}(${property.type.cpp} value, bool skipSignal);
     virtual ${property.type.cpp} ${property.cpp_name}(${property.type.cpp} value);

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "program.hpp"
+
+#include <cctype>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+/*
+ * What makes the platform's libraries replaceable: the exact symbols, the
+ * names that the loader looks for, and no call that bypasses it.
+ */
+
+namespace platform::test
+{
+namespace
+{
+
+/** The symbols that a library defines for others. */
+std::set<std::string> exportsOf(const char* library)
+{
+    const auto outcome =
+        run({{fromEnvironment("NM"), "--dynamic", "--defined-only",
+              "--format=posix", fromEnvironment(library)},
+             {}});
+    EXPECT_EQ(outcome.status, 0);
+    std::set<std::string> names;
+    std::istringstream lines(outcome.output);
+    for (std::string line; std::getline(lines, line);)
+    {
+        names.insert(line.substr(0, line.find(' ')));
+    }
+    return names;
+}
+
+using Names = std::set<std::string>;
+
+TEST(Exports, OfTheLogAreItsContract)
+{
+    EXPECT_EQ(exportsOf("LIBRARY_LOG"), (Names{"dlog_printf", "dmctp_trace"}));
+}
+
+TEST(Exports, OfTheHardwareAbstractionAreItsContract)
+{
+    EXPECT_EQ(exportsOf("LIBRARY_HAL"), Names{"ReadIO_Str_C"});
+}
+
+TEST(Exports, OfTheLockAreItsContract)
+{
+    const std::string string =
+        "RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+    EXPECT_EQ(exportsOf("LIBRARY_LOCK"),
+              (Names{"_Z11acquireLock" + string, "_Z8getShmId" + string,
+                     "_Z10removeLocki", "_Z9removeShmi",
+                     "_Z17setLockPermission" + string,
+                     "_Z16setShmPermission" + string}));
+}
+
+TEST(Exports, OfTheTransportAreItsContract)
+{
+    const std::string constructor =
+        "RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEhmmb"
+        "25_mctp_wrapper_network_id_";
+    const std::string send = "_ZN15mctp_wrapper_ep21send_message_blockingE";
+    const std::string request = "R31__mctp_wrapper_request_buffer_t";
+    const std::string response = "R28__mctp_wrapper_resp_buffer_t";
+    EXPECT_EQ(exportsOf("LIBRARY_MCTP"),
+              (Names{"_ZN15mctp_wrapper_epC1E" + constructor,
+                     "_ZN15mctp_wrapper_epC2E" + constructor,
+                     "_ZN15mctp_wrapper_epD1Ev", "_ZN15mctp_wrapper_epD2Ev",
+                     send + request + response}));
+}
+
+TEST(Sonames, CarryTheVersion)
+{
+    for (const std::string name : {"LOG", "HAL", "LOCK", "MCTP"})
+    {
+        std::string expected = "libplatform-" + name + ".so.1";
+        for (char& character : expected)
+        {
+            character = static_cast<char>(std::tolower(character));
+        }
+        const auto outcome = run({{fromEnvironment("READELF"), "--dynamic",
+                                   fromEnvironment("LIBRARY_" + name)},
+                                  {}});
+        EXPECT_NE(outcome.output.find("soname: [" + expected + "]"),
+                  std::string::npos)
+            << outcome.output;
+    }
+}
+
+TEST(Replacement, IsNotNeeded)
+{
+    const auto outcome = run({{fromEnvironment("CONTRACT_CALLER")}, {}});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "3\n-1\n-1\n2\n");
+}
+
+TEST(Replacement, TakesOverEachFunction)
+{
+    const auto outcome =
+        run({{fromEnvironment("CONTRACT_CALLER")},
+             {{"LD_PRELOAD", fromEnvironment("CONTRACT_PRELOAD")},
+              // The sanitizer's runtime comes later then.
+              {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "dlog_printf\n"
+                              "dmctp_trace\n"
+                              "ReadIO_Str_C\n1001\n"
+                              "acquireLock\n1002\n"
+                              "getShmId\n1003\n"
+                              "removeLock\n"
+                              "removeShm\n"
+                              "setLockPermission\n"
+                              "setShmPermission\n"
+                              "mctp_wrapper_ep\n"
+                              "send_message_blocking\n"
+                              "~mctp_wrapper_ep\n"
+                              "1004\n");
+}
+
+} // namespace
+} // namespace platform::test

@@ -1,0 +1,906 @@
+// SPDX-License-Identifier: Apache-2.0
+
+/**
+ * The daemon as a whole, from main to its return, with its four threads on a
+ * real bus. Only the platform's libraries are fakes, and sleeping takes no
+ * time: the daemon's main thread is held at a sleep where a test wants to look
+ * or to change something.
+ */
+
+#include "morrow/morrow.hpp"
+#include "morrow/power_state.hpp"
+#include "tests/support/broker.hpp"
+#include "tests/support/bus_observer.hpp"
+#include "tests/support/driver_files.hpp"
+#include "tests/support/fake_platform.hpp"
+#include "tests/support/host_service.hpp"
+#include "tests/support/limits.hpp"
+#include "tests/support/notify_socket.hpp"
+#include "tests/support/record.hpp"
+
+#include <pthread.h>
+#include <signal.h> // NOLINT(modernize-deprecated-headers): pthread_kill
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+/** The daemon's main function. */
+int morrow_main();
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+Texts operator+(Texts left, const Texts& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+constexpr const char* stopped = "log 4 morrow_signal: Stopped MORROW\n";
+constexpr const char* complete = "log 4 morrow: Discovery complete\n";
+constexpr const char* getsState =
+    "log 11 morrow_client: Entry [getcurrentpowerstate]\n";
+
+/** What a read of the host's state logs. */
+Texts reads(const std::string& state, const std::string& onOrOff)
+{
+    return {getsState,
+            "log 4 morrow_client: GetProperty - Enter\n",
+            "log 4 morrow_client: readproperty:objectName:[currenthoststate],"
+            "propertyName:[CurrentHostState]\n",
+            "log 4 morrow_client: readproperty:Power State is " + onOrOff +
+                "\n",
+            "log 4 morrow_client: readproperty:property value is "
+            "[xyz.openbmc_project.State.Host.HostState." +
+                state + "]\n",
+            "log 4 morrow_client: GetProperty - Exit\n"};
+}
+
+/** What a change of the state logs. */
+Texts changes(const std::string& text)
+{
+    return {"log 4 morrow: Entry change_State\n",
+            "log 4 morrow: " + text + "\n"};
+}
+
+/** A withdrawal of these endpoints. */
+Texts withdraws(const std::vector<int>& eids)
+{
+    Texts texts{"log 4 morrow_server: deleteAllEndpointObject - Enter\n"};
+    for (const int eid : eids)
+    {
+        const std::string text = "deleteAllEndpointObject - EID " +
+                                 std::to_string(eid) +
+                                 ": object deleted successfully\n";
+        texts.push_back("log 4 morrow_server: " + text);
+        texts.push_back("trace 4 morrow_server: " + text);
+    }
+    texts.emplace_back("log 4 morrow_server: deleteAllEndpointObject - Exit\n");
+    return texts;
+}
+
+/** The cleanup of a daemon that has discovered nothing. */
+Texts cleansUpNothing()
+{
+    return withdraws({}) +
+           Texts{"sleep 100 ms", "write unbind fff10000.i3c",
+                 "write unbind fff11000.i3c"};
+}
+
+/** From the scan of a node to its endpoint on the bus. */
+Texts publishes(const std::string& node, int eid)
+{
+    const std::string text = "createEndpointObject "
+                             "-[/xyz/openbmc_project/mctp/0/" +
+                             std::to_string(eid) +
+                             "] object created successful\n";
+    return {"setLockPermission " + node,
+            "setShmPermission " + node,
+            "log 4 morrow: Found i3c device: " + node + "\n",
+            "log 4 morrow: Entry [morrow_i3c_device_do_notify]\n",
+            "log 4 morrow: Device node path: [" + node + "]\n",
+            "log 4 morrow: ep: [00]\n",
+            "mctp_wrapper_ep " + node + " eid 0, 0, 0, false, network 0",
+            "send 00 81 0d",
+            "log 4 morrow: resp_buffer.len = [4]\n",
+            "log 4 morrow: [00]\n",
+            "log 4 morrow: [01]\n",
+            "log 4 morrow: [0d]\n",
+            "log 4 morrow: [00]\n",
+            "log 4 morrow: MCTP_CTRL_CMD_DISCOVERY_NOTIFY response received [" +
+                node + "]\n",
+            "log 4 morrow_server: createEndpointObject - Enter\n",
+            "log 4 morrow_server: " + text,
+            "trace 4 morrow_server: " + text,
+            "log 4 morrow_server: createEndpointObject - Exit\n",
+            "~mctp_wrapper_ep " + node};
+}
+
+/** A full discovery that finds nothing left over and both endpoints. */
+Texts discovers()
+{
+    return Texts{
+               "acquireLock /dev/i3c-mctp-0 gives -1",
+               "acquireLock /dev/i3c-mctp-1 gives -1",
+               "getShmId /dev/i3c-mctp-0 gives -1",
+               "getShmId /dev/i3c-mctp-1 gives -1",
+           } +
+           withdraws({}) +
+           Texts{
+               "sleep 100 ms",
+               "removeLock -1",
+               "removeLock -1",
+               "write unbind fff10000.i3c",
+               "write unbind fff11000.i3c",
+               "sleep 2000 ms",
+               "write bind fff10000.i3c",
+               "sleep 100 ms",
+           } +
+           publishes("/dev/i3c-mctp-0", 0x1D) +
+           Texts{
+               "write bind fff11000.i3c",
+               "sleep 100 ms",
+           } +
+           publishes("/dev/i3c-mctp-1", 0x9D) +
+           Texts{
+               "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+               "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
+               "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
+               "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-1\n",
+               "log 4 morrow: Number of elements in i3c_device_map: 2\n",
+               "log 4 morrow: Number of elements in i3c_device_notify_map: 2\n",
+               complete,
+           };
+}
+
+/** What the main thread does up to the state loop. */
+const Texts startsUp{
+    "log 4 morrow_signal: Entry [get_instance]\n",
+    "log 4 morrow_signal: Entry [morrow_signal]\n",
+    "log 4 morrow: Common Morrow [main]\n",
+    "trace 4 morrow: Common Morrow [main]\n",
+    "log 4 morrow: Entry [morrow_init]\n",
+    "log 4 morrow_signal: Entry [get_instance]\n",
+    "log 4 morrow_signal: Entry [morrow_init_signal]\n",
+    "log 4 morrow_signal: Entry [register_signal]\n",
+    "log 4 morrow_signal: Created signal thread\n",
+    "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+    "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+    "log 4 morrow_client: morrow_dbus_client_init - Exit\n",
+    "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+    "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+    "log 4 morrow_server: morrow_dbus_server_init - Exit\n",
+    "log 4 morrow_signal: Entry [get_instance]\n",
+    "log 4 morrow_signal: Entry [set_dbus_ready]\n",
+    "sleep 1000 ms",
+    "log 4 morrow: Initialization successful\n",
+    "trace 4 morrow: Initialization successful\n",
+    "ReadIO_Str_C CPU_VENDOR size 2",
+    "log 4 morrow: CPU vendor : 0\n\n",
+    "trace 4 morrow: CPU vendor : 0\n\n",
+};
+
+/** What the main thread does after it has seen a stop whose bus sides the
+ *  signal thread has stopped already. */
+const Texts stopsAgainAndLeaves{
+    "log 4 morrow: Stop initialization\n",
+    "log 4 morrow_signal: Entry [signal_thread_fn]\n",
+    "log 4 morrow_signal: Got signal Stopping MORROW\n",
+    "log 4 morrow_signal: Stopping Dbus\n",
+    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+    "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe write failed: "
+    "Bad file descriptor\n",
+    "log 1 morrow_client: stop_morrow_dbus_client -Failed to terminate "
+    "thread: Invalid argument\n",
+    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+    "log 1 morrow_server: stop_morrow_dbus_server -Signal pipe write failed: "
+    "Bad file descriptor\n",
+    "log 1 morrow_server: stop_morrow_dbus_server -Failed to terminate "
+    "thread: Invalid argument\n",
+    stopped,
+    "log 4 morrow_signal: Entry [wait_stop]\n",
+    "log 4 morrow: Exit [main]\n",
+    "trace 4 morrow: Exit [main]\n",
+};
+
+/** Runs the daemon on a thread of its own. SIGTERM goes to the daemon's
+ *  threads alone, as it does where there are no others. */
+class Daemon : public testing::Test
+{
+  protected:
+    Daemon()
+    {
+        sigset_t termination;
+        sigemptyset(&termination);
+        sigaddset(&termination, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+        broker.emplace();
+        host.emplace();
+        observer.emplace();
+        fake::endpoints["/dev/i3c-mctp-0"] = {fake::answer(0x1D)};
+        fake::endpoints["/dev/i3c-mctp-1"] = {fake::answer(0x9D)};
+        fake::onSleep = [this](int64_t) { sleeps(); };
+    }
+
+    ~Daemon() override
+    {
+        if (thread.joinable())
+        {
+            stop();
+        }
+        fake::onSleep = {};
+    }
+
+    void start()
+    {
+        thread = std::thread([this] {
+            sigset_t termination;
+            sigemptyset(&termination);
+            sigaddset(&termination, SIGTERM);
+            pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+            DriverFiles driver;
+            for (const auto& controller : controllers)
+            {
+                driver.comesUp(controller);
+            }
+            daemonThread = record::thisThread();
+            exitStatus = morrow_main();
+        });
+    }
+
+    /** Sends both SIGTERMs, lets the main thread go and joins it. */
+    void stop()
+    {
+        ::kill(getpid(), SIGTERM);
+        EXPECT_TRUE(record::waitFor(stopped));
+        hold = nullptr;
+        release();
+        EXPECT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+        ::kill(getpid(), SIGTERM);
+        thread.join();
+    }
+
+    /** Holds the main thread at its next sleep at which this is true. */
+    void holdWhen(std::function<bool()> condition)
+    {
+        const std::lock_guard lock(mutex);
+        hold = std::move(condition);
+    }
+
+    /** Waits until the main thread is held. */
+    void awaitHeld()
+    {
+        ASSERT_TRUE(held.try_acquire_for(std::chrono::seconds(30)));
+    }
+
+    /** Lets the held main thread go on. */
+    void release()
+    {
+        go.release();
+    }
+
+    /** The main thread's events from its n-th on. */
+    Texts story(std::size_t from = 0) const
+    {
+        const auto all = record::textsOf(daemonThread);
+        return {all.begin() + static_cast<std::ptrdiff_t>(from), all.end()};
+    }
+
+    /** Starts, and holds the daemon in its first idle second after it has
+     *  published both endpoints. */
+    void startToDiscovery()
+    {
+        host->goesTo("Running");
+        holdWhen([this] { return story().back() == "sleep 1000 ms" &&
+                                 record::count(complete) > 0; });
+        start();
+        awaitHeld();
+    }
+
+    std::optional<Broker> broker;
+    std::optional<HostService> host;
+    std::optional<BusObserver> observer;
+    std::vector<std::string> controllers{"fff10000.i3c", "fff11000.i3c"};
+    std::thread thread;
+    std::atomic<pid_t> daemonThread{0};
+    std::atomic<int> exitStatus{-1};
+
+  private:
+    void sleeps()
+    {
+        if (record::thisThread() != daemonThread)
+        {
+            return;
+        }
+        {
+            const std::lock_guard lock(mutex);
+            if (!hold || !hold())
+            {
+                return;
+            }
+        }
+        held.release();
+        go.acquire();
+    }
+
+    std::mutex mutex;
+    std::function<bool()> hold;
+    std::counting_semaphore<> held{0};
+    std::counting_semaphore<> go{0};
+};
+
+/** The signals that a thread blocks. */
+uint64_t blockedBy(pid_t thread)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) +
+                         "/status");
+    for (std::string line; std::getline(status, line);)
+    {
+        if (line.starts_with("SigBlk:"))
+        {
+            return std::stoull(line.substr(7), nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+pid_t threadOf(const std::string& text)
+{
+    for (const auto& event : record::events())
+    {
+        if (event.text == text)
+        {
+            return event.thread;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+// The whole story, thread by thread
+
+TEST_F(Daemon, StartUpWithARunningHostIsTheWholeStory)
+{
+    startToDiscovery();
+    EXPECT_THAT(
+        story(),
+        ElementsAreArray(startsUp + cleansUpNothing() +
+                         reads("Running", "on") + changes("Change State to ON") +
+                         discovers() + reads("Running", "on") +
+                         Texts{"sleep 1000 ms"}));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/29"),
+              " DevicePath=/dev/i3c-mctp-0 EID=29 EndpointType=1 NetworkId=0 "
+              "Slot=0 SupportedMessageTypes=[126,5]");
+    EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/157"),
+              " DevicePath=/dev/i3c-mctp-1 EID=157 EndpointType=1 NetworkId=0 "
+              "Slot=1 SupportedMessageTypes=[126,5]");
+}
+
+TEST_F(Daemon, StopIsTheWholeStory)
+{
+    startToDiscovery();
+    const auto before = story().size();
+    stop();
+    auto told = story(before);
+    // The handler runs on whichever thread takes the signal.
+    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(told, ElementsAreArray(stopsAgainAndLeaves));
+    EXPECT_EQ(exitStatus, 0);
+}
+
+TEST_F(Daemon, FirstTerminationIsTheWholeStoryOnTheSignalThread)
+{
+    startToDiscovery();
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    auto told =
+        record::textsOf(threadOf("log 4 morrow_signal: Got signal Stopping "
+                                 "MORROW\n"));
+    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(
+        told,
+        ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
+                    "log 4 morrow_signal: Got signal Stopping MORROW\n",
+                    "log 4 morrow_signal: Stopping Dbus\n",
+                    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+                    "log 4 morrow_client: stop_morrow_dbus_client - Exit\n",
+                    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Exit\n",
+                    "log 4 morrow_server: stop_morrow_dbus_server - Exit\n",
+                    stopped));
+}
+
+TEST_F(Daemon, FirstTerminationWithdrawsTheEndpointsAndTheName)
+{
+    startToDiscovery();
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+    const auto seen = observer->seen();
+    EXPECT_THAT(Texts(seen.end() - 3, seen.end()),
+                ElementsAre(HasSubstr("InterfacesRemoved "
+                                      "/xyz/openbmc_project/mctp/0/29 "),
+                            HasSubstr("InterfacesRemoved "
+                                      "/xyz/openbmc_project/mctp/0/157 "),
+                            "NameOwnerChanged gone"));
+    EXPECT_EQ(exitStatus, -1) << "one signal alone must not end the process";
+}
+
+TEST_F(Daemon, OneTerminationIsNotEnough)
+{
+    startToDiscovery();
+    holdWhen(nullptr);
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    release();
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_signal: Entry [signal_thread_fn]\n", 2));
+    EXPECT_EQ(exitStatus, -1);
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+}
+
+TEST_F(Daemon, HostThatGoesOffIsTheWholeStory)
+{
+    startToDiscovery();
+    const auto before = story().size();
+    fake::lockIds = {{"/dev/i3c-mctp-0", 10}, {"/dev/i3c-mctp-1", 11}};
+    fake::shmIds = {{"/dev/i3c-mctp-0", 20}, {"/dev/i3c-mctp-1", 21}};
+    host->goesTo("Off");
+    // Held in the second cleanup: there is one in each pass.
+    holdWhen([this, sleeps = 0]() mutable { return ++sleeps == 2; });
+    release();
+    awaitHeld();
+    EXPECT_THAT(
+        story(before),
+        ElementsAreArray(
+            reads("Off", "off") + changes("Change State to OFF") +
+            Texts{"acquireLock /dev/i3c-mctp-0 gives 10",
+                  "getShmId /dev/i3c-mctp-0 gives 20",
+                  "acquireLock /dev/i3c-mctp-1 gives 11",
+                  "getShmId /dev/i3c-mctp-1 gives 21"} +
+            withdraws({29, 157}) +
+            Texts{"sleep 100 ms", "removeLock 10", "removeLock 11",
+                  "remove /dev/i3c-mctp-0", "remove /dev/i3c-mctp-1",
+                  "removeShm 20", "removeShm 21", "write unbind fff10000.i3c",
+                  "write unbind fff11000.i3c"} +
+            reads("Off", "off") + changes("Change State to OFF") +
+            withdraws({}) + Texts{"sleep 100 ms"}));
+}
+
+TEST_F(Daemon, HostThatIsOffAtStartIsCleanedUpAfterInEveryPass)
+{
+    host->goesTo("Off");
+    holdWhen([this] {
+        return record::count("log 4 morrow: Change State to OFF\n") == 3;
+    });
+    start();
+    awaitHeld();
+    const Texts pass = reads("Off", "off") + changes("Change State to OFF");
+    EXPECT_THAT(story(),
+                ElementsAreArray(startsUp + cleansUpNothing() + pass +
+                                 cleansUpNothing() + pass + cleansUpNothing() +
+                                 pass + withdraws({}) +
+                                 Texts{"sleep 100 ms"}));
+}
+
+// Start-up
+
+TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
+{
+    NotifySocket manager;
+    std::string before;
+    fake::onVendorRead = [&] { before = manager.received(); };
+    bool readyInFirstPass = false;
+    holdWhen([&] { return record::count(getsState) == 0 &&
+                          record::count("sleep 100 ms") == 1; });
+    start();
+    awaitHeld();
+    readyInFirstPass = manager.received() == "READY=1";
+    EXPECT_EQ(before, "");
+    EXPECT_TRUE(readyInFirstPass);
+    fake::onVendorRead = {};
+}
+
+TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
+{
+    std::optional<limits::NoNewThreads> none;
+    fake::onSleep = {};
+    record::when("log 4 morrow: Common Morrow", [&none] { none.emplace(); });
+    // The third attempt can start its thread.
+    fake::onSleep = [&none, sleeps = 0](int64_t) mutable {
+        if (++sleeps == 2)
+        {
+            none.reset();
+        }
+    };
+    start();
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Initialization successful\n"));
+    const auto told = story();
+    const Texts failure{
+        "log 4 morrow: Entry [morrow_init]\n",
+        "log 4 morrow_signal: Entry [get_instance]\n",
+        "log 4 morrow_signal: Entry [morrow_init_signal]\n",
+        "log 4 morrow_signal: Entry [register_signal]\n",
+        "log 4 morrow_signal: Failed to create signal thread\n",
+        "log 4 morrow: Signal handler init failed [2]\n",
+        "log 4 morrow: Initialization failed\n",
+        "sleep 1000 ms",
+    };
+    EXPECT_EQ(Texts(told.begin() + 4, told.begin() + 4 + 16),
+              failure + failure);
+    EXPECT_EQ(Texts(told.begin() + 20, told.begin() + 20 + 5),
+              Texts(startsUp.begin() + 4, startsUp.begin() + 9));
+}
+
+TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
+{
+    fake::vendorReads = {{0, 1}};
+    host->goesTo("Running");
+    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
+                             record::count("log 4 morrow: Non Intel CPU : "
+                                           "State MORROW_SLEEP_EVENT\n") > 0; });
+    start();
+    awaitHeld();
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    host->goesTo("Off");
+    holdWhen([] {
+        return record::count("log 4 morrow: Non Intel CPU : State "
+                             "MORROW_SLEEP_EVENT\n") == 3;
+    });
+    release();
+    awaitHeld();
+    EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
+    EXPECT_EQ(record::count("log 4 morrow: Change State to ON\n"), 0);
+    EXPECT_EQ(record::count("write bind fff10000.i3c"), 0);
+}
+
+// Following the host
+
+TEST_F(Daemon, PowerSignalWithdrawsWhatWasPublishedAndRunningBringsItBack)
+{
+    startToDiscovery();
+    HostControl control;
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "x.StateS5"}});
+    ASSERT_TRUE(record::waitFor("trace 4 morrow_client: "
+                                "signalHandler_internalpowerstate:Power state "
+                                "is StateS5\n"));
+    ASSERT_TRUE(record::waitUntil(
+        [] { return shared_word::load(await_host_running) == 1; }));
+    const auto before = story().size();
+    holdWhen([this] { return story().back() == "sleep 1000 ms"; });
+    release();
+    awaitHeld();
+    // OFF in the first pass; the host still runs, so ON in the next.
+    const auto told = story(before);
+    EXPECT_THAT(told, testing::IsSupersetOf({
+                          "log 4 morrow: Change State to OFF\n",
+                          "log 4 morrow: Change State to ON\n",
+                          "log 4 morrow: Discovery complete\n",
+                      }));
+    EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 2U);
+    EXPECT_EQ(shared_word::load(power_down_pending), 0);
+    EXPECT_EQ(shared_word::load(await_host_running), 0);
+}
+
+TEST_F(Daemon, WarmResetDiscoversAnew)
+{
+    startToDiscovery();
+    HostControl control;
+    control.changes(HostControl::resetCause, {{"ResetCause", "x.WarmReset"}});
+    ASSERT_TRUE(record::waitUntil(
+        [] { return shared_word::load(await_host_running) == 1; }));
+    holdWhen([this] { return story().back() == "sleep 1000 ms"; });
+    release();
+    awaitHeld();
+    EXPECT_EQ(record::count(complete), 2);
+}
+
+TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
+{
+    host->answersError("test.Error.Broken");
+    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
+                             record::count(getsState) == 2; });
+    start();
+    awaitHeld();
+    const Texts failedRead{
+        getsState,
+        "log 4 morrow_client: GetProperty - Enter\n",
+        "log 1 morrow_client: GetProperty -SdBusError:sd_bus_call: "
+        "test.Error.Broken: as the test wants it\n",
+        "log 4 morrow_client: GetProperty - Exit\n",
+        "log 2 morrow_client: Failed to set read property\n",
+        "log 2 morrow: Failed to get current powerevent\n",
+        "sleep 1000 ms",
+    };
+    EXPECT_THAT(story(),
+                ElementsAreArray(startsUp + cleansUpNothing() + failedRead +
+                                 Texts{"sleep 1000 ms"} + failedRead));
+}
+
+TEST_F(Daemon, OneEndpointMissingIdlesInPartialDiscovery)
+{
+    controllers = {"fff10000.i3c"};
+    host->goesTo("Running");
+    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
+                             record::count("log 4 morrow: Start partial "
+                                           "discovery\n") > 0; });
+    start();
+    awaitHeld();
+    EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
+    EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 1U);
+}
+
+TEST_F(Daemon, WaitOfNTicksIsNSleepsAndNPlus1Reads)
+{
+    controllers = {};
+    host->goesTo("Running");
+    // The first node never shows up: a wait of one tick, then once more.
+    holdWhen([] { return record::count("sleep 2000 ms") == 2; });
+    start();
+    awaitHeld();
+    const auto told = story();
+    const auto first =
+        std::find(told.begin(), told.end(), "sleep 2000 ms");
+    const auto second = std::find(first + 1, told.end(), "sleep 2000 ms");
+    // One read after the discovery, one after the tick, one after the switch.
+    EXPECT_EQ(std::count(first, second, getsState), 3);
+    EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 1);
+}
+
+TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
+{
+    broker.reset(); // the child has a bus of its own
+    observer.reset();
+    host.reset();
+    EXPECT_EXIT(
+        {
+            broker.emplace();
+            host.emplace();
+            host->answers([](sd_bus_message* reply) {
+                return sd_bus_message_append(reply, "v", "u", 1U);
+            });
+            start();
+            (void)record::waitFor("never");
+            std::_Exit(1);
+        },
+        testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
+}
+
+// Terminations at awkward moments
+
+TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
+{
+    holdWhen([] { return false; });
+    record::when("log 4 morrow_client: morrow_dbus_client_init - Enter", [] {
+        ::kill(getpid(), SIGTERM);
+        ASSERT_TRUE(record::waitFor(stopped));
+    });
+    start();
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_signal: Entry [signal_thread_fn]\n", 2));
+    EXPECT_EQ(record::count("log 4 morrow_signal: Stopping Dbus\n"), 0);
+    EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
+    const auto before = story().size();
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+    auto told = story(before);
+    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(
+        told,
+        ElementsAre("log 4 morrow_signal: Got signal Stopping MORROW\n",
+                    "log 4 morrow_signal: Stopping Dbus\n",
+                    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+                    "log 4 morrow_client: stop_morrow_dbus_client - Exit\n",
+                    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                    "log 4 morrow_server: UnloadDBusObjects - Exit\n",
+                    "log 4 morrow_server: stop_morrow_dbus_server - Exit\n",
+                    stopped, "log 4 morrow_signal: Entry [wait_stop]\n",
+                    "log 4 morrow: Exit [main]\n",
+                    "trace 4 morrow: Exit [main]\n"));
+}
+
+TEST_F(Daemon, TerminationInTheMiddleOfADiscoveryEndsWell)
+{
+    host->goesTo("Running");
+    holdWhen([] { return record::count("write bind fff11000.i3c") > 0; });
+    start();
+    awaitHeld();
+    stop();
+    EXPECT_EQ(exitStatus, 0);
+    // The second endpoint comes too late for the bus.
+    EXPECT_THAT(story(), Contains("log 1 morrow_server: createEndpointObject - "
+                                  "Error: Bus pointer not present\n"));
+}
+
+TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
+{
+    startToDiscovery();
+    holdWhen(nullptr);
+    release();
+    // The second arrives when the first has been taken, at the earliest.
+    record::when("log 4 morrow_signal: Got signal Stopping MORROW",
+                 [] { ::kill(getpid(), SIGTERM); });
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+}
+
+/** A socket that takes connections and never answers. */
+class SilentBroker
+{
+  public:
+    SilentBroker() :
+        listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        std::string(path).copy(&address.sun_path[0],
+                               sizeof(address.sun_path) - 1);
+        if (bind(listener, reinterpret_cast<const sockaddr*>(&address), // NOLINT
+                 sizeof(address)) != 0 ||
+            listen(listener, 4) != 0)
+        {
+            throw std::runtime_error("no socket for a silent broker");
+        }
+        setenv("DBUS_SYSTEM_BUS_ADDRESS",
+               (std::string("unix:path=") + path).c_str(), 1);
+    }
+
+    SilentBroker(const SilentBroker&) = delete;
+    SilentBroker& operator=(const SilentBroker&) = delete;
+    SilentBroker(SilentBroker&&) = delete;
+    SilentBroker& operator=(SilentBroker&&) = delete;
+
+    ~SilentBroker()
+    {
+        close(listener);
+    }
+
+    /** Waits for a connection and for the first words on it. */
+    int takeConnection() const
+    {
+        const int connection = accept(listener, nullptr, nullptr);
+        char first = 0;
+        EXPECT_EQ(recv(connection, &first, 1, MSG_PEEK), 1);
+        return connection;
+    }
+
+  private:
+    static constexpr const char* path = "/run/silent";
+    int listener;
+};
+
+/** Holds the main thread at a sleep, then lets it into a handshake that takes
+ *  until the test ends it. */
+class Handshake : public Daemon
+{
+  protected:
+    void enterHandshake()
+    {
+        startToDiscovery();
+        real = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+        silent.emplace();
+        holdWhen([] { return false; });
+        release();
+        connection = silent->takeConnection();
+    }
+
+    void endHandshake()
+    {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", real.c_str(), 1);
+        silent.reset();
+        close(connection);
+    }
+
+    std::string real;
+    std::optional<SilentBroker> silent;
+    int connection = -1;
+};
+
+TEST_F(Handshake, TerminationStopsTheBusAtOnceAndTheReadFailsByItself)
+{
+    enterHandshake();
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    endHandshake();
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+    EXPECT_THAT(record::texts(),
+                Not(Contains(HasSubstr("Interrupted system call"))));
+    EXPECT_EQ(record::count("log 2 morrow: Failed to get current powerevent\n"),
+              1);
+}
+
+TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
+{
+    enterHandshake();
+    ASSERT_EQ(pthread_kill(thread.native_handle(), SIGTERM), 0);
+    EXPECT_EQ(record::count(stopped), 0);
+    endHandshake();
+    ASSERT_TRUE(record::waitFor(stopped));
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+    EXPECT_THAT(record::texts(),
+                Not(Contains(HasSubstr("Interrupted system call"))));
+}
+
+TEST_F(Daemon, OnlyTheBusThreadsBlockTermination)
+{
+    startToDiscovery();
+    constexpr uint64_t termination = 1ULL << (SIGTERM - 1);
+    EXPECT_NE(blockedBy(threadOf("log 4 morrow_client: morrowClientDBusHandler "
+                                 "- Enter\n")) &
+                  termination,
+              0U);
+    EXPECT_NE(blockedBy(threadOf("log 4 morrow_server: morrowDBusMgrHandler - "
+                                 "Enter\n")) &
+                  termination,
+              0U);
+    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_signal: Entry "
+                                 "[signal_thread_fn]\n")) &
+                  termination,
+              0U);
+    EXPECT_EQ(blockedBy(daemonThread) & termination, 0U);
+}
+
+// The log
+
+TEST_F(Daemon, EveryLineThatItLogsIsTheLineOfTheCall)
+{
+    startToDiscovery();
+    stop();
+    std::size_t looked = 0;
+    for (const auto& event : record::events())
+    {
+        if (event.source.empty())
+        {
+            continue;
+        }
+        std::ifstream source(std::string(MORROW_SOURCE_DIRECTORY "/") +
+                             event.source + ".cpp");
+        std::string line;
+        for (unsigned number = 0; number < event.line; ++number)
+        {
+            ASSERT_TRUE(std::getline(source, line)) << event.text;
+        }
+        const bool traced = event.text.starts_with("trace");
+        EXPECT_THAT(line, HasSubstr(traced ? "MORROW_TRACE(" : "MORROW_LOG("))
+            << event.text;
+        ++looked;
+    }
+    EXPECT_GT(looked, 100U);
+}
