@@ -2,28 +2,46 @@
 #include "board/error.hpp"
 #include "board/sandbox.hpp"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <exception>
 
 #include <gtest/gtest.h>
 
+namespace
+{
+
+/** @throws board::Error where the system closes off what the tests need */
+void enterSandbox()
+{
+    board::sandbox::enter();
+#ifdef NEEDS_FUSE
+    if (access("/dev/fuse", R_OK | W_OK) != 0)
+    {
+        throw board::Error::fromErrno("cannot open /dev/fuse", errno);
+    }
+#endif
+}
+
+} // namespace
+
 /** Every test program of the board runs in a sandbox of its own; where the
- *  system refuses one, it says so and counts as skipped. */
+ *  system refuses what it needs, it says so and counts as skipped. */
 int main(int argc, char** argv)
 try
 {
     constexpr int skipped = 77;
     testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests))
+    try
     {
-        try
-        {
-            board::sandbox::enter();
-        }
-        catch (const board::Error& error)
-        {
-            static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
-            return skipped;
-        }
+        enterSandbox();
+    }
+    catch (const board::Error& error)
+    {
+        static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
+        return skipped;
     }
     return RUN_ALL_TESTS();
 }

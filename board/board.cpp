@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/board.hpp"
+
+#include "board/error.hpp"
+#include "board/sandbox.hpp"
+
+#include <cstdlib>
+#include <fstream>
+#include <utility>
+
+namespace board
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+Timeline& insideASandbox(Timeline& timeline)
+{
+    if (!sandbox::entered())
+    {
+        throw Error("cannot make a board outside of a sandbox: enter one "
+                    "first, or run the program with morrow-sandbox");
+    }
+    return timeline;
+}
+
+/** The board's own libraries come before any that the caller asked for, which
+ *  come before the system's. */
+std::string libraryPath(const fs::path& libraries)
+{
+    const auto* const before = std::getenv("LD_LIBRARY_PATH");
+    if (before == nullptr || *before == '\0')
+    {
+        return libraries;
+    }
+    return libraries.string() + ":" + before;
+}
+
+std::vector<std::string> daemonEnvironment(const BoardOptions& options)
+{
+    auto unwanted = Bus::misleadingVariables();
+    unwanted.insert(unwanted.end(),
+                    {"DLOG_LEVEL", "NOTIFY_SOCKET", "JOURNAL_STREAM"});
+    const auto& libraries = options.installation.libraries;
+    const auto ownLibraries = fs::is_directory(libraries);
+    if (ownLibraries)
+    {
+        unwanted.emplace_back("LD_LIBRARY_PATH");
+    }
+    auto environment = environmentWithout(unwanted);
+    for (auto& variable : Bus::environment())
+    {
+        environment.push_back(std::move(variable));
+    }
+    environment.push_back("DLOG_LEVEL=" + std::to_string(options.logLevel));
+    if (ownLibraries)
+    {
+        environment.push_back("LD_LIBRARY_PATH=" + libraryPath(libraries));
+    }
+    return environment;
+}
+
+const fs::path& present(const fs::path& daemon)
+{
+    if (!fs::exists(daemon))
+    {
+        throw Error("cannot find the daemon " + daemon.string() +
+                    ": install it (meson install) or name it with --daemon");
+    }
+    return daemon;
+}
+
+} // namespace
+
+Controller::Controller(Kernel& kernel, std::size_t index) :
+    kernel(kernel), index(index)
+{
+}
+
+void Controller::comesUpAfter(std::chrono::milliseconds delay)
+{
+    auto how = kernel.comingUp(index);
+    how.after = delay;
+    kernel.setComingUp(index, how);
+}
+
+void Controller::neverComesUp()
+{
+    auto how = kernel.comingUp(index);
+    how.after.reset();
+    kernel.setComingUp(index, how);
+}
+
+void Controller::hasClassEntry(bool has)
+{
+    auto how = kernel.comingUp(index);
+    how.classEntry = has;
+    kernel.setComingUp(index, how);
+}
+
+std::optional<std::string> Controller::node() const
+{
+    return kernel.node(index);
+}
+
+EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
+    kernel(kernel), index(index)
+{
+}
+
+void EndpointControl::answers()
+{
+    kernel.setBehaviour(index, answering());
+}
+
+void EndpointControl::staysSilent()
+{
+    kernel.setBehaviour(index, silent());
+}
+
+void EndpointControl::behaves(Endpoint::Behaviour behaviour)
+{
+    kernel.setBehaviour(index, std::move(behaviour));
+}
+
+void EndpointControl::hasEid(std::uint8_t eid)
+{
+    kernel.setEid(index, eid);
+}
+
+Board::Board(Timeline& timeline, const BoardOptions& options) :
+    record(insideASandbox(timeline)), simulatedKernel(timeline),
+    privateBus(timeline, options.installation.policy),
+    simulatedHost(timeline, Bus::address(), options.hostState),
+    runDaemon(timeline, present(options.installation.daemon),
+              daemonEnvironment(options))
+{
+    setPlatformValue("CPU_VENDOR", "0");
+    timeline.record(event::Note{"The board boots, both controllers bound."});
+    simulatedKernel.boot();
+}
+
+Timeline& Board::timeline()
+{
+    return record;
+}
+
+Host& Board::host()
+{
+    return simulatedHost;
+}
+
+Bus& Board::bus()
+{
+    return privateBus;
+}
+
+Daemon& Board::daemon()
+{
+    return runDaemon;
+}
+
+Kernel& Board::kernel()
+{
+    return simulatedKernel;
+}
+
+Controller Board::controller(std::size_t index)
+{
+    return {simulatedKernel, index};
+}
+
+EndpointControl Board::endpoint(std::size_t index)
+{
+    return {simulatedKernel, index};
+}
+
+// A method, since the values are this board's, though they lie in its sandbox.
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+void Board::setPlatformValue(const std::string& key, const std::string& value)
+{
+    const auto path = fs::path("/run/platform/io") / key;
+    std::ofstream file(path);
+    file << value << '\n';
+    if (!file.flush())
+    {
+        throw Error("cannot write " + path.string());
+    }
+}
+
+Event Board::await(const std::string& what, const Timeline::Predicate& matches,
+                   std::size_t first, Timeline::Limit limit)
+try
+{
+    auto found = record.waitFor(
+        what,
+        [&](const Event& event)
+        {
+            return matches(event) || event.as<event::Exited>() != nullptr;
+        },
+        limit, first);
+    if (!matches(found))
+    {
+        throw WaitFailed("no " + what + ": the daemon ended before");
+    }
+    return found;
+}
+catch (const WaitFailed& failure)
+{
+    const auto where = runDaemon.threads();
+    if (where.empty())
+    {
+        throw;
+    }
+    throw WaitFailed(std::string(failure.what()) +
+                     "; the daemon is at: " + where);
+}
+
+} // namespace board

@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/bus.hpp"
+#include "board/daemon.hpp"
+#include "board/endpoint.hpp"
+#include "board/host.hpp"
+#include "board/installation.hpp"
+#include "board/kernel.hpp"
+#include "board/timeline.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace board
+{
+
+/** @brief One of the two I3C controllers, to be told how to behave. What is
+ *         said holds from its next bind on. */
+class Controller
+{
+  public:
+    Controller(Kernel& kernel, std::size_t index);
+
+    /** @brief Its device comes up this long after a bind. */
+    void comesUpAfter(std::chrono::milliseconds delay);
+
+    /** @brief Its device never comes up. */
+    void neverComesUp();
+
+    /** @brief Its device has a class entry, or has none. */
+    void hasClassEntry(bool has);
+
+    /** @brief Its node's name, while its device is up. */
+    [[nodiscard]] std::optional<std::string> node() const;
+
+  private:
+    Kernel& kernel;
+    std::size_t index;
+};
+
+/** @brief The MCTP endpoint behind one of the two controllers. What is said
+ *         holds from the next message on. */
+class EndpointControl
+{
+  public:
+    EndpointControl(Kernel& kernel, std::size_t index);
+
+    /** @brief It answers as it should. */
+    void answers();
+
+    /** @brief It never says anything. */
+    void staysSilent();
+
+    /** @brief It behaves in this way. */
+    void behaves(Endpoint::Behaviour behaviour);
+
+    /** @brief It has this endpoint id. */
+    void hasEid(std::uint8_t eid);
+
+  private:
+    Kernel& kernel;
+    std::size_t index;
+};
+
+/** @brief What a board begins with. */
+struct BoardOptions
+{
+    Installation installation{};
+    std::string hostState = "Off"; //!< the host's state at the beginning
+    int logLevel = 11; //!< the least severe level that is logged
+};
+
+/** A whole board around the daemon: kernel, endpoints, bus and host, and one
+ *  timeline of all that happens.
+ *
+ *  It begins as a board is after boot, before the daemon has run: both
+ *  controllers bound, their devices up as i3c-mctp-0 and i3c-mctp-1, well
+ *  behaved endpoints with the ids 0x1D and 0x9D behind them, an Intel CPU.
+ *  Stories and tests drive it in words like these:
+ *
+ *      board.controller(1).neverComesUp();
+ *      board.daemon().start();
+ *      board.host().goesTo("Running");
+ *      board.await<event::EndpointAdded>("endpoint");
+ *
+ *  Made inside a sandbox only, by the thread that starts the daemon, which
+ *  has to live as long as the board.
+ */
+class Board
+{
+  public:
+    /** @throws Error when a part cannot be made; nothing stays behind */
+    Board(Timeline& timeline, const BoardOptions& options);
+
+    [[nodiscard]] Timeline& timeline();
+    [[nodiscard]] Host& host();
+    [[nodiscard]] Bus& bus();
+    [[nodiscard]] Daemon& daemon();
+    [[nodiscard]] Kernel& kernel();
+
+    /** @param index 0 or 1 */
+    [[nodiscard]] Controller controller(std::size_t index);
+
+    /** @param index that of the controller before it, 0 or 1 */
+    [[nodiscard]] EndpointControl endpoint(std::size_t index);
+
+    /** @brief Set a value that the platform's hardware library reads.
+     *  @param value as text, decimal or 0x... */
+    void setPlatformValue(const std::string& key, const std::string& value);
+
+    /** @brief Wait for something that takes a running daemon.
+     *  @throws WaitFailed when the limit passes, or when the daemon ends first
+     */
+    Event await(const std::string& what, const Timeline::Predicate& matches,
+                std::size_t first = 0, Timeline::Limit limit = usualLimit);
+
+    /** @brief Wait for the first event of one kind. */
+    template <typename Kind>
+    Kind await(const std::string& what, std::size_t first = 0,
+               Timeline::Limit limit = usualLimit)
+    {
+        const auto found = await(
+            what,
+            [](const Event& event)
+            {
+                return event.as<Kind>() != nullptr;
+            },
+            first, limit);
+        return std::get<Kind>(found.body);
+    }
+
+    /** @brief Longer than the daemon takes for anything that it does once. */
+    static constexpr Timeline::Limit usualLimit = std::chrono::seconds(20);
+
+  private:
+    Timeline& record;
+    Kernel simulatedKernel;
+    Bus privateBus;
+    Host simulatedHost;
+    Daemon runDaemon;
+};
+
+} // namespace board

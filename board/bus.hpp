@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/endpoint_object.hpp"
+#include "board/event_thread.hpp"
+#include "board/line_reader.hpp"
+#include "board/process.hpp"
+#include "board/sd.hpp"
+#include "board/timeline.hpp"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace board
+{
+
+/** The board's system bus: a real broker of system type at the system bus's
+ *  own address in the sandbox.
+ *
+ *  Its policy is that of a system bus, where nobody may own a name or call a
+ *  method unless that is granted; the daemon's shipped policy grants what it
+ *  grants, and one more lets root play the host-state service. So a call that
+ *  the shipped policy forgets fails here as it would in the field.
+ *
+ *  A connection of its own listens to what the daemon announces and records
+ *  it on the timeline, on a thread of this object.
+ */
+class Bus
+{
+  public:
+    /** @brief Start the broker; it takes connections when this returns.
+     *  @param policy the daemon's policy file, as shipped
+     *  @throws Error when it does not start, with what it said */
+    Bus(Timeline& timeline, const std::filesystem::path& policy);
+
+    Bus(const Bus&) = delete;
+    Bus& operator=(const Bus&) = delete;
+    Bus(Bus&&) = delete;
+    Bus& operator=(Bus&&) = delete;
+    ~Bus();
+
+    /** @brief Its address, for DBUS_SYSTEM_BUS_ADDRESS. */
+    [[nodiscard]] static std::string address();
+
+    /** @brief The variables that lead a process to this bus, "NAME=value". */
+    [[nodiscard]] static std::vector<std::string> environment();
+
+    /** @brief The names of the variables that would lead it elsewhere. */
+    [[nodiscard]] static std::vector<std::string> misleadingVariables();
+
+    /** @brief The endpoints that the daemon publishes now, in all networks,
+     *         ordered by path: a client's GetManagedObjects.
+     *  @throws Error when the daemon does not answer */
+    [[nodiscard]] std::vector<EndpointObject> endpoints() const;
+
+  private:
+    void startBroker();
+    void awaitBroker(Pipe& address);
+    void observe(sd_event* loop);
+    void match(const std::string& rule, sd_bus_message_handler_t handler);
+
+    Timeline& timeline;
+    std::unique_ptr<Process> broker;
+    std::unique_ptr<LineReader> brokerOutput;
+    std::function<bool()> takeBrokerOutput;
+    sd::Bus observer;
+    std::vector<sd::Slot> matches;
+    sd::Source brokerSource;
+    EventThread thread;
+};
+
+} // namespace board

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/endpoint.hpp"
+#include "board/file_tree.hpp"
+#include "board/mctp_device.hpp"
+#include "board/timeline.hpp"
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace board
+{
+
+/** @brief The board has two I3C controllers. */
+inline constexpr std::size_t controllerCount = 2;
+
+/** @brief Their platform names, as bind and unbind take them. */
+inline constexpr std::array<const char*, controllerCount> controllerNames{
+    "fff10000.i3c", "fff11000.i3c"};
+
+/** @brief How a controller's MCTP device comes up after a bind. */
+struct ComingUp
+{
+    /** Time from bind to the device's coming up; none: never. */
+    std::optional<std::chrono::milliseconds> after =
+        std::chrono::milliseconds(150);
+    bool classEntry = true; //!< whether it has one under /sys/class/i3c-mctp
+};
+
+/** The silvaco-i3c-master driver with its two controllers: what happens on
+ *  bind and unbind, and which names appear and vanish with it.
+ *
+ *  A bound controller's device comes up after a while, under the lowest
+ *  number that no other device has then, and brings its directory below
+ *  sys/devices, its class entry (a link to that directory) and its node. On
+ *  unbind all of this goes before the call returns, whether the device had
+ *  come up or not.
+ *
+ *  No lock and no thread of its own; time is told to it. What happens is
+ *  recorded on the timeline.
+ */
+class I3cDriver
+{
+  public:
+    /** @param tree where the names appear; outlives this
+     *  @param timeline what is told; outlives this */
+    I3cDriver(FileTree& tree, Timeline& timeline);
+
+    /** @brief Bind a controller.
+     *  @return 0, ENODEV for an unknown name, EBUSY for a bound one */
+    int bind(std::string_view name, Clock::time_point now);
+
+    /** @brief Unbind a controller.
+     *  @return 0, ENODEV for a name that is unknown or not bound */
+    int unbind(std::string_view name, Clock::time_point now);
+
+    /** @brief Do what is due. */
+    void advance(Clock::time_point now);
+
+    /** @brief When the next thing is due, if anything is. */
+    [[nodiscard]] std::optional<Clock::time_point> nextDue() const;
+
+    /** @brief Somebody removes a node from dev/; the device lives on.
+     *  @return 0, or ENOENT when there is no such node */
+    int removeNode(std::string_view node);
+
+    /** @brief How a controller comes up from the next bind on.
+     *  @param controller 0 or 1 */
+    [[nodiscard]] ComingUp& comingUp(std::size_t controller);
+
+    /** @brief The endpoint behind a controller; it outlives every bind. */
+    [[nodiscard]] Endpoint& endpoint(std::size_t controller);
+
+    /** @brief The name of a controller's node while its device is up. */
+    [[nodiscard]] std::optional<std::string> node(std::size_t controller) const;
+
+  private:
+    struct Controller
+    {
+        std::shared_ptr<Endpoint> endpoint;
+        ComingUp comingUp{};
+        bool bound = false;
+        std::optional<Clock::time_point> upAt{};
+        std::shared_ptr<MctpDevice> device{}; //!< while up
+        std::size_t number = 0; //!< while up
+    };
+
+    [[nodiscard]] Controller* find(std::string_view name);
+    [[nodiscard]] Controller* firstToComeUp(Clock::time_point now);
+    [[nodiscard]] std::size_t indexOf(const Controller& controller) const;
+    [[nodiscard]] std::size_t lowestFreeNumber() const;
+    void bringUp(Controller& controller);
+    void takeDown(Controller& controller);
+
+    FileTree& tree;
+    Timeline& timeline;
+    std::array<Controller, controllerCount> controllers;
+};
+
+} // namespace board

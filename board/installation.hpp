@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <filesystem>
+
+namespace board
+{
+
+/** @brief Where the parts of an installed morrow are. */
+struct Installation
+{
+    std::filesystem::path daemon; //!< the program
+    std::filesystem::path libraries; //!< the platform libraries' directory
+    std::filesystem::path policy; //!< the daemon's bus policy
+
+    /** @brief The installation that a program of the binary directory belongs
+     *         to: found from the program's own place, so that it may have
+     *         been moved or staged as a whole. */
+    static Installation of(const std::filesystem::path& program);
+
+    /** @brief The installation that the running program belongs to. */
+    static Installation ofThisProgram();
+};
+
+} // namespace board

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/mctp_device.hpp"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace board
+{
+
+MctpDevice::MctpDevice(std::string node, std::shared_ptr<Endpoint> endpoint) :
+    name(std::move(node)), endpoint(std::move(endpoint))
+{
+}
+
+const std::string& MctpDevice::node() const
+{
+    return name;
+}
+
+int MctpDevice::open()
+{
+    if (gone)
+    {
+        return ENODEV;
+    }
+    return std::exchange(opened, true) ? EBUSY : 0;
+}
+
+void MctpDevice::close()
+{
+    opened = false;
+}
+
+int MctpDevice::write(std::span<const std::uint8_t> packet,
+                      Clock::time_point now)
+{
+    if (gone)
+    {
+        return ENODEV;
+    }
+    if (packet.size() > largestPacket)
+    {
+        return EINVAL;
+    }
+    for (auto& [reply, after] : endpoint->receive(packet))
+    {
+        const auto at = now + after;
+        const auto place =
+            std::upper_bound(underway.begin(), underway.end(), at,
+                             [](auto time, const Arrival& other)
+                             {
+                                 return time < other.at;
+                             });
+        underway.insert(place, {at, std::move(reply)});
+    }
+    advance(now);
+    return 0;
+}
+
+MctpDevice::ReadResult MctpDevice::read()
+{
+    if (gone)
+    {
+        return {ENODEV, {}};
+    }
+    if (waiting.empty())
+    {
+        return {EAGAIN, {}};
+    }
+    ReadResult result{0, std::move(waiting.front())};
+    waiting.pop_front();
+    return result;
+}
+
+unsigned MctpDevice::readiness() const
+{
+    if (gone)
+    {
+        return POLLHUP | POLLERR;
+    }
+    constexpr unsigned writable = POLLOUT | POLLWRNORM;
+    constexpr unsigned readable = POLLIN | POLLRDNORM;
+    return waiting.empty() ? writable : writable | readable;
+}
+
+void MctpDevice::remove()
+{
+    gone = true;
+    waiting.clear();
+    underway.clear();
+}
+
+void MctpDevice::advance(Clock::time_point now)
+{
+    while (!underway.empty() && underway.front().at <= now)
+    {
+        waiting.push_back(std::move(underway.front().packet));
+        underway.pop_front();
+    }
+}
+
+std::optional<Clock::time_point> MctpDevice::nextArrival() const
+{
+    return underway.empty() ? std::nullopt : std::optional(underway.front().at);
+}
+
+} // namespace board

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/endpoint.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace board
+{
+
+using Clock = std::chrono::steady_clock;
+
+/** The character device of one I3C MCTP device, from its coming up to its
+ *  driver's leaving: what the kernel's driver does behind the node.
+ *
+ *  Errors are errno values, 0 for success. A device lives as long as somebody
+ *  has it open, also after its driver has left it; then everything but
+ *  closing gives ENODEV. No thread and no lock of its own; nothing here
+ *  waits: time is told to it.
+ */
+class MctpDevice
+{
+  public:
+    /** @brief The largest packet: a 4-byte header and 64 bytes. */
+    static constexpr std::size_t largestPacket = platform::mctp::maxPacketSize;
+
+    struct ReadResult
+    {
+        int error = 0;
+        Bytes packet;
+    };
+
+    MctpDevice(std::string node, std::shared_ptr<Endpoint> endpoint);
+
+    /** @brief The name of its node, e.g. "i3c-mctp-0". */
+    [[nodiscard]] const std::string& node() const;
+
+    /** @brief Open it: EBUSY while another has it open, ENODEV when gone. */
+    int open();
+
+    /** @brief Close it: the next may open it. */
+    void close();
+
+    /** @brief Send one packet to the endpoint: EINVAL when it is larger than
+     *         a packet can be, ENODEV when gone. */
+    int write(std::span<const std::uint8_t> packet, Clock::time_point now);
+
+    /** @brief Take one packet: EAGAIN when none waits, ENODEV when gone. */
+    ReadResult read();
+
+    /** @brief What poll(2) tells: POLLOUT, POLLIN when a packet waits,
+     *         POLLHUP and POLLERR when gone. */
+    [[nodiscard]] unsigned readiness() const;
+
+    /** @brief The driver leaves: the device is gone for whoever holds it. */
+    void remove();
+
+    /** @brief Let the packets arrive whose time has come. */
+    void advance(Clock::time_point now);
+
+    /** @brief When the next packet arrives, if one is on its way. */
+    [[nodiscard]] std::optional<Clock::time_point> nextArrival() const;
+
+  private:
+    struct Arrival
+    {
+        Clock::time_point at;
+        Bytes packet;
+    };
+
+    std::string name;
+    std::shared_ptr<Endpoint> endpoint;
+    std::deque<Bytes> waiting;
+    std::deque<Arrival> underway; //!< ordered by time of arrival
+    bool opened = false;
+    bool gone = false;
+};
+
+} // namespace board

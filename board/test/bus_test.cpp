@@ -1,0 +1,520 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/bus.hpp"
+#include "board/host.hpp"
+#include "board/sd.hpp"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace board;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr auto limit = 10s;
+constexpr auto service = "xyz.openbmc_project.mctp";
+constexpr auto hostService = "xyz.openbmc_project.State.Host0";
+constexpr auto statePath = "/xyz/openbmc_project/state/host0";
+constexpr auto accessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+
+/** A client of its own on the bus. */
+class Client
+{
+  public:
+    Client() : bus(sd::connect(Bus::address()))
+    {
+    }
+
+    [[nodiscard]] sd_bus* get() const
+    {
+        return bus.get();
+    }
+
+    /** @return "" or the name of the error that it got */
+    std::string call(const std::string& destination, const std::string& path,
+                     const std::string& interface, const std::string& method)
+    {
+        sd::BusError error;
+        static_cast<void>(sd_bus_call_method(
+            bus.get(), destination.c_str(), path.c_str(), interface.c_str(),
+            method.c_str(), &error.error, nullptr, ""));
+        return error.error.name == nullptr ? "" : error.error.name;
+    }
+
+    std::string hostState()
+    {
+        char* text = nullptr;
+        sd::BusError error;
+        if (sd_bus_get_property_string(bus.get(), hostService, statePath,
+                                       "xyz.openbmc_project.State.Host",
+                                       "CurrentHostState", &error.error,
+                                       &text) < 0)
+        {
+            return error.error.name;
+        }
+        const std::unique_ptr<char, void (*)(void*)> owner(text, std::free);
+        return text;
+    }
+
+  private:
+    sd::Bus bus;
+};
+
+class PrivateBus : public testing::Test
+{
+  protected:
+    Timeline timeline;
+    Bus bus{timeline, POLICY_FILE};
+};
+
+TEST_F(PrivateBus, TakesConnectionsAtOnce)
+{
+    const Client client;
+    const char* name = nullptr;
+    EXPECT_GE(sd_bus_get_unique_name(client.get(), &name), 0);
+}
+
+TEST_F(PrivateBus, IsAtTheSystemBusesPlace)
+{
+    EXPECT_TRUE(std::filesystem::is_socket("/run/dbus/system_bus_socket"));
+    EXPECT_EQ(Bus::address(), "unix:path=/run/dbus/system_bus_socket");
+}
+
+TEST_F(PrivateBus, LetsNobodyOwnOtherNames)
+{
+    const Client client;
+    EXPECT_EQ(sd_bus_request_name(client.get(), "org.example.Other", 0),
+              -EACCES);
+    EXPECT_EQ(
+        sd_bus_request_name(client.get(), "xyz.openbmc_project.mctp.Other", 0),
+        -EACCES);
+}
+
+TEST_F(PrivateBus, LetsRootOwnTheDaemonsName)
+{
+    const Client client;
+    EXPECT_EQ(sd_bus_request_name(client.get(), service, 0), 1);
+}
+
+TEST_F(PrivateBus, LetsNoOtherUserOwnAName)
+{
+    const auto child = fork();
+    if (child == 0)
+    {
+        constexpr uid_t nobody = 65534;
+        if (setresuid(nobody, nobody, nobody) != 0)
+        {
+            _exit(77); // no other user in this sandbox
+        }
+        const Client client;
+        const auto refused =
+            sd_bus_request_name(client.get(), service, 0) == -EACCES &&
+            sd_bus_request_name(client.get(), hostService, 0) == -EACCES;
+        _exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == 77)
+    {
+        GTEST_SKIP() << "the sandbox has no other user";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+/** One that answers every method call with UnknownMethod, as sd-bus does for
+ *  objects that it does not have: what gets through is told from what the
+ *  broker refuses. */
+class PolicyTo : public PrivateBus
+{
+  public:
+    PolicyTo(const PolicyTo&) = delete;
+    PolicyTo& operator=(const PolicyTo&) = delete;
+    PolicyTo(PolicyTo&&) = delete;
+    PolicyTo& operator=(PolicyTo&&) = delete;
+
+  protected:
+    PolicyTo()
+    {
+        thread.run(
+            [this](sd_event* loop)
+            {
+                server = sd::connect(Bus::address());
+                sd::check(sd_bus_attach_event(server.get(), loop, 0), "attach");
+                sd::check(sd_bus_request_name(server.get(), service, 0), "own");
+            });
+    }
+
+    ~PolicyTo() override
+    {
+        thread.run(
+            [this](sd_event*)
+            {
+                server.reset();
+            });
+    }
+
+    bool getsThrough(const std::string& interface, const std::string& method)
+    {
+        return Client().call(service, "/xyz/openbmc_project/mctp/0/29",
+                             interface, method) != accessDenied;
+    }
+
+  private:
+    sd::Bus server;
+    EventThread thread;
+};
+
+TEST_F(PolicyTo, TheDaemonLetsEverybodyRead)
+{
+    EXPECT_TRUE(getsThrough("org.freedesktop.DBus.Properties", "Get"));
+    EXPECT_TRUE(getsThrough("org.freedesktop.DBus.Properties", "GetAll"));
+    EXPECT_TRUE(
+        getsThrough("org.freedesktop.DBus.Introspectable", "Introspect"));
+    EXPECT_TRUE(
+        getsThrough("org.freedesktop.DBus.ObjectManager", "GetManagedObjects"));
+    EXPECT_TRUE(
+        getsThrough("xyz.openbmc_project.mctp.Endpoint", "GetArbitration"));
+}
+
+TEST_F(PolicyTo, TheDaemonRefusesEverythingElse)
+{
+    EXPECT_FALSE(getsThrough("org.freedesktop.DBus.Properties", "Set"));
+    EXPECT_FALSE(getsThrough("org.freedesktop.DBus.Peer", "Ping"));
+    EXPECT_FALSE(getsThrough("xyz.openbmc_project.mctp.Endpoint", "Other"));
+    EXPECT_FALSE(getsThrough("org.example.Other", "GetArbitration"));
+}
+
+TEST_F(PrivateBus, RecordsTheOwnerOfTheDaemonsName)
+{
+    std::string unique;
+    {
+        const Client client;
+        const char* name = nullptr;
+        ASSERT_GE(sd_bus_get_unique_name(client.get(), &name), 0);
+        unique = name;
+        ASSERT_EQ(sd_bus_request_name(client.get(), service, 0), 1);
+        const auto taken = timeline.waitFor<event::NameOwner>("owner", limit);
+        EXPECT_EQ(taken.name, service);
+        EXPECT_EQ(taken.owner, unique);
+    }
+    const auto given = timeline.waitFor(
+        "no owner",
+        [](const Event& event)
+        {
+            const auto* const name = event.as<event::NameOwner>();
+            return name != nullptr && name->owner.empty();
+        },
+        limit);
+    EXPECT_EQ(given.as<event::NameOwner>()->name, service);
+}
+
+/** Publishes endpoint objects as the daemon does. */
+class Publisher
+{
+  public:
+    Publisher()
+    {
+        thread.run(
+            [this](sd_event* loop)
+            {
+                bus = sd::connect(Bus::address());
+                sd::check(sd_bus_attach_event(bus.get(), loop, 0), "attach");
+                for (const auto* manager : {"/xyz/openbmc_project/mctp/0",
+                                            "/xyz/openbmc_project/mctp/1",
+                                            "/xyz/openbmc_project/mctp/2"})
+                {
+                    sd::check(
+                        sd_bus_add_object_manager(bus.get(), nullptr, manager),
+                        "manager");
+                }
+                sd::check(sd_bus_request_name(bus.get(), service, 0), "own");
+            });
+    }
+
+    Publisher(const Publisher&) = delete;
+    Publisher& operator=(const Publisher&) = delete;
+    Publisher(Publisher&&) = delete;
+    Publisher& operator=(Publisher&&) = delete;
+
+    ~Publisher()
+    {
+        thread.run(
+            [this](sd_event*)
+            {
+                slot.reset();
+                bus.reset();
+            });
+    }
+
+    void publish()
+    {
+        thread.run(
+            [this](sd_event*)
+            {
+                sd_bus_slot* made = nullptr;
+                sd::check(sd_bus_add_object_vtable(
+                              bus.get(), &made, path,
+                              "xyz.openbmc_project.mctp.Endpoint",
+                              members().data(), this),
+                          "publish");
+                slot.reset(made);
+                sd::check(sd_bus_emit_object_added(bus.get(), path),
+                          "announce");
+            });
+    }
+
+    void changeSlot()
+    {
+        thread.run(
+            [this](sd_event*)
+            {
+                sd::check(sd_bus_emit_properties_changed(
+                              bus.get(), path,
+                              "xyz.openbmc_project.mctp.Endpoint", "Slot",
+                              nullptr),
+                          "change");
+            });
+    }
+
+    void withdraw()
+    {
+        thread.run(
+            [this](sd_event*)
+            {
+                sd::check(sd_bus_emit_object_removed(bus.get(), path),
+                          "withdraw");
+                slot.reset();
+            });
+    }
+
+    static constexpr auto path = "/xyz/openbmc_project/mctp/0/29";
+
+  private:
+    static int readTypes(sd_bus* /*bus*/, const char* /*path*/,
+                         const char* /*interface*/, const char* /*property*/,
+                         sd_bus_message* reply, void* /*self*/,
+                         sd_bus_error* /*error*/)
+    {
+        constexpr std::array<std::uint8_t, 2> types{0x7E, 0x05};
+        return sd_bus_message_append_array(reply, 'y', types.data(),
+                                           types.size());
+    }
+
+    static const std::array<sd_bus_vtable, 8>& members()
+    {
+        constexpr auto change = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+        static const std::array<sd_bus_vtable, 8> table{
+            sd_bus_vtable SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("NetworkId", "u", nullptr,
+                            offsetof(Publisher, networkId), change),
+            SD_BUS_PROPERTY("EID", "y", nullptr, offsetof(Publisher, eid),
+                            change),
+            SD_BUS_PROPERTY("SupportedMessageTypes", "ay", readTypes, 0,
+                            change),
+            SD_BUS_PROPERTY("EndpointType", "q", nullptr,
+                            offsetof(Publisher, type), change),
+            SD_BUS_PROPERTY("Slot", "q", nullptr,
+                            offsetof(Publisher, slotNumber), change),
+            SD_BUS_PROPERTY("DevicePath", "s", nullptr,
+                            offsetof(Publisher, device), change),
+            SD_BUS_VTABLE_END};
+        return table;
+    }
+
+    std::uint32_t networkId = 7;
+    std::uint8_t eid = 29;
+    std::uint16_t type = 1;
+    std::uint16_t slotNumber = 3;
+    const char* device = "/dev/i3c-mctp-0";
+    sd::Bus bus;
+    sd::Slot slot;
+    EventThread thread;
+};
+
+TEST_F(PrivateBus, RecordsWhatTheDaemonAnnounces)
+{
+    Publisher publisher;
+    publisher.publish();
+    EXPECT_EQ(timeline.waitFor<event::EndpointAdded>("added", limit).path,
+              Publisher::path);
+    publisher.changeSlot();
+    const auto changed =
+        timeline.waitFor<event::EndpointChanged>("changed", limit);
+    EXPECT_EQ(changed.path, Publisher::path);
+    EXPECT_EQ(changed.property, "Slot");
+    publisher.withdraw();
+    EXPECT_EQ(timeline.waitFor<event::EndpointRemoved>("removed", limit).path,
+              Publisher::path);
+}
+
+TEST_F(PrivateBus, ReadsEndpointsWithTheirSixProperties)
+{
+    Publisher publisher;
+    EXPECT_THAT(bus.endpoints(), IsEmpty());
+    publisher.publish();
+    const EndpointObject expected{Publisher::path,  7, 29, {0x7E, 0x05}, 1, 3,
+                                  "/dev/i3c-mctp-0"};
+    EXPECT_EQ(bus.endpoints(), std::vector{expected});
+}
+
+TEST_F(PrivateBus, SaysWhenTheDaemonDoesNotAnswer)
+{
+    try
+    {
+        static_cast<void>(bus.endpoints());
+        FAIL() << "somebody answered";
+    }
+    catch (const Error& error)
+    {
+        EXPECT_THAT(error.what(), HasSubstr("cannot read the endpoints at "
+                                            "/xyz/openbmc_project/mctp/0: "));
+    }
+}
+
+TEST(Bus, SaysWhyTheBrokerDoesNotStart)
+{
+    Timeline timeline;
+    std::ofstream("/run/bad.conf") << "<busconfig><nonsense/></busconfig>";
+    try
+    {
+        const Bus bus(timeline, "/run/bad.conf");
+        FAIL() << "it started";
+    }
+    catch (const Error& error)
+    {
+        EXPECT_THAT(error.what(),
+                    HasSubstr("the broker /usr/bin/dbus-daemon did not start"));
+        EXPECT_THAT(error.what(), HasSubstr("nonsense"));
+    }
+    EXPECT_THROW(Bus(timeline, "/no/such/policy"), Error);
+}
+
+class SimulatedHost : public PrivateBus
+{
+  protected:
+    Host host{timeline, Bus::address(), "Off"};
+    Client client;
+};
+
+TEST_F(SimulatedHost, ServesItsState)
+{
+    EXPECT_EQ(client.hostState(),
+              "xyz.openbmc_project.State.Host.HostState.Off");
+    host.goesTo("Running");
+    EXPECT_EQ(client.hostState(),
+              "xyz.openbmc_project.State.Host.HostState.Running");
+}
+
+/** The next PropertiesChanged from an object, as "property=value". */
+class Listener
+{
+  public:
+    Listener(Client& client, const std::string& path) : client(client)
+    {
+        sd_bus_slot* made = nullptr;
+        sd::check(sd_bus_match_signal(client.get(), &made, nullptr,
+                                      path.c_str(),
+                                      "org.freedesktop.DBus.Properties",
+                                      "PropertiesChanged", onChange, this),
+                  "match");
+        slot.reset(made);
+    }
+
+    std::string heard()
+    {
+        constexpr std::uint64_t waitUs = 10'000'000;
+        while (text.empty())
+        {
+            const auto done = sd_bus_process(client.get(), nullptr);
+            if (done < 0 ||
+                (done == 0 && sd_bus_wait(client.get(), waitUs) <= 0))
+            {
+                return "<nothing>";
+            }
+        }
+        return std::exchange(text, {});
+    }
+
+  private:
+    static int onChange(sd_bus_message* message, void* self,
+                        sd_bus_error* /*error*/)
+    {
+        const char* interface = nullptr;
+        const char* property = nullptr;
+        const char* value = nullptr;
+        auto& said = static_cast<Listener*>(self)->text;
+        said = sd_bus_message_read(message, "s", &interface) > 0 &&
+                       sd_bus_message_read(message, "a{sv}", 1, &property, "s",
+                                           &value) > 0
+                   ? std::string(property) + "=" + value
+                   : "<malformed>";
+        return 0;
+    }
+
+    Client& client;
+    sd::Slot slot;
+    std::string text;
+};
+
+TEST_F(SimulatedHost, AnnouncesItsState)
+{
+    Listener listener(client, statePath);
+    host.goesTo("Running");
+    EXPECT_EQ(listener.heard(),
+              "CurrentHostState=xyz.openbmc_project.State.Host.HostState."
+              "Running");
+}
+
+TEST_F(SimulatedHost, AnnouncesPowerStatesAndResets)
+{
+    Listener power(client,
+                   "/xyz/openbmc_project/control/host0/internal_power_state");
+    Listener reset(client, "/xyz/openbmc_project/control/host0/reset_cause");
+    host.entersPowerState("StateS5");
+    EXPECT_EQ(power.heard(),
+              "InternalPowerState=xyz.openbmc_project.Control.Host."
+              "InternalPowerState.State.StateS5");
+    host.isReset("WarmReset");
+    EXPECT_EQ(reset.heard(),
+              "ResetCause=xyz.openbmc_project.Control.Host.ResetCause.Cause."
+              "WarmReset");
+}
+
+TEST_F(SimulatedHost, RecordsWhatItDoes)
+{
+    host.goesTo("Running");
+    host.entersPowerState("StateS5");
+    const auto control =
+        timeline.waitFor<event::ControlSignal>("signal", limit);
+    EXPECT_EQ(control.property, "InternalPowerState");
+    const auto events = timeline.since();
+    std::vector<std::string> states;
+    for (const auto& event : events)
+    {
+        if (const auto* const state = event.as<event::HostState>())
+        {
+            states.push_back(state->value);
+        }
+    }
+    EXPECT_THAT(states, testing::ElementsAre(
+                            "xyz.openbmc_project.State.Host.HostState.Off",
+                            "xyz.openbmc_project.State.Host.HostState."
+                            "Running"));
+}
+
+TEST_F(SimulatedHost, CannotBeThereTwice)
+{
+    EXPECT_THROW(Host(timeline, Bus::address(), "Off"), Error);
+}
+
+} // namespace

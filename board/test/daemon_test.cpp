@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/daemon.hpp"
+#include "board/error.hpp"
+
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace board;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+constexpr auto limit = 10s;
+constexpr auto scriptPath = "/run/daemon";
+
+/** A shell script plays the daemon. */
+class RunDaemon : public testing::Test
+{
+  protected:
+    static void play(const std::string& script)
+    {
+        std::ofstream(scriptPath) << "#!/bin/sh\n" << script << "\n";
+        std::filesystem::permissions(scriptPath,
+                                     std::filesystem::perms::owner_all);
+    }
+
+    /** What a script needs to say READY=1. */
+    static constexpr auto ready = "systemd-notify --ready\n";
+    /** What a script needs to stay until it is killed. */
+    static constexpr auto stay = "while :; do sleep 0.01; done\n";
+
+    template <typename Kind>
+    std::vector<Kind> all()
+    {
+        std::vector<Kind> found;
+        for (const auto& event : timeline.since())
+        {
+            if (const auto* const body = event.as<Kind>())
+            {
+                found.push_back(*body);
+            }
+        }
+        return found;
+    }
+
+    Timeline timeline;
+    Daemon daemon{timeline, scriptPath, {"PATH=/usr/bin:/bin", "WORLD=board"}};
+};
+
+TEST_F(RunDaemon, TellsExitStatus)
+{
+    play("exit 5");
+    daemon.start();
+    const auto end = daemon.awaitExit(limit);
+    EXPECT_EQ(end.status, 5);
+    EXPECT_EQ(end.signal, 0);
+    EXPECT_FALSE(daemon.running());
+}
+
+TEST_F(RunDaemon, TellsTheSignalThatEndedIt)
+{
+    play("kill -BUS $$");
+    daemon.start();
+    const auto end = daemon.awaitExit(limit);
+    EXPECT_EQ(end.status, -1);
+    EXPECT_EQ(end.signal, SIGBUS);
+}
+
+TEST_F(RunDaemon, ReceivesReady)
+{
+    play(std::string(ready) + stay);
+    daemon.start();
+    daemon.awaitReady(limit);
+    EXPECT_TRUE(daemon.running());
+    EXPECT_THAT(all<event::Notified>().at(0).text, HasSubstr("READY=1"));
+}
+
+TEST_F(RunDaemon, CollectsLogRecordsAndEverythingElse)
+{
+    play("echo 'dlog 4 324 morrow:57:Entry [main]' >&2\n"
+         "echo 'trace 4 morrow:58:Common Morrow [main]' >&2\n"
+         "echo \"hello $WORLD\"; printf 'no line end'");
+    daemon.start();
+    daemon.awaitExit(limit);
+    const auto logs = all<event::Log>();
+    ASSERT_EQ(logs.size(), 1U);
+    EXPECT_EQ(logs[0].text, "Entry [main]");
+    EXPECT_EQ(all<event::Trace>().size(), 1U);
+    const auto outputs = all<event::Output>();
+    ASSERT_EQ(outputs.size(), 2U);
+    EXPECT_EQ(outputs[0].line, "hello board");
+    EXPECT_EQ(outputs[1].line, "no line end");
+}
+
+TEST_F(RunDaemon, RecordsItsEndAfterAllThatItSaid)
+{
+    play("seq 1 5000");
+    daemon.start();
+    daemon.awaitExit(limit);
+    const auto events = timeline.since();
+    EXPECT_EQ(all<event::Output>().size(), 5000U);
+    EXPECT_TRUE(events.back().as<event::Exited>());
+}
+
+TEST_F(RunDaemon, LogComesBeforeWhatHappensAfterIt)
+{
+    play("trap 'echo \"dlog 4 324 morrow:1:term\"; touch /run/logged' TERM\n" +
+         std::string(ready) + stay);
+    daemon.start();
+    daemon.awaitReady(limit);
+    for (auto round = 1U; round <= 20; ++round)
+    {
+        std::filesystem::remove("/run/logged");
+        daemon.terminate();
+        while (!std::filesystem::exists("/run/logged"))
+        {
+        }
+        timeline.record(event::Note{"after"});
+        const auto logs = all<event::Log>();
+        ASSERT_EQ(logs.size(), round);
+        ASSERT_TRUE(timeline.since().back().as<event::Note>());
+    }
+}
+
+TEST_F(RunDaemon, GetsSigtermOnceOrTwice)
+{
+    play("n=0\n"
+         "trap 'n=$((n+1)); echo term $n; [ $n = 2 ] && exit 0' TERM\n" +
+         std::string(ready) + stay);
+    daemon.start();
+    daemon.awaitReady(limit);
+    daemon.terminate();
+    timeline.waitFor<event::Output>("first word", limit);
+    EXPECT_TRUE(daemon.running());
+    daemon.terminate();
+    EXPECT_EQ(daemon.awaitExit(limit).status, 0);
+    EXPECT_EQ(all<event::Signalled>().size(), 2U);
+    EXPECT_EQ(all<event::Signalled>()[0].signal, SIGTERM);
+    EXPECT_EQ(all<event::Output>()[1].line, "term 2");
+}
+
+TEST_F(RunDaemon, NoticesAHang)
+{
+    play("trap '' TERM\n" + std::string(ready) + stay);
+    daemon.start();
+    daemon.awaitReady(limit);
+    daemon.terminate();
+    try
+    {
+        daemon.awaitExit(100ms);
+        FAIL() << "it ended";
+    }
+    catch (const WaitFailed& failure)
+    {
+        EXPECT_THAT(failure.what(),
+                    HasSubstr("no end of the daemon within 100 ms; it hangs: "
+                              "daemon in "));
+    }
+    EXPECT_TRUE(daemon.running());
+}
+
+TEST_F(RunDaemon, SaysWhenItEndsBeforeReady)
+{
+    play("exit 1");
+    daemon.start();
+    try
+    {
+        daemon.awaitReady(limit);
+        FAIL() << "it is ready";
+    }
+    catch (const WaitFailed& failure)
+    {
+        EXPECT_STREQ(failure.what(), "the daemon ended before READY=1");
+    }
+}
+
+TEST_F(RunDaemon, CanBeStartedAgain)
+{
+    play(std::string(ready) + "exit 3");
+    daemon.start();
+    daemon.awaitReady(limit);
+    EXPECT_EQ(daemon.awaitExit(limit).status, 3);
+    play(std::string(ready) + "exit 4");
+    daemon.start();
+    daemon.awaitReady(limit);
+    EXPECT_EQ(daemon.awaitExit(limit).status, 4);
+}
+
+TEST_F(RunDaemon, IsNotStartedTwice)
+{
+    play(stay);
+    daemon.start();
+    EXPECT_THROW(daemon.start(), Error);
+}
+
+TEST_F(RunDaemon, IsKilledAtTheEnd)
+{
+    play("trap '' TERM\n" + std::string(stay));
+    pid_t process = 0;
+    {
+        Daemon other(timeline, scriptPath, {"PATH=/usr/bin:/bin"});
+        other.start();
+        process = other.process();
+        EXPECT_EQ(kill(process, 0), 0);
+    }
+    EXPECT_EQ(kill(process, 0), -1);
+}
+
+TEST_F(RunDaemon, SaysWhatCannotBeRun)
+{
+    Daemon other(timeline, "/no/such/daemon", {});
+    EXPECT_THROW(other.start(), Error);
+    EXPECT_FALSE(other.running());
+    EXPECT_THROW(other.terminate(), Error);
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/fd.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/** System calls on the simulated kernel's files, with their errno as value. */
+namespace board::test
+{
+
+inline Fd openNode(const std::string& path, int flags = O_RDWR)
+{
+    return Fd(open(path.c_str(), flags | O_CLOEXEC));
+}
+
+/** @return 0 or the errno of the failed open */
+inline int openError(const std::string& path, int flags = O_RDWR)
+{
+    return openNode(path, flags) ? 0 : errno;
+}
+
+/** @return 0 or the errno; -1 for a short write */
+inline int writeTo(const Fd& file, const std::vector<std::uint8_t>& bytes)
+{
+    const auto written = write(file.get(), bytes.data(), bytes.size());
+    if (written < 0)
+    {
+        return errno;
+    }
+    return written == static_cast<ssize_t>(bytes.size()) ? 0 : -1;
+}
+
+/** Writes a text as the shell's redirection does. */
+inline int writeText(const std::string& path, const std::string& text)
+{
+    const auto file = openNode(path, O_WRONLY | O_TRUNC);
+    if (!file)
+    {
+        return errno;
+    }
+    return writeTo(file, {text.begin(), text.end()});
+}
+
+struct ReadResult
+{
+    int error = 0;
+    std::vector<std::uint8_t> bytes;
+};
+
+inline ReadResult readFrom(const Fd& file, std::size_t size = 256)
+{
+    std::vector<std::uint8_t> bytes(size);
+    const auto got = read(file.get(), bytes.data(), bytes.size());
+    if (got < 0)
+    {
+        return {errno, {}};
+    }
+    bytes.resize(static_cast<std::size_t>(got));
+    return {0, bytes};
+}
+
+/** Waits in poll(2) for at most ten seconds: the events that came. */
+inline int pollFor(const Fd& file, short events, int limitMs = 10000)
+{
+    pollfd source{file.get(), events, 0};
+    return poll(&source, 1, limitMs) < 0 ? -errno : source.revents;
+}
+
+} // namespace board::test

@@ -1,0 +1,291 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/fd.hpp"
+#include "board/line_reader.hpp"
+#include "board/process.hpp"
+
+#include <poll.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace board;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr int limitMs = 30000;
+// A place in the test's sandbox that the board's own, made inside it, does not
+// cover.
+constexpr auto scriptDirectory = "/mnt";
+constexpr auto script = "/mnt/daemon";
+
+/** A run of morrow-board. */
+class Program
+{
+  public:
+    explicit Program(std::vector<std::string> arguments,
+                     const std::vector<std::string>& environment = {}) :
+        process(command(std::move(arguments)),
+                with(environmentWithout({"NO_COLOR"}), environment),
+                {{pipe.writeEnd.get(), STDOUT_FILENO},
+                 {pipe.writeEnd.get(), STDERR_FILENO}}),
+        reader(std::move(pipe.readEnd))
+    {
+        pipe.writeEnd.reset();
+    }
+
+    /** Reads until a line contains a word; false when it never does. */
+    bool reads(const std::string& word)
+    {
+        auto found = false;
+        auto more = true;
+        while (!found && more)
+        {
+            more = awaitOutput() &&
+                   reader.drain(
+                       [&](std::string_view line)
+                       {
+                           output += std::string(line) + '\n';
+                           found =
+                               found || line.find(word) != std::string::npos;
+                       });
+        }
+        return found;
+    }
+
+    /** Its exit status, with all of its output read. */
+    int end()
+    {
+        static_cast<void>(reads("\n")); // no line has one: reads to the end
+        pollfd source{process.endFd(), POLLIN, 0};
+        EXPECT_EQ(poll(&source, 1, limitMs), 1);
+        return process.ended().value_or(ExitStatus{-2, 0}).status;
+    }
+
+    void signal(int number)
+    {
+        process.signal(number);
+    }
+
+    [[nodiscard]] pid_t id() const
+    {
+        return process.id();
+    }
+
+    std::string output;
+
+  private:
+    static std::vector<std::string> command(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), BOARD_PROGRAM);
+        return arguments;
+    }
+
+    static std::vector<std::string> with(std::vector<std::string> variables,
+                                         const std::vector<std::string>& more)
+    {
+        variables.insert(variables.end(), more.begin(), more.end());
+        return variables;
+    }
+
+    bool awaitOutput()
+    {
+        pollfd source{reader.fd(), POLLIN, 0};
+        return poll(&source, 1, limitMs) > 0;
+    }
+
+    Pipe pipe;
+    Process process;
+    LineReader reader;
+};
+
+/** Runs morrow-board with a shell script as the daemon. */
+std::vector<std::string> playing(const std::string& text)
+{
+    static const auto mounted =
+        mount("tmpfs", scriptDirectory, "tmpfs", 0, nullptr);
+    EXPECT_EQ(mounted, 0);
+    std::ofstream(script) << "#!/bin/sh\n" << text << "\n";
+    fs::permissions(script, fs::perms::owner_all);
+    return {"--daemon", script, "--policy", POLICY_FILE};
+}
+
+std::string lastLine(const std::string& output)
+{
+    const auto end = output.rfind('\n', output.size() - 2);
+    return output.substr(end == std::string::npos ? 0 : end + 1);
+}
+
+TEST(BoardProgram, ExplainsItself)
+{
+    Program program({"--help"});
+    EXPECT_EQ(program.end(), 0);
+    EXPECT_THAT(program.output, HasSubstr("Usage: morrow-board [OPTIONS]"));
+    EXPECT_THAT(program.output, HasSubstr("--daemon FILE"));
+    EXPECT_THAT(program.output, HasSubstr("Exit status: 0 all went as told"));
+}
+
+TEST(BoardProgram, RefusesWrongUsage)
+{
+    Program program({"--nonsense"});
+    EXPECT_EQ(program.end(), 2);
+}
+
+TEST(BoardProgram, SaysWhatIsMissing)
+{
+    Program daemon({"--daemon", "/no/such/daemon", "--policy", POLICY_FILE});
+    EXPECT_EQ(daemon.end(), 1);
+    EXPECT_EQ(lastLine(daemon.output),
+              "Not as told: cannot find the daemon /no/such/daemon: install it "
+              "(meson install) or name it with --daemon.\n");
+    Program policy({"--daemon", "/bin/true", "--policy", "/no/such/policy"});
+    EXPECT_EQ(policy.end(), 1);
+    EXPECT_THAT(lastLine(policy.output),
+                HasSubstr("cannot find the bus policy /no/such/policy"));
+}
+
+TEST(BoardProgram, TellsWhatDifferedFromTheStory)
+{
+    Program program(playing("echo 'dlog 1 324 morrow:1:no bus'; exit 3"));
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_THAT(program.output, HasSubstr("daemon   ended with status 3\n"));
+    EXPECT_THAT(program.output, HasSubstr("log      morrow:1  no bus\n"));
+    EXPECT_EQ(lastLine(program.output),
+              "Not as told: the daemon ended before READY=1.\n");
+}
+
+TEST(BoardProgram, UsesNoColourInAPipe)
+{
+    Program program(playing("exit 0"));
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_THAT(program.output, Not(HasSubstr("\033")));
+}
+
+TEST(BoardProgram, ShowsEverythingWhenAsked)
+{
+    auto arguments = playing("echo 'dlog 11 324 morrow:1:detail'");
+    Program brief(arguments);
+    EXPECT_EQ(brief.end(), 1);
+    EXPECT_THAT(brief.output, Not(HasSubstr("detail")));
+    arguments.emplace_back("--verbose");
+    Program verbose(arguments);
+    EXPECT_EQ(verbose.end(), 1);
+    EXPECT_THAT(verbose.output, HasSubstr("log      morrow:1  detail\n"));
+}
+
+/** What a board could leave behind on the machine around it. */
+std::string surroundings()
+{
+    std::string all;
+    std::getline(std::ifstream("/proc/self/mountinfo"), all, '\0');
+    for (const auto* directory : {"/run", "/run/dbus", "/dev", "/sys"})
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(directory))
+        {
+            names.push_back(entry.path());
+        }
+        std::sort(names.begin(), names.end());
+        for (const auto& name : names)
+        {
+            all += name + '\n';
+        }
+    }
+    return all;
+}
+
+/** The processes of a board that runs, itself left out. */
+std::vector<pid_t> childrenOf(pid_t process)
+{
+    std::vector<pid_t> children;
+    std::ifstream file("/proc/" + std::to_string(process) + "/task/" +
+                       std::to_string(process) + "/children");
+    for (pid_t child = 0; file >> child;)
+    {
+        children.push_back(child);
+    }
+    return children;
+}
+
+bool end(const std::vector<pid_t>& processes)
+{
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto isThere = [](pid_t process)
+    {
+        return kill(process, 0) == 0;
+    };
+    while (std::any_of(processes.begin(), processes.end(), isThere))
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+        {
+            return false;
+        }
+        usleep(1000);
+    }
+    return true;
+}
+
+constexpr auto staying = "echo 'dlog 4 324 morrow:1:here'\n"
+                         "trap '' TERM INT\n"
+                         "while :; do sleep 0.01; done";
+
+TEST(BoardProgram, LeavesNothingBehindWhenInterrupted)
+{
+    for (const auto number : {SIGINT, SIGTERM, SIGHUP})
+    {
+        const auto arguments = playing(staying);
+        const auto before = surroundings();
+        Program program(arguments);
+        ASSERT_TRUE(program.reads("here"));
+        const auto children = childrenOf(program.id());
+        EXPECT_EQ(children.size(), 2U); // the broker and the daemon
+        program.signal(number);
+        EXPECT_EQ(program.end(), 130);
+        EXPECT_EQ(lastLine(program.output),
+                  "Interrupted; nothing is left behind.\n");
+        EXPECT_TRUE(end(children));
+        EXPECT_EQ(surroundings(), before);
+    }
+}
+
+TEST(BoardProgram, LeavesNothingBehindWhenKilled)
+{
+    const auto arguments = playing(staying);
+    const auto before = surroundings();
+    Program program(arguments);
+    ASSERT_TRUE(program.reads("here"));
+    const auto children = childrenOf(program.id());
+    EXPECT_EQ(children.size(), 2U);
+    program.signal(SIGKILL);
+    static_cast<void>(program.end());
+    EXPECT_TRUE(end(children));
+    EXPECT_EQ(surroundings(), before);
+}
+
+TEST(BoardProgram, SaysWhatToDoWhereFuseIsClosedOff)
+{
+    // The test's own sandbox stands for a machine without FUSE.
+    ASSERT_EQ(umount("/dev/fuse"), 0);
+    ASSERT_TRUE(fs::remove("/dev/fuse"));
+    Program program(playing("exit 0"));
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_THAT(
+        lastLine(program.output),
+        HasSubstr("cannot open /dev/fuse: No such file or directory; "));
+}
+
+} // namespace
