@@ -112,11 +112,11 @@ TEST_F(RunDaemon, RecordsItsEndAfterAllThatItSaid)
 
 TEST_F(RunDaemon, LogComesBeforeWhatHappensAfterIt)
 {
-    play("trap 'echo \"dlog 4 324 morrow:1:term\"; touch /run/logged' TERM\n" +
+    play("trap 'echo \"dlog 4 324 morrow:1:term\"; : > /run/logged' TERM\n" +
          std::string(ready) + stay);
     daemon.start();
     daemon.awaitReady(limit);
-    for (auto round = 1U; round <= 20; ++round)
+    for (auto round = 1U; round <= 100; ++round)
     {
         std::filesystem::remove("/run/logged");
         daemon.terminate();
