@@ -4,12 +4,11 @@
 #include "record.hpp"
 
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <sdbusplus/bus.hpp>
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -25,8 +24,8 @@ namespace
 constexpr const char* service = "xyz.openbmc_project.mctp";
 constexpr const char* interface = "xyz.openbmc_project.mctp.Endpoint";
 
-using Value =
-    std::variant<std::string, std::vector<uint8_t>, uint16_t, uint32_t, uint8_t>;
+using Value = std::variant<std::string, std::vector<uint8_t>, uint16_t,
+                           uint32_t, uint8_t>;
 using Properties = std::map<std::string, Value>;
 using Interfaces = std::map<std::string, Properties>;
 
@@ -55,7 +54,8 @@ std::string textOf(const Value& value)
         return "[" + list + "]";
     }
     return std::visit(
-        [](const auto& number) -> std::string {
+        [](const auto& number) -> std::string
+        {
             if constexpr (std::is_integral_v<
                               std::remove_cvref_t<decltype(number)>>)
             {
@@ -185,8 +185,7 @@ BusObserver::~BusObserver()
 
 std::vector<std::string> BusObserver::seen() const
 {
-    auto texts = record::textsOf(
-        std::atomic_ref<const pid_t>(threadId).load());
+    auto texts = record::textsOf(std::atomic_ref<const pid_t>(threadId).load());
     std::erase(texts, "mark");
     return texts;
 }
@@ -195,9 +194,8 @@ void BusObserver::catchUp()
 {
     // The answer comes behind the daemon's signals; without a daemon there is
     // nothing to wait for.
-    (void)sd_bus_call_method(marker, service, "/",
-                             "org.freedesktop.DBus.Peer", "Ping", nullptr,
-                             nullptr, nullptr);
+    (void)sd_bus_call_method(marker, service, "/", "org.freedesktop.DBus.Peer",
+                             "Ping", nullptr, nullptr, nullptr);
     check(sd_bus_emit_signal(marker, "/test", "test.Marker", "Mark", nullptr),
           "mark");
     if (!record::waitFor("mark", ++marks))
@@ -213,9 +211,10 @@ void BusObserver::run()
     {
         int busy = 0;
         while ((busy = sd_bus_process(bus, nullptr)) > 0)
-        {}
-        std::array<pollfd, 2> watched{{{sd_bus_get_fd(bus), POLLIN, 0},
-                                       {stopEvent, POLLIN, 0}}};
+        {
+        }
+        std::array<pollfd, 2> watched{
+            {{sd_bus_get_fd(bus), POLLIN, 0}, {stopEvent, POLLIN, 0}}};
         // Without a broker there is nothing to see but the stop.
         const nfds_t count = busy < 0 ? 1 : 2;
         (void)poll(watched.data() + (2 - count), count, -1);
@@ -231,48 +230,56 @@ namespace busctl
 
 std::string getAll(const std::string& path)
 {
-    return orError([&](sdbusplus::bus_t& bus) {
-        auto call = newCall(bus, path, propertiesInterface, "GetAll");
-        call.append(interface);
-        auto reply = bus.call(call);
-        Properties properties;
-        reply.read(properties);
-        return textOf(properties);
-    });
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(bus, path, propertiesInterface, "GetAll");
+            call.append(interface);
+            auto reply = bus.call(call);
+            Properties properties;
+            reply.read(properties);
+            return textOf(properties);
+        });
 }
 
 std::string getArbitration(const std::string& path, uint8_t eid)
 {
-    return orError([&](sdbusplus::bus_t& bus) {
-        auto call = newCall(bus, path, interface, "GetArbitration");
-        call.append(eid);
-        auto reply = bus.call(call);
-        uint32_t answer = 0;
-        reply.read(answer);
-        return std::to_string(answer);
-    });
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(bus, path, interface, "GetArbitration");
+            call.append(eid);
+            auto reply = bus.call(call);
+            uint32_t answer = 0;
+            reply.read(answer);
+            return std::to_string(answer);
+        });
 }
 
 std::string setEid(const std::string& path, uint8_t eid)
 {
-    return orError([&](sdbusplus::bus_t& bus) {
-        auto call = newCall(bus, path, propertiesInterface, "Set");
-        call.append(interface, "EID", std::variant<uint8_t>(eid));
-        bus.call(call);
-        return std::string();
-    });
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(bus, path, propertiesInterface, "Set");
+            call.append(interface, "EID", std::variant<uint8_t>(eid));
+            bus.call(call);
+            return std::string();
+        });
 }
 
 std::string introspect(const std::string& path)
 {
-    return orError([&](sdbusplus::bus_t& bus) {
-        auto call = newCall(bus, path, "org.freedesktop.DBus.Introspectable",
-                            "Introspect");
-        auto reply = bus.call(call);
-        std::string xml;
-        reply.read(xml);
-        return xml;
-    });
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(
+                bus, path, "org.freedesktop.DBus.Introspectable", "Introspect");
+            auto reply = bus.call(call);
+            std::string xml;
+            reply.read(xml);
+            return xml;
+        });
 }
 
 std::vector<std::string> managedObjects(const std::string& manager)
@@ -298,9 +305,9 @@ std::vector<std::string> managedObjects(const std::string& manager)
 bool hasOwner(const std::string& name)
 {
     auto bus = sdbusplus::bus::new_system();
-    auto call = bus.new_method_call("org.freedesktop.DBus",
-                                    "/org/freedesktop/DBus",
-                                    "org.freedesktop.DBus", "NameHasOwner");
+    auto call =
+        bus.new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                            "org.freedesktop.DBus", "NameHasOwner");
     call.append(name);
     auto reply = bus.call(call);
     bool answer = false;

@@ -51,7 +51,11 @@ DriverFiles::DriverFiles() :
     deviceWatch(inotify_add_watch(notifications, "/dev", IN_DELETE))
 {
     fs::create_directories(classDirectory);
-    record::beforeEachOfThisThread([this] { collect(); });
+    record::beforeEachOfThisThread(
+        [this]
+        {
+            collect();
+        });
 }
 
 DriverFiles::~DriverFiles()

@@ -57,7 +57,11 @@ void HostService::goesTo(const std::string& state)
 
 void HostService::answersText(const std::string& text)
 {
-    answers([text](sd_bus_message* reply) { return appendText(reply, text); });
+    answers(
+        [text](sd_bus_message* reply)
+        {
+            return appendText(reply, text);
+        });
 }
 
 void HostService::answers(Fill newFill)
@@ -117,9 +121,10 @@ void HostService::run()
     {
         int busy = 0;
         while ((busy = sd_bus_process(bus, nullptr)) > 0)
-        {}
-        std::array<pollfd, 2> watched{{{sd_bus_get_fd(bus), POLLIN, 0},
-                                       {stopEvent, POLLIN, 0}}};
+        {
+        }
+        std::array<pollfd, 2> watched{
+            {{sd_bus_get_fd(bus), POLLIN, 0}, {stopEvent, POLLIN, 0}}};
         // Without a broker there is nothing to serve but the stop.
         const nfds_t count = busy < 0 ? 1 : 2;
         (void)poll(watched.data() + (2 - count), count, -1);
@@ -144,7 +149,8 @@ void HostControl::changes(const char* path,
                           const std::vector<Change>& properties)
 {
     signals(path, propertiesInterface, "PropertiesChanged",
-            [&properties](sd_bus_message* message) {
+            [&properties](sd_bus_message* message)
+            {
                 check(sd_bus_message_append(message, "s", "test.Interface"),
                       "interface");
                 check(sd_bus_message_open_container(message, 'a', "{sv}"),

@@ -22,8 +22,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -35,6 +33,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace
 {
@@ -82,8 +82,7 @@ std::vector<std::string> allTests()
  *  @return why it failed, empty when it passed */
 std::string outcomeOf(pid_t child)
 {
-    const int handle =
-        static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     pollfd ended{.fd = handle, .events = POLLIN, .revents = 0};
     const bool hung = poll(&ended, 1, limitMs) == 0;
     close(handle);
@@ -113,7 +112,8 @@ void printAsComments(int output)
     std::string text;
     std::array<char, 4096> buffer{};
     lseek(output, 0, SEEK_SET);
-    for (ssize_t got = 0; (got = read(output, buffer.data(), buffer.size())) > 0;)
+    for (ssize_t got = 0;
+         (got = read(output, buffer.data(), buffer.size())) > 0;)
     {
         text.append(buffer.data(), static_cast<std::size_t>(got));
     }
@@ -157,15 +157,16 @@ int main(int argc, char** argv)
     }
     if (!board::sandbox::entered())
     {
-        std::cerr << argv[0]
-                  << ": is to be run in the sandbox: morrow-sandbox "
+        std::cerr << argv[0] << ": is to be run in the sandbox: morrow-sandbox "
                   << argv[0] << '\n';
         return EXIT_FAILURE;
     }
     std::cout << "1.." << names.size() << '\n';
     std::size_t number = 0;
-    const auto failed = std::count_if(
-        names.begin(), names.end(),
-        [&number](const auto& name) { return !passes(name, ++number); });
+    const auto failed = std::count_if(names.begin(), names.end(),
+                                      [&number](const auto& name)
+                                      {
+                                          return !passes(name, ++number);
+                                      });
     return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

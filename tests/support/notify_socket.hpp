@@ -47,9 +47,9 @@ class NotifySocket
     {
         std::array<char, 256> text{};
         const auto length = recv(fd, text.data(), text.size(), 0);
-        return length < 0 ? std::string()
-                          : std::string(text.data(),
-                                        static_cast<std::size_t>(length));
+        return length < 0
+                   ? std::string()
+                   : std::string(text.data(), static_cast<std::size_t>(length));
     }
 
   private:

@@ -96,10 +96,12 @@ std::function<void()> takeAction(std::string_view text)
         return {};
     }
     const std::lock_guard lock(triggersMutex);
-    const auto found = std::find_if(
-        triggers.begin(), triggers.end(), [text](const auto& trigger) {
-            return text.starts_with(trigger.beginning);
-        });
+    const auto found =
+        std::find_if(triggers.begin(), triggers.end(),
+                     [text](const auto& trigger)
+                     {
+                         return text.starts_with(trigger.beginning);
+                     });
     if (found == triggers.end())
     {
         return {};
@@ -141,8 +143,8 @@ void addLog(const char* head, const char* source, unsigned line,
     Slot& slot = takeSlot();
     slot.line = line;
     (void)snprintf(slot.source.data(), slot.source.size(), "%s", source);
-    const int used = snprintf(slot.text.data(), slot.text.size(), "%s %s: ",
-                              head, source);
+    const int used =
+        snprintf(slot.text.data(), slot.text.size(), "%s %s: ", head, source);
     (void)vsnprintf(slot.text.data() + used,
                     slot.text.size() - static_cast<std::size_t>(used), format,
                     arguments);
@@ -159,8 +161,8 @@ std::vector<Event> events()
         const Slot& slot = slots[index];
         if (slot.written.load(std::memory_order_acquire))
         {
-            result.push_back({slot.thread, slot.source.data(), slot.line,
-                              slot.text.data()});
+            result.push_back(
+                {slot.thread, slot.source.data(), slot.line, slot.text.data()});
         }
     }
     return result;
@@ -197,7 +199,11 @@ std::size_t count(const std::string& text)
 
 bool waitFor(const std::string& text, std::size_t times)
 {
-    return waitUntil([&] { return count(text) >= times; });
+    return waitUntil(
+        [&]
+        {
+            return count(text) >= times;
+        });
 }
 
 bool waitUntil(const std::function<bool()>& holds)

@@ -31,10 +31,10 @@ namespace record
 /** An event as the test reads it. */
 struct Event
 {
-    pid_t thread;       //!< the thread that it happened on
+    pid_t thread; //!< the thread that it happened on
     std::string source; //!< base name of the source file, empty if none
-    unsigned line;      //!< line in it, 0 if none
-    std::string text;   //!< the event, see above
+    unsigned line; //!< line in it, 0 if none
+    std::string text; //!< the event, see above
 };
 
 /** Adds an event of the calling thread. */

@@ -111,7 +111,12 @@ Texts storySince(std::size_t start)
 [[noreturn]] void startAndExpectNoReturn(const std::string& seen,
                                          const Texts& story)
 {
-    std::thread([] { morrow_dbus_client_init(); }).detach();
+    std::thread(
+        []
+        {
+            morrow_dbus_client_init();
+        })
+        .detach();
     const bool happened = record::waitFor(seen);
     const auto told = record::textsOf(threadOf(seen));
     EXPECT_EQ(told, story);
@@ -126,10 +131,12 @@ class WithBroker : public testing::Test
 };
 
 class ClientStart : public WithBroker
-{};
+{
+};
 
 class ClientMaps : public testing::Test
-{};
+{
+};
 
 /** Tests with a client that runs. */
 class Client : public WithBroker
@@ -162,7 +169,8 @@ class Client : public WithBroker
 };
 
 class ClientStop : public Client
-{};
+{
+};
 
 class ReadsHostState : public Client
 {
@@ -184,12 +192,13 @@ class Decoding : public ReadsHostState
     {
         host.answers(fill);
         PropertyValue result;
-        EXPECT_EQ(client().GetProperty(
-                      "currenthoststate", "CurrentHostState",
-                      [&result](const std::string&, const std::string&,
-                                const PropertyValue& value) {
-                          result = value;
-                      }),
+        EXPECT_EQ(client().GetProperty("currenthoststate", "CurrentHostState",
+                                       [&result](const std::string&,
+                                                 const std::string&,
+                                                 const PropertyValue& value)
+                                       {
+                                           result = value;
+                                       }),
                   0);
         return result;
     }
@@ -348,10 +357,12 @@ TEST_F(ClientStart, WithoutABusRunsItsLoopAllTheSameAndStops)
 /** Start-up with a stop pipe that can't be polled for. */
 [[noreturn]] void startWithAFileForAPipe()
 {
-    record::when("log 4 morrow_client: createMorrowEventLoop - Enter", [] {
-        clientSignalPipe[0] =
-            open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
-    });
+    record::when("log 4 morrow_client: createMorrowEventLoop - Enter",
+                 []
+                 {
+                     clientSignalPipe[0] =
+                         open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+                 });
     startAndExpectNoReturn(
         threadExits,
         Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
@@ -372,7 +383,10 @@ TEST_F(ClientStart, NeverReturnsWhenThePipeCannotBeWatched)
 [[noreturn]] void startWithoutALoop()
 {
     record::when("log 4 morrow_client: createMorrowEventLoop - Enter",
-                 [] { static const limits::NoNewDescriptors none; });
+                 []
+                 {
+                     static const limits::NoNewDescriptors none;
+                 });
     startAndExpectNoReturn(
         threadExits,
         Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
@@ -394,9 +408,11 @@ TEST_F(ClientStart, LoopThatCannotBeMadeIsLoggedStepByStep)
 
 TEST_F(ClientStart, StopByteWrittenBeforeTheLoopRunsEndsIt)
 {
-    record::when(initialised, [] {
-        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
-    });
+    record::when(initialised,
+                 []
+                 {
+                     ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+                 });
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     ASSERT_TRUE(record::waitFor(threadExits));
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
@@ -452,13 +468,12 @@ TEST_F(ClientMaps, AreListedInTheOrderOfTheirKeys)
     client().ReadObjectMap();
     EXPECT_THAT(
         storySince(start),
-        ElementsAre(
-            "log 4 morrow_client: ReadObjectMap - Enter\n",
-            "log 4 morrow_client: ReadObjectMap-Key:a,Ser:sa,Obj:oa\n",
-            "log 4 morrow_client: ReadObjectMap-Key:a,Int:ia\n",
-            "log 4 morrow_client: ReadObjectMap-Key:b,Ser:sb,Obj:ob\n",
-            "log 4 morrow_client: ReadObjectMap-Key:b,Int:ib\n",
-            "log 4 morrow_client: ReadObjectMap - Exit\n"));
+        ElementsAre("log 4 morrow_client: ReadObjectMap - Enter\n",
+                    "log 4 morrow_client: ReadObjectMap-Key:a,Ser:sa,Obj:oa\n",
+                    "log 4 morrow_client: ReadObjectMap-Key:a,Int:ia\n",
+                    "log 4 morrow_client: ReadObjectMap-Key:b,Ser:sb,Obj:ob\n",
+                    "log 4 morrow_client: ReadObjectMap-Key:b,Int:ib\n",
+                    "log 4 morrow_client: ReadObjectMap - Exit\n"));
 }
 
 TEST_F(ClientMaps, EmptyMapMakesEveryReadFailAsNotFound)
@@ -566,9 +581,11 @@ TEST_F(ReadsHostState, ErrorReplyIsABusError)
 
 TEST_F(ReadsHostState, ReplyWithoutAVariantIsABusError)
 {
-    host.answers([](sd_bus_message* reply) {
-        return sd_bus_message_append(reply, "s", "text");
-    });
+    host.answers(
+        [](sd_bus_message* reply)
+        {
+            return sd_bus_message_append(reply, "s", "text");
+        });
     EXPECT_EQ(client().GetProperty("currenthoststate", "CurrentHostState",
                                    readproperty),
               1);
@@ -588,9 +605,11 @@ TEST_F(ReadsHostState, EmptyCallbackRaises)
 TEST_F(ReadsHostState, ValueThatIsNoTextRaisesAndChangesNothing)
 {
     current_host_state = "before";
-    host.answers([](sd_bus_message* reply) {
-        return sd_bus_message_append(reply, "v", "u", 1U);
-    });
+    host.answers(
+        [](sd_bus_message* reply)
+        {
+            return sd_bus_message_append(reply, "v", "u", 1U);
+        });
     try
     {
         getcurrentpowerstate();
@@ -606,9 +625,11 @@ TEST_F(ReadsHostState, ValueThatIsNoTextRaisesAndChangesNothing)
 
 TEST_F(ReadsHostState, TypeBeyondTheAlternativesRaisesToo)
 {
-    host.answers([](sd_bus_message* reply) {
-        return sd_bus_message_append(reply, "v", "o", "/a/path");
-    });
+    host.answers(
+        [](sd_bus_message* reply)
+        {
+            return sd_bus_message_append(reply, "v", "o", "/a/path");
+        });
     EXPECT_THROW(getcurrentpowerstate(), std::bad_variant_access);
     EXPECT_EQ(record::count("log 4 morrow_client: readproperty:objectName:"
                             "[currenthoststate],propertyName:"
@@ -641,9 +662,11 @@ TEST_F(Client, ReadWithoutTheServiceIsABusErrorAndKeepsWhatWas)
 
 TEST_F(Client, ReadWithoutABusIsABusError)
 {
-    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:", [] {
-        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
-    });
+    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:",
+                 []
+                 {
+                     ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+                 });
     broker.kill();
     EXPECT_EQ(getcurrentpowerstate(), 1);
     ASSERT_TRUE(record::waitFor(threadExits));
@@ -654,10 +677,13 @@ TEST_F(Client, ReadWithoutABusIsABusError)
 
 TEST_F(Decoding, EachTypeFindsItsAlternative)
 {
-    const auto of = [this](const char* type, auto value) {
-        return read([type, value](sd_bus_message* reply) {
-            return sd_bus_message_append(reply, "v", type, value);
-        });
+    const auto of = [this](const char* type, auto value)
+    {
+        return read(
+            [type, value](sd_bus_message* reply)
+            {
+                return sd_bus_message_append(reply, "v", type, value);
+            });
     };
     EXPECT_EQ(of("s", "text"), PropertyValue("text"));
     EXPECT_EQ(of("x", int64_t{-5}), PropertyValue(int64_t{-5}));
@@ -669,21 +695,28 @@ TEST_F(Decoding, EachTypeFindsItsAlternative)
     EXPECT_EQ(of("q", 9), PropertyValue(uint16_t{9}));
     EXPECT_EQ(of("y", 200), PropertyValue(uint8_t{200}));
     EXPECT_EQ(of("b", 1), PropertyValue(true));
-    EXPECT_EQ(read([](sd_bus_message* reply) {
-                  return sd_bus_message_append(reply, "v", "as", 2, "a", "b");
-              }),
+    EXPECT_EQ(read(
+                  [](sd_bus_message* reply)
+                  {
+                      return sd_bus_message_append(reply, "v", "as", 2, "a",
+                                                   "b");
+                  }),
               PropertyValue(std::vector<std::string>{"a", "b"}));
 }
 
 TEST_F(Decoding, OtherTypesBecomeAnEmptyList)
 {
-    EXPECT_EQ(read([](sd_bus_message* reply) {
-                  return sd_bus_message_append(reply, "v", "o", "/a");
-              }),
+    EXPECT_EQ(read(
+                  [](sd_bus_message* reply)
+                  {
+                      return sd_bus_message_append(reply, "v", "o", "/a");
+                  }),
               PropertyValue(std::vector<std::string>{}));
-    EXPECT_EQ(read([](sd_bus_message* reply) {
-                  return sd_bus_message_append(reply, "v", "ay", 1, 1);
-              }),
+    EXPECT_EQ(read(
+                  [](sd_bus_message* reply)
+                  {
+                      return sd_bus_message_append(reply, "v", "ay", 1, 1);
+                  }),
               PropertyValue(std::vector<std::string>{}));
 }
 
@@ -697,11 +730,10 @@ TEST_F(PowerSignals, EachStateIsRecognisedAsTheTableSays)
         bool sets;
     };
     for (const Row& row :
-         {Row{"S0InReset", true}, Row{"PreStandby", true},
-          Row{"StateS6", true}, Row{"StateS5Early", true},
-          Row{"StateS5S3Mbusy", true}, Row{"StateS5", true},
-          Row{"S5OnPending", true}, Row{"OffPendingS0", false},
-          Row{"Unknown", true}})
+         {Row{"S0InReset", true}, Row{"PreStandby", true}, Row{"StateS6", true},
+          Row{"StateS5Early", true}, Row{"StateS5S3Mbusy", true},
+          Row{"StateS5", true}, Row{"S5OnPending", true},
+          Row{"OffPendingS0", false}, Row{"Unknown", true}})
     {
         shared_word::store<uint8_t>(power_down_pending, 0);
         shared_word::store<uint8_t>(await_host_running, 0);
@@ -733,8 +765,9 @@ TEST_F(PowerSignals, StateWithoutItsLeadingDotIsNotRecognised)
 
 TEST_F(PowerSignals, OtherPropertiesArePassedOver)
 {
-    control.changes(HostControl::powerState,
-                    {{"Other", "a.StateS5"}, {"internalPowerState", ".Unknown"}});
+    control.changes(
+        HostControl::powerState,
+        {{"Other", "a.StateS5"}, {"internalPowerState", ".Unknown"}});
     EXPECT_THAT(handled(), ElementsAre(powerPath));
     EXPECT_FALSE(flagsAreSet());
 }
@@ -781,10 +814,14 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
     bool free = false;
     record::when("log 4 morrow_client: signalHandler_internalpowerstate:Power "
                  "state is PreStandby",
-                 [&free] {
-                     std::thread([&free] {
-                         free = clientBusMutex.try_lock();
-                     }).join();
+                 [&free]
+                 {
+                     std::thread(
+                         [&free]
+                         {
+                             free = clientBusMutex.try_lock();
+                         })
+                         .join();
                  });
     lock.unlock();
     EXPECT_THAT(handled(),
@@ -846,19 +883,25 @@ TEST_F(PowerSignals, ResetStaysAReset)
 
 TEST_F(PowerSignals, ComeFromAnySenderAndForAnyInterface)
 {
-    const auto fill = [](sd_bus_message* message) {
+    const auto fill = [](sd_bus_message* message)
+    {
         return sd_bus_message_append(message, "sa{sv}as", "some.Other", 1,
                                      "InternalPowerState", "s", "x.StateS5", 0);
     };
     HostControl another;
     another.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
                     "PropertiesChanged", fill);
-    ASSERT_TRUE(record::waitUntil([] { return flagsAreSet(); }));
+    ASSERT_TRUE(record::waitUntil(
+        []
+        {
+            return flagsAreSet();
+        }));
 }
 
 TEST_F(PowerSignals, OtherMembersInterfacesAndPathsAreNotSubscribedTo)
 {
-    const auto fill = [](sd_bus_message* message) {
+    const auto fill = [](sd_bus_message* message)
+    {
         return sd_bus_message_append(message, "sa{sv}as", "some.Other", 1,
                                      "InternalPowerState", "s", "x.StateS5", 0);
     };
@@ -876,7 +919,9 @@ TEST_F(PowerSignals, OtherMembersInterfacesAndPathsAreNotSubscribedTo)
 TEST_F(PowerSignals, MalformedBodyIsLoggedAndChangesNothing)
 {
     control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
-                    "PropertiesChanged", [](sd_bus_message* message) {
+                    "PropertiesChanged",
+                    [](sd_bus_message* message)
+                    {
                         return sd_bus_message_append(message, "su", "a", 1);
                     });
     EXPECT_THAT(
@@ -892,7 +937,10 @@ TEST_F(PowerSignals, MalformedResetIsLoggedToo)
 {
     control.signals(HostControl::resetCause, "org.freedesktop.DBus.Properties",
                     "PropertiesChanged",
-                    [](sd_bus_message*) -> int { return 0; });
+                    [](sd_bus_message*) -> int
+                    {
+                        return 0;
+                    });
     EXPECT_THAT(handledResets(),
                 ElementsAre(resetPath,
                             "log 2 morrow_client: Exception: "
@@ -903,7 +951,9 @@ TEST_F(PowerSignals, MalformedResetIsLoggedToo)
 TEST_F(PowerSignals, DictionaryOfAnotherKindIsMalformed)
 {
     control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
-                    "PropertiesChanged", [](sd_bus_message* message) {
+                    "PropertiesChanged",
+                    [](sd_bus_message* message)
+                    {
                         return sd_bus_message_append(message, "sa{ss}as", "a",
                                                      1, "InternalPowerState",
                                                      ".StateS5", 0);
@@ -918,8 +968,8 @@ class Handlers : public WithBroker
 {
   protected:
     /** A message that the handlers may be called with. */
-    sdbusplus::message_t message(
-        const std::function<int(sd_bus*, sd_bus_message**)>& make)
+    sdbusplus::message_t
+    message(const std::function<int(sd_bus*, sd_bus_message**)>& make)
     {
         EXPECT_GE(sd_bus_open_system(&bus), 0);
         sd_bus_message* raw = nullptr;
@@ -950,11 +1000,13 @@ TEST_F(Handlers, MethodErrorIsLoggedAlone)
 
 TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
 {
-    auto other = message([](sd_bus* connection, sd_bus_message** made) {
-        return sd_bus_message_new_signal(connection, made, "/a/path",
-                                         "org.freedesktop.DBus.Properties",
-                                         "PropertiesChange");
-    });
+    auto other = message(
+        [](sd_bus* connection, sd_bus_message** made)
+        {
+            return sd_bus_message_new_signal(connection, made, "/a/path",
+                                             "org.freedesktop.DBus.Properties",
+                                             "PropertiesChange");
+        });
     signalHandler_internalpowerstate(other);
     EXPECT_THAT(storySince(0),
                 ElementsAre("log 1 morrow_client: "
@@ -971,7 +1023,9 @@ TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
     morrow_dbus_client_init();
     HostControl control;
     control.signals(path, "org.freedesktop.DBus.Properties",
-                    "PropertiesChanged", [property](sd_bus_message* message) {
+                    "PropertiesChanged",
+                    [property](sd_bus_message* message)
+                    {
                         return sd_bus_message_append(message, "sa{sv}as", "a",
                                                      1, property, "u", 5, 0);
                     });
@@ -1028,7 +1082,10 @@ TEST_F(ClientStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
 {
     int other = -1;
     std::thread second(
-        [&other] { other = client().stop_morrow_dbus_client(); });
+        [&other]
+        {
+            other = client().stop_morrow_dbus_client();
+        });
     const int mine = client().stop_morrow_dbus_client();
     second.join();
     EXPECT_EQ(mine + other, 1);
@@ -1038,8 +1095,8 @@ TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)
 {
     const uint8_t byte = 0;
     ASSERT_EQ(write(clientSignalPipe[1], &byte, 1), 1);
-    ASSERT_TRUE(record::waitFor(
-        "log 1 morrow_client: morrowProcessSig - signal: 0\n"));
+    ASSERT_TRUE(
+        record::waitFor("log 1 morrow_client: morrowProcessSig - signal: 0\n"));
     EXPECT_EQ(record::count(threadExits), 0);
 }
 
@@ -1062,9 +1119,11 @@ TEST_F(ClientStop, EndsTheSubscriptions)
 
 TEST_F(Client, GoesOnAfterTheBrokerHasGone)
 {
-    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:", [] {
-        ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
-    });
+    record::when("log 1 morrow_client: morrowClientProcessRequest -Error:",
+                 []
+                 {
+                     ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+                 });
     broker.kill();
     ASSERT_TRUE(record::waitFor(threadExits));
     EXPECT_THAT(threadStory(),

@@ -22,7 +22,8 @@ std::vector<std::string> story()
 }
 
 class ProbeCpuVendor : public testing::Test
-{};
+{
+};
 
 class ChangeState : public testing::Test
 {
@@ -35,7 +36,8 @@ class ChangeState : public testing::Test
 };
 
 class WaitStateTick : public testing::Test
-{};
+{
+};
 
 /** The transition rules on their own, on a known Intel CPU. */
 class TransitionRules : public testing::Test
@@ -61,7 +63,8 @@ class TransitionRules : public testing::Test
 };
 
 class StateAction : public testing::Test
-{};
+{
+};
 
 } // namespace
 
@@ -185,13 +188,12 @@ TEST_F(ChangeState, ReadsTheVendorAgainAfterAFailedRead)
     fake::vendorReads = {{0, 3}};
     change_State(1);
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(story(),
-                ElementsAre("log 4 morrow: Entry change_State\n",
-                            "ReadIO_Str_C CPU_VENDOR size 2",
-                            "log 4 morrow: CPU vendor : 3\n\n",
-                            "trace 4 morrow: CPU vendor : 3\n\n",
-                            "log 4 morrow: Non Intel CPU : State "
-                            "MORROW_SLEEP_EVENT\n"));
+    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry change_State\n",
+                                     "ReadIO_Str_C CPU_VENDOR size 2",
+                                     "log 4 morrow: CPU vendor : 3\n\n",
+                                     "trace 4 morrow: CPU vendor : 3\n\n",
+                                     "log 4 morrow: Non Intel CPU : State "
+                                     "MORROW_SLEEP_EVENT\n"));
 }
 
 TEST_F(ChangeState, ReadsTheVendorUntilAReadSucceedsAndThenNeverAgain)

@@ -26,8 +26,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -106,9 +106,8 @@ Texts withdraws(const std::vector<int>& eids)
 /** The cleanup of a daemon that has discovered nothing. */
 Texts cleansUpNothing()
 {
-    return withdraws({}) +
-           Texts{"sleep 100 ms", "write unbind fff10000.i3c",
-                 "write unbind fff11000.i3c"};
+    return withdraws({}) + Texts{"sleep 100 ms", "write unbind fff10000.i3c",
+                                 "write unbind fff11000.i3c"};
 }
 
 /** From the scan of a node to its endpoint on the bus. */
@@ -243,7 +242,10 @@ class Daemon : public testing::Test
         observer.emplace();
         fake::endpoints["/dev/i3c-mctp-0"] = {fake::answer(0x1D)};
         fake::endpoints["/dev/i3c-mctp-1"] = {fake::answer(0x9D)};
-        fake::onSleep = [this](int64_t) { sleeps(); };
+        fake::onSleep = [this](int64_t)
+        {
+            sleeps();
+        };
     }
 
     ~Daemon() override
@@ -257,19 +259,21 @@ class Daemon : public testing::Test
 
     void start()
     {
-        thread = std::thread([this] {
-            sigset_t termination;
-            sigemptyset(&termination);
-            sigaddset(&termination, SIGTERM);
-            pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
-            DriverFiles driver;
-            for (const auto& controller : controllers)
+        thread = std::thread(
+            [this]
             {
-                driver.comesUp(controller);
-            }
-            daemonThread = record::thisThread();
-            exitStatus = morrow_main();
-        });
+                sigset_t termination;
+                sigemptyset(&termination);
+                sigaddset(&termination, SIGTERM);
+                pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+                DriverFiles driver;
+                for (const auto& controller : controllers)
+                {
+                    driver.comesUp(controller);
+                }
+                daemonThread = record::thisThread();
+                exitStatus = morrow_main();
+            });
     }
 
     /** Sends both SIGTERMs, lets the main thread go and joins it. */
@@ -315,8 +319,12 @@ class Daemon : public testing::Test
     void startToDiscovery()
     {
         host->goesTo("Running");
-        holdWhen([this] { return story().back() == "sleep 1000 ms" &&
-                                 record::count(complete) > 0; });
+        holdWhen(
+            [this]
+            {
+                return story().back() == "sleep 1000 ms" &&
+                       record::count(complete) > 0;
+            });
         start();
         awaitHeld();
     }
@@ -389,10 +397,9 @@ TEST_F(Daemon, StartUpWithARunningHostIsTheWholeStory)
     startToDiscovery();
     EXPECT_THAT(
         story(),
-        ElementsAreArray(startsUp + cleansUpNothing() +
-                         reads("Running", "on") + changes("Change State to ON") +
-                         discovers() + reads("Running", "on") +
-                         Texts{"sleep 1000 ms"}));
+        ElementsAreArray(startsUp + cleansUpNothing() + reads("Running", "on") +
+                         changes("Change State to ON") + discovers() +
+                         reads("Running", "on") + Texts{"sleep 1000 ms"}));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/29"),
               " DevicePath=/dev/i3c-mctp-0 EID=29 EndpointType=1 NetworkId=0 "
@@ -475,40 +482,45 @@ TEST_F(Daemon, HostThatGoesOffIsTheWholeStory)
     fake::shmIds = {{"/dev/i3c-mctp-0", 20}, {"/dev/i3c-mctp-1", 21}};
     host->goesTo("Off");
     // Held in the second cleanup: there is one in each pass.
-    holdWhen([this, sleeps = 0]() mutable { return ++sleeps == 2; });
+    holdWhen(
+        [this, sleeps = 0]() mutable
+        {
+            return ++sleeps == 2;
+        });
     release();
     awaitHeld();
     EXPECT_THAT(
         story(before),
-        ElementsAreArray(
-            reads("Off", "off") + changes("Change State to OFF") +
-            Texts{"acquireLock /dev/i3c-mctp-0 gives 10",
-                  "getShmId /dev/i3c-mctp-0 gives 20",
-                  "acquireLock /dev/i3c-mctp-1 gives 11",
-                  "getShmId /dev/i3c-mctp-1 gives 21"} +
-            withdraws({29, 157}) +
-            Texts{"sleep 100 ms", "removeLock 10", "removeLock 11",
-                  "remove /dev/i3c-mctp-0", "remove /dev/i3c-mctp-1",
-                  "removeShm 20", "removeShm 21", "write unbind fff10000.i3c",
-                  "write unbind fff11000.i3c"} +
-            reads("Off", "off") + changes("Change State to OFF") +
-            withdraws({}) + Texts{"sleep 100 ms"}));
+        ElementsAreArray(reads("Off", "off") + changes("Change State to OFF") +
+                         Texts{"acquireLock /dev/i3c-mctp-0 gives 10",
+                               "getShmId /dev/i3c-mctp-0 gives 20",
+                               "acquireLock /dev/i3c-mctp-1 gives 11",
+                               "getShmId /dev/i3c-mctp-1 gives 21"} +
+                         withdraws({29, 157}) +
+                         Texts{"sleep 100 ms", "removeLock 10", "removeLock 11",
+                               "remove /dev/i3c-mctp-0",
+                               "remove /dev/i3c-mctp-1", "removeShm 20",
+                               "removeShm 21", "write unbind fff10000.i3c",
+                               "write unbind fff11000.i3c"} +
+                         reads("Off", "off") + changes("Change State to OFF") +
+                         withdraws({}) + Texts{"sleep 100 ms"}));
 }
 
 TEST_F(Daemon, HostThatIsOffAtStartIsCleanedUpAfterInEveryPass)
 {
     host->goesTo("Off");
-    holdWhen([this] {
-        return record::count("log 4 morrow: Change State to OFF\n") == 3;
-    });
+    holdWhen(
+        [this]
+        {
+            return record::count("log 4 morrow: Change State to OFF\n") == 3;
+        });
     start();
     awaitHeld();
     const Texts pass = reads("Off", "off") + changes("Change State to OFF");
     EXPECT_THAT(story(),
                 ElementsAreArray(startsUp + cleansUpNothing() + pass +
                                  cleansUpNothing() + pass + cleansUpNothing() +
-                                 pass + withdraws({}) +
-                                 Texts{"sleep 100 ms"}));
+                                 pass + withdraws({}) + Texts{"sleep 100 ms"}));
 }
 
 // Start-up
@@ -517,10 +529,17 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
 {
     NotifySocket manager;
     std::string before;
-    fake::onVendorRead = [&] { before = manager.received(); };
+    fake::onVendorRead = [&]
+    {
+        before = manager.received();
+    };
     bool readyInFirstPass = false;
-    holdWhen([&] { return record::count(getsState) == 0 &&
-                          record::count("sleep 100 ms") == 1; });
+    holdWhen(
+        [&]
+        {
+            return record::count(getsState) == 0 &&
+                   record::count("sleep 100 ms") == 1;
+        });
     start();
     awaitHeld();
     readyInFirstPass = manager.received() == "READY=1";
@@ -533,9 +552,14 @@ TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
 {
     std::optional<limits::NoNewThreads> none;
     fake::onSleep = {};
-    record::when("log 4 morrow: Common Morrow", [&none] { none.emplace(); });
+    record::when("log 4 morrow: Common Morrow",
+                 [&none]
+                 {
+                     none.emplace();
+                 });
     // The third attempt can start its thread.
-    fake::onSleep = [&none, sleeps = 0](int64_t) mutable {
+    fake::onSleep = [&none, sleeps = 0](int64_t) mutable
+    {
         if (++sleeps == 2)
         {
             none.reset();
@@ -564,17 +588,23 @@ TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
 {
     fake::vendorReads = {{0, 1}};
     host->goesTo("Running");
-    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
-                             record::count("log 4 morrow: Non Intel CPU : "
-                                           "State MORROW_SLEEP_EVENT\n") > 0; });
+    holdWhen(
+        [this]
+        {
+            return story().back() == "sleep 1000 ms" &&
+                   record::count("log 4 morrow: Non Intel CPU : "
+                                 "State MORROW_SLEEP_EVENT\n") > 0;
+        });
     start();
     awaitHeld();
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     host->goesTo("Off");
-    holdWhen([] {
-        return record::count("log 4 morrow: Non Intel CPU : State "
-                             "MORROW_SLEEP_EVENT\n") == 3;
-    });
+    holdWhen(
+        []
+        {
+            return record::count("log 4 morrow: Non Intel CPU : State "
+                                 "MORROW_SLEEP_EVENT\n") == 3;
+        });
     release();
     awaitHeld();
     EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
@@ -594,9 +624,16 @@ TEST_F(Daemon, PowerSignalWithdrawsWhatWasPublishedAndRunningBringsItBack)
                                 "signalHandler_internalpowerstate:Power state "
                                 "is StateS5\n"));
     ASSERT_TRUE(record::waitUntil(
-        [] { return shared_word::load(await_host_running) == 1; }));
+        []
+        {
+            return shared_word::load(await_host_running) == 1;
+        }));
     const auto before = story().size();
-    holdWhen([this] { return story().back() == "sleep 1000 ms"; });
+    holdWhen(
+        [this]
+        {
+            return story().back() == "sleep 1000 ms";
+        });
     release();
     awaitHeld();
     // OFF in the first pass; the host still runs, so ON in the next.
@@ -617,8 +654,15 @@ TEST_F(Daemon, WarmResetDiscoversAnew)
     HostControl control;
     control.changes(HostControl::resetCause, {{"ResetCause", "x.WarmReset"}});
     ASSERT_TRUE(record::waitUntil(
-        [] { return shared_word::load(await_host_running) == 1; }));
-    holdWhen([this] { return story().back() == "sleep 1000 ms"; });
+        []
+        {
+            return shared_word::load(await_host_running) == 1;
+        }));
+    holdWhen(
+        [this]
+        {
+            return story().back() == "sleep 1000 ms";
+        });
     release();
     awaitHeld();
     EXPECT_EQ(record::count(complete), 2);
@@ -627,8 +671,12 @@ TEST_F(Daemon, WarmResetDiscoversAnew)
 TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
 {
     host->answersError("test.Error.Broken");
-    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
-                             record::count(getsState) == 2; });
+    holdWhen(
+        [this]
+        {
+            return story().back() == "sleep 1000 ms" &&
+                   record::count(getsState) == 2;
+        });
     start();
     awaitHeld();
     const Texts failedRead{
@@ -650,9 +698,13 @@ TEST_F(Daemon, OneEndpointMissingIdlesInPartialDiscovery)
 {
     controllers = {"fff10000.i3c"};
     host->goesTo("Running");
-    holdWhen([this] { return story().back() == "sleep 1000 ms" &&
-                             record::count("log 4 morrow: Start partial "
-                                           "discovery\n") > 0; });
+    holdWhen(
+        [this]
+        {
+            return story().back() == "sleep 1000 ms" &&
+                   record::count("log 4 morrow: Start partial "
+                                 "discovery\n") > 0;
+        });
     start();
     awaitHeld();
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
@@ -664,12 +716,15 @@ TEST_F(Daemon, WaitOfNTicksIsNSleepsAndNPlus1Reads)
     controllers = {};
     host->goesTo("Running");
     // The first node never shows up: a wait of one tick, then once more.
-    holdWhen([] { return record::count("sleep 2000 ms") == 2; });
+    holdWhen(
+        []
+        {
+            return record::count("sleep 2000 ms") == 2;
+        });
     start();
     awaitHeld();
     const auto told = story();
-    const auto first =
-        std::find(told.begin(), told.end(), "sleep 2000 ms");
+    const auto first = std::find(told.begin(), told.end(), "sleep 2000 ms");
     const auto second = std::find(first + 1, told.end(), "sleep 2000 ms");
     // One read after the discovery, one after the tick, one after the switch.
     EXPECT_EQ(std::count(first, second, getsState), 3);
@@ -685,9 +740,11 @@ TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
         {
             broker.emplace();
             host.emplace();
-            host->answers([](sd_bus_message* reply) {
-                return sd_bus_message_append(reply, "v", "u", 1U);
-            });
+            host->answers(
+                [](sd_bus_message* reply)
+                {
+                    return sd_bus_message_append(reply, "v", "u", 1U);
+                });
             start();
             (void)record::waitFor("never");
             std::_Exit(1);
@@ -699,11 +756,17 @@ TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
 
 TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
 {
-    holdWhen([] { return false; });
-    record::when("log 4 morrow_client: morrow_dbus_client_init - Enter", [] {
-        ::kill(getpid(), SIGTERM);
-        ASSERT_TRUE(record::waitFor(stopped));
-    });
+    holdWhen(
+        []
+        {
+            return false;
+        });
+    record::when("log 4 morrow_client: morrow_dbus_client_init - Enter",
+                 []
+                 {
+                     ::kill(getpid(), SIGTERM);
+                     ASSERT_TRUE(record::waitFor(stopped));
+                 });
     start();
     ASSERT_TRUE(
         record::waitFor("log 4 morrow_signal: Entry [signal_thread_fn]\n", 2));
@@ -733,7 +796,11 @@ TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
 TEST_F(Daemon, TerminationInTheMiddleOfADiscoveryEndsWell)
 {
     host->goesTo("Running");
-    holdWhen([] { return record::count("write bind fff11000.i3c") > 0; });
+    holdWhen(
+        []
+        {
+            return record::count("write bind fff11000.i3c") > 0;
+        });
     start();
     awaitHeld();
     stop();
@@ -750,7 +817,10 @@ TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
     release();
     // The second arrives when the first has been taken, at the earliest.
     record::when("log 4 morrow_signal: Got signal Stopping MORROW",
-                 [] { ::kill(getpid(), SIGTERM); });
+                 []
+                 {
+                     ::kill(getpid(), SIGTERM);
+                 });
     ::kill(getpid(), SIGTERM);
     thread.join();
     EXPECT_EQ(exitStatus, 0);
@@ -760,13 +830,13 @@ TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
 class SilentBroker
 {
   public:
-    SilentBroker() :
-        listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    SilentBroker() : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
         std::string(path).copy(&address.sun_path[0],
                                sizeof(address.sun_path) - 1);
-        if (bind(listener, reinterpret_cast<const sockaddr*>(&address), // NOLINT
+        if (bind(listener,
+                 reinterpret_cast<const sockaddr*>(&address), // NOLINT
                  sizeof(address)) != 0 ||
             listen(listener, 4) != 0)
         {
@@ -810,7 +880,11 @@ class Handshake : public Daemon
         startToDiscovery();
         real = getenv("DBUS_SYSTEM_BUS_ADDRESS");
         silent.emplace();
-        holdWhen([] { return false; });
+        holdWhen(
+            []
+            {
+                return false;
+            });
         release();
         connection = silent->takeConnection();
     }

@@ -117,10 +117,12 @@ class WithFiles : public testing::Test
 };
 
 class WaitDeviceNode : public WithFiles
-{};
+{
+};
 
 class WriteController : public WithFiles
-{};
+{
+};
 
 class Scan : public WithFiles
 {
@@ -180,7 +182,8 @@ TEST_F(WaitDeviceNode, PresentIsTakenAtTheFirstAttemptWithoutASleep)
 
 TEST_F(WaitDeviceNode, AppearingAfterTheLastSleepButOneIsTaken)
 {
-    fake::onSleep = [sleeps = 0](int64_t) mutable {
+    fake::onSleep = [sleeps = 0](int64_t) mutable
+    {
         if (++sleeps == 30)
         {
             DriverFiles::makeNode(0);
@@ -192,7 +195,8 @@ TEST_F(WaitDeviceNode, AppearingAfterTheLastSleepButOneIsTaken)
 
 TEST_F(WaitDeviceNode, AppearingInTheLastSleepIsTooLate)
 {
-    fake::onSleep = [sleeps = 0](int64_t) mutable {
+    fake::onSleep = [sleeps = 0](int64_t) mutable
+    {
         if (++sleeps == 31)
         {
             DriverFiles::makeNode(0);
@@ -206,9 +210,8 @@ TEST_F(WaitDeviceNode, PathWithThePrefixElsewhereIsInvalid)
     std::filesystem::create_directories("/run/dev");
     std::ofstream{"/run/dev/i3c-mctp-0"};
     EXPECT_FALSE(wait_device_node("/run/dev/i3c-mctp-0", 3000));
-    EXPECT_THAT(story(),
-                ElementsAre("log 2 morrow: Invalid device node name: "
-                            "/run/dev/i3c-mctp-0\n"));
+    EXPECT_THAT(story(), ElementsAre("log 2 morrow: Invalid device node name: "
+                                     "/run/dev/i3c-mctp-0\n"));
 }
 
 TEST_F(WaitDeviceNode, PathOf13CharactersIsInvalid)
@@ -306,7 +309,7 @@ TEST_F(Scan, RecordsAndNotifiesADeviceThatIsThere)
     fake::endpoints[node0] = {fake::answer(0x1D)};
     scan_i3c_device(controller0, entry0);
     expectStory(Texts{"log 4 morrow: Found i3c device: " + node0 + "\n"} +
-                           goodExchange(node0));
+                goodExchange(node0));
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
@@ -399,12 +402,11 @@ TEST_F(Notify, SilenceIsTriedThreeTimesAndPublishesNothing)
 {
     fake::endpoints[node0] = {fake::silence()};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts attempt{
-        "send 00 81 0d",
-        "log 4 morrow: Failed req_disc_notify to i3c device [" + node0 +
-            "]\n"};
+    const Texts attempt{"send 00 81 0d",
+                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
+                            node0 + "]\n"};
     expectStory(exchangeOpens(node0) + attempt + attempt + attempt +
-                           Texts{"~mctp_wrapper_ep " + node0});
+                Texts{"~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
@@ -413,10 +415,10 @@ TEST_F(Notify, StopFlagEndsAfterOneAttempt)
     fake::endpoints[node0] = {{.result = ENODEV, .stop = 1}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
     expectStory(exchangeOpens(node0) +
-                  Texts{"send 00 81 0d",
-                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
-                            node0 + "]\n",
-                        "~mctp_wrapper_ep " + node0});
+                Texts{"send 00 81 0d",
+                      "log 4 morrow: Failed req_disc_notify to i3c device [" +
+                          node0 + "]\n",
+                      "~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
@@ -425,10 +427,10 @@ TEST_F(Notify, EmptyAnswerEndsAtOnce)
     fake::endpoints[node0] = {{.response = {}, .eid = 0x1D}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
     expectStory(exchangeOpens(node0) +
-                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [0]\n",
-                        "log 4 morrow: Invalid req_disc_notify response [" +
-                            node0 + "]\n",
-                        "~mctp_wrapper_ep " + node0});
+                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [0]\n",
+                      "log 4 morrow: Invalid req_disc_notify response [" +
+                          node0 + "]\n",
+                      "~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
@@ -437,11 +439,11 @@ TEST_F(Notify, AnswerOfTwoBytesIsLoggedAndEndsAtOnce)
     fake::endpoints[node0] = {{.response = {0x00, 0x01}, .eid = 0x1D}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
     expectStory(exchangeOpens(node0) +
-                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [2]\n",
-                        "log 4 morrow: [00]\n", "log 4 morrow: [01]\n",
-                        "log 4 morrow: Invalid req_disc_notify response [" +
-                            node0 + "]\n",
-                        "~mctp_wrapper_ep " + node0});
+                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [2]\n",
+                      "log 4 morrow: [00]\n", "log 4 morrow: [01]\n",
+                      "log 4 morrow: Invalid req_disc_notify response [" +
+                          node0 + "]\n",
+                      "~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
@@ -468,16 +470,15 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAllTheSame)
     fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D},
                               {.result = ETIMEDOUT, .eid = 0x42}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts failed{
-        "send 00 81 0d",
-        "log 4 morrow: Failed req_disc_notify to i3c device [" + node0 +
-            "]\n"};
+    const Texts failed{"send 00 81 0d",
+                       "log 4 morrow: Failed req_disc_notify to i3c device [" +
+                           node0 + "]\n"};
     expectStory(exchangeOpens(node0) +
-                  Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
-                        "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
-                        "log 4 morrow: [0d]\n"} +
-                  failed + failed + publishWithoutBus +
-                  Texts{"~mctp_wrapper_ep " + node0});
+                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
+                      "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
+                      "log 4 morrow: [0d]\n"} +
+                failed + failed + publishWithoutBus +
+                Texts{"~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
@@ -671,7 +672,8 @@ TEST_F(FullDiscovery, FirstWithoutClassEntryLetsTheSecondBeScannedAsTheFirst)
 {
     driver.comesUpWithoutClassEntry(controller0);
     fake::endpoints[node0] = {fake::answer(0x1D)};
-    fake::onSleep = [](int64_t) {
+    fake::onSleep = [](int64_t)
+    {
         if (record::count("write bind fff11000.i3c") == 0)
         {
             DriverFiles::makeClassEntry(1);
@@ -737,26 +739,25 @@ TEST_F(PowerOffCleanup, IsTheWholeStory)
 
     cleanUp();
 
-    EXPECT_THAT(
-        story(),
-        ElementsAreArray(Texts{"log 4 morrow_server: morrow_dbus_server - "
-                               "Default constructor\n",
-                               "acquireLock /dev/i3c-mctp-0 gives 10",
-                               "getShmId /dev/i3c-mctp-0 gives 20",
-                               "acquireLock /dev/i3c-mctp-1 gives 11",
-                               "getShmId /dev/i3c-mctp-1 gives 21"} +
-                         withdrawNothing +
-                         Texts{
-                             "sleep 100 ms",
-                             "removeLock 10",
-                             "removeLock 11",
-                             "remove /dev/i3c-mctp-0",
-                             "remove /dev/i3c-mctp-1",
-                             "removeShm 20",
-                             "removeShm 21",
-                             "write unbind fff10000.i3c",
-                             "write unbind fff11000.i3c",
-                         }));
+    EXPECT_THAT(story(), ElementsAreArray(
+                             Texts{"log 4 morrow_server: morrow_dbus_server - "
+                                   "Default constructor\n",
+                                   "acquireLock /dev/i3c-mctp-0 gives 10",
+                                   "getShmId /dev/i3c-mctp-0 gives 20",
+                                   "acquireLock /dev/i3c-mctp-1 gives 11",
+                                   "getShmId /dev/i3c-mctp-1 gives 21"} +
+                             withdrawNothing +
+                             Texts{
+                                 "sleep 100 ms",
+                                 "removeLock 10",
+                                 "removeLock 11",
+                                 "remove /dev/i3c-mctp-0",
+                                 "remove /dev/i3c-mctp-1",
+                                 "removeShm 20",
+                                 "removeShm 21",
+                                 "write unbind fff10000.i3c",
+                                 "write unbind fff11000.i3c",
+                             }));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_THAT(i3c_device_map, IsEmpty());
     EXPECT_THAT(i3c_discovered_map, IsEmpty());
@@ -771,15 +772,15 @@ TEST_F(PowerOffCleanup, WithEmptyListsTouchesNoLockOrSharedMemory)
     DriverFiles::makeNode(1);
     cleanUp();
     expectStory(Texts{"log 4 morrow_server: morrow_dbus_server - "
-                             "Default constructor\n"} +
-                           withdrawNothing +
-                           Texts{
-                               "sleep 100 ms",
-                               "remove /dev/i3c-mctp-0",
-                               "remove /dev/i3c-mctp-1",
-                               "write unbind fff10000.i3c",
-                               "write unbind fff11000.i3c",
-                           });
+                      "Default constructor\n"} +
+                withdrawNothing +
+                Texts{
+                    "sleep 100 ms",
+                    "remove /dev/i3c-mctp-0",
+                    "remove /dev/i3c-mctp-1",
+                    "write unbind fff10000.i3c",
+                    "write unbind fff11000.i3c",
+                });
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 

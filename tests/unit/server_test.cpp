@@ -92,7 +92,8 @@ std::size_t here()
 }
 
 class ServerWithoutBus : public testing::Test
-{};
+{
+};
 
 /** Tests with a broker, but without a started server. */
 class WithBroker : public testing::Test
@@ -102,7 +103,8 @@ class WithBroker : public testing::Test
 };
 
 class ServerStart : public WithBroker
-{};
+{
+};
 
 /** Tests with a server that runs. */
 class Server : public WithBroker
@@ -129,10 +131,12 @@ class Registry : public Server
 };
 
 class Interface : public Registry
-{};
+{
+};
 
 class ServerStop : public Server
-{};
+{
+};
 
 /** An object of its own on a connection of its own. */
 class EndpointObject : public WithBroker
@@ -146,9 +150,9 @@ class EndpointObject : public WithBroker
     Texts announced()
     {
         // A call of this connection's own comes behind its signals.
-        auto call = bus.new_method_call("org.freedesktop.DBus",
-                                        "/org/freedesktop/DBus",
-                                        "org.freedesktop.DBus", "GetId");
+        auto call =
+            bus.new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "GetId");
         (void)bus.call(call);
         observer.catchUp();
         return observer.seen();
@@ -244,7 +248,12 @@ TEST_F(ServerStart, AgainWhileTheThreadRunsEndsTheProcess)
  *  42 when starting has not returned. */
 [[noreturn]] void startAndExpectNoReturn(const std::string& seen)
 {
-    std::thread([] { morrow_dbus_server_init(); }).detach();
+    std::thread(
+        []
+        {
+            morrow_dbus_server_init();
+        })
+        .detach();
     const bool happened = record::waitFor(seen);
     const bool returned =
         record::count("log 4 morrow_server: morrow_dbus_server_init - "
@@ -260,13 +269,19 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
     ASSERT_GE(sd_bus_request_name(owner, "xyz.openbmc_project.mctp", 0), 0);
     EXPECT_EXIT(
         {
-            std::thread([] { morrow_dbus_server_init(); }).detach();
+            std::thread(
+                []
+                {
+                    morrow_dbus_server_init();
+                })
+                .detach();
             const bool ended = record::waitFor(threadExits);
             const bool logged =
                 record::count(
                     "log 1 morrow_server: morrowDBusMgrHandler "
                     "-Error:sd_bus_request_name: "
-                    "org.freedesktop.DBus.Error.FileExists: File exists\n") == 1;
+                    "org.freedesktop.DBus.Error.FileExists: File exists\n") ==
+                1;
             const bool returned =
                 record::count("log 4 morrow_server: morrow_dbus_server_init - "
                               "Exit\n") != 0;
@@ -314,10 +329,11 @@ TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
         {
             // A plain file can't be polled for.
             record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
-                         [] {
-                             serverSignalPipe[0] = open(
-                                 "/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
-                                 0600);
+                         []
+                         {
+                             serverSignalPipe[0] =
+                                 open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
+                                      0600);
                          });
             startAndExpectNoReturn("log 1 morrow_server: createMorrowEventLoop "
                                    "-sd_event_add_io sig pipe failed: "
@@ -331,8 +347,16 @@ TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
 [[noreturn]] void startWithoutALoop()
 {
     record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
-                 [] { static const limits::NoNewDescriptors none; });
-    std::thread([] { morrow_dbus_server_init(); }).detach();
+                 []
+                 {
+                     static const limits::NoNewDescriptors none;
+                 });
+    std::thread(
+        []
+        {
+            morrow_dbus_server_init();
+        })
+        .detach();
     const bool ended = record::waitFor(threadExits);
     const Texts wanted{
         "log 4 morrow_server: morrowDBusMgrHandler - Enter\n",
@@ -443,9 +467,9 @@ TEST_F(Registry, SecondOfTheSamePathFailsAndTheFirstStays)
     const std::string error =
         "createEndpointObject -Type:0,EID:8,Error:sd_bus_add_object_vtable: "
         "org.freedesktop.DBus.Error.FileExists: File exists\n";
-    EXPECT_THAT(storyFrom(start),
-                ElementsAre(
-                    "log 4 morrow_server: createEndpointObject - Enter\n",
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: createEndpointObject - Enter\n",
                     "log 1 morrow_server: " + error,
                     "trace 1 morrow_server: " + error,
                     "log 4 morrow_server: createEndpointObject - Exit\n"));
@@ -507,15 +531,13 @@ TEST_F(Registry, WithdrawsInAscendingOrder)
     auto seen = observer.seen();
     seen.erase(seen.begin(),
                seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
-    EXPECT_THAT(
-        seen,
-        ElementsAre(
-            "InterfacesRemoved /xyz/openbmc_project/mctp/0/9" +
-                std::string(removedInterfaces),
-            "InterfacesRemoved /xyz/openbmc_project/mctp/0/12" +
-                std::string(removedInterfaces),
-            "InterfacesRemoved /xyz/openbmc_project/mctp/0/20" +
-                std::string(removedInterfaces)));
+    EXPECT_THAT(seen,
+                ElementsAre("InterfacesRemoved /xyz/openbmc_project/mctp/0/9" +
+                                std::string(removedInterfaces),
+                            "InterfacesRemoved /xyz/openbmc_project/mctp/0/12" +
+                                std::string(removedInterfaces),
+                            "InterfacesRemoved /xyz/openbmc_project/mctp/0/20" +
+                                std::string(removedInterfaces)));
 }
 
 TEST_F(Registry, WithdrawingAnEmptyNetworkLogsOnlyEntryAndExit)
@@ -569,32 +591,34 @@ TEST_F(Registry, UnloadingWithdrawsAllNetworksWithoutALineForEach)
     const auto seenBefore = observer.seen().size();
     const auto start = here();
     server().UnloadDBusObjects();
-    EXPECT_THAT(
-        storyFrom(start),
-        ElementsAre("log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                    "log 4 morrow_server: UnloadDBusObjects - Exit\n"));
+    EXPECT_THAT(storyFrom(start),
+                ElementsAre("log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                            "log 4 morrow_server: UnloadDBusObjects - Exit\n"));
     observer.catchUp();
     auto seen = observer.seen();
     seen.erase(seen.begin(),
                seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
-    EXPECT_THAT(
-        seen,
-        ElementsAre(StartsWith("InterfacesRemoved "
-                               "/xyz/openbmc_project/mctp/0/3 "),
-                    StartsWith("InterfacesRemoved "
-                               "/xyz/openbmc_project/mctp/0/7 "),
-                    StartsWith("InterfacesRemoved "
-                               "/xyz/openbmc_project/mctp/1/5 "),
-                    StartsWith("InterfacesRemoved "
-                               "/xyz/openbmc_project/mctp/2/1 ")));
+    EXPECT_THAT(seen,
+                ElementsAre(StartsWith("InterfacesRemoved "
+                                       "/xyz/openbmc_project/mctp/0/3 "),
+                            StartsWith("InterfacesRemoved "
+                                       "/xyz/openbmc_project/mctp/0/7 "),
+                            StartsWith("InterfacesRemoved "
+                                       "/xyz/openbmc_project/mctp/1/5 "),
+                            StartsWith("InterfacesRemoved "
+                                       "/xyz/openbmc_project/mctp/2/1 ")));
 }
 
 TEST_F(Registry, WaitsForTheMutex)
 {
     std::unique_lock lock(server_mutex);
-    std::thread creator([] { EXPECT_EQ(publish(0, 8), 0); });
-    ASSERT_TRUE(record::waitFor(
-        "log 4 morrow_server: createEndpointObject - Enter\n"));
+    std::thread creator(
+        []
+        {
+            EXPECT_EQ(publish(0, 8), 0);
+        });
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: createEndpointObject - Enter\n"));
     EXPECT_EQ(record::count("log 4 morrow_server: createEndpointObject - "
                             "Exit\n"),
               0);
@@ -605,13 +629,15 @@ TEST_F(Registry, WaitsForTheMutex)
 TEST_F(Registry, ServesRequestsWhileEndpointsComeAndGo)
 {
     std::atomic<bool> finished{false};
-    std::thread client([&finished] {
-        while (!finished)
+    std::thread client(
+        [&finished]
         {
-            (void)busctl::managedObjects(manager0);
-            (void)busctl::getAll("/xyz/openbmc_project/mctp/0/8");
-        }
-    });
+            while (!finished)
+            {
+                (void)busctl::managedObjects(manager0);
+                (void)busctl::getAll("/xyz/openbmc_project/mctp/0/8");
+            }
+        });
     for (int round = 0; round < 50; ++round)
     {
         EXPECT_EQ(publish(0, 8), 0);
@@ -796,14 +822,12 @@ TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
     auto seen = observer.seen();
     seen.erase(seen.begin(),
                seen.begin() + static_cast<std::ptrdiff_t>(seenBefore));
-    EXPECT_THAT(seen,
-                ElementsAre("InterfacesRemoved " + manager0 + "/8" +
-                                removedInterfaces,
-                            "InterfacesRemoved " + manager0 + "/9" +
-                                removedInterfaces,
-                            "InterfacesRemoved " + manager1 + "/7" +
-                                removedInterfaces,
-                            "NameOwnerChanged gone"));
+    EXPECT_THAT(
+        seen,
+        ElementsAre("InterfacesRemoved " + manager0 + "/8" + removedInterfaces,
+                    "InterfacesRemoved " + manager0 + "/9" + removedInterfaces,
+                    "InterfacesRemoved " + manager1 + "/7" + removedInterfaces,
+                    "NameOwnerChanged gone"));
     EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
 }
 
@@ -863,7 +887,10 @@ TEST_F(ServerStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
 {
     int32_t other = -1;
     std::thread second(
-        [&other] { other = server().stop_morrow_dbus_server(); });
+        [&other]
+        {
+            other = server().stop_morrow_dbus_server();
+        });
     const int32_t mine = server().stop_morrow_dbus_server();
     second.join();
     EXPECT_EQ(mine + other, 1);
@@ -873,22 +900,23 @@ TEST_F(ServerStop, ByteOtherThan1IsLoggedAndIgnored)
 {
     const uint8_t byte = 7;
     ASSERT_EQ(write(serverSignalPipe[1], &byte, 1), 1);
-    ASSERT_TRUE(record::waitFor(
-        "log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
     EXPECT_EQ(publish(0, 8), 0);
-    EXPECT_THAT(busctl::managedObjects(manager0),
-                ElementsAre(manager0 + "/8"));
+    EXPECT_THAT(busctl::managedObjects(manager0), ElementsAre(manager0 + "/8"));
 }
 
 TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
 {
     const BusObserver observer;
-    std::thread discovery([] {
-        while (publish(0, 8) == 0)
+    std::thread discovery(
+        []
         {
-            EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
-        }
-    });
+            while (publish(0, 8) == 0)
+            {
+                EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+            }
+        });
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_server: createEndpointObject - Exit\n", 5));
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
@@ -900,9 +928,11 @@ TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
 
 TEST_F(Server, GoesOnAfterTheBrokerHasGone)
 {
-    record::when("log 1 morrow_server: morrowProcessRequest -Error:", [] {
-        ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
-    });
+    record::when("log 1 morrow_server: morrowProcessRequest -Error:",
+                 []
+                 {
+                     ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
+                 });
     broker.kill();
     ASSERT_TRUE(record::waitFor(threadExits));
     EXPECT_THAT(

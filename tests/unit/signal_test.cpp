@@ -56,7 +56,8 @@ void sendSignal(int number)
 bool isDefault(int number)
 {
     struct sigaction action
-    {};
+    {
+    };
     sigaction(number, nullptr, &action);
     return action.sa_handler == SIG_DFL;
 }
@@ -102,13 +103,12 @@ TEST_F(Signal, FirstUseLogsItsEntryBeforeTheConstructors)
 TEST_F(Signal, SetUpIsTheWholeStory)
 {
     start();
-    EXPECT_THAT(
-        story(),
-        ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
-                    "log 4 morrow_signal: Entry [morrow_signal]\n",
-                    "log 4 morrow_signal: Entry [morrow_init_signal]\n",
-                    "log 4 morrow_signal: Entry [register_signal]\n",
-                    "log 4 morrow_signal: Created signal thread\n"));
+    EXPECT_THAT(story(),
+                ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
+                            "log 4 morrow_signal: Entry [morrow_signal]\n",
+                            "log 4 morrow_signal: Entry [morrow_init_signal]\n",
+                            "log 4 morrow_signal: Entry [register_signal]\n",
+                            "log 4 morrow_signal: Created signal thread\n"));
 }
 
 TEST_F(Signal, SecondSetUpKeepsTheThread)
@@ -198,8 +198,11 @@ TEST_F(Signal, StopStateIs1WhileStopping)
     auto& signal = morrow_signal::get_instance();
     EXPECT_EQ(signal.get_stop_state(), 0);
     sendSignal(SIGTERM);
-    EXPECT_TRUE(
-        record::waitUntil([&] { return signal.get_stop_state() != 0; }));
+    EXPECT_TRUE(record::waitUntil(
+        [&]
+        {
+            return signal.get_stop_state() != 0;
+        }));
     ASSERT_TRUE(record::waitFor(stopped));
     EXPECT_EQ(signal.get_stop_state(), 2);
 }
@@ -240,7 +243,8 @@ TEST_F(Signal, WaitStopPollsEvery100MsUntilStopped)
     start();
     auto& signal = morrow_signal::get_instance();
     int sleeps = 0;
-    fake::onSleep = [&](int64_t length) {
+    fake::onSleep = [&](int64_t length)
+    {
         EXPECT_EQ(length, 100);
         if (++sleeps == 3)
         {
@@ -277,7 +281,11 @@ TEST_F(Signal, SecondPassWaitsForASecondTermination)
     auto& signal = morrow_signal::get_instance();
     sendSignal(SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
-    std::thread second([&signal] { signal.signal_thread_fn(); });
+    std::thread second(
+        [&signal]
+        {
+            signal.signal_thread_fn();
+        });
     ASSERT_TRUE(record::waitFor(threadEnters, 2));
     EXPECT_EQ(record::count(stopped), 1);
     sendSignal(SIGTERM);
@@ -291,8 +299,8 @@ TEST_F(Signal, SegmentationFaultEndsTheProcessByItsDefaultAction)
     EXPECT_EXIT(
         {
             start();
-            void* page = mmap(nullptr, 1, PROT_NONE,
-                              MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            void* page =
+                mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             *static_cast<volatile char*>(page) = 1;
         },
         testing::KilledBySignal(SIGSEGV), "");
@@ -316,13 +324,15 @@ TEST_F(Signal, DestructorLogsItsEntry)
     EXPECT_EXIT(
         {
             // Registered before the singleton is made: runs after it is gone.
-            (void)std::atexit([] {
-                std::_Exit(
-                    record::texts().back() ==
-                            "log 4 morrow_signal: Entry [~morrow_signal]\n"
-                        ? 42
-                        : 1);
-            });
+            (void)std::atexit(
+                []
+                {
+                    std::_Exit(
+                        record::texts().back() ==
+                                "log 4 morrow_signal: Entry [~morrow_signal]\n"
+                            ? 42
+                            : 1);
+                });
             start();
             sendSignal(SIGTERM);
             morrow_signal::get_instance().wait_stop();
