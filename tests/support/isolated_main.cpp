@@ -10,7 +10,8 @@
  * behaviour of the daemon does, ends nobody else. Results are printed as TAP;
  * what a failed test printed follows as comments.
  *
- * Arguments: names of tests ("Suite.Test") to run; without any, all.
+ * Arguments: --jobs=N for so many tests at a time, then names of tests
+ * ("Suite.Test") to run; without any, all.
  */
 
 #include "board/error.hpp"
@@ -24,6 +25,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +34,8 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -39,7 +43,10 @@
 namespace
 {
 
-constexpr int limitMs = 120'000;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto limit = std::chrono::minutes(2);
+constexpr std::string_view jobsOption = "--jobs=";
 
 std::vector<std::string> allTests()
 {
@@ -78,20 +85,40 @@ std::vector<std::string> allTests()
     std::exit(result);
 }
 
-/** Waits for the child.
- *  @return why it failed, empty when it passed */
-std::string outcomeOf(pid_t child)
+/** A test that runs. */
+struct Running
 {
-    const int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-    pollfd ended{.fd = handle, .events = POLLIN, .revents = 0};
-    const bool hung = poll(&ended, 1, limitMs) == 0;
-    close(handle);
+    std::string name;
+    pid_t child;
+    int handle; //!< readable when the child has ended
+    int output; //!< what it prints
+    Clock::time_point deadline;
+};
+
+Running start(const std::string& name)
+{
+    const int output = memfd_create("output", MFD_CLOEXEC);
+    std::cout.flush();
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        runAlone(name, output);
+    }
+    return {name, child, static_cast<int>(syscall(SYS_pidfd_open, child, 0)),
+            output, Clock::now() + limit};
+}
+
+/** Takes a child that has ended, or ends one that has not.
+ *  @return why it failed, empty when it passed */
+std::string outcomeOf(const Running& test, bool hung)
+{
     if (hung)
     {
-        kill(child, SIGKILL);
+        kill(test.child, SIGKILL);
     }
     int status = 0;
-    waitpid(child, &status, 0);
+    waitpid(test.child, &status, 0);
+    close(test.handle);
     if (hung)
     {
         return "hung";
@@ -124,25 +151,68 @@ void printAsComments(int output)
     }
 }
 
-bool passes(const std::string& name, std::size_t number)
+/** Prints a result. @return whether the test passed */
+bool report(const Running& test, bool hung, std::size_t number)
 {
-    const int output = memfd_create("output", MFD_CLOEXEC);
-    std::cout.flush();
-    const pid_t child = fork();
-    if (child == 0)
-    {
-        runAlone(name, output);
-    }
-    const auto failure = outcomeOf(child);
+    const auto failure = outcomeOf(test, hung);
     std::cout << (failure.empty() ? "ok " : "not ok ") << number << " - "
-              << name << '\n';
+              << test.name << '\n';
     if (!failure.empty())
     {
         std::cout << "# " << failure << '\n';
-        printAsComments(output);
+        printAsComments(test.output);
     }
-    close(output);
+    close(test.output);
     return failure.empty();
+}
+
+/** Waits until one of these has ended or has run too long.
+ *  @return which, and whether it ran too long */
+std::pair<std::size_t, bool> awaitOne(const std::vector<Running>& tests)
+{
+    while (true)
+    {
+        std::vector<pollfd> ended;
+        for (const auto& test : tests)
+        {
+            ended.push_back(
+                {.fd = test.handle, .events = POLLIN, .revents = 0});
+        }
+        constexpr int lookAtDeadlinesMs = 1000;
+        (void)poll(ended.data(), ended.size(), lookAtDeadlinesMs);
+        for (std::size_t index = 0; index < tests.size(); ++index)
+        {
+            if (ended[index].revents != 0)
+            {
+                return {index, false};
+            }
+            if (Clock::now() >= tests[index].deadline)
+            {
+                return {index, true};
+            }
+        }
+    }
+}
+
+/** Runs the tests, so many at a time. @return how many failed */
+std::size_t runAll(std::vector<std::string> names, std::size_t atATime)
+{
+    std::reverse(names.begin(), names.end());
+    std::vector<Running> running;
+    std::size_t number = 0;
+    std::size_t failed = 0;
+    while (!names.empty() || !running.empty())
+    {
+        while (!names.empty() && running.size() < atATime)
+        {
+            running.push_back(start(names.back()));
+            names.pop_back();
+        }
+        const auto [index, hung] = awaitOne(running);
+        failed += report(running[index], hung, ++number) ? 0 : 1;
+        running.erase(running.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+    return failed;
 }
 
 } // namespace
@@ -151,6 +221,12 @@ int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     std::vector<std::string> names(argv + 1, argv + argc);
+    std::size_t atATime = 1;
+    if (!names.empty() && names.front().starts_with(jobsOption))
+    {
+        atATime = std::stoul(names.front().substr(jobsOption.size()));
+        names.erase(names.begin());
+    }
     if (names.empty())
     {
         names = allTests();
@@ -162,11 +238,5 @@ int main(int argc, char** argv)
         return EXIT_FAILURE;
     }
     std::cout << "1.." << names.size() << '\n';
-    std::size_t number = 0;
-    const auto failed = std::count_if(names.begin(), names.end(),
-                                      [&number](const auto& name)
-                                      {
-                                          return !passes(name, ++number);
-                                      });
-    return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return runAll(names, atATime) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
