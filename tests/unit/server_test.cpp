@@ -831,6 +831,18 @@ TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
     EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
 }
 
+TEST_F(ServerStop, WithdrawalBetweenTheLoopsEndAndTheStopsIsAnnounced)
+{
+    BusObserver observer;
+    EXPECT_EQ(publish(0, 8), 0);
+    record::when(threadExits,
+                 [] { EXPECT_EQ(server().deleteAllEndpointObject(0), 0); });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+    EXPECT_THAT(observer.seen(), Contains("InterfacesRemoved " + manager0 +
+                                          "/8" + removedInterfaces));
+}
+
 TEST_F(ServerStop, EmptiesTheMapsAndTheBus)
 {
     EXPECT_EQ(publish(0, 8), 0);
