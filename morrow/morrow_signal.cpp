@@ -6,6 +6,7 @@
 #include "morrow_server.hpp"
 #include "sleep.hpp"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <system_error>
@@ -23,9 +24,11 @@ constexpr uint32_t succeeded = 0;
 constexpr uint32_t failed = 2;
 
 /** Serves SIGTERM, SIGSEGV and SIGBUS. That get_instance logs from here is
- *  meant: the log is async-signal-safe, and the line shows the signal. */
+ *  meant: the log is async-signal-safe, and the line shows the signal. The code
+ *  that is interrupted finds its errno as it was. */
 extern "C" void handleSignal(int number)
 {
+    const int interrupted = errno;
     auto& instance = morrow_signal::get_instance();
     switch (number)
     {
@@ -39,6 +42,7 @@ extern "C" void handleSignal(int number)
         default:
             break;
     }
+    errno = interrupted;
 }
 
 } // namespace

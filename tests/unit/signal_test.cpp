@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -190,6 +191,16 @@ TEST_F(Signal, HandlerLogsThroughGetInstance)
     ASSERT_TRUE(record::waitFor(stopped));
     EXPECT_EQ(record::count("log 4 morrow_signal: Entry [get_instance]\n"),
               before + 1);
+}
+
+TEST_F(Signal, HandlerLeavesErrnoAlone)
+{
+    start();
+    record::when("log 4 morrow_signal: Entry [get_instance]",
+                 [] { errno = EPROTO; });
+    errno = ERANGE;
+    ASSERT_EQ(raise(SIGTERM), 0);
+    EXPECT_EQ(errno, ERANGE);
 }
 
 TEST_F(Signal, StopStateIs1WhileStopping)
