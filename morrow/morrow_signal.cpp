@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <exception>
 #include <system_error>
 
 namespace
@@ -110,7 +111,7 @@ bool morrow_signal::start_signal_thread()
     {
         signal_thread = std::thread(&morrow_signal::signal_thread_fn, this);
     }
-    catch (const std::system_error&)
+    catch (const std::exception&)
     {
         MORROW_LOG(logging::progress, "%s\n", "Failed to create signal thread");
         return false;
