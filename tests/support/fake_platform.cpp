@@ -206,7 +206,7 @@ int mctp_wrapper_ep::send_message_blocking(
         throw std::runtime_error("the transport gave up");
     }
     std::copy(attempt.response.begin(), attempt.response.end(), response.data);
-    response.len = attempt.response.size();
+    response.len = attempt.response.size() + attempt.beyond;
     response.eid = attempt.eid;
     response.stop = attempt.stop;
     return attempt.result;
