@@ -11,7 +11,9 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -296,6 +298,14 @@ TEST_F(ClientStart, ReturnsOnlyAfterTheLoopIsReady)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_EQ(record::count(initialised), 1);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
+{
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(fcntl(clientSignalPipe[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(clientSignalPipe[1], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
@@ -637,6 +647,33 @@ TEST_F(ReadsHostState, TypeBeyondTheAlternativesRaisesToo)
               1);
 }
 
+TEST_F(ReadsHostState, UsesTheDefaultConnectionOfTheCallingThread)
+{
+    sd_bus* mine = nullptr;
+    ASSERT_GE(sd_bus_default(&mine), 0);
+    const char* name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(mine, &name), 0);
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(host.lastReader(), name);
+    sd_bus_unref(mine);
+}
+
+TEST_F(ReadsHostState, ReadsLeaveNoDescriptorBehind)
+{
+    const auto descriptors = []
+    {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    const auto before = descriptors();
+    for (int pass = 0; pass < 100; ++pass)
+    {
+        EXPECT_EQ(getcurrentpowerstate(), 0);
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
 TEST_F(ReadsHostState, LeavesTheConnectionOfTheClientAlone)
 {
     const auto start = threadStory().size();
@@ -790,6 +827,18 @@ TEST_F(PowerSignals, TwoMatchingEntriesAreLoggedTwice)
     EXPECT_TRUE(flagsAreSet());
 }
 
+TEST_F(PowerSignals, EntriesThatDoNotMatchDoNotEndTheWalk)
+{
+    control.changes(HostControl::powerState,
+                    {{"Other", "x"},
+                     {"InternalPowerState", "a.Unheard"},
+                     {"InternalPowerState", "a.StateS5"}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("a.Unheard") +
+                             tellsPowerState("a.StateS5") +
+                             recognises("StateS5"));
+    EXPECT_TRUE(flagsAreSet());
+}
+
 TEST_F(PowerSignals, TwoSignalsAreHandledInTheirOrder)
 {
     control.changes(HostControl::powerState,
@@ -864,6 +913,16 @@ TEST_F(PowerSignals, OtherResetCausesAreIgnored)
                             std::string(cause) + "]\n"));
         EXPECT_FALSE(flagsAreSet());
     }
+}
+
+TEST_F(PowerSignals, ResetCauseBehindOtherEntriesCounts)
+{
+    control.changes(HostControl::resetCause,
+                    {{"Other", "x"},
+                     {"ResetCause", "a.ColdReset"},
+                     {"ResetCause", "a.WarmReset"}});
+    (void)handledResets();
+    EXPECT_TRUE(flagsAreSet());
 }
 
 TEST_F(PowerSignals, ResetWithoutItsPropertyLogsThePathAlone)

@@ -8,6 +8,7 @@
  */
 
 #include "morrow/morrow.hpp"
+#include "morrow/morrow_server.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
@@ -545,7 +546,19 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
     readyInFirstPass = manager.received() == "READY=1";
     EXPECT_EQ(before, "");
     EXPECT_TRUE(readyInFirstPass);
+    EXPECT_NE(getenv("NOTIFY_SOCKET"), nullptr);
     fake::onVendorRead = {};
+}
+
+TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
+{
+    daemon_state = MORROW_SLEEP_EVENT;
+    holdWhen([]
+             { return record::count("trace 4 morrow: CPU vendor : 0\n\n") > 0; });
+    start();
+    awaitHeld();
+    EXPECT_EQ(story().back(), "sleep 100 ms");
+    EXPECT_EQ(init_state, 3U);
 }
 
 TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
@@ -694,6 +707,17 @@ TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
                                  Texts{"sleep 1000 ms"} + failedRead));
 }
 
+TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterPass)
+{
+    power_down_pending = 1;
+    host->answersError("test.Error.Broken");
+    holdWhen([] { return record::count(getsState) == 2; });
+    start();
+    awaitHeld();
+    EXPECT_EQ(record::count("log 4 morrow: Entry change_State\n"), 0);
+    EXPECT_EQ(shared_word::load(power_down_pending), 1);
+}
+
 TEST_F(Daemon, OneEndpointMissingIdlesInPartialDiscovery)
 {
     controllers = {"fff10000.i3c"};
@@ -808,6 +832,24 @@ TEST_F(Daemon, TerminationInTheMiddleOfADiscoveryEndsWell)
     // The second endpoint comes too late for the bus.
     EXPECT_THAT(story(), Contains("log 1 morrow_server: createEndpointObject - "
                                   "Error: Bus pointer not present\n"));
+}
+
+TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
+{
+    startToDiscovery();
+    std::unique_lock lock(server_mutex);
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: stop_morrow_dbus_server - Enter\n"));
+    holdWhen(nullptr);
+    release();
+    EXPECT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    EXPECT_EQ(record::count(stopped), 0);
+    lock.unlock();
+    ASSERT_TRUE(record::waitFor(stopped));
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)

@@ -11,8 +11,11 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -206,6 +209,14 @@ TEST_F(ServerStart, HasThreeObjectManagers)
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
+TEST_F(ServerStart, PipeDoesNotOutliveAnExec)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_EQ(fcntl(serverSignalPipe[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(serverSignalPipe[1], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
 TEST_F(ServerStart, WithoutADescriptorForThePipeEndsWith1)
 {
     const limits::NoNewDescriptors none;
@@ -285,7 +296,9 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
             const bool returned =
                 record::count("log 4 morrow_server: morrow_dbus_server_init - "
                               "Exit\n") != 0;
-            std::_Exit(ended && logged && !returned ? 42 : 1);
+            // Nothing can be published without the name.
+            const bool published = publish(0, 8) != 1;
+            std::_Exit(ended && logged && !returned && !published ? 42 : 1);
         },
         testing::ExitedWithCode(42), "");
     sd_bus_flush_close_unref(owner);
@@ -626,6 +639,46 @@ TEST_F(Registry, WaitsForTheMutex)
     creator.join();
 }
 
+/** Expects an operation, of which this is the first line, to wait for the
+ *  mutex. */
+void expectWaitsForTheMutex(const std::string& enters,
+                            const std::function<void()>& operation)
+{
+    std::unique_lock lock(server_mutex);
+    auto done = std::async(std::launch::async, operation);
+    ASSERT_TRUE(record::waitFor(enters));
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    done.get();
+}
+
+TEST_F(Registry, WithdrawalWaitsForTheMutex)
+{
+    expectWaitsForTheMutex(
+        "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+        [] { EXPECT_EQ(server().deleteAllEndpointObject(0), 0); });
+}
+
+TEST_F(Registry, UnloadingWaitsForTheMutex)
+{
+    expectWaitsForTheMutex("log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                           [] { server().UnloadDBusObjects(); });
+}
+
+TEST_F(Registry, RequestsAreNotServedWhileTheMutexIsHeld)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    std::unique_lock lock(server_mutex);
+    auto answer = std::async(std::launch::async, [] {
+        return busctl::getArbitration("/xyz/openbmc_project/mctp/0/8", 1);
+    });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(answer.get(), "0");
+}
+
 TEST_F(Registry, ServesRequestsWhileEndpointsComeAndGo)
 {
     std::atomic<bool> finished{false};
@@ -906,6 +959,41 @@ TEST_F(ServerStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
     const int32_t mine = server().stop_morrow_dbus_server();
     second.join();
     EXPECT_EQ(mine + other, 1);
+}
+
+TEST_F(ServerStop, SecondWaitsForTheFirst)
+{
+    const auto stop = [] { return server().stop_morrow_dbus_server(); };
+    std::unique_lock lock(server_mutex);
+    auto first = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    auto second = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: stop_morrow_dbus_server - Enter\n", 2));
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(first.get(), 0);
+    EXPECT_EQ(second.get(), 1);
+    EXPECT_EQ(record::count("log 1 morrow_server: stop_morrow_dbus_server "
+                            "-Signal pipe write failed: Bad file "
+                            "descriptor\n"),
+              1);
+}
+
+TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
+{
+    std::unique_lock lock(server_mutex);
+    auto stop = std::async(std::launch::async,
+                           [] { return server().stop_morrow_dbus_server(); });
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    EXPECT_EQ(record::count(threadExits), 0);
+    lock.unlock();
+    EXPECT_EQ(stop.get(), 0);
 }
 
 TEST_F(ServerStop, ByteOtherThan1IsLoggedAndIgnored)
