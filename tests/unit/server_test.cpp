@@ -13,10 +13,13 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <future>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,6 +35,63 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
+
+namespace
+{
+
+/** Allocations of this size and more fail. */
+std::atomic<std::size_t> refusedFrom{SIZE_MAX};
+
+/** Refuses memory for as long as it lives. */
+class NoMemoryFrom
+{
+  public:
+    explicit NoMemoryFrom(std::size_t size)
+    {
+        refusedFrom = size;
+    }
+
+    NoMemoryFrom(const NoMemoryFrom&) = delete;
+    NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
+    NoMemoryFrom(NoMemoryFrom&&) = delete;
+    NoMemoryFrom& operator=(NoMemoryFrom&&) = delete;
+
+    ~NoMemoryFrom()
+    {
+        refusedFrom = SIZE_MAX;
+    }
+};
+
+} // namespace
+
+// Not inlined: the compiler would take what it then sees for a mismatch.
+// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept
+{
+    return size < refusedFrom ? std::malloc(size) : nullptr;
+}
+
+[[gnu::noinline]] void* operator new(std::size_t size)
+{
+    if (void* memory = operator new(size, std::nothrow))
+    {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
+// NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
 namespace
 {
@@ -512,6 +572,50 @@ TEST_F(Registry, NetworkBeyondTheSignedNumbersIsNotInThePathTable)
     EXPECT_EQ(record::count("log 1 morrow_server: createEndpointObject - "
                             "Error: Network ID -1 not present in map\n"),
               1);
+}
+
+TEST_F(Registry, PropertiesThatCannotBeBuiltEndWithoutAnExitLine)
+{
+    constexpr std::size_t large = 1U << 20U;
+    const std::vector<uint8_t> types(large);
+    const auto start = here();
+    {
+        const NoMemoryFrom none(large);
+        EXPECT_EQ(server().createEndpointObject(0, 8, types, 1, 2, "node"), 6);
+    }
+    EXPECT_THAT(storyFrom(start),
+                ElementsAre(
+                    "log 4 morrow_server: createEndpointObject - Enter\n",
+                    "log 1 morrow_server: EID:8-Failed to init:"
+                    "std::bad_alloc\n"));
+    EXPECT_EQ(publish(0, 8), 0) << "the mutex must be free";
+}
+
+TEST_F(Registry, ObjectWithoutMemoryIsRememberedAsNoneAndReportedAsCreated)
+{
+    {
+        const NoMemoryFrom none(sizeof(endpoint_object));
+        EXPECT_EQ(publish(0, 8), 0);
+    }
+    EXPECT_EQ(record::count("log 4 morrow_server: createEndpointObject "
+                            "-[/xyz/openbmc_project/mctp/0/8] object created "
+                            "successful\n"),
+              1);
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_EQ(record::count("log 4 morrow_server: deleteAllEndpointObject - "
+                            "EID 8: object deleted successfully\n"),
+              1);
+}
+
+TEST_F(Registry, UnloadingPassesOverAnObjectThatIsNone)
+{
+    {
+        const NoMemoryFrom none(sizeof(endpoint_object));
+        EXPECT_EQ(publish(0, 8), 0);
+    }
+    server().UnloadDBusObjects();
+    EXPECT_EQ(publish(0, 8), 0);
 }
 
 TEST_F(Registry, WithdrawsInAscendingOrder)
