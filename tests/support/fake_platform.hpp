@@ -39,7 +39,7 @@ struct Attempt
     uint8_t eid = 0;               //!< endpoint id of the responder
     uint8_t stop = 0;              //!< the stop flag
     bool throws = false;           //!< raises std::runtime_error instead
-    uint64_t beyond = 0;           //!< what the length says too much
+    uint64_t beyond = 0; //!< what the length says too much
 };
 
 /** The attempt of an endpoint that answers Discovery Notify as it should. */

@@ -917,10 +917,9 @@ TEST_F(PowerSignals, OtherResetCausesAreIgnored)
 
 TEST_F(PowerSignals, ResetCauseBehindOtherEntriesCounts)
 {
-    control.changes(HostControl::resetCause,
-                    {{"Other", "x"},
-                     {"ResetCause", "a.ColdReset"},
-                     {"ResetCause", "a.WarmReset"}});
+    control.changes(HostControl::resetCause, {{"Other", "x"},
+                                              {"ResetCause", "a.ColdReset"},
+                                              {"ResetCause", "a.WarmReset"}});
     (void)handledResets();
     EXPECT_TRUE(flagsAreSet());
 }

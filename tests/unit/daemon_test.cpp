@@ -553,8 +553,11 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
 TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
 {
     daemon_state = MORROW_SLEEP_EVENT;
-    holdWhen([]
-             { return record::count("trace 4 morrow: CPU vendor : 0\n\n") > 0; });
+    holdWhen(
+        []
+        {
+            return record::count("trace 4 morrow: CPU vendor : 0\n\n") > 0;
+        });
     start();
     awaitHeld();
     EXPECT_EQ(story().back(), "sleep 100 ms");
@@ -711,7 +714,11 @@ TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterPass)
 {
     power_down_pending = 1;
     host->answersError("test.Error.Broken");
-    holdWhen([] { return record::count(getsState) == 2; });
+    holdWhen(
+        []
+        {
+            return record::count(getsState) == 2;
+        });
     start();
     awaitHeld();
     EXPECT_EQ(record::count("log 4 morrow: Entry change_State\n"), 0);

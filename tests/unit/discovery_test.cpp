@@ -174,8 +174,8 @@ class NotifyOnTheBus : public testing::Test
                   " DevicePath=/dev/i3c-mctp-0 EID=" + std::to_string(eid) +
                       " EndpointType=1 NetworkId=0 Slot=" +
                       std::to_string(slot) + " SupportedMessageTypes=[126,5]");
-        EXPECT_EQ(
-            morrow_dbus_server::get_instance().deleteAllEndpointObject(0), 0);
+        EXPECT_EQ(morrow_dbus_server::get_instance().deleteAllEndpointObject(0),
+                  0);
     }
 
     static fake::Attempt wrongCommand(uint8_t eid)
@@ -575,7 +575,9 @@ TEST_F(Notify, LengthBeyondTheAreaIsNotRead)
     EXPECT_EQ(record::count("log 4 morrow: resp_buffer.len = [1003]\n"), 1);
     EXPECT_EQ(std::count_if(told.begin(), told.end(),
                             [](const auto& text)
-                            { return text.starts_with("log 4 morrow: ["); }),
+                            {
+                                return text.starts_with("log 4 morrow: [");
+                            }),
               160);
 }
 

@@ -67,7 +67,8 @@ class NoMemoryFrom
 // Not inlined: the compiler would take what it then sees for a mismatch.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept
+[[gnu::noinline]] void* operator new(std::size_t size,
+                                     const std::nothrow_t& /*tag*/) noexcept
 {
     return size < refusedFrom ? std::malloc(size) : nullptr;
 }
@@ -86,7 +87,8 @@ class NoMemoryFrom
     std::free(memory);
 }
 
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
+[[gnu::noinline]] void operator delete(void* memory,
+                                       std::size_t /*size*/) noexcept
 {
     std::free(memory);
 }
@@ -583,9 +585,9 @@ TEST_F(Registry, PropertiesThatCannotBeBuiltEndWithoutAnExitLine)
         const NoMemoryFrom none(large);
         EXPECT_EQ(server().createEndpointObject(0, 8, types, 1, 2, "node"), 6);
     }
-    EXPECT_THAT(storyFrom(start),
-                ElementsAre(
-                    "log 4 morrow_server: createEndpointObject - Enter\n",
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: createEndpointObject - Enter\n",
                     "log 1 morrow_server: EID:8-Failed to init:"
                     "std::bad_alloc\n"));
     EXPECT_EQ(publish(0, 8), 0) << "the mutex must be free";
@@ -761,22 +763,31 @@ TEST_F(Registry, WithdrawalWaitsForTheMutex)
 {
     expectWaitsForTheMutex(
         "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
-        [] { EXPECT_EQ(server().deleteAllEndpointObject(0), 0); });
+        []
+        {
+            EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+        });
 }
 
 TEST_F(Registry, UnloadingWaitsForTheMutex)
 {
     expectWaitsForTheMutex("log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                           [] { server().UnloadDBusObjects(); });
+                           []
+                           {
+                               server().UnloadDBusObjects();
+                           });
 }
 
 TEST_F(Registry, RequestsAreNotServedWhileTheMutexIsHeld)
 {
     EXPECT_EQ(publish(0, 8), 0);
     std::unique_lock lock(server_mutex);
-    auto answer = std::async(std::launch::async, [] {
-        return busctl::getArbitration("/xyz/openbmc_project/mctp/0/8", 1);
-    });
+    auto answer = std::async(std::launch::async,
+                             []
+                             {
+                                 return busctl::getArbitration(
+                                     "/xyz/openbmc_project/mctp/0/8", 1);
+                             });
     EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
     lock.unlock();
@@ -993,7 +1004,10 @@ TEST_F(ServerStop, WithdrawalBetweenTheLoopsEndAndTheStopsIsAnnounced)
     BusObserver observer;
     EXPECT_EQ(publish(0, 8), 0);
     record::when(threadExits,
-                 [] { EXPECT_EQ(server().deleteAllEndpointObject(0), 0); });
+                 []
+                 {
+                     EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+                 });
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
     ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
     EXPECT_THAT(observer.seen(), Contains("InterfacesRemoved " + manager0 +
@@ -1067,7 +1081,10 @@ TEST_F(ServerStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
 
 TEST_F(ServerStop, SecondWaitsForTheFirst)
 {
-    const auto stop = [] { return server().stop_morrow_dbus_server(); };
+    const auto stop = []
+    {
+        return server().stop_morrow_dbus_server();
+    };
     std::unique_lock lock(server_mutex);
     auto first = std::async(std::launch::async, stop);
     ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
@@ -1090,7 +1107,10 @@ TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
 {
     std::unique_lock lock(server_mutex);
     auto stop = std::async(std::launch::async,
-                           [] { return server().stop_morrow_dbus_server(); });
+                           []
+                           {
+                               return server().stop_morrow_dbus_server();
+                           });
     ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
                                 "sd_event_loop returned\n"));
     EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(100)),

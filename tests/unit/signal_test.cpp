@@ -202,7 +202,10 @@ TEST_F(Signal, HandlerLeavesErrnoAlone)
 {
     start();
     record::when("log 4 morrow_signal: Entry [get_instance]",
-                 [] { errno = EPROTO; });
+                 []
+                 {
+                     errno = EPROTO;
+                 });
     errno = ERANGE;
     ASSERT_EQ(raise(SIGTERM), 0);
     EXPECT_EQ(errno, ERANGE);
