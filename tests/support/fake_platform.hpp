@@ -4,9 +4,11 @@
 /**
  * The platform contract as the unit tests need it: every call is recorded, and
  * what it answers is set here. Sleeping takes no time: the request is recorded
- * and the sleeper goes on at once.
+ * and the sleeper goes on at once. Semaphores are the system's own, but can be
+ * refused, which the system itself never does.
  */
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -66,6 +68,12 @@ extern int interruptedSleeps;
 
 /** Fails the next sleeps with something else than an interruption. */
 extern int brokenSleeps;
+
+/** What making a semaphore fails with: an errno value, 0 for not at all. */
+extern std::atomic<int> semaphoreInitError;
+
+/** The same for destroying one. */
+extern std::atomic<int> semaphoreDestroyError;
 
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;

@@ -2,6 +2,7 @@
 #include "morrow/morrow_client.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
+#include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -307,6 +309,21 @@ TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
     EXPECT_EQ(fcntl(clientSignalPipe[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(clientSignalPipe[1], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_dbus_client_init(), 1);
+    EXPECT_EQ(
+        storySince(0),
+        (Texts{"log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+               "log 4 morrow_client: morrow_dbus_client - Default "
+               "constructor\n",
+               "log 1 morrow_client: morrow_dbus_client_init -Semaphore init "
+               "failed:Function not implemented\n",
+               "log 4 morrow_client: morrow_dbus_client_init - Exit\n"}));
+    EXPECT_EQ(clientSignalPipe, closedStopPipe);
 }
 
 TEST_F(ClientStart, WithoutADescriptorForThePipeEndsWith1)

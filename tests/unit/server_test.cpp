@@ -3,6 +3,7 @@
 #include "morrow/morrow_server.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
+#include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 
@@ -11,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -277,6 +279,21 @@ TEST_F(ServerStart, PipeDoesNotOutliveAnExec)
     EXPECT_EQ(fcntl(serverSignalPipe[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(serverSignalPipe[1], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(ServerStart, WithoutASemaphoreEndsWith1)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_dbus_server_init(), 1);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 1 morrow_server: morrow_dbus_server_init -Semaphore init "
+            "failed:Function not implemented\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n"));
+    EXPECT_THAT(serverSignalPipe, ElementsAre(-1, -1));
 }
 
 TEST_F(ServerStart, WithoutADescriptorForThePipeEndsWith1)

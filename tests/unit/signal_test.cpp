@@ -160,6 +160,27 @@ TEST_F(Signal, ThreadThatCannotStartIsLoggedAndNoHandlerInstalled)
     EXPECT_TRUE(isDefault(SIGTERM));
 }
 
+TEST_F(Signal, SemaphoreThatCannotBeMadeIsLoggedAndNothingStarted)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_init_signal(), 2U);
+    EXPECT_EQ(story().back(),
+              "log 4 morrow_signal: Failed to initialize semaphore\n");
+    EXPECT_TRUE(isDefault(SIGTERM));
+    fake::semaphoreInitError = 0;
+    start();
+}
+
+TEST_F(Signal, SemaphoreIsNotMadeASecondTime)
+{
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_init_signal(), 2U);
+    }
+    fake::semaphoreInitError = ENOSYS;
+    start();
+}
+
 TEST_F(Signal, SetUpAfterAFailureMakesTheThread)
 {
     {
@@ -355,6 +376,28 @@ TEST_F(Signal, DestructorLogsItsEntry)
             start();
             sendSignal(SIGTERM);
             morrow_signal::get_instance().wait_stop();
+            std::exit(0);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Signal, SemaphoreThatCannotBeDestroyedIsLogged)
+{
+    EXPECT_EXIT(
+        {
+            (void)std::atexit(
+                []
+                {
+                    std::_Exit(record::texts().back() ==
+                                       "log 4 morrow_signal: Failed to "
+                                       "destroy semaphore\n"
+                                   ? 42
+                                   : 1);
+                });
+            start();
+            sendSignal(SIGTERM);
+            morrow_signal::get_instance().wait_stop();
+            fake::semaphoreDestroyError = EINVAL;
             std::exit(0);
         },
         testing::ExitedWithCode(42), "");
