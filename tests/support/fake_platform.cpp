@@ -35,6 +35,7 @@ std::vector<uint64_t> lastResponseWords;
 std::function<void(int64_t)> onSleep;
 int interruptedSleeps = 0;
 int brokenSleeps = 0;
+std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
 std::function<void()> onVendorRead;
@@ -116,6 +117,10 @@ extern "C" void dlog_printf(int level, int module, const char* format, ...)
     record::addLog(head.data(), source, line, format + std::strlen(prefix),
                    arguments);
     va_end(arguments);
+    if (fake::errnoOfLog != 0)
+    {
+        errno = fake::errnoOfLog;
+    }
 }
 
 extern "C" void dmctp_trace(int level, const char* file, unsigned int line,

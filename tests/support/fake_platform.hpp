@@ -69,6 +69,9 @@ extern int interruptedSleeps;
 /** Fails the next sleeps with something else than an interruption. */
 extern int brokenSleeps;
 
+/** What the debug log leaves in errno; 0 for leaving it alone. */
+extern std::atomic<int> errnoOfLog;
+
 /** What making a semaphore fails with: an errno value, 0 for not at all. */
 extern std::atomic<int> semaphoreInitError;
 

@@ -95,6 +95,12 @@ class NoMemoryFrom
     std::free(memory);
 }
 
+[[gnu::noinline]] void operator delete(void* memory,
+                                       const std::nothrow_t& /*tag*/) noexcept
+{
+    std::free(memory);
+}
+
 // NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
 namespace
