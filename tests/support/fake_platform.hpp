@@ -38,9 +38,9 @@ struct Attempt
 {
     int result = 0; //!< 0 or a positive errno value
     std::vector<uint8_t> response{}; //!< the message
-    uint8_t eid = 0;               //!< endpoint id of the responder
-    uint8_t stop = 0;              //!< the stop flag
-    bool throws = false;           //!< raises std::runtime_error instead
+    uint8_t eid = 0; //!< endpoint id of the responder
+    uint8_t stop = 0; //!< the stop flag
+    bool throws = false; //!< raises std::runtime_error instead
     uint64_t beyond = 0; //!< what the length says too much
 };
 

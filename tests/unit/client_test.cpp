@@ -575,6 +575,8 @@ TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
          {std::string(), std::string("Running"),
           std::string("xyz.openbmc_project.State.Host.HostState.RunninG"),
           std::string("xyz.openbmc_project.State.Host.HostState.Running2"),
+          std::string("a.xyz.openbmc_project.State.Host.HostState.Running"),
+          std::string("a.Running"),
           std::string("xyz.openbmc_project.State.Host.HostState.Quiesced")})
     {
         power_down_pending = 0;

@@ -19,6 +19,7 @@
 #include "tests/support/notify_socket.hpp"
 #include "tests/support/record.hpp"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): pthread_kill
 #include <sys/socket.h>
@@ -936,6 +937,28 @@ class Handshake : public Daemon
             });
         release();
         connection = silent->takeConnection();
+        // It has sent its first words; now it is to wait for the answer, so
+        // that a signal finds it in a system call.
+        ASSERT_TRUE(record::waitUntil(
+            [this]
+            {
+                return isAsleep();
+            }));
+    }
+
+    /** Whether the main thread waits in a system call. */
+    bool isAsleep() const
+    {
+        std::ifstream status("/proc/self/task/" + std::to_string(daemonThread) +
+                             "/status");
+        for (std::string line; std::getline(status, line);)
+        {
+            if (line.starts_with("State:"))
+            {
+                return line.find("S (sleeping)") != std::string::npos;
+            }
+        }
+        return false;
     }
 
     void endHandshake()
@@ -970,6 +993,8 @@ TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
 {
     enterHandshake();
     ASSERT_EQ(pthread_kill(thread.native_handle(), SIGTERM), 0);
+    // Time enough for a signal that is not blocked to be taken.
+    (void)poll(nullptr, 0, 100);
     EXPECT_EQ(record::count(stopped), 0);
     endHandshake();
     ASSERT_TRUE(record::waitFor(stopped));
