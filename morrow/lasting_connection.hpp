@@ -14,10 +14,11 @@
  *
  * An object is announced as removed only below an object manager, and the
  * server's own managers go with its loop. So the connection gets managers of
- * its own for the withdrawal.
+ * its own for the withdrawal, before the loop's go.
  *
- * `hold` is for the thread whose connection it is, everything else for one
- * thread at a time after that thread has ended.
+ * `hold` is for the thread whose connection it is, `close` for after the end
+ * of that thread; `manage` and `close` are for whoever holds the server's
+ * mutex.
  */
 
 #include <systemd/sd-bus.h>

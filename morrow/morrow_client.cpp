@@ -9,9 +9,12 @@
 #include <sdbusplus/bus/match.hpp>
 #include <sdbusplus/exception.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -173,7 +176,7 @@ int morrow_dbus_client_init()
                 &morrow_dbus_client::morrowClientDBusHandler, &client);
             (void)sem_wait(&clientReadySemaphore); // taken up after signals
         }
-        catch (const std::system_error&)
+        catch (const std::exception&)
         {
             MORROW_LOG(logging::error, "%s -Error creating thread\n", __func__);
             result = 1;

@@ -337,6 +337,12 @@ void morrow_dbus_server::serveBus()
     connected.reset();
     auto last = std::atomic_exchange(&bus, {});
     const std::lock_guard lock(server_mutex); // discovery may be publishing
+    // Before the loop's own managers go, so that there is no moment at which
+    // discovery could withdraw an endpoint unannounced.
+    for (const char* path : networkManagers)
+    {
+        serverConnection.manage(path);
+    }
     last.reset();
     managers.reset();
 }
@@ -418,13 +424,6 @@ int32_t morrow_dbus_server::stop_morrow_dbus_server()
     // Initialisation has destroyed it already; on Linux a second time is
     // harmless.
     (void)sem_destroy(&serverReadySemaphore);
-    {
-        const std::lock_guard lock(server_mutex);
-        for (const char* path : networkManagers)
-        {
-            serverConnection.manage(path);
-        }
-    }
     UnloadDBusObjects();
     {
         const std::lock_guard lock(server_mutex);

@@ -6,8 +6,10 @@
 #include "morrow_server.hpp"
 #include "sleep.hpp"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <exception>
 #include <system_error>
 
 namespace
@@ -23,9 +25,11 @@ constexpr uint32_t succeeded = 0;
 constexpr uint32_t failed = 2;
 
 /** Serves SIGTERM, SIGSEGV and SIGBUS. That get_instance logs from here is
- *  meant: the log is async-signal-safe, and the line shows the signal. */
+ *  meant: the log is async-signal-safe, and the line shows the signal. The code
+ *  that is interrupted finds its errno as it was. */
 extern "C" void handleSignal(int number)
 {
+    const int interrupted = errno;
     auto& instance = morrow_signal::get_instance();
     switch (number)
     {
@@ -39,6 +43,7 @@ extern "C" void handleSignal(int number)
         default:
             break;
     }
+    errno = interrupted;
 }
 
 } // namespace
@@ -106,7 +111,7 @@ bool morrow_signal::start_signal_thread()
     {
         signal_thread = std::thread(&morrow_signal::signal_thread_fn, this);
     }
-    catch (const std::system_error&)
+    catch (const std::exception&)
     {
         MORROW_LOG(logging::progress, "%s\n", "Failed to create signal thread");
         return false;

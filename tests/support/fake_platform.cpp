@@ -8,6 +8,9 @@
 #include <platform/hal.h>
 #include <platform/mctp_wrapper.hpp>
 
+#include <dlfcn.h>
+#include <semaphore.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -32,6 +35,9 @@ std::vector<uint64_t> lastResponseWords;
 std::function<void(int64_t)> onSleep;
 int interruptedSleeps = 0;
 int brokenSleeps = 0;
+std::atomic<int> errnoOfLog{0};
+std::atomic<int> semaphoreInitError{0};
+std::atomic<int> semaphoreDestroyError{0};
 std::function<void()> onVendorRead;
 
 Attempt answer(uint8_t eid)
@@ -111,6 +117,10 @@ extern "C" void dlog_printf(int level, int module, const char* format, ...)
     record::addLog(head.data(), source, line, format + std::strlen(prefix),
                    arguments);
     va_end(arguments);
+    if (fake::errnoOfLog != 0)
+    {
+        errno = fake::errnoOfLog;
+    }
 }
 
 extern "C" void dmctp_trace(int level, const char* file, unsigned int line,
@@ -206,10 +216,44 @@ int mctp_wrapper_ep::send_message_blocking(
         throw std::runtime_error("the transport gave up");
     }
     std::copy(attempt.response.begin(), attempt.response.end(), response.data);
-    response.len = attempt.response.size();
+    response.len = attempt.response.size() + attempt.beyond;
     response.eid = attempt.eid;
     response.stop = attempt.stop;
     return attempt.result;
+}
+
+namespace
+{
+
+/** The C library's function behind one of this name here. */
+template <typename Function>
+Function* realFunction(const char* name)
+{
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): dlsym
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
+{
+    if (fake::semaphoreInitError != 0)
+    {
+        errno = fake::semaphoreInitError;
+        return -1;
+    }
+    return realFunction<int(sem_t*, int, unsigned int)>("sem_init")(
+        semaphore, shared, value);
+}
+
+extern "C" int sem_destroy(sem_t* semaphore)
+{
+    if (fake::semaphoreDestroyError != 0)
+    {
+        errno = fake::semaphoreDestroyError;
+        return -1;
+    }
+    return realFunction<int(sem_t*)>("sem_destroy")(semaphore);
 }
 
 /** Takes the place of the C library's: time is under control. */

@@ -4,9 +4,11 @@
 /**
  * The platform contract as the unit tests need it: every call is recorded, and
  * what it answers is set here. Sleeping takes no time: the request is recorded
- * and the sleeper goes on at once.
+ * and the sleeper goes on at once. Semaphores are the system's own, but can be
+ * refused, which the system itself never does.
  */
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -39,6 +41,7 @@ struct Attempt
     uint8_t eid = 0; //!< endpoint id of the responder
     uint8_t stop = 0; //!< the stop flag
     bool throws = false; //!< raises std::runtime_error instead
+    uint64_t beyond = 0; //!< what the length says too much
 };
 
 /** The attempt of an endpoint that answers Discovery Notify as it should. */
@@ -65,6 +68,15 @@ extern int interruptedSleeps;
 
 /** Fails the next sleeps with something else than an interruption. */
 extern int brokenSleeps;
+
+/** What the debug log leaves in errno; 0 for leaving it alone. */
+extern std::atomic<int> errnoOfLog;
+
+/** What making a semaphore fails with: an errno value, 0 for not at all. */
+extern std::atomic<int> semaphoreInitError;
+
+/** The same for destroying one. */
+extern std::atomic<int> semaphoreDestroyError;
 
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;

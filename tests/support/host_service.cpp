@@ -89,6 +89,12 @@ std::string HostService::lastRead() const
     return asked;
 }
 
+std::string HostService::lastReader() const
+{
+    const std::lock_guard lock(mutex);
+    return asker;
+}
+
 int HostService::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
 {
     if (sd_bus_message_is_method_call(call, propertiesInterface, "Get") <= 0)
@@ -102,6 +108,7 @@ int HostService::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
     const std::lock_guard lock(service.mutex);
     ++service.answered;
     service.asked = std::string(interface) + " " + property;
+    service.asker = sd_bus_message_get_sender(call);
     if (!service.errorName.empty())
     {
         return sd_bus_error_set(error, service.errorName.c_str(),

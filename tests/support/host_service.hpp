@@ -48,6 +48,9 @@ class HostService
     /** What the last Get asked for: "INTERFACE PROPERTY". */
     std::string lastRead() const;
 
+    /** The unique name of the connection that asked last. */
+    std::string lastReader() const;
+
   private:
     static int onCall(sd_bus_message* call, void* self, sd_bus_error* error);
     void run();
@@ -57,6 +60,7 @@ class HostService
     std::string errorName;
     std::size_t answered = 0;
     std::string asked;
+    std::string asker;
     sd_bus* bus = nullptr;
     int stopEvent;
     std::thread thread;

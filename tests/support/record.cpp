@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -138,7 +137,6 @@ void add(const char* format, ...)
 void addLog(const char* head, const char* source, unsigned line,
             const char* format, va_list arguments)
 {
-    const int saved = errno;
     runHook();
     Slot& slot = takeSlot();
     slot.line = line;
@@ -149,7 +147,6 @@ void addLog(const char* head, const char* source, unsigned line,
                     slot.text.size() - static_cast<std::size_t>(used), format,
                     arguments);
     publish(slot);
-    errno = saved;
 }
 
 std::vector<Event> events()

@@ -2,6 +2,7 @@
 #include "morrow/morrow_client.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
+#include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
@@ -9,9 +10,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -299,6 +303,29 @@ TEST_F(ClientStart, ReturnsOnlyAfterTheLoopIsReady)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
+{
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(fcntl(clientSignalPipe[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(clientSignalPipe[1], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_dbus_client_init(), 1);
+    EXPECT_EQ(
+        storySince(0),
+        (Texts{"log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+               "log 4 morrow_client: morrow_dbus_client - Default "
+               "constructor\n",
+               "log 1 morrow_client: morrow_dbus_client_init -Semaphore init "
+               "failed:Function not implemented\n",
+               "log 4 morrow_client: morrow_dbus_client_init - Exit\n"}));
+    EXPECT_EQ(clientSignalPipe, closedStopPipe);
+}
+
 TEST_F(ClientStart, WithoutADescriptorForThePipeEndsWith1)
 {
     const limits::NoNewDescriptors none;
@@ -548,6 +575,8 @@ TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
          {std::string(), std::string("Running"),
           std::string("xyz.openbmc_project.State.Host.HostState.RunninG"),
           std::string("xyz.openbmc_project.State.Host.HostState.Running2"),
+          std::string("a.xyz.openbmc_project.State.Host.HostState.Running"),
+          std::string("a.Running"),
           std::string("xyz.openbmc_project.State.Host.HostState.Quiesced")})
     {
         power_down_pending = 0;
@@ -635,6 +664,33 @@ TEST_F(ReadsHostState, TypeBeyondTheAlternativesRaisesToo)
                             "[currenthoststate],propertyName:"
                             "[CurrentHostState]\n"),
               1);
+}
+
+TEST_F(ReadsHostState, UsesTheDefaultConnectionOfTheCallingThread)
+{
+    sd_bus* mine = nullptr;
+    ASSERT_GE(sd_bus_default(&mine), 0);
+    const char* name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(mine, &name), 0);
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(host.lastReader(), name);
+    sd_bus_unref(mine);
+}
+
+TEST_F(ReadsHostState, ReadsLeaveNoDescriptorBehind)
+{
+    const auto descriptors = []
+    {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    const auto before = descriptors();
+    for (int pass = 0; pass < 100; ++pass)
+    {
+        EXPECT_EQ(getcurrentpowerstate(), 0);
+    }
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(ReadsHostState, LeavesTheConnectionOfTheClientAlone)
@@ -790,6 +846,18 @@ TEST_F(PowerSignals, TwoMatchingEntriesAreLoggedTwice)
     EXPECT_TRUE(flagsAreSet());
 }
 
+TEST_F(PowerSignals, EntriesThatDoNotMatchDoNotEndTheWalk)
+{
+    control.changes(HostControl::powerState,
+                    {{"Other", "x"},
+                     {"InternalPowerState", "a.Unheard"},
+                     {"InternalPowerState", "a.StateS5"}});
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("a.Unheard") +
+                             tellsPowerState("a.StateS5") +
+                             recognises("StateS5"));
+    EXPECT_TRUE(flagsAreSet());
+}
+
 TEST_F(PowerSignals, TwoSignalsAreHandledInTheirOrder)
 {
     control.changes(HostControl::powerState,
@@ -864,6 +932,15 @@ TEST_F(PowerSignals, OtherResetCausesAreIgnored)
                             std::string(cause) + "]\n"));
         EXPECT_FALSE(flagsAreSet());
     }
+}
+
+TEST_F(PowerSignals, ResetCauseBehindOtherEntriesCounts)
+{
+    control.changes(HostControl::resetCause, {{"Other", "x"},
+                                              {"ResetCause", "a.ColdReset"},
+                                              {"ResetCause", "a.WarmReset"}});
+    (void)handledResets();
+    EXPECT_TRUE(flagsAreSet());
 }
 
 TEST_F(PowerSignals, ResetWithoutItsPropertyLogsThePathAlone)

@@ -8,6 +8,7 @@
  */
 
 #include "morrow/morrow.hpp"
+#include "morrow/morrow_server.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
@@ -18,6 +19,7 @@
 #include "tests/support/notify_socket.hpp"
 #include "tests/support/record.hpp"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): pthread_kill
 #include <sys/socket.h>
@@ -545,7 +547,22 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
     readyInFirstPass = manager.received() == "READY=1";
     EXPECT_EQ(before, "");
     EXPECT_TRUE(readyInFirstPass);
+    EXPECT_NE(getenv("NOTIFY_SOCKET"), nullptr);
     fake::onVendorRead = {};
+}
+
+TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
+{
+    daemon_state = MORROW_SLEEP_EVENT;
+    holdWhen(
+        []
+        {
+            return record::count("trace 4 morrow: CPU vendor : 0\n\n") > 0;
+        });
+    start();
+    awaitHeld();
+    EXPECT_EQ(story().back(), "sleep 100 ms");
+    EXPECT_EQ(init_state, 3U);
 }
 
 TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
@@ -694,6 +711,21 @@ TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
                                  Texts{"sleep 1000 ms"} + failedRead));
 }
 
+TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterPass)
+{
+    power_down_pending = 1;
+    host->answersError("test.Error.Broken");
+    holdWhen(
+        []
+        {
+            return record::count(getsState) == 2;
+        });
+    start();
+    awaitHeld();
+    EXPECT_EQ(record::count("log 4 morrow: Entry change_State\n"), 0);
+    EXPECT_EQ(shared_word::load(power_down_pending), 1);
+}
+
 TEST_F(Daemon, OneEndpointMissingIdlesInPartialDiscovery)
 {
     controllers = {"fff10000.i3c"};
@@ -810,6 +842,24 @@ TEST_F(Daemon, TerminationInTheMiddleOfADiscoveryEndsWell)
                                   "Error: Bus pointer not present\n"));
 }
 
+TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
+{
+    startToDiscovery();
+    std::unique_lock lock(server_mutex);
+    ::kill(getpid(), SIGTERM);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: stop_morrow_dbus_server - Enter\n"));
+    holdWhen(nullptr);
+    release();
+    EXPECT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    EXPECT_EQ(record::count(stopped), 0);
+    lock.unlock();
+    ASSERT_TRUE(record::waitFor(stopped));
+    ::kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(exitStatus, 0);
+}
+
 TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
 {
     startToDiscovery();
@@ -887,6 +937,28 @@ class Handshake : public Daemon
             });
         release();
         connection = silent->takeConnection();
+        // It has sent its first words; now it is to wait for the answer, so
+        // that a signal finds it in a system call.
+        ASSERT_TRUE(record::waitUntil(
+            [this]
+            {
+                return isAsleep();
+            }));
+    }
+
+    /** Whether the main thread waits in a system call. */
+    bool isAsleep() const
+    {
+        std::ifstream status("/proc/self/task/" + std::to_string(daemonThread) +
+                             "/status");
+        for (std::string line; std::getline(status, line);)
+        {
+            if (line.starts_with("State:"))
+            {
+                return line.find("S (sleeping)") != std::string::npos;
+            }
+        }
+        return false;
     }
 
     void endHandshake()
@@ -921,6 +993,8 @@ TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
 {
     enterHandshake();
     ASSERT_EQ(pthread_kill(thread.native_handle(), SIGTERM), 0);
+    // Time enough for a signal that is not blocked to be taken.
+    (void)poll(nullptr, 0, 100);
     EXPECT_EQ(record::count(stopped), 0);
     endHandshake();
     ASSERT_TRUE(record::waitFor(stopped));

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow/morrow.hpp"
 #include "morrow/morrow_server.hpp"
+#include "tests/support/broker.hpp"
+#include "tests/support/bus_observer.hpp"
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -140,6 +143,52 @@ class Notify : public testing::Test
     {
         makeServer();
     }
+};
+
+/** Exchanges whose endpoints can be looked at on the bus. */
+class NotifyOnTheBus : public testing::Test
+{
+  protected:
+    NotifyOnTheBus()
+    {
+        EXPECT_EQ(morrow_dbus_server_init(), 0);
+    }
+
+    ~NotifyOnTheBus() override
+    {
+        EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(),
+                  0);
+    }
+
+    /** Runs the exchange with an endpoint whose attempts end so, and expects
+     *  it to be published with this id and slot and nothing else. */
+    static void expectPublished(const std::deque<fake::Attempt>& attempts,
+                                uint8_t eid, uint16_t slot)
+    {
+        fake::endpoints[node0] = attempts;
+        EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+        const std::string network = "/xyz/openbmc_project/mctp/0";
+        const std::string path = network + "/" + std::to_string(eid);
+        EXPECT_THAT(busctl::managedObjects(network), ElementsAre(path));
+        EXPECT_EQ(busctl::getAll(path),
+                  " DevicePath=/dev/i3c-mctp-0 EID=" + std::to_string(eid) +
+                      " EndpointType=1 NetworkId=0 Slot=" +
+                      std::to_string(slot) + " SupportedMessageTypes=[126,5]");
+        EXPECT_EQ(morrow_dbus_server::get_instance().deleteAllEndpointObject(0),
+                  0);
+    }
+
+    static fake::Attempt wrongCommand(uint8_t eid)
+    {
+        return {.response = {0x00, 0x01, 0x0C}, .eid = eid};
+    }
+
+    static fake::Attempt failure(uint8_t eid)
+    {
+        return {.result = ETIMEDOUT, .eid = eid};
+    }
+
+    Broker broker;
 };
 
 class FullDiscovery : public WithFiles
@@ -517,6 +566,67 @@ TEST_F(Notify, ExceptionOfTheTransportComesOutAfterTheEndpointIsGone)
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
+TEST_F(Notify, LengthBeyondTheAreaIsNotRead)
+{
+    fake::endpoints[node0] = {
+        {.response = {0x00, 0x01, 0x0D}, .eid = 0x1D, .beyond = 1000}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    const Texts told = story();
+    EXPECT_EQ(record::count("log 4 morrow: resp_buffer.len = [1003]\n"), 1);
+    EXPECT_EQ(std::count_if(told.begin(), told.end(),
+                            [](const auto& text)
+                            {
+                                return text.starts_with("log 4 morrow: [");
+                            }),
+              160);
+}
+
+TEST_F(Notify, AreaIsZeroedWhenTheExchangeStartsAndNotBeforeEachAttempt)
+{
+    // What the library says it wrote but did not is what was there before.
+    fake::endpoints[node0] = {{.response = {0x7F, 0x01}, .beyond = 1},
+                              {.response = {}, .beyond = 3}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_EQ(record::count("log 4 morrow: [7f]\n"), 3);
+    EXPECT_EQ(record::count("log 4 morrow: [01]\n"), 3);
+    EXPECT_EQ(record::count("log 4 morrow: [00]\n"), 3);
+}
+
+TEST_F(NotifyOnTheBus, SlotFollowsTheTableOfIds)
+{
+    expectPublished({fake::answer(0x1D)}, 0x1D, 0);
+    expectPublished({fake::answer(0x9D)}, 0x9D, 1);
+    expectPublished({fake::answer(0x5D)}, 0x5D, 2);
+    expectPublished({fake::answer(0xDD)}, 0xDD, 3);
+}
+
+TEST_F(NotifyOnTheBus, IdBeyondTheTableIsSlot0)
+{
+    expectPublished({fake::answer(0x42)}, 0x42, 0);
+}
+
+TEST_F(NotifyOnTheBus, IdBeyondTheTableKeepsTheSlotOfAnEarlierAttempt)
+{
+    expectPublished({wrongCommand(0xDD), fake::answer(0x42)}, 0x42, 3);
+}
+
+TEST_F(NotifyOnTheBus, FailedAttemptSetsTheSlotToo)
+{
+    expectPublished({failure(0x5D), fake::answer(0x42)}, 0x42, 2);
+}
+
+TEST_F(NotifyOnTheBus, SlotOfOneExchangeIsForgottenInTheNext)
+{
+    expectPublished({fake::answer(0xDD)}, 0xDD, 3);
+    expectPublished({fake::answer(0x42)}, 0x42, 0);
+}
+
+TEST_F(NotifyOnTheBus, WrongAnswerIsPublishedWithTheIdOfTheLastAttempt)
+{
+    expectPublished({wrongCommand(0x9D), failure(0x43), failure(0x42)}, 0x42,
+                    1);
+}
+
 // Full discovery
 
 TEST_F(FullDiscovery, BothAnsweringIsTheWholeStory)
@@ -599,6 +709,13 @@ TEST_F(FullDiscovery, MissingIdsAreGivenToRemoveLockButNotToRemoveShm)
     EXPECT_THAT(story(), Contains("removeLock 11"));
     EXPECT_THAT(story(), Not(Contains("removeShm -1")));
     EXPECT_THAT(story(), Contains("removeShm 21"));
+}
+
+TEST_F(FullDiscovery, IdsOf0AreRemoved)
+{
+    fake::shmIds = {{node0, 0}, {node1, 0}};
+    discover();
+    EXPECT_EQ(record::count("removeShm 0"), 2);
 }
 
 TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
@@ -806,6 +923,16 @@ TEST_F(PowerOffCleanup, IdsOfMinus1AreLeftOut)
     EXPECT_THAT(story(), Not(Contains("removeShm -1")));
     EXPECT_EQ(record::count("removeLock 11"), 1);
     EXPECT_EQ(record::count("removeShm 20"), 1);
+}
+
+TEST_F(PowerOffCleanup, IdsOf0AreRemoved)
+{
+    i3c_device_map = {node0};
+    fake::lockIds = {{node0, 0}};
+    fake::shmIds = {{node0, 0}};
+    cleanUp();
+    EXPECT_EQ(record::count("removeLock 0"), 1);
+    EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
 TEST_F(PowerOffCleanup, CancelsAPendingRetry)

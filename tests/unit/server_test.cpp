@@ -3,6 +3,7 @@
 #include "morrow/morrow_server.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
+#include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 
@@ -11,9 +12,16 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -29,6 +37,71 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
+
+namespace
+{
+
+/** Allocations of this size and more fail. */
+std::atomic<std::size_t> refusedFrom{SIZE_MAX};
+
+/** Refuses memory for as long as it lives. */
+class NoMemoryFrom
+{
+  public:
+    explicit NoMemoryFrom(std::size_t size)
+    {
+        refusedFrom = size;
+    }
+
+    NoMemoryFrom(const NoMemoryFrom&) = delete;
+    NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
+    NoMemoryFrom(NoMemoryFrom&&) = delete;
+    NoMemoryFrom& operator=(NoMemoryFrom&&) = delete;
+
+    ~NoMemoryFrom()
+    {
+        refusedFrom = SIZE_MAX;
+    }
+};
+
+} // namespace
+
+// Not inlined: the compiler would take what it then sees for a mismatch.
+// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+
+[[gnu::noinline]] void* operator new(std::size_t size,
+                                     const std::nothrow_t& /*tag*/) noexcept
+{
+    return size < refusedFrom ? std::malloc(size) : nullptr;
+}
+
+[[gnu::noinline]] void* operator new(std::size_t size)
+{
+    if (void* memory = operator new(size, std::nothrow))
+    {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory,
+                                       std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory,
+                                       const std::nothrow_t& /*tag*/) noexcept
+{
+    std::free(memory);
+}
+
+// NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
 namespace
 {
@@ -206,6 +279,29 @@ TEST_F(ServerStart, HasThreeObjectManagers)
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
+TEST_F(ServerStart, PipeDoesNotOutliveAnExec)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_EQ(fcntl(serverSignalPipe[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(serverSignalPipe[1], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(ServerStart, WithoutASemaphoreEndsWith1)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_dbus_server_init(), 1);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 1 morrow_server: morrow_dbus_server_init -Semaphore init "
+            "failed:Function not implemented\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n"));
+    EXPECT_THAT(serverSignalPipe, ElementsAre(-1, -1));
+}
+
 TEST_F(ServerStart, WithoutADescriptorForThePipeEndsWith1)
 {
     const limits::NoNewDescriptors none;
@@ -285,7 +381,9 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
             const bool returned =
                 record::count("log 4 morrow_server: morrow_dbus_server_init - "
                               "Exit\n") != 0;
-            std::_Exit(ended && logged && !returned ? 42 : 1);
+            // Nothing can be published without the name.
+            const bool published = publish(0, 8) != 1;
+            std::_Exit(ended && logged && !returned && !published ? 42 : 1);
         },
         testing::ExitedWithCode(42), "");
     sd_bus_flush_close_unref(owner);
@@ -501,6 +599,50 @@ TEST_F(Registry, NetworkBeyondTheSignedNumbersIsNotInThePathTable)
               1);
 }
 
+TEST_F(Registry, PropertiesThatCannotBeBuiltEndWithoutAnExitLine)
+{
+    constexpr std::size_t large = 1U << 20U;
+    const std::vector<uint8_t> types(large);
+    const auto start = here();
+    {
+        const NoMemoryFrom none(large);
+        EXPECT_EQ(server().createEndpointObject(0, 8, types, 1, 2, "node"), 6);
+    }
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: createEndpointObject - Enter\n",
+                    "log 1 morrow_server: EID:8-Failed to init:"
+                    "std::bad_alloc\n"));
+    EXPECT_EQ(publish(0, 8), 0) << "the mutex must be free";
+}
+
+TEST_F(Registry, ObjectWithoutMemoryIsRememberedAsNoneAndReportedAsCreated)
+{
+    {
+        const NoMemoryFrom none(sizeof(endpoint_object));
+        EXPECT_EQ(publish(0, 8), 0);
+    }
+    EXPECT_EQ(record::count("log 4 morrow_server: createEndpointObject "
+                            "-[/xyz/openbmc_project/mctp/0/8] object created "
+                            "successful\n"),
+              1);
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_EQ(record::count("log 4 morrow_server: deleteAllEndpointObject - "
+                            "EID 8: object deleted successfully\n"),
+              1);
+}
+
+TEST_F(Registry, UnloadingPassesOverAnObjectThatIsNone)
+{
+    {
+        const NoMemoryFrom none(sizeof(endpoint_object));
+        EXPECT_EQ(publish(0, 8), 0);
+    }
+    server().UnloadDBusObjects();
+    EXPECT_EQ(publish(0, 8), 0);
+}
+
 TEST_F(Registry, WithdrawsInAscendingOrder)
 {
     for (const uint8_t eid : {20, 9, 12})
@@ -624,6 +766,55 @@ TEST_F(Registry, WaitsForTheMutex)
               0);
     lock.unlock();
     creator.join();
+}
+
+/** Expects an operation, of which this is the first line, to wait for the
+ *  mutex. */
+void expectWaitsForTheMutex(const std::string& enters,
+                            const std::function<void()>& operation)
+{
+    std::unique_lock lock(server_mutex);
+    auto done = std::async(std::launch::async, operation);
+    ASSERT_TRUE(record::waitFor(enters));
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    done.get();
+}
+
+TEST_F(Registry, WithdrawalWaitsForTheMutex)
+{
+    expectWaitsForTheMutex(
+        "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
+        []
+        {
+            EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+        });
+}
+
+TEST_F(Registry, UnloadingWaitsForTheMutex)
+{
+    expectWaitsForTheMutex("log 4 morrow_server: UnloadDBusObjects - Enter\n",
+                           []
+                           {
+                               server().UnloadDBusObjects();
+                           });
+}
+
+TEST_F(Registry, RequestsAreNotServedWhileTheMutexIsHeld)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    std::unique_lock lock(server_mutex);
+    auto answer = std::async(std::launch::async,
+                             []
+                             {
+                                 return busctl::getArbitration(
+                                     "/xyz/openbmc_project/mctp/0/8", 1);
+                             });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(answer.get(), "0");
 }
 
 TEST_F(Registry, ServesRequestsWhileEndpointsComeAndGo)
@@ -831,6 +1022,21 @@ TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
     EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
 }
 
+TEST_F(ServerStop, WithdrawalBetweenTheLoopsEndAndTheStopsIsAnnounced)
+{
+    BusObserver observer;
+    EXPECT_EQ(publish(0, 8), 0);
+    record::when(threadExits,
+                 []
+                 {
+                     EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+                 });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+    EXPECT_THAT(observer.seen(), Contains("InterfacesRemoved " + manager0 +
+                                          "/8" + removedInterfaces));
+}
+
 TEST_F(ServerStop, EmptiesTheMapsAndTheBus)
 {
     EXPECT_EQ(publish(0, 8), 0);
@@ -894,6 +1100,47 @@ TEST_F(ServerStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
     const int32_t mine = server().stop_morrow_dbus_server();
     second.join();
     EXPECT_EQ(mine + other, 1);
+}
+
+TEST_F(ServerStop, SecondWaitsForTheFirst)
+{
+    const auto stop = []
+    {
+        return server().stop_morrow_dbus_server();
+    };
+    std::unique_lock lock(server_mutex);
+    auto first = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    auto second = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_server: stop_morrow_dbus_server - Enter\n", 2));
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(first.get(), 0);
+    EXPECT_EQ(second.get(), 1);
+    EXPECT_EQ(record::count("log 1 morrow_server: stop_morrow_dbus_server "
+                            "-Signal pipe write failed: Bad file "
+                            "descriptor\n"),
+              1);
+}
+
+TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
+{
+    std::unique_lock lock(server_mutex);
+    auto stop = std::async(std::launch::async,
+                           []
+                           {
+                               return server().stop_morrow_dbus_server();
+                           });
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    EXPECT_EQ(record::count(threadExits), 0);
+    lock.unlock();
+    EXPECT_EQ(stop.get(), 0);
 }
 
 TEST_F(ServerStop, ByteOtherThan1IsLoggedAndIgnored)

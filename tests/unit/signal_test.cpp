@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -130,6 +131,11 @@ TEST_F(Signal, SecondSetUpInstallsTheHandlersAgain)
 
 TEST_F(Signal, HandlesTermSegvAndBusAndNothingElse)
 {
+    // Whoever started this program may have had them ignored.
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE})
+    {
+        signal(number, SIG_DFL);
+    }
     start();
     for (int number = 1; number < SIGRTMIN; ++number)
     {
@@ -152,6 +158,27 @@ TEST_F(Signal, ThreadThatCannotStartIsLoggedAndNoHandlerInstalled)
     EXPECT_EQ(story().back(),
               "log 4 morrow_signal: Failed to create signal thread\n");
     EXPECT_TRUE(isDefault(SIGTERM));
+}
+
+TEST_F(Signal, SemaphoreThatCannotBeMadeIsLoggedAndNothingStarted)
+{
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_init_signal(), 2U);
+    EXPECT_EQ(story().back(),
+              "log 4 morrow_signal: Failed to initialize semaphore\n");
+    EXPECT_TRUE(isDefault(SIGTERM));
+    fake::semaphoreInitError = 0;
+    start();
+}
+
+TEST_F(Signal, SemaphoreIsNotMadeASecondTime)
+{
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_init_signal(), 2U);
+    }
+    fake::semaphoreInitError = ENOSYS;
+    start();
 }
 
 TEST_F(Signal, SetUpAfterAFailureMakesTheThread)
@@ -190,6 +217,16 @@ TEST_F(Signal, HandlerLogsThroughGetInstance)
     ASSERT_TRUE(record::waitFor(stopped));
     EXPECT_EQ(record::count("log 4 morrow_signal: Entry [get_instance]\n"),
               before + 1);
+}
+
+TEST_F(Signal, HandlerLeavesErrnoAlone)
+{
+    start();
+    fake::errnoOfLog = EPROTO;
+    errno = ERANGE;
+    ASSERT_EQ(raise(SIGTERM), 0);
+    EXPECT_EQ(errno, ERANGE);
+    fake::errnoOfLog = 0;
 }
 
 TEST_F(Signal, StopStateIs1WhileStopping)
@@ -336,6 +373,28 @@ TEST_F(Signal, DestructorLogsItsEntry)
             start();
             sendSignal(SIGTERM);
             morrow_signal::get_instance().wait_stop();
+            std::exit(0);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Signal, SemaphoreThatCannotBeDestroyedIsLogged)
+{
+    EXPECT_EXIT(
+        {
+            (void)std::atexit(
+                []
+                {
+                    std::_Exit(record::texts().back() ==
+                                       "log 4 morrow_signal: Failed to "
+                                       "destroy semaphore\n"
+                                   ? 42
+                                   : 1);
+                });
+            start();
+            sendSignal(SIGTERM);
+            morrow_signal::get_instance().wait_stop();
+            fake::semaphoreDestroyError = EINVAL;
             std::exit(0);
         },
         testing::ExitedWithCode(42), "");
