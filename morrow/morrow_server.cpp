@@ -99,14 +99,6 @@ morrow_dbus_server::morrow_dbus_server()
     MORROW_LOG(logging::progress, "%s - Default constructor\n", __func__);
 }
 
-/** The server thread sets and empties the pointer without the mutex, so each
- *  access to it is atomic in itself: by the free functions, because the thread
- *  sanitizer of GCC 12 takes std::atomic<std::shared_ptr> for a data race. */
-std::shared_ptr<sdbusplus::bus_t> morrow_dbus_server::shareBus() const
-{
-    return std::atomic_load(&bus);
-}
-
 int32_t morrow_dbus_server::createEndpointObject(
     uint32_t networkId, uint8_t eid,
     const std::vector<uint8_t>& supportedMessageTypes, uint32_t endpointType,
@@ -114,7 +106,7 @@ int32_t morrow_dbus_server::createEndpointObject(
 {
     MORROW_LOG(logging::progress, "%s - Enter\n", __func__);
     std::unique_lock lock(server_mutex);
-    auto serverBus = shareBus();
+    auto serverBus = bus.share();
     int32_t result = 1;
     if (!serverBus)
     {
@@ -329,13 +321,13 @@ void morrow_dbus_server::serveBus()
         sdbusplus::bus::new_default_system());
     connected->request_name(serviceName);
     serverConnection.hold();
-    std::atomic_store(&bus, connected);
+    (void)bus.exchange(connected); // there was none
     std::optional<ObjectManagers> managers(*connected);
 
     createMorrowEventLoop();
 
     connected.reset();
-    auto last = std::atomic_exchange(&bus, {});
+    auto last = bus.exchange({});
     const std::lock_guard lock(server_mutex); // discovery may be publishing
     // Before the loop's own managers go, so that there is no moment at which
     // discovery could withdraw an endpoint unannounced.
@@ -357,8 +349,8 @@ void morrow_dbus_server::createMorrowEventLoop()
                    std::strerror(-result));
     }
     EventSource busSource;
-    result =
-        watchInput(busSource, serverEvent, bus->get_fd(), morrowProcessRequest);
+    result = watchInput(busSource, serverEvent, bus.share()->get_fd(),
+                        morrowProcessRequest);
     if (result < 0)
     {
         MORROW_LOG(logging::error, "%s -sd_event_add_io bus failed:%s\n",
@@ -388,7 +380,7 @@ int morrowProcessRequest(sd_event_source* /*source*/, int /*fd*/,
     try
     {
         const std::lock_guard lock(server_mutex);
-        const auto bus = morrow_dbus_server::get_instance().shareBus();
+        const auto bus = morrow_dbus_server::get_instance().bus.share();
         while (bus->process_discard())
         {
             (void)bus->wait(drainWait); // a time-out is as good as a message

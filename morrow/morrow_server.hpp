@@ -17,6 +17,7 @@
  */
 
 #include "endpoint_object.hpp"
+#include "shared_bus.hpp"
 #include "stop_pipe.hpp"
 
 #include <sdbusplus/bus.hpp>
@@ -25,7 +26,6 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -99,13 +99,12 @@ class morrow_dbus_server
     void createMorrowEventLoop();
 
     void serveBus();
-    [[nodiscard]] std::shared_ptr<sdbusplus::bus_t> shareBus() const;
     EndpointMap* endpointsOf(int64_t networkId);
     int32_t createAndRemember(uint32_t networkId, uint8_t eid,
                               const EndpointProperties& properties,
                               sdbusplus::bus_t& serverBus);
 
-    std::shared_ptr<sdbusplus::bus_t> bus;
+    SharedBus bus;
     std::thread server_thread;
     EndpointMap network0Endpoints;
     EndpointMap network1Endpoints;
