@@ -2,6 +2,7 @@
 #include "morrow/morrow_client.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
+#include "tests/support/bus_spy.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/limits.hpp"
@@ -1139,6 +1140,30 @@ TEST_F(ClientStop, IsTheWholeStoryOnBothThreads)
                     "sd_event_loop returned\n",
                     threadExits));
     EXPECT_THAT(clientSignalPipe, ElementsAre(-1, -1));
+}
+
+TEST_F(ClientStop, LetsGoOfTheBusAndThenOfTheSecondAndTheFirstMatch)
+{
+    record::when("log 1 morrow_client: morrowProcessSig - signal: 1",
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    const std::string rule = "type='signal',member='PropertiesChanged',"
+                             "path='/xyz/openbmc_project/control/host0/";
+    const std::string interface =
+        "',interface='org.freedesktop.DBus.Properties',";
+    EXPECT_THAT(
+        threadStory(),
+        ElementsAre("log 1 morrow_client: morrowProcessSig - signal: 1\n",
+                    "log 4 morrow_client: createMorrowEventLoop - "
+                    "sd_event_loop returned\n",
+                    "lets go of the bus",
+                    "lets go of the match " + rule + "reset_cause" + interface,
+                    "lets go of the match " + rule + "internal_power_state" +
+                        interface,
+                    threadExits));
 }
 
 TEST_F(ClientStop, SecondFailsToWriteAndToJoin)

@@ -3,6 +3,7 @@
 #include "morrow/morrow_server.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
+#include "tests/support/bus_spy.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
@@ -998,6 +999,25 @@ TEST_F(ServerStop, IsTheWholeStoryOnBothThreads)
                     "log 4 morrow_server: createMorrowEventLoop - "
                     "sd_event_loop returned\n",
                     threadExits));
+}
+
+TEST_F(ServerStop, LetsGoOfTheBusAndThenOfTheManagersInReverseOrder)
+{
+    const auto thread = threadOf(initialised);
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 1",
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    const auto story = record::textsOf(thread);
+    EXPECT_THAT(Texts(story.end() - 6, story.end()),
+                ElementsAre("log 4 morrow_server: createMorrowEventLoop - "
+                            "sd_event_loop returned\n",
+                            "lets go of the bus",
+                            "lets go of the manager " + manager2,
+                            "lets go of the manager " + manager1,
+                            "lets go of the manager " + manager0, threadExits));
 }
 
 TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bus_spy.hpp"
+
+#include "record.hpp"
+
+#include <dlfcn.h>
+#include <systemd/sd-bus.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace
+{
+
+/** Not while a call is passed on: libsystemd lets go of things of its own. */
+thread_local bool watching = false;
+
+std::mutex namesMutex;
+std::map<sd_bus_slot*, std::string> names;
+
+void remember(sd_bus_slot* const* slot, const std::string& name)
+{
+    if (slot != nullptr && *slot != nullptr)
+    {
+        const std::lock_guard lock(namesMutex);
+        names[*slot] = name;
+    }
+}
+
+/** The function that this program stands in front of. */
+template <typename Function>
+Function* next(Function* /*likeThis*/, const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name)); // NOLINT
+}
+
+} // namespace
+
+namespace bus_spy
+{
+
+void watchThisThread()
+{
+    watching = true;
+}
+
+} // namespace bus_spy
+
+extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
+                                const char* match,
+                                sd_bus_message_handler_t callback,
+                                void* userdata)
+{
+    const int result = next(sd_bus_add_match, "sd_bus_add_match")(
+        bus, slot, match, callback, userdata);
+    remember(slot, std::string("match ") + match);
+    return result;
+}
+
+extern "C" int sd_bus_add_object_manager(sd_bus* bus, sd_bus_slot** slot,
+                                         const char* path)
+{
+    const int result = next(sd_bus_add_object_manager,
+                            "sd_bus_add_object_manager")(bus, slot, path);
+    remember(slot, std::string("manager ") + path);
+    return result;
+}
+
+extern "C" sd_bus_slot* sd_bus_slot_unref(sd_bus_slot* slot)
+{
+    if (watching)
+    {
+        const std::lock_guard lock(namesMutex);
+        record::add("lets go of the %s", names[slot].c_str());
+    }
+    const bool watched = std::exchange(watching, false);
+    auto* const result = next(sd_bus_slot_unref, "sd_bus_slot_unref")(slot);
+    watching = watched;
+    return result;
+}
+
+extern "C" sd_bus* sd_bus_unref(sd_bus* bus)
+{
+    if (watching)
+    {
+        record::add("lets go of the bus");
+    }
+    return next(sd_bus_unref, "sd_bus_unref")(bus);
+}

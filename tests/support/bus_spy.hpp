@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/**
+ * Sees a connection's references and slots go, in their order, which no peer
+ * on the bus can see. It stands between the bus wrapper and libsystemd, passes
+ * every call on, and, while it watches, records
+ *
+ *     lets go of the bus
+ *     lets go of the match RULE
+ *     lets go of the manager PATH
+ *
+ * A test program that uses it exports its own symbols, so that the wrapper's
+ * library finds them first.
+ */
+
+namespace bus_spy
+{
+
+/** Records from now on what the calling thread lets go of. */
+void watchThisThread();
+
+} // namespace bus_spy
