@@ -318,6 +318,7 @@ TEST_F(Stopping, TwoTerminationsBackToBackEndTheProcess)
     board().daemon().terminate();
     const auto end = board().daemon().awaitExit(board::Board::usualLimit);
     EXPECT_EQ(end.status, 0);
+    leavesTheBus(from);
     EXPECT_EQ(all<EndpointRemoved>(from).size(), 2U);
 }
 

@@ -81,17 +81,18 @@ class Scenario : public testing::Test
                                                         from);
     }
 
-    /** Waits until nobody owns the daemon's name any more. */
+    /** Waits until nobody owns the daemon's name any more; it may have ended
+     *  before. */
     board::Event leavesTheBus(std::size_t from = 0)
     {
-        return board().await(
+        return timeline.waitFor(
             "release of the name",
             [](const board::Event& event)
             {
                 const auto* name = event.as<board::event::NameOwner>();
                 return name != nullptr && name->owner.empty();
             },
-            from);
+            board::Board::usualLimit, from);
     }
 
     /** How often the daemon has logged a text. */
