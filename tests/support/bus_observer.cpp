@@ -11,11 +11,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <map>
+#include <stdexcept>
 #include <string_view>
-#include <system_error>
 #include <variant>
 
 namespace
@@ -28,15 +26,6 @@ using Value = std::variant<std::string, std::vector<uint8_t>, uint16_t,
                            uint32_t, uint8_t>;
 using Properties = std::map<std::string, Value>;
 using Interfaces = std::map<std::string, Properties>;
-
-int check(int result, const char* what)
-{
-    if (result < 0)
-    {
-        throw std::system_error(-result, std::generic_category(), what);
-    }
-    return result;
-}
 
 std::string textOf(const Value& value)
 {
@@ -157,9 +146,8 @@ std::string orError(const Call& call)
 
 } // namespace
 
-BusObserver::BusObserver() : stopEvent(eventfd(0, EFD_CLOEXEC))
+BusObserver::BusObserver()
 {
-    check(sd_bus_open_system(&bus), "sd_bus_open_system");
     check(sd_bus_open_system(&marker), "sd_bus_open_system");
     for (const char* rule :
          {"type='signal',interface='org.freedesktop.DBus.ObjectManager'",
@@ -169,23 +157,25 @@ BusObserver::BusObserver() : stopEvent(eventfd(0, EFD_CLOEXEC))
           "member='NameOwnerChanged',arg0='xyz.openbmc_project.mctp'",
           "type='signal',interface='test.Marker'"})
     {
-        check(sd_bus_add_match(bus, nullptr, rule, onSignal, nullptr), rule);
+        check(sd_bus_add_match(connection.get(), nullptr, rule, onSignal,
+                               nullptr),
+              rule);
     }
-    thread = std::thread(&BusObserver::run, this);
+    connection.serve(
+        [this]
+        {
+            threadId = record::thisThread();
+        });
 }
 
 BusObserver::~BusObserver()
 {
-    (void)eventfd_write(stopEvent, 1);
-    thread.join();
-    sd_bus_flush_close_unref(bus);
     sd_bus_flush_close_unref(marker);
-    close(stopEvent);
 }
 
 std::vector<std::string> BusObserver::seen() const
 {
-    auto texts = record::textsOf(std::atomic_ref<const pid_t>(threadId).load());
+    auto texts = record::textsOf(threadId);
     std::erase(texts, "mark");
     return texts;
 }
@@ -201,27 +191,6 @@ void BusObserver::catchUp()
     if (!record::waitFor("mark", ++marks))
     {
         throw std::runtime_error("the bus does not answer");
-    }
-}
-
-void BusObserver::run()
-{
-    std::atomic_ref<pid_t>(threadId).store(record::thisThread());
-    while (true)
-    {
-        int busy = 0;
-        while ((busy = sd_bus_process(bus, nullptr)) > 0)
-        {
-        }
-        std::array<pollfd, 2> watched{
-            {{sd_bus_get_fd(bus), POLLIN, 0}, {stopEvent, POLLIN, 0}}};
-        // Without a broker there is nothing to see but the stop.
-        const nfds_t count = busy < 0 ? 1 : 2;
-        (void)poll(watched.data() + (2 - count), count, -1);
-        if ((watched[1].revents & POLLIN) != 0)
-        {
-            return;
-        }
     }
 }
 

@@ -13,10 +13,14 @@
  *     NameOwnerChanged gone|owned
  */
 
+#include "served_connection.hpp"
+
+#include <sys/types.h>
 #include <systemd/sd-bus.h>
 
+#include <atomic>
+#include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
 class BusObserver
@@ -37,14 +41,10 @@ class BusObserver
     void catchUp();
 
   private:
-    void run();
-
-    sd_bus* bus = nullptr;
     sd_bus* marker = nullptr;
     std::size_t marks = 0;
-    int stopEvent;
-    pid_t threadId = 0;
-    std::thread thread;
+    std::atomic<pid_t> threadId{0};
+    ServedConnection connection; // goes first: its thread uses the others
 };
 
 /** A call to the daemon from a fresh connection. */

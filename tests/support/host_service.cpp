@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host_service.hpp"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <array>
-#include <stdexcept>
-#include <system_error>
+#include <utility>
 
 namespace
 {
@@ -16,15 +10,6 @@ constexpr const char* serviceName = "xyz.openbmc_project.State.Host0";
 constexpr const char* objectPath = "/xyz/openbmc_project/state/host0";
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-int check(int result, const char* what)
-{
-    if (result < 0)
-    {
-        throw std::system_error(-result, std::generic_category(), what);
-    }
-    return result;
-}
-
 int appendText(sd_bus_message* message, const std::string& text)
 {
     return sd_bus_message_append(message, "v", "s", text.c_str());
@@ -32,22 +17,14 @@ int appendText(sd_bus_message* message, const std::string& text)
 
 } // namespace
 
-HostService::HostService() : stopEvent(eventfd(0, EFD_CLOEXEC))
+HostService::HostService()
 {
     goesTo("Off");
-    check(sd_bus_open_system(&bus), "sd_bus_open_system");
+    auto* bus = connection.get();
     check(sd_bus_add_object(bus, nullptr, objectPath, onCall, this),
           "sd_bus_add_object");
     check(sd_bus_request_name(bus, serviceName, 0), serviceName);
-    thread = std::thread(&HostService::run, this);
-}
-
-HostService::~HostService()
-{
-    (void)eventfd_write(stopEvent, 1);
-    thread.join();
-    sd_bus_flush_close_unref(bus);
-    close(stopEvent);
+    connection.serve();
 }
 
 void HostService::goesTo(const std::string& state)
@@ -120,26 +97,6 @@ int HostService::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
     const int result = sd_bus_send(nullptr, reply, nullptr);
     sd_bus_message_unref(reply);
     return result < 0 ? result : 1;
-}
-
-void HostService::run()
-{
-    while (true)
-    {
-        int busy = 0;
-        while ((busy = sd_bus_process(bus, nullptr)) > 0)
-        {
-        }
-        std::array<pollfd, 2> watched{
-            {{sd_bus_get_fd(bus), POLLIN, 0}, {stopEvent, POLLIN, 0}}};
-        // Without a broker there is nothing to serve but the stop.
-        const nfds_t count = busy < 0 ? 1 : 2;
-        (void)poll(watched.data() + (2 - count), count, -1);
-        if ((watched[1].revents & POLLIN) != 0)
-        {
-            return;
-        }
-    }
 }
 
 HostControl::HostControl()

@@ -7,13 +7,14 @@
  * and a thread of their own.
  */
 
+#include "served_connection.hpp"
+
 #include <systemd/sd-bus.h>
 
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 class HostService
@@ -25,7 +26,7 @@ class HostService
     HostService& operator=(const HostService&) = delete;
     HostService(HostService&&) = delete;
     HostService& operator=(HostService&&) = delete;
-    ~HostService();
+    ~HostService() = default;
 
     /** Answers Get with the state of this name, for example "Running", as the
      *  whole text "xyz.openbmc_project.State.Host.HostState.Running". */
@@ -53,7 +54,6 @@ class HostService
 
   private:
     static int onCall(sd_bus_message* call, void* self, sd_bus_error* error);
-    void run();
 
     mutable std::mutex mutex;
     Fill fill;
@@ -61,9 +61,7 @@ class HostService
     std::size_t answered = 0;
     std::string asked;
     std::string asker;
-    sd_bus* bus = nullptr;
-    int stopEvent;
-    std::thread thread;
+    ServedConnection connection; // goes first: its thread uses the others
 };
 
 /** One property that a PropertiesChanged signal brings. */

@@ -7,6 +7,7 @@
 #include "tests/support/host_service.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/story.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -31,11 +32,10 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::StartsWith;
+using namespace telling;
 
 namespace
 {
-
-using Texts = std::vector<std::string>;
 
 constexpr const char* initialised =
     "log 4 morrow_client: createMorrowEventLoop - morrow DBus Client "
@@ -69,45 +69,9 @@ const Texts fillsItsMaps{
     "log 4 morrow_client: ReadMethodMap - Exit\n",
 };
 
-Texts operator+(Texts left, const Texts& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 morrow_dbus_client& client()
 {
     return morrow_dbus_client::get_instance();
-}
-
-/** The thread on which a text was logged first. */
-pid_t threadOf(const std::string& text)
-{
-    for (const auto& event : record::events())
-    {
-        if (event.text == text)
-        {
-            return event.thread;
-        }
-    }
-    return 0;
-}
-
-/** A thread's events from its n-th on. */
-Texts storyFrom(pid_t thread, std::size_t start)
-{
-    const auto all = record::textsOf(thread);
-    return {all.begin() + static_cast<std::ptrdiff_t>(start), all.end()};
-}
-
-std::size_t here()
-{
-    return record::textsOf(record::thisThread()).size();
-}
-
-Texts storySince(std::size_t start)
-{
-    return storyFrom(record::thisThread(), start);
 }
 
 /** Runs client start-up on a thread of its own until a text is logged; ends
@@ -166,7 +130,7 @@ class Client : public WithBroker
     /** The client thread's events since start-up. */
     Texts threadStory() const
     {
-        return storyFrom(thread, behind);
+        return storyOf(thread, behind);
     }
 
     pid_t thread = 0;
@@ -281,7 +245,7 @@ TEST_F(ClientStart, IsTheWholeStoryOnBothThreads)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_THAT(
-        storySince(0),
+        storyFrom(0),
         ElementsAre(
             "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
             "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
@@ -317,7 +281,7 @@ TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
     fake::semaphoreInitError = ENOSYS;
     EXPECT_EQ(morrow_dbus_client_init(), 1);
     EXPECT_EQ(
-        storySince(0),
+        storyFrom(0),
         (Texts{"log 4 morrow_client: morrow_dbus_client_init - Enter\n",
                "log 4 morrow_client: morrow_dbus_client - Default "
                "constructor\n",
@@ -332,7 +296,7 @@ TEST_F(ClientStart, WithoutADescriptorForThePipeEndsWith1)
     const limits::NoNewDescriptors none;
     EXPECT_EQ(morrow_dbus_client_init(), 1);
     EXPECT_THAT(
-        storySince(0),
+        storyFrom(0),
         ElementsAre(
             "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
             "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
@@ -346,7 +310,7 @@ TEST_F(ClientStart, WithoutAThreadEndsWith1)
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_dbus_client_init(), 1);
     EXPECT_THAT(
-        storySince(0),
+        storyFrom(0),
         ElementsAre(
             "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
             "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
@@ -454,7 +418,7 @@ TEST_F(ClientMaps, ListingAnEmptyObjectMapLogsThatAlone)
     const auto start = here();
     client().ReadObjectMap();
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 4 morrow_client: ReadObjectMap - Enter\n",
                     "log 1 morrow_client: ReadObjectMap - No object present in "
                     "objectMap\n",
@@ -467,7 +431,7 @@ TEST_F(ClientMaps, ListingAnEmptyMethodMapLogsThatAlone)
     const auto start = here();
     client().ReadMethodMap();
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 4 morrow_client: ReadMethodMap - Enter\n",
                     "log 1 morrow_client: ReadMethodMap - No method present in "
                     "methodMap\n",
@@ -483,7 +447,7 @@ TEST_F(ClientMaps, AKeyThatIsThereKeepsItsEntry)
     const auto start = here();
     client().ReadObjectMap();
     client().ReadMethodMap();
-    EXPECT_EQ(storySince(start),
+    EXPECT_EQ(storyFrom(start),
               Texts(fillsItsMaps.begin() + 3, fillsItsMaps.begin() + 7) +
                   Texts(fillsItsMaps.begin() + 9, fillsItsMaps.end()));
 }
@@ -495,7 +459,7 @@ TEST_F(ClientMaps, AreListedInTheOrderOfTheirKeys)
     const auto start = here();
     client().ReadObjectMap();
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 4 morrow_client: ReadObjectMap - Enter\n",
                     "log 4 morrow_client: ReadObjectMap-Key:a,Ser:sa,Obj:oa\n",
                     "log 4 morrow_client: ReadObjectMap-Key:a,Int:ia\n",
@@ -509,7 +473,7 @@ TEST_F(ClientMaps, EmptyMapMakesEveryReadFailAsNotFound)
     current_host_state = "before";
     EXPECT_EQ(getcurrentpowerstate(), 1);
     EXPECT_THAT(
-        storySince(0),
+        storyFrom(0),
         ElementsAre(
             "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
             "log 11 morrow_client: Entry [getcurrentpowerstate]\n",
@@ -534,7 +498,7 @@ TEST_F(ReadsHostState, RunningIsTheWholeStoryAndLeavesTheFlags)
     const auto start = here();
     EXPECT_EQ(getcurrentpowerstate(), 0);
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
                     "log 4 morrow_client: GetProperty - Enter\n",
                     "log 4 morrow_client: readproperty:objectName:"
@@ -557,7 +521,7 @@ TEST_F(ReadsHostState, OffIsTheWholeStoryAndSetsBothFlags)
     const auto start = here();
     EXPECT_EQ(getcurrentpowerstate(), 0);
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
                     "log 4 morrow_client: GetProperty - Enter\n",
                     "log 4 morrow_client: readproperty:objectName:"
@@ -597,7 +561,7 @@ TEST_F(ReadsHostState, ErrorReplyIsABusError)
     const auto start = here();
     EXPECT_EQ(getcurrentpowerstate(), 1);
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 11 morrow_client: Entry [getcurrentpowerstate]\n",
                     "log 4 morrow_client: GetProperty - Enter\n",
                     "log 1 morrow_client: GetProperty -SdBusError:sd_bus_call: "
@@ -708,7 +672,7 @@ TEST_F(Client, ReadWithoutTheServiceIsABusErrorAndKeepsWhatWas)
     await_host_running = 0;
     const auto start = here();
     EXPECT_EQ(getcurrentpowerstate(), 1);
-    EXPECT_THAT(storySince(start).at(2),
+    EXPECT_THAT(storyFrom(start).at(2),
                 StartsWith("log 1 morrow_client: GetProperty "
                            "-SdBusError:sd_bus_call: "
                            "org.freedesktop.DBus.Error."));
@@ -1069,7 +1033,7 @@ TEST_F(Handlers, MethodErrorIsLoggedAlone)
     signalHandler_internalpowerstate(none);
     signalHandler_warmreset(none);
     EXPECT_THAT(
-        storySince(0),
+        storyFrom(0),
         ElementsAre("log 1 morrow_client: signalHandler_internalpowerstate - "
                     "method Error \n",
                     "log 1 morrow_client: signalHandler_warmreset - method "
@@ -1086,7 +1050,7 @@ TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
                                              "PropertiesChange");
         });
     signalHandler_internalpowerstate(other);
-    EXPECT_THAT(storySince(0),
+    EXPECT_THAT(storyFrom(0),
                 ElementsAre("log 1 morrow_client: "
                             "signalHandler_internalpowerstate:Path:[/a/path]"
                             "\n"));
@@ -1130,7 +1094,7 @@ TEST_F(ClientStop, IsTheWholeStoryOnBothThreads)
     const auto start = here();
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
                     "log 4 morrow_client: stop_morrow_dbus_client - Exit\n"));
     EXPECT_THAT(
@@ -1172,7 +1136,7 @@ TEST_F(ClientStop, SecondFailsToWriteAndToJoin)
     const auto start = here();
     EXPECT_EQ(client().stop_morrow_dbus_client(), 1);
     EXPECT_THAT(
-        storySince(start),
+        storyFrom(start),
         ElementsAre("log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
                     "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe "
                     "write failed: Bad file descriptor\n",

@@ -18,6 +18,7 @@
 #include "tests/support/limits.hpp"
 #include "tests/support/notify_socket.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/story.hpp"
 
 #include <poll.h>
 #include <pthread.h>
@@ -50,17 +51,10 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::Not;
+using namespace telling;
 
 namespace
 {
-
-using Texts = std::vector<std::string>;
-
-Texts operator+(Texts left, const Texts& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 constexpr const char* stopped = "log 4 morrow_signal: Stopped MORROW\n";
 constexpr const char* complete = "log 4 morrow: Discovery complete\n";
@@ -373,18 +367,6 @@ uint64_t blockedBy(pid_t thread)
         if (line.starts_with("SigBlk:"))
         {
             return std::stoull(line.substr(7), nullptr, 16);
-        }
-    }
-    return 0;
-}
-
-pid_t threadOf(const std::string& text)
-{
-    for (const auto& event : record::events())
-    {
-        if (event.text == text)
-        {
-            return event.thread;
         }
     }
     return 0;

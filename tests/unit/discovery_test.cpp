@@ -6,6 +6,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/story.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -25,6 +26,7 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
+using namespace telling;
 
 namespace
 {
@@ -35,14 +37,6 @@ const std::string entry0 = "/sys/class/i3c-mctp/i3c-mctp-0";
 const std::string entry1 = "/sys/class/i3c-mctp/i3c-mctp-1";
 const std::string controller0 = "fff10000.i3c";
 const std::string controller1 = "fff11000.i3c";
-
-using Texts = std::vector<std::string>;
-
-Texts operator+(Texts left, const Texts& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 /** How many events a test has put behind it. */
 std::size_t behind = 0;

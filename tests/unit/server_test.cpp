@@ -7,6 +7,7 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/story.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -38,6 +39,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
+using namespace telling;
 
 namespace
 {
@@ -107,8 +109,6 @@ class NoMemoryFrom
 namespace
 {
 
-using Texts = std::vector<std::string>;
-
 const std::string manager0 = "/xyz/openbmc_project/mctp/0";
 const std::string manager1 = "/xyz/openbmc_project/mctp/1";
 const std::string manager2 = "/xyz/openbmc_project/mctp/2";
@@ -138,31 +138,6 @@ int32_t publish(uint32_t network, uint8_t eid)
 {
     return server().createEndpointObject(network, eid, {0x7E, 0x05}, 1, 2,
                                          "/dev/i3c-mctp-0");
-}
-
-/** The thread on which a text was logged first. */
-pid_t threadOf(const std::string& text)
-{
-    for (const auto& event : record::events())
-    {
-        if (event.text == text)
-        {
-            return event.thread;
-        }
-    }
-    return 0;
-}
-
-/** This thread's events from its n-th on. */
-Texts storyFrom(std::size_t start)
-{
-    const auto all = record::textsOf(record::thisThread());
-    return {all.begin() + static_cast<std::ptrdiff_t>(start), all.end()};
-}
-
-std::size_t here()
-{
-    return record::textsOf(record::thisThread()).size();
 }
 
 class ServerWithoutBus : public testing::Test

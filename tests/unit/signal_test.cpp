@@ -3,6 +3,7 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/story.hpp"
 
 #include <pthread.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): sigaction
@@ -19,28 +20,14 @@
 #include <gtest/gtest.h>
 
 using testing::ElementsAre;
+using namespace telling;
 
 namespace
 {
 
-using Texts = std::vector<std::string>;
-
 Texts story()
 {
     return record::textsOf(record::thisThread());
-}
-
-/** The thread on which a text was logged; 0 when it was not. */
-pid_t threadOf(const std::string& text)
-{
-    for (const auto& event : record::events())
-    {
-        if (event.text == text)
-        {
-            return event.thread;
-        }
-    }
-    return 0;
 }
 
 constexpr const char* threadEnters =
