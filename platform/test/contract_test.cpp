@@ -2,6 +2,7 @@
 #include "program.hpp"
 
 #include <cctype>
+#include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
@@ -98,7 +99,22 @@ TEST(Replacement, IsNotNeeded)
     EXPECT_EQ(outcome.output, "3\n-1\n-1\n2\n");
 }
 
-TEST(Replacement, TakesOverEachFunction)
+/** What the caller prints when another library has taken every function. */
+constexpr const char* replaced = "dlog_printf\n"
+                                 "dmctp_trace\n"
+                                 "ReadIO_Str_C\n1001\n"
+                                 "acquireLock\n1002\n"
+                                 "getShmId\n1003\n"
+                                 "removeLock\n"
+                                 "removeShm\n"
+                                 "setLockPermission\n"
+                                 "setShmPermission\n"
+                                 "mctp_wrapper_ep\n"
+                                 "send_message_blocking\n"
+                                 "~mctp_wrapper_ep\n"
+                                 "1004\n";
+
+TEST(Replacement, ByPreloadTakesOverEachFunction)
 {
     const auto outcome =
         run({{fromEnvironment("CONTRACT_CALLER")},
@@ -106,19 +122,23 @@ TEST(Replacement, TakesOverEachFunction)
               // The sanitizer's runtime comes later then.
               {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "dlog_printf\n"
-                              "dmctp_trace\n"
-                              "ReadIO_Str_C\n1001\n"
-                              "acquireLock\n1002\n"
-                              "getShmId\n1003\n"
-                              "removeLock\n"
-                              "removeShm\n"
-                              "setLockPermission\n"
-                              "setShmPermission\n"
-                              "mctp_wrapper_ep\n"
-                              "send_message_blocking\n"
-                              "~mctp_wrapper_ep\n"
-                              "1004\n");
+    EXPECT_EQ(outcome.output, replaced);
+}
+
+TEST(Replacement, ByLibraryPathTakesOverEachFunction)
+{
+    const std::filesystem::path directory = "/run/replacement";
+    std::filesystem::create_directories(directory);
+    for (const char* name : {"log", "hal", "lock", "mctp"})
+    {
+        std::filesystem::create_symlink(
+            fromEnvironment("CONTRACT_PRELOAD"),
+            directory / ("libplatform-" + std::string(name) + ".so.1"));
+    }
+    const auto outcome = run({{fromEnvironment("CONTRACT_CALLER")},
+                              {{"LD_LIBRARY_PATH", directory.string()}}});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, replaced);
 }
 
 } // namespace
