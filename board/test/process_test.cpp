@@ -239,4 +239,19 @@ TEST(LineReader, CutsLinesAndKeepsTheRest)
     EXPECT_EQ(lines, (std::vector<std::string>{"one", "", "two", "end"}));
 }
 
+TEST(LineReader, IsNotKeptByAWriterWithoutEnd)
+{
+    Script script("exec yes", {"PATH=/usr/bin:/bin"});
+    for (auto round = 0; round < 100; ++round)
+    {
+        EXPECT_EQ(script.line(), "y");
+    }
+}
+
+TEST(LineReader, HandsOverALineWithoutEndInPieces)
+{
+    Script script("exec cat /dev/zero", {"PATH=/usr/bin:/bin"});
+    EXPECT_GE(script.line().size(), board::LineReader::longestLine);
+}
+
 } // namespace
