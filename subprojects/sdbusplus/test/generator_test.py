@@ -160,6 +160,11 @@ class Errors(Definition):
             "properties: [{name: P, type: string, default: 1}]": "property 'P'"
             " has the default 1, which is no string; give a value of its type"
             " or none",
+            'description: "\\ud800"': "the interface has the description"
+            " '\\ud800', which is no Unicode; correct its escapes",
+            'properties: [{name: P, type: string, default: "\\ud800"}]':
+            "property 'P' has the default '\\ud800', which is no string; give a"
+            " value of its type or none",
             "properties: [{name: P, type: byte, flags: [[x]]}]": "property 'P'"
             f" has the unknown flag '['x']'; use {flags}",
             "properties: [{name: P, type: 'dict[array[byte], byte]'}]": "property"

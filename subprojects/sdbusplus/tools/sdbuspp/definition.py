@@ -194,6 +194,11 @@ def _read(path):
         raise UserError(f"it is no YAML ({text}); correct it") from error
 
 
+def _is_unicode(text):
+    """Whether a text is free of halves of characters, which YAML can write."""
+    return not any("\ud800" <= letter <= "\udfff" for letter in text)
+
+
 class _Element:
     """One mapping of the file, named for messages."""
 
@@ -216,6 +221,11 @@ class _Element:
             raise UserError(
                 f"{self.what} has the {key} {value!r}, which is no text;"
                 " put it in quotes"
+            )
+        if not _is_unicode(value):
+            raise UserError(
+                f"{self.what} has the {key} {value!r}, which is no Unicode;"
+                " correct its escapes"
             )
         return value.strip()
 
@@ -376,7 +386,7 @@ def _literal(kind, value):
     if kind.name == "double" and type(value) in (int, float):
         return _double_literal(value)
     if kind.name in ("string", "object_path") and isinstance(value, str):
-        return _text_literal(value)
+        return _text_literal(value) if _is_unicode(value) else None
     if kind.name in _INTEGERS and type(value) is int:
         low, high = _INTEGERS[kind.name]
         return _integer_literal(value) if low <= value <= high else None
