@@ -24,7 +24,7 @@ constexpr auto about =
     "\n"
     "The host is off; the daemon gets ready; the host runs; two endpoints are\n"
     "discovered and published; the host goes off; they are withdrawn; two\n"
-    "SIGTERMs end the daemon. This takes about ten seconds.\n"
+    "SIGTERMs end the daemon. This takes about four seconds.\n"
     "\n"
     "No right is needed where the system allows user namespaces and FUSE, and\n"
     "nothing is left behind, however it ends.";

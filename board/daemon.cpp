@@ -24,6 +24,9 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view notifyPath = "/run/board/notify";
 
+// Bytes of what is no log record: a broken daemon may say the same for ever.
+constexpr std::size_t mostOutput = 1'000'000;
+
 Fd openNotifySocket()
 {
     Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -96,6 +99,7 @@ void Daemon::start()
     {
         const std::lock_guard lock(collecting);
         output = std::make_unique<LineReader>(std::move(pipe.readEnd));
+        keptOutput = 0;
     }
     thread.run(
         [this](sd_event* loop)
@@ -114,11 +118,7 @@ void Daemon::listen(sd_event* loop)
     onOutput = [this]
     {
         const std::lock_guard lock(collecting);
-        return output->drain(
-            [this](std::string_view line)
-            {
-                timeline.append(parseLogLine(line));
-            });
+        return output->drain(takeLine);
     };
     onNotify = [this]
     {
@@ -151,14 +151,28 @@ void Daemon::stopListening()
     child.reset();
 }
 
+void Daemon::keep(std::string_view line)
+{
+    auto body = parseLogLine(line);
+    if (auto* const said = std::get_if<event::Output>(&body))
+    {
+        if (keptOutput > mostOutput)
+        {
+            return;
+        }
+        keptOutput += line.size() + 1;
+        if (keptOutput > mostOutput)
+        {
+            said->line = "(it says more than is kept)";
+        }
+    }
+    timeline.append(std::move(body));
+}
+
 void Daemon::collect()
 {
     const std::lock_guard lock(collecting);
-    static_cast<void>(output->drain(
-        [this](std::string_view line)
-        {
-            timeline.append(parseLogLine(line));
-        }));
+    static_cast<void>(output->drain(takeLine));
 }
 
 bool Daemon::takeEnd()
@@ -172,11 +186,7 @@ bool Daemon::takeEnd()
     collect();
     {
         const std::lock_guard lock(collecting);
-        output->finish(
-            [this](std::string_view line)
-            {
-                timeline.append(parseLogLine(line));
-            });
+        output->finish(takeLine);
     }
     timeline.append(event::Exited{status->status, status->signal});
     return false;

@@ -7,11 +7,13 @@
 #include "board/sd.hpp"
 #include "board/timeline.hpp"
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace board
@@ -22,9 +24,9 @@ namespace board
  *
  *  Its standard output and standard error are taken line by line; records of
  *  the log library become Log and Trace entries of the timeline, all else is
- *  kept as Output. A thread of this object listens; in addition the timeline
- *  collects what waits before any other entry, so that a log line comes
- *  before what the daemon did after it.
+ *  kept as Output, up to a megabyte. A thread of this object listens; in
+ *  addition the timeline collects what waits before any other entry, so that
+ *  a log line comes before what the daemon did after it.
  *
  *  The functions are for one thread, which has to live as long as the daemon
  *  shall: with the thread that calls start() the daemon is killed.
@@ -78,6 +80,7 @@ class Daemon
   private:
     void listen(sd_event* loop);
     void stopListening();
+    void keep(std::string_view line);
     void collect();
     bool takeEnd();
     [[nodiscard]] WaitFailed withHang(const WaitFailed& failure) const;
@@ -88,8 +91,13 @@ class Daemon
     std::size_t startedAt = 0; //!< index on the timeline
     std::unique_ptr<Process> child;
     Fd notifySocket;
-    std::mutex collecting; //!< guards the next one
+    std::mutex collecting; //!< guards the next two
     std::unique_ptr<LineReader> output;
+    std::size_t keptOutput = 0; //!< bytes
+    const LineReader::Take takeLine = [this](std::string_view line)
+    {
+        keep(line);
+    };
     std::function<bool()> onOutput;
     std::function<bool()> onNotify;
     std::function<bool()> onEnd;

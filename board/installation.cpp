@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/installation.hpp"
 
+#include "board/error.hpp"
+
+#include <system_error>
+
 namespace board
 {
 
@@ -18,7 +22,14 @@ Installation Installation::of(const fs::path& program)
 
 Installation Installation::ofThisProgram()
 {
-    return of(fs::read_symlink("/proc/self/exe"));
+    std::error_code error;
+    const auto program = fs::read_symlink("/proc/self/exe", error);
+    if (error)
+    {
+        throw Error("cannot find this program's own place at /proc/self/exe: " +
+                    error.message() + "; mount /proc");
+    }
+    return of(program);
 }
 
 } // namespace board

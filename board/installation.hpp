@@ -18,7 +18,8 @@ struct Installation
      *         been moved or staged as a whole. */
     static Installation of(const std::filesystem::path& program);
 
-    /** @brief The installation that the running program belongs to. */
+    /** @brief The installation that the running program belongs to.
+     *  @throws Error when the system does not tell where that is */
     static Installation ofThisProgram();
 };
 

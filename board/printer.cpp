@@ -254,6 +254,30 @@ std::string milliseconds(Time at)
     return text.data();
 }
 
+/** Another program's output is shown, not obeyed: what would move the cursor,
+ *  set a title or end the text is written in hexadecimal. */
+std::string withoutControls(const std::string& text)
+{
+    constexpr std::string_view digits = "0123456789abcdef";
+    constexpr unsigned char firstVisible = 0x20;
+    constexpr unsigned char rubout = 0x7F;
+    std::string visible;
+    for (const auto letter : text)
+    {
+        const auto byte = static_cast<unsigned char>(letter);
+        if ((byte >= firstVisible && byte != rubout) || letter == '\n' ||
+            letter == '\t')
+        {
+            visible += letter;
+            continue;
+        }
+        visible += "\\x";
+        visible += digits[byte >> 4U];
+        visible += digits[byte & 0xFU];
+    }
+    return visible;
+}
+
 /** Continuation lines begin in the column of the first. */
 std::string indented(const std::string& text, std::size_t column)
 {
@@ -341,6 +365,7 @@ std::string printed(const Event& event, const PrintStyle& style)
     {
         return {};
     }
+    shown.what = withoutControls(shown.what);
     const auto time = milliseconds(event.at);
     auto who = shown.who;
     who.resize(whoWidth, ' ');

@@ -399,15 +399,17 @@ TEST_F(Kernel, WakesAPollerThatAlreadyWaitsWhenTheDriverLeaves)
     kernel.boot();
     const auto node = openNode(node0);
     std::atomic<pid_t> thread = 0;
-    auto woken = std::async(std::launch::async,
-                            [&]
-                            {
-                                thread = gettid();
-                                return pollFor(node, POLLIN);
-                            });
+    auto events = std::async(std::launch::async,
+                             [&]
+                             {
+                                 thread = gettid();
+                                 return pollFor(node, POLLIN);
+                             });
     waitUntilPolling(thread);
+    const auto before = std::chrono::steady_clock::now();
     ASSERT_EQ(writeText(unbindFile, first), 0);
-    EXPECT_EQ(woken.get(), POLLHUP | POLLERR);
+    EXPECT_EQ(events.get(), POLLHUP | POLLERR);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, woken);
 }
 
 TEST_F(Kernel, OpenDescriptorGivesENODEVAfterUnbind)
@@ -479,6 +481,28 @@ TEST_F(Kernel, OnlyRootMayUseItsFiles)
         GTEST_SKIP() << "the sandbox has no other user";
     }
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(Kernel, UnbindLeavesNothingOfTheDevice)
+{
+    const fs::path device("/sys/devices/platform/fff10000.i3c");
+    const auto link =
+        fs::path("/sys/bus/platform/drivers/silvaco-i3c-master") / first;
+    kernel.boot();
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_TRUE(fs::exists(device / "i3c-mctp/i3c-mctp-0/dev"));
+    ASSERT_EQ(writeText(unbindFile, first), 0);
+    EXPECT_FALSE(fs::is_symlink(link));
+    EXPECT_TRUE(fs::is_empty(device));
+    EXPECT_FALSE(fs::is_symlink(class0));
+}
+
+TEST_F(Kernel, NodeHasNoPositionToSeek)
+{
+    kernel.boot();
+    const auto node = openNode(node0);
+    EXPECT_EQ(lseek(node.get(), 0, SEEK_SET), -1);
+    EXPECT_EQ(errno, ESPIPE);
 }
 
 TEST_F(Kernel, RecordsWhatHappensInOrder)

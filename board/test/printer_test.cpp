@@ -124,6 +124,15 @@ TEST(Printer, CutsLongLogRecordsToALine)
         200U);
 }
 
+TEST(Printer, ShowsControlCharactersInsteadOfObeyingThem)
+{
+    using namespace std::string_literals;
+    EXPECT_EQ(shown(event::Output{"morrow", "a\033[2J\r\0\x7F\tb"s}),
+              "  1234.567  daemon   a\\x1b[2J\\x0d\\x00\\x7f\tb\n");
+    EXPECT_EQ(shown(event::DriverWrite{true, "\a", ENODEV}),
+              "  1234.567  driver   bind \\x07: No such device\n");
+}
+
 TEST(Printer, UsesColourOnlyWhenAsked)
 {
     EXPECT_EQ(shown(event::Note{"x"}).find('\033'), std::string::npos);

@@ -122,7 +122,9 @@ TEST(Process, GetsItsEnvironmentAndNoOther)
 
 TEST(Process, InheritsOnlyTheListedDescriptors)
 {
-    const Pipe other;
+    // Unlike all that the board makes, it says that it is to be inherited.
+    const board::Fd unasked(dup(STDOUT_FILENO));
+    ASSERT_TRUE(unasked);
     Script script("ls /proc/self/fd | tr '\\n' ' '; echo",
                   {"PATH=/usr/bin:/bin"});
     // The last is the directory that ls reads.
@@ -161,6 +163,18 @@ TEST(Process, IsKilledWithItsWholeGroupAtTheEnd)
     }
     EXPECT_FALSE(exists(leader));
     // Whoever adopted the follower may still have to notice its end.
+    for (auto tries = 0; tries < 1000 && exists(follower); ++tries)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_FALSE(exists(follower));
+}
+
+TEST(Process, TakesTheRestOfItsGroupAlongWhenItEnds)
+{
+    Script script("sleep 60 & echo $!", {"PATH=/usr/bin:/bin"});
+    const auto follower = std::stoi(script.line());
+    EXPECT_EQ(script.end().status, 0);
     for (auto tries = 0; tries < 1000 && exists(follower); ++tries)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -223,6 +237,21 @@ TEST(LineReader, CutsLinesAndKeepsTheRest)
     EXPECT_FALSE(reader.drain(take));
     reader.finish(take);
     EXPECT_EQ(lines, (std::vector<std::string>{"one", "", "two", "end"}));
+}
+
+TEST(LineReader, IsNotKeptByAWriterWithoutEnd)
+{
+    Script script("exec yes", {"PATH=/usr/bin:/bin"});
+    for (auto round = 0; round < 100; ++round)
+    {
+        EXPECT_EQ(script.line(), "y");
+    }
+}
+
+TEST(LineReader, HandsOverALineWithoutEndInPieces)
+{
+    Script script("exec cat /dev/zero", {"PATH=/usr/bin:/bin"});
+    EXPECT_GE(script.line().size(), board::LineReader::longestLine);
 }
 
 } // namespace

@@ -276,6 +276,30 @@ TEST(BoardProgram, LeavesNothingBehindWhenKilled)
     EXPECT_EQ(surroundings(), before);
 }
 
+TEST(BoardProgram, CanBeInterruptedWhileTheDaemonWritesWithoutEnd)
+{
+    for (const auto* flood : {"exec yes", "exec cat /dev/zero"})
+    {
+        Program program(playing(flood));
+        ASSERT_TRUE(program.reads("(it says more than is kept)")) << flood;
+        program.signal(SIGINT);
+        EXPECT_EQ(program.end(), 130) << flood;
+    }
+}
+
+TEST(BoardProgram, KeepsTheCallersSettingsFromTheDaemon)
+{
+    Program program(playing("/usr/bin/env"),
+                    {"JOURNAL_STREAM=1:2", "NOTIFY_SOCKET=/elsewhere",
+                     "DLOG_LEVEL=1", "DBUS_STARTER_ADDRESS=unix:path=/none"});
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_THAT(program.output, Not(HasSubstr("JOURNAL_STREAM")));
+    EXPECT_THAT(program.output, Not(HasSubstr("/elsewhere")));
+    EXPECT_THAT(program.output, Not(HasSubstr("DLOG_LEVEL=1\n")));
+    EXPECT_THAT(program.output, Not(HasSubstr("DBUS_STARTER_ADDRESS")));
+    EXPECT_THAT(program.output, HasSubstr("NOTIFY_SOCKET=/run/board/notify\n"));
+}
+
 TEST(BoardProgram, SaysWhatToDoWhereFuseIsClosedOff)
 {
     // The test's own sandbox stands for a machine without FUSE.

@@ -3,6 +3,7 @@
 #include "interruptions.hpp"
 #include "mctp/exchange.hpp"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -261,6 +262,13 @@ TEST_F(ExchangeTest, TimesOutAmidPacketsOfOthers)
                     ::write(farEnd.get(), packet.data(), packet.size()) > 0);
             }
         });
+    EXPECT_EQ(run(notify, shortMs), ETIMEDOUT);
+}
+
+TEST_F(ExchangeTest, TimesOutWhenWhatWaitedBeforeTheRequestNeverEnds)
+{
+    device = FileDescriptor(::open("/dev/zero", O_RDWR | O_CLOEXEC));
+    ASSERT_TRUE(device);
     EXPECT_EQ(run(notify, shortMs), ETIMEDOUT);
 }
 

@@ -4,6 +4,8 @@
 
 #include <platform/hal.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -115,6 +117,13 @@ TEST_F(Hal, ReportsAValueThatCannotBeOpened)
 {
     std::filesystem::create_symlink("VALUE", directory + "VALUE");
     expectFailure(Status::unreadable, read("VALUE"));
+}
+
+TEST_F(Hal, IsNotHeldByAPipeThatNobodyWrites)
+{
+    const auto pipe = directory + "PIPE";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    expectFailure(Status::malformed, read("PIPE"));
 }
 
 TEST_F(Hal, ReportsTextThatIsNoNumber)

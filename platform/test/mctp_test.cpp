@@ -416,6 +416,31 @@ TEST_F(Mctp, LeavesTheLockFreeWhenItsProcessDies)
     EXPECT_EQ(::semctl(lockId, 0, GETVAL), 0);
 }
 
+TEST_F(Mctp, LeavesTheLockToItsNextHolderWhenItsProcessEndsLater)
+{
+    setLockPermission(device.path);
+    const int lockId = acquireLock(device.path);
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        const int error = sendTo(device.path).error;
+        ::raise(SIGSTOP);
+        ::_exit(error);
+    }
+    int status = -1;
+    {
+        const FakeEndpoint endpoint(device.farEnd.get(),
+                                    FakeEndpoint::answering(0x9D, notified));
+        EXPECT_EQ(::waitpid(child, &status, WUNTRACED), child);
+        EXPECT_TRUE(WIFSTOPPED(status));
+    }
+    const LockHolder next(lockId);
+    ::kill(child, SIGCONT);
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(::semctl(lockId, 0, GETVAL), 1);
+}
+
 TEST_F(Mctp, GoesOnWhenTheLocksHolderDies)
 {
     setLockPermission(device.path);

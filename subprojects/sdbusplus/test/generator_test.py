@@ -104,11 +104,14 @@ class Errors(Definition):
         )
 
     def test_no_yaml(self):
-        run = self.generate("a: [")
-        self.assertEqual((run.returncode, run.stdout), (1, ""))
-        self.assertRegex(
-            run.stderr, r"\Asdbus\+\+: .*: it is no YAML \(.*\); correct it\n\Z"
-        )
+        for text in ("a: [", "a: 2001-99-99", "[" * 5000):
+            with self.subTest(text=text[:20]):
+                run = self.generate(text)
+                self.assertEqual((run.returncode, run.stdout), (1, ""))
+                self.assertRegex(
+                    run.stderr,
+                    r"\Asdbus\+\+: .*: it is no YAML \(.*\); correct it\n\Z",
+                )
 
     def test_what_is_wrong_is_said_in_one_line(self):
         flags = (
@@ -157,6 +160,22 @@ class Errors(Definition):
             "properties: [{name: P, type: string, default: 1}]": "property 'P'"
             " has the default 1, which is no string; give a value of its type"
             " or none",
+            'description: "\\ud800"': "the interface has the description"
+            " '\\ud800', which is no Unicode; correct its escapes",
+            'properties: [{name: P, type: string, default: "\\ud800"}]':
+            "property 'P' has the default '\\ud800', which is no string; give a"
+            " value of its type or none",
+            "properties: [{name: P, type: byte, flags: [[x]]}]": "property 'P'"
+            f" has the unknown flag '['x']'; use {flags}",
+            "properties: [{name: P, type: 'dict[array[byte], byte]'}]": "property"
+            " 'P': type 'dict[array[byte], byte]' has array[byte] as the key of"
+            " a dict[], which D-Bus does not take; use a basic type",
+            f"properties: [{{name: P, type: '{'array[' * 33}byte{']' * 33}'}}]":
+            "property 'P': a type nests more than 32 deep, which D-Bus does not"
+            " take; make it flatter",
+            f"properties: [{{name: P, type: double, default: 1{'0' * 400}}}]":
+            f"property 'P' has the default 1{'0' * 400}, which is no double;"
+            " give a value of its type or none",
             "properties: [{name: EID, type: byte}, {name: eid, type: byte}]": "the"
             " interface has 'EID' and 'eid', which are both 'eid' in C++;"
             " rename one",

@@ -188,9 +188,15 @@ def _read(path):
             f"{error.strerror}; give the directory that the name starts in"
             " with -r, and check the name"
         ) from error
-    except (yaml.YAMLError, UnicodeDecodeError) as error:
+    # ValueError: bytes that are no UTF-8, a date that no calendar has.
+    except (yaml.YAMLError, ValueError, RecursionError) as error:
         text = " ".join(str(error).split())
         raise UserError(f"it is no YAML ({text}); correct it") from error
+
+
+def _is_unicode(text):
+    """Whether a text is free of halves of characters, which YAML can write."""
+    return not any("\ud800" <= letter <= "\udfff" for letter in text)
 
 
 class _Element:
@@ -215,6 +221,11 @@ class _Element:
             raise UserError(
                 f"{self.what} has the {key} {value!r}, which is no text;"
                 " put it in quotes"
+            )
+        if not _is_unicode(value):
+            raise UserError(
+                f"{self.what} has the {key} {value!r}, which is no Unicode;"
+                " correct its escapes"
             )
         return value.strip()
 
@@ -249,7 +260,7 @@ class _Element:
     def flags(self, known):
         flags = self.list("flags")
         for flag in flags:
-            if flag not in known:
+            if not isinstance(flag, str) or flag not in known:
                 raise UserError(
                     f"{self.what} has the unknown flag '{flag}'; use "
                     + ", ".join(known)
@@ -373,9 +384,9 @@ def _literal(kind, value):
     if kind.name == "boolean" and isinstance(value, bool):
         return "true" if value else "false"
     if kind.name == "double" and type(value) in (int, float):
-        return _double_literal(float(value))
+        return _double_literal(value)
     if kind.name in ("string", "object_path") and isinstance(value, str):
-        return _text_literal(value)
+        return _text_literal(value) if _is_unicode(value) else None
     if kind.name in _INTEGERS and type(value) is int:
         low, high = _INTEGERS[kind.name]
         return _integer_literal(value) if low <= value <= high else None
@@ -410,6 +421,10 @@ def _integer_literal(value):
 
 
 def _double_literal(value):
+    try:
+        value = float(value)
+    except OverflowError:
+        return None  # an integer beyond all doubles
     limits = "std::numeric_limits<double>::"
     if math.isnan(value):
         return limits + "quiet_NaN()"

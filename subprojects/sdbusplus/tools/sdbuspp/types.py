@@ -3,6 +3,7 @@
 
 import re
 from dataclasses import dataclass
+from itertools import accumulate
 
 from .error import UserError
 
@@ -44,6 +45,10 @@ CONTAINER = {
 }
 
 
+# How deep containers nest at most: the D-Bus limit for arrays and for structs.
+DEEPEST = 32
+
+
 @dataclass(frozen=True)
 class Type:
     """A type: as the definition names it and as C++ spells it."""
@@ -56,12 +61,22 @@ class Type:
 def parse(text):
     """The Type that a text stands for."""
     words = re.findall(r"[A-Za-z0-9_.]+|[^\sA-Za-z0-9_.]", text)
+    if _depth(words) > DEEPEST:
+        raise UserError(
+            f"a type nests more than {DEEPEST} deep, which D-Bus does not take;"
+            " make it flatter"
+        )
     found = _parse_one(text, words)
     if words:
         raise UserError(
             f"type '{text}' goes on with '{words[0]}' after its end; remove it"
         )
     return found
+
+
+def _depth(words):
+    steps = {"[": 1, "]": -1}
+    return max(accumulate(steps.get(word, 0) for word in words), default=0)
 
 
 def _parse_one(text, words):
@@ -84,6 +99,11 @@ def _parse_container(text, name, words):
         raise UserError(
             f"type '{text}' gives {name}[] {len(arguments)} type(s); give it"
             f" {count}"
+        )
+    if name == "dict" and arguments[0].name not in BASIC:
+        raise UserError(
+            f"type '{text}' has {arguments[0].name} as the key of a dict[],"
+            " which D-Bus does not take; use a basic type"
         )
     return Type(
         name + "[" + ", ".join(each.name for each in arguments) + "]",
