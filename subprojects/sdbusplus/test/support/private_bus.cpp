@@ -2,45 +2,53 @@
 #include "private_bus.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
+#include <string>
 
 namespace test
 {
 namespace
 {
 
-std::filesystem::path makeDirectory()
+/** An address that no other process has, and no file is left of. */
+std::string newAddress()
 {
-    auto name =
-        (std::filesystem::temp_directory_path() / "bus-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr)
+    static int count = 0;
+    return "unix:abstract=sdbusplus-test-" + std::to_string(getpid()) + "-" +
+           std::to_string(++count);
+}
+
+/** The broker's configuration, in a file without a name.
+ *  @return its descriptor, which a child inherits */
+int writeConfiguration(const std::string& address)
+{
+    const std::string text =
+        "<busconfig><listen>" + address +
+        "</listen><auth>EXTERNAL</auth><policy context='default'>"
+        "<allow send_destination='*' eavesdrop='true'/>"
+        "<allow eavesdrop='true'/><allow own='*'/></policy></busconfig>";
+    const int fd = memfd_create("bus.conf", 0);
+    if (fd < 0 || write(fd, text.data(), text.size()) !=
+                      static_cast<ssize_t>(text.size()))
     {
-        throw std::runtime_error("no directory for the broker: " + name);
+        throw std::runtime_error("no configuration for the broker");
     }
-    return name;
+    return fd;
 }
 
-void writeConfiguration(const std::filesystem::path& directory)
-{
-    std::ofstream(directory / "bus.conf")
-        << "<busconfig><listen>unix:path=" << (directory / "bus").string()
-        << "</listen><auth>EXTERNAL</auth><policy context='default'>"
-           "<allow send_destination='*' eavesdrop='true'/>"
-           "<allow eavesdrop='true'/><allow own='*'/></policy></busconfig>";
-}
-
-[[noreturn]] void becomeBroker(const std::string& configuration, int readyFd)
+[[noreturn]] void becomeBroker(int configuration, int readyFd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(readyFd, STDOUT_FILENO);
-    const std::string option = "--config-file=" + configuration;
+    const std::string option =
+        "--config-file=/proc/self/fd/" + std::to_string(configuration);
     execlp("dbus-daemon", "dbus-daemon", option.c_str(), "--nofork",
            "--nopidfile", "--print-address=1", nullptr);
     _exit(127);
@@ -62,9 +70,10 @@ bool waitUntilReady(int fd)
 
 } // namespace
 
-PrivateBus::PrivateBus() : _directory(makeDirectory())
+PrivateBus::PrivateBus()
 {
-    writeConfiguration(_directory);
+    const auto address = newAddress();
+    const int configuration = writeConfiguration(address);
     int ready[2] = {-1, -1};
     if (pipe2(ready, O_CLOEXEC) != 0)
     {
@@ -73,8 +82,9 @@ PrivateBus::PrivateBus() : _directory(makeDirectory())
     _broker = fork();
     if (_broker == 0)
     {
-        becomeBroker(_directory / "bus.conf", ready[1]);
+        becomeBroker(configuration, ready[1]);
     }
+    close(configuration);
     close(ready[1]);
     const bool started = waitUntilReady(ready[0]);
     close(ready[0]);
@@ -82,15 +92,12 @@ PrivateBus::PrivateBus() : _directory(makeDirectory())
     {
         throw std::runtime_error("dbus-daemon did not start");
     }
-    const auto address = "unix:path=" + (_directory / "bus").string();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus()
 {
     dies();
-    std::error_code ignored; // a directory left in /tmp fails no test
-    std::filesystem::remove_all(_directory, ignored);
 }
 
 void PrivateBus::dies()

@@ -3,14 +3,11 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
-#include <string>
-
 /** A real broker of the test's own, started and stopped with the object.
  *
- *  While it lives, the system bus of this process is that broker. It listens
- *  in a directory of its own, lets everybody do everything and starts no
- *  services. It also goes when the test program dies.
+ *  While it lives, the system bus of this process is that broker. It lets
+ *  everybody do everything and starts no services. It also goes when the test
+ *  program dies, and leaves no file behind: its socket has none.
  */
 namespace test
 {
@@ -33,7 +30,6 @@ class PrivateBus
     void dies();
 
   private:
-    std::filesystem::path _directory;
     pid_t _broker = -1;
 };
 
