@@ -440,7 +440,19 @@ TEST_F(Misfortune, OnlyTheSecondControllerComingUpIsNode0)
     EXPECT_EQ(stop().status, 0);
 }
 
-// The binary
+// What is installed
+
+TEST_F(Installed, ProgramPlaysTheStoryAndEndsWith0)
+{
+    const auto told = outputOf(std::string(BOARD_PROGRAM) + "; echo status $?");
+    EXPECT_THAT(told, testing::HasSubstr("\nAs told: "));
+    EXPECT_THAT(told, testing::EndsWith("\nstatus 0\n"));
+    for (const char* property : {"NetworkId ", "EID ", "SupportedMessageTypes ",
+                                 "EndpointType ", "Slot ", "DevicePath "})
+    {
+        EXPECT_THAT(told, testing::HasSubstr(property));
+    }
+}
 
 TEST_F(Installed, NeedsTheBusItsPlatformAndTheRuntimeAndNothingElse)
 {
