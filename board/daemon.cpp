@@ -160,7 +160,8 @@ void Daemon::keep(std::string_view line)
         {
             return;
         }
-        keptOutput += line.size() + 1;
+        // Short lines cost more than their text.
+        keptOutput += sizeof(Event) + line.size();
         if (keptOutput > mostOutput)
         {
             said->line = "(it says more than is kept)";

@@ -24,9 +24,9 @@ namespace board
  *
  *  Its standard output and standard error are taken line by line; records of
  *  the log library become Log and Trace entries of the timeline, all else is
- *  kept as Output, up to a megabyte. A thread of this object listens; in
- *  addition the timeline collects what waits before any other entry, so that
- *  a log line comes before what the daemon did after it.
+ *  kept as Output, up to a megabyte of memory. A thread of this object
+ *  listens; in addition the timeline collects what waits before any other
+ *  entry, so that a log line comes before what the daemon did after it.
  *
  *  The functions are for one thread, which has to live as long as the daemon
  *  shall: with the thread that calls start() the daemon is killed.
@@ -93,7 +93,7 @@ class Daemon
     Fd notifySocket;
     std::mutex collecting; //!< guards the next two
     std::unique_ptr<LineReader> output;
-    std::size_t keptOutput = 0; //!< bytes
+    std::size_t keptOutput = 0; //!< bytes of memory
     const LineReader::Take takeLine = [this](std::string_view line)
     {
         keep(line);
