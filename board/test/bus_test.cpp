@@ -265,7 +265,7 @@ class Publisher
                 sd::check(sd_bus_add_object_vtable(
                               bus.get(), &made, path,
                               "xyz.openbmc_project.mctp.Endpoint",
-                              members().data(), this),
+                              members().data(), &values),
                           "publish");
                 slot.reset(made);
                 sd::check(sd_bus_emit_object_added(bus.get(), path),
@@ -300,6 +300,16 @@ class Publisher
     static constexpr auto path = "/xyz/openbmc_project/mctp/0/29";
 
   private:
+    /** What the bus library reads by its offsets. */
+    struct Values
+    {
+        std::uint32_t networkId = 7;
+        std::uint8_t eid = 29;
+        std::uint16_t type = 1;
+        std::uint16_t slotNumber = 3;
+        const char* device = "/dev/i3c-mctp-0";
+    };
+
     static int readTypes(sd_bus* /*bus*/, const char* /*path*/,
                          const char* /*interface*/, const char* /*property*/,
                          sd_bus_message* reply, void* /*self*/,
@@ -316,26 +326,21 @@ class Publisher
         static const std::array<sd_bus_vtable, 8> table{
             sd_bus_vtable SD_BUS_VTABLE_START(0),
             SD_BUS_PROPERTY("NetworkId", "u", nullptr,
-                            offsetof(Publisher, networkId), change),
-            SD_BUS_PROPERTY("EID", "y", nullptr, offsetof(Publisher, eid),
-                            change),
+                            offsetof(Values, networkId), change),
+            SD_BUS_PROPERTY("EID", "y", nullptr, offsetof(Values, eid), change),
             SD_BUS_PROPERTY("SupportedMessageTypes", "ay", readTypes, 0,
                             change),
             SD_BUS_PROPERTY("EndpointType", "q", nullptr,
-                            offsetof(Publisher, type), change),
-            SD_BUS_PROPERTY("Slot", "q", nullptr,
-                            offsetof(Publisher, slotNumber), change),
+                            offsetof(Values, type), change),
+            SD_BUS_PROPERTY("Slot", "q", nullptr, offsetof(Values, slotNumber),
+                            change),
             SD_BUS_PROPERTY("DevicePath", "s", nullptr,
-                            offsetof(Publisher, device), change),
+                            offsetof(Values, device), change),
             SD_BUS_VTABLE_END};
         return table;
     }
 
-    std::uint32_t networkId = 7;
-    std::uint8_t eid = 29;
-    std::uint16_t type = 1;
-    std::uint16_t slotNumber = 3;
-    const char* device = "/dev/i3c-mctp-0";
+    Values values;
     sd::Bus bus;
     sd::Slot slot;
     EventThread thread;
