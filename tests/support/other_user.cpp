@@ -30,7 +30,7 @@ std::string connectAndDo(const Deed& deed)
         return "no other user";
     }
     sd_bus* bus = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{}; // as SD_BUS_ERROR_NULL, which is C
     if (sd_bus_new(&bus) < 0 || sd_bus_set_address(bus, address) < 0 ||
         sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0)
     {

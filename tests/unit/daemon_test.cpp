@@ -467,7 +467,7 @@ TEST_F(Daemon, HostThatGoesOffIsTheWholeStory)
     host->goesTo("Off");
     // Held in the second cleanup: there is one in each pass.
     holdWhen(
-        [this, sleeps = 0]() mutable
+        [sleeps = 0]() mutable
         {
             return ++sleeps == 2;
         });
@@ -494,7 +494,7 @@ TEST_F(Daemon, HostThatIsOffAtStartIsCleanedUpAfterInEveryPass)
 {
     host->goesTo("Off");
     holdWhen(
-        [this]
+        []
         {
             return record::count("log 4 morrow: Change State to OFF\n") == 3;
         });
