@@ -36,6 +36,7 @@ using board::event::Packet;
 std::vector<std::string> driverWrites(const std::vector<DriverWrite>& writes)
 {
     std::vector<std::string> texts;
+    texts.reserve(writes.size());
     for (const auto& write : writes)
     {
         texts.push_back((write.bind ? "bind " : "unbind ") + write.controller);

@@ -173,6 +173,7 @@ std::pair<std::size_t, bool> awaitOne(const std::vector<Running>& tests)
     while (true)
     {
         std::vector<pollfd> ended;
+        ended.reserve(tests.size());
         for (const auto& test : tests)
         {
             ended.push_back(

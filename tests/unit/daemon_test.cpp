@@ -974,6 +974,7 @@ TEST_F(Handshake, TerminationStopsTheBusAtOnceAndTheReadFailsByItself)
 TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
 {
     enterHandshake();
+    // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): handled
     ASSERT_EQ(pthread_kill(thread.native_handle(), SIGTERM), 0);
     // Time enough for a signal that is not blocked to be taken.
     (void)poll(nullptr, 0, 100);

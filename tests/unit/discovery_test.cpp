@@ -251,7 +251,7 @@ TEST_F(WaitDeviceNode, AppearingInTheLastSleepIsTooLate)
 TEST_F(WaitDeviceNode, PathWithThePrefixElsewhereIsInvalid)
 {
     std::filesystem::create_directories("/run/dev");
-    std::ofstream{"/run/dev/i3c-mctp-0"};
+    const std::ofstream made("/run/dev/i3c-mctp-0");
     EXPECT_FALSE(wait_device_node("/run/dev/i3c-mctp-0", 3000));
     EXPECT_THAT(story(), ElementsAre("log 2 morrow: Invalid device node name: "
                                      "/run/dev/i3c-mctp-0\n"));
@@ -259,7 +259,7 @@ TEST_F(WaitDeviceNode, PathWithThePrefixElsewhereIsInvalid)
 
 TEST_F(WaitDeviceNode, PathOf13CharactersIsInvalid)
 {
-    std::ofstream{"/dev/i3c-mctp"};
+    const std::ofstream made("/dev/i3c-mctp");
     EXPECT_FALSE(wait_device_node("/dev/i3c-mctp", 3000));
     EXPECT_THAT(
         story(),
@@ -368,7 +368,7 @@ TEST_F(Scan, MissingClassEntryIsSilent)
 
 TEST_F(Scan, ClassEntryThatIsAFileIsIgnored)
 {
-    std::ofstream{entry0};
+    const std::ofstream made(entry0);
     scan_i3c_device(controller0, entry0);
     EXPECT_THAT(story(), IsEmpty());
     EXPECT_THAT(i3c_device_map, IsEmpty());
