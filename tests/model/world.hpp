@@ -50,7 +50,7 @@ struct State
 struct Attempt
 {
     int result = 0; //!< 0, or a failure of the transport
-    std::vector<uint8_t> bytes; //!< what is put into the response area
+    std::vector<uint8_t> bytes{}; //!< what is put into the response area
     uint64_t beyond = 0; //!< by how much the length says more than that
     uint8_t eid = 0; //!< endpoint id of the responder
     bool stop = false; //!< no further attempt helps
