@@ -244,6 +244,11 @@ void DaemonInWorld::pass()
     driver.collect();
 }
 
+void DaemonInWorld::applyTransitionRules()
+{
+    apply_transition_rules();
+}
+
 State DaemonInWorld::state()
 {
     State state;

@@ -53,6 +53,9 @@ class DaemonInWorld
     /** One pass of the state loop. */
     void pass();
 
+    /** The end of a pass on its own, without a read of the host's state. */
+    static void applyTransitionRules();
+
     /** What the daemon knows. */
     static State state();
 

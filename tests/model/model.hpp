@@ -51,6 +51,10 @@ class Model
     /** One pass of the state loop. */
     void pass();
 
+    /** The end of a pass on its own: what the host has done moves the state.
+     *  After a read of the host's state only some of the rules can apply. */
+    void applyTransitionRules();
+
     /** What is known after it. */
     [[nodiscard]] const State& state() const
     {
@@ -70,7 +74,6 @@ class Model
     // The state loop
     void runAction();
     void waitTick();
-    void applyTransitionRules();
     void changeState(bool toOn);
     void probeCpuVendor();
 

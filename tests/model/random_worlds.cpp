@@ -269,7 +269,8 @@ Gen<Texts> someOf(const std::string& first, const std::string& second)
                          {first, second, first}});
 }
 
-/** Anywhere, also where no world leads to. */
+} // namespace
+
 Gen<State> anywhere()
 {
     return gen::build<State>(
@@ -277,8 +278,10 @@ Gen<State> anywhere()
                  oneOf<uint32_t>({off, on, partial, partial, wait, sleep, 77})),
         gen::set(&State::waitTicks, oneOf({0, 1, 2, 10, -1})),
         gen::set(&State::stateAfterWait, oneOf<uint32_t>({on, partial, sleep})),
-        gen::set(&State::powerDownPending, oneOf<uint8_t>({0, 1})),
-        gen::set(&State::awaitHostRunning, oneOf<uint8_t>({1, 0})),
+        gen::set(&State::powerDownPending,
+                 oneOf<uint8_t>({0, 0, 1, 1, 2, 0xFE, 0xFF})),
+        gen::set(&State::awaitHostRunning,
+                 oneOf<uint8_t>({1, 1, 0, 0, 2, 0xFE, 0xFF})),
         gen::set(&State::hostState, hostState()),
         gen::set(&State::cpuVendor, oneOf<uint16_t>({0, 0, 0xFFFF, 1, 0xFFFE})),
         gen::set(&State::cpuVendorStatus, oneOf({0, 0, -1, 5})),
@@ -289,8 +292,6 @@ Gen<State> anywhere()
         gen::set(&State::notified,
                  someOf(controllers[0].node, controllers[1].node)));
 }
-
-} // namespace
 
 Gen<World> worlds()
 {

@@ -17,6 +17,9 @@
 namespace model
 {
 
+/** What the state loop knows anywhere, also where no world leads to. */
+rc::Gen<State> anywhere();
+
 /** A world of thirty steps at most, and fewer at a smaller size. */
 rc::Gen<World> worlds();
 

@@ -50,6 +50,12 @@ constexpr std::array<PowerState, 9> powerStates{{
     {"Unknown", true},
 }};
 
+/** Of a flag one bit counts. */
+bool isSet(uint8_t flag)
+{
+    return (flag & 1U) != 0;
+}
+
 bool contains(const std::string& text, std::string_view name)
 {
     return text.find("." + std::string(name)) != std::string::npos;
@@ -104,8 +110,8 @@ void Model::waitTick()
 
 void Model::applyTransitionRules()
 {
-    const bool powerDown = now.powerDownPending != 0;
-    const bool awaited = now.awaitHostRunning != 0;
+    const bool powerDown = isSet(now.powerDownPending);
+    const bool awaited = isSet(now.awaitHostRunning);
     if (powerDown && awaited)
     {
         now.powerDownPending = 0;

@@ -187,16 +187,15 @@ Attempt goodAnswer(uint8_t eid)
     return {.bytes = {0x00, 0x01, 0x0D, 0x00}, .eid = eid};
 }
 
-Texts differences(const State& first, const State& second)
+std::vector<Difference> differences(const State& first, const State& second)
 {
-    Texts found;
+    std::vector<Difference> found;
     const auto compare =
         [&](std::string_view name, const auto& left, const auto& right)
     {
         if (left != right)
         {
-            found.push_back(std::string(name) + ": " + inWords(left) + ", " +
-                            inWords(right));
+            found.push_back({std::string(name), inWords(left), inWords(right)});
         }
     };
     compare("daemon_state", first.daemonState, second.daemonState);
@@ -222,19 +221,25 @@ std::string inWords(const Step& step)
            (step.passes == 1 ? " pass" : " passes");
 }
 
+std::ostream& operator<<(std::ostream& out, const State& state)
+{
+    out << "After start-up";
+    for (const auto& [name, usual, other] : differences(afterStartUp(), state))
+    {
+        out << ", " << name << " is " << other << " (not " << usual << ")";
+    }
+    return out;
+}
+
 std::ostream& operator<<(std::ostream& out, const World& world)
 {
-    out << "A world that starts after start-up";
-    for (const auto& difference : differences(afterStartUp(), world.start))
-    {
-        out << "\n  but with other than usual " << difference;
-    }
+    out << world.start;
     std::size_t number = 0;
     for (const auto& step : world.steps)
     {
         out << "\n  " << ++number << ". " << inWords(step);
     }
-    return out << '\n';
+    return out;
 }
 
 } // namespace model

@@ -182,13 +182,24 @@ Attempt goodAnswer(uint8_t eid);
 /** The endpoint ids of the two endpoints where nothing has happened yet. */
 inline constexpr std::array<uint8_t, 2> usualEids{0x1D, 0x9D};
 
-/** What two states differ in, in words: "NAME: FIRST, SECOND". */
-Texts differences(const State& first, const State& second);
+/** A member in which two states differ, in words. */
+struct Difference
+{
+    std::string name; //!< as the daemon calls it
+    std::string first;
+    std::string second;
+};
+
+/** What two states differ in. */
+std::vector<Difference> differences(const State& first, const State& second);
 
 /** A step in words. */
 std::string inWords(const Step& step);
 
-/** A world in words: what is not usual about its start, then a line a step. */
+/** A state in words: what is not usual about it. */
+std::ostream& operator<<(std::ostream& out, const State& state);
+
+/** A world in words: its start, then a line a step. */
 std::ostream& operator<<(std::ostream& out, const World& world);
 
 } // namespace model
