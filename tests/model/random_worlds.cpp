@@ -32,6 +32,18 @@ Gen<Value> oneOf(std::initializer_list<Value> values)
                     });
 }
 
+/** The same values, that shrink to the usual one in the end. */
+template <typename Value>
+Gen<Value> towards(Value usual, Gen<Value> values)
+{
+    return gen::shrink(std::move(values),
+                       [usual = std::move(usual)](const Value& value)
+                       {
+                           return value == usual ? rc::Seq<Value>()
+                                                 : rc::seq::just(usual);
+                       });
+}
+
 Gen<std::size_t> controllerOrNode()
 {
     return oneOf<std::size_t>({0, 1});
@@ -242,13 +254,7 @@ Gen<Happening> happening()
                                         ClassEntry::file})))},
         {2, any(vendorReads())},
     });
-    return gen::shrink(anything,
-                       [](const Happening& value)
-                       {
-                           return std::holds_alternative<Nothing>(value)
-                                      ? rc::Seq<Happening>()
-                                      : rc::seq::just(Happening{Nothing{}});
-                       });
+    return towards(Happening{Nothing{}}, anything);
 }
 
 Gen<Step> step()
@@ -282,7 +288,7 @@ Gen<State> anywhere()
                  oneOf<uint8_t>({0, 0, 1, 1, 2, 0xFE, 0xFF})),
         gen::set(&State::awaitHostRunning,
                  oneOf<uint8_t>({1, 1, 0, 0, 2, 0xFE, 0xFF})),
-        gen::set(&State::hostState, hostState()),
+        gen::set(&State::hostState, towards(std::string(), hostState())),
         gen::set(&State::cpuVendor, oneOf<uint16_t>({0, 0, 0xFFFF, 1, 0xFFFE})),
         gen::set(&State::cpuVendorStatus, oneOf({0, 0, -1, 5})),
         gen::set(&State::devices,

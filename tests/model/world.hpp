@@ -63,23 +63,29 @@ struct VendorRead
 {
     int32_t status = 0;
     uint16_t vendor = 0;
+
+    bool operator==(const VendorRead&) const = default;
 };
 
 // What can happen between passes.
 
 struct Nothing
 {
+    bool operator==(const Nothing&) const = default;
 };
 
 /** The host's state is this text from now on. */
 struct HostStateIs
 {
     std::string text;
+
+    bool operator==(const HostStateIs&) const = default;
 };
 
 /** The host's state cannot be read from now on. */
 struct HostIsSilent
 {
+    bool operator==(const HostIsSilent&) const = default;
 };
 
 /** A property with its new value. */
@@ -87,18 +93,24 @@ struct Change
 {
     std::string name;
     std::string value;
+
+    bool operator==(const Change&) const = default;
 };
 
 /** A signal of the host's internal power state. */
 struct PowerStateSignal
 {
     std::vector<Change> changes;
+
+    bool operator==(const PowerStateSignal&) const = default;
 };
 
 /** A signal of the host's reset cause. */
 struct ResetCauseSignal
 {
     std::vector<Change> changes;
+
+    bool operator==(const ResetCauseSignal&) const = default;
 };
 
 /** A controller's device behaves so from its next bind on. */
@@ -106,6 +118,8 @@ struct DeviceBehaves
 {
     std::size_t controller = 0;
     Device device;
+
+    bool operator==(const DeviceBehaves&) const = default;
 };
 
 /** The next attempts on a node end so; the last one stays. */
@@ -113,6 +127,8 @@ struct EndpointBehaves
 {
     std::size_t number = 0;
     std::vector<Attempt> attempts; //!< at least one
+
+    bool operator==(const EndpointBehaves&) const = default;
 };
 
 /** The lock and the shared memory of a node have these ids. */
@@ -121,6 +137,8 @@ struct IdsAre
     std::size_t number = 0;
     int lock = -1;
     int shm = -1;
+
+    bool operator==(const IdsAre&) const = default;
 };
 
 /** Whether the driver's files can be opened. */
@@ -128,12 +146,16 @@ struct DriverFilesOpen
 {
     bool bind = true;
     bool unbind = true;
+
+    bool operator==(const DriverFilesOpen&) const = default;
 };
 
 /** A node is there that no controller has made. */
 struct NodeIsMade
 {
     std::size_t number = 0;
+
+    bool operator==(const NodeIsMade&) const = default;
 };
 
 /** A class entry is there that no controller has made, or is gone. */
@@ -141,12 +163,16 @@ struct EntryIsMade
 {
     std::size_t number = 0;
     ClassEntry entry = ClassEntry::directory;
+
+    bool operator==(const EntryIsMade&) const = default;
 };
 
 /** The next reads of the CPU vendor end so; the last one stays. */
 struct VendorReads
 {
     std::vector<VendorRead> reads; //!< at least one
+
+    bool operator==(const VendorReads&) const = default;
 };
 
 using Happening =
