@@ -251,23 +251,35 @@ std::string introspect(const std::string& path)
         });
 }
 
-std::vector<std::string> managedObjects(const std::string& manager)
+std::map<std::string, std::string> managed(sdbusplus::bus_t& bus,
+                                           const std::string& manager)
 {
-    auto bus = sdbusplus::bus::new_system();
     auto call = newCall(bus, manager, "org.freedesktop.DBus.ObjectManager",
                         "GetManagedObjects");
     auto reply = bus.call(call);
-    std::vector<std::string> paths;
+    std::map<std::string, std::string> objects;
     check(sd_bus_message_enter_container(reply.get(), 'a', "{oa{sa{sv}}}"),
           "objects");
     while (check(sd_bus_message_enter_container(reply.get(), 'e', "oa{sa{sv}}"),
                  "object") > 0)
     {
-        paths.push_back(readPath(reply));
-        check(sd_bus_message_skip(reply.get(), "a{sa{sv}}"), "interfaces");
+        const auto path = readPath(reply);
+        Interfaces interfaces;
+        reply.read(interfaces);
+        objects[path] = textOf(interfaces[interface]);
         check(sd_bus_message_exit_container(reply.get()), "object");
     }
-    std::sort(paths.begin(), paths.end());
+    return objects;
+}
+
+std::vector<std::string> managedObjects(const std::string& manager)
+{
+    auto bus = sdbusplus::bus::new_system();
+    std::vector<std::string> paths;
+    for (const auto& [path, properties] : managed(bus, manager))
+    {
+        paths.push_back(path);
+    }
     return paths;
 }
 

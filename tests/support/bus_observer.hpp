@@ -15,11 +15,13 @@
 
 #include "served_connection.hpp"
 
+#include <sdbusplus/bus.hpp>
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -63,6 +65,11 @@ std::string setEid(const std::string& path, uint8_t eid);
 
 /** The object's introspection data. */
 std::string introspect(const std::string& path);
+
+/** The objects below an object manager, each with its properties as "EID=8 ..."
+ *  by name. Asked over this connection. */
+std::map<std::string, std::string> managed(sdbusplus::bus_t& bus,
+                                           const std::string& manager);
 
 /** The paths below an object manager, ascending. */
 std::vector<std::string> managedObjects(const std::string& manager);

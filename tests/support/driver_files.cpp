@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace
 {
@@ -21,6 +22,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* driver = "/sys/bus/platform/drivers/silvaco-i3c-master/";
 constexpr const char* classDirectory = "/sys/class/i3c-mctp/";
+constexpr const char* aside = ".aside";
 constexpr std::size_t nameLength = 12; // "fff10000.i3c"
 
 int makeFifo(const std::string& path)
@@ -32,6 +34,20 @@ int makeFifo(const std::string& path)
     }
     // Open for both, so that no writer waits for a reader.
     return open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+}
+
+/** Leaves a directory of the name: a plain output stream would make a new file
+ *  where there is none, as sysfs would not let it. */
+void putAside(const std::string& file)
+{
+    fs::rename(driver + file, driver + file + aside);
+    fs::create_directory(driver + file);
+}
+
+void putBack(const std::string& file)
+{
+    fs::remove(driver + file);
+    fs::rename(driver + file + aside, driver + file);
 }
 
 std::string nodeName(int number)
@@ -77,18 +93,29 @@ void DriverFiles::comesUpWithoutClassEntry(const std::string& controller)
     withoutClassEntry.insert(controller);
 }
 
+void DriverFiles::afterEach(std::function<void(const std::string&)> hook)
+{
+    eventHook = std::move(hook);
+}
+
 void DriverFiles::removeBindFile()
 {
-    // A directory of the name: a plain output stream would make a new file
-    // where there is none, as sysfs would not let it.
-    fs::remove(std::string(driver) + "bind");
-    fs::create_directory(std::string(driver) + "bind");
+    putAside("bind");
 }
 
 void DriverFiles::removeUnbindFile()
 {
-    fs::remove(std::string(driver) + "unbind");
-    fs::create_directory(std::string(driver) + "unbind");
+    putAside("unbind");
+}
+
+void DriverFiles::restoreBindFile()
+{
+    putBack("bind");
+}
+
+void DriverFiles::restoreUnbindFile()
+{
+    putBack("unbind");
 }
 
 void DriverFiles::makeNode(int number)
@@ -115,7 +142,7 @@ void DriverFiles::collect()
             const std::string name(event->name);
             if (event->wd == deviceWatch)
             {
-                record::add("remove /dev/%s", name.c_str());
+                happened("remove /dev/" + name);
             }
             else if ((event->mask & IN_CLOSE_WRITE) != 0 && name == "bind")
             {
@@ -129,6 +156,15 @@ void DriverFiles::collect()
     }
 }
 
+void DriverFiles::happened(const std::string& event) const
+{
+    record::add("%s", event.c_str());
+    if (eventHook)
+    {
+        eventHook(event);
+    }
+}
+
 void DriverFiles::written(const char* file, int fifo)
 {
     std::array<char, nameLength + 1> text{};
@@ -136,7 +172,7 @@ void DriverFiles::written(const char* file, int fifo)
     {
         text[0] = '\0';
     }
-    record::add("write %s %s", file, text.data());
+    happened(std::string("write ") + file + " " + text.data());
     if (std::strcmp(file, "bind") == 0)
     {
         bound(text.data());

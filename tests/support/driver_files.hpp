@@ -13,6 +13,7 @@
  * lowest number that is free.
  */
 
+#include <functional>
 #include <set>
 #include <string>
 
@@ -33,9 +34,17 @@ class DriverFiles
     /** The same, but without a class entry. */
     void comesUpWithoutClassEntry(const std::string& controller);
 
+    /** Calls this with each event, in the words of the record, once it has
+     *  been recorded: for files that are to answer in another way. */
+    void afterEach(std::function<void(const std::string&)> hook);
+
     /** Takes the file away, so that it can't be opened. */
     static void removeBindFile();
     static void removeUnbindFile();
+
+    /** Puts a file back that was taken away. */
+    static void restoreBindFile();
+    static void restoreUnbindFile();
 
     /** Makes a device node, not recorded. */
     static void makeNode(int number);
@@ -47,6 +56,7 @@ class DriverFiles
     void collect();
 
   private:
+    void happened(const std::string& event) const;
     void written(const char* file, int fifo);
     void bound(const std::string& controller);
 
@@ -55,6 +65,7 @@ class DriverFiles
     int unbindFifo;
     int driverWatch;
     int deviceWatch;
+    std::function<void(const std::string&)> eventHook;
     std::set<std::string> comingUp;
     std::set<std::string> withoutClassEntry;
 };

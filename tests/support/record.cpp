@@ -20,12 +20,14 @@ namespace record
 namespace
 {
 
+constexpr std::size_t textLength = 488;
+
 struct Slot
 {
     pid_t thread;
     unsigned line;
     std::array<char, 24> source;
-    std::array<char, 488> text;
+    std::array<char, textLength> text;
     std::atomic<bool> written;
 };
 
@@ -48,6 +50,7 @@ struct News
 
 News news;
 
+thread_local std::vector<std::string>* diverted = nullptr;
 thread_local std::function<void()> beforeEach;
 thread_local bool inHook = false;
 
@@ -121,23 +124,42 @@ void publish(Slot& slot)
     }
 }
 
+void divert(const std::string& beginning, const char* format, va_list arguments)
+{
+    std::array<char, textLength> text{};
+    (void)vsnprintf(text.data(), text.size(), format, arguments);
+    diverted->push_back(beginning + text.data());
+}
+
 } // namespace
 
 void add(const char* format, ...)
 {
     runHook();
-    Slot& slot = takeSlot();
     va_list arguments;
     va_start(arguments, format);
-    (void)vsnprintf(slot.text.data(), slot.text.size(), format, arguments);
+    if (diverted != nullptr)
+    {
+        divert("", format, arguments);
+    }
+    else
+    {
+        Slot& slot = takeSlot();
+        (void)vsnprintf(slot.text.data(), slot.text.size(), format, arguments);
+        publish(slot);
+    }
     va_end(arguments);
-    publish(slot);
 }
 
 void addLog(const char* head, const char* source, unsigned line,
             const char* format, va_list arguments)
 {
     runHook();
+    if (diverted != nullptr)
+    {
+        return divert(std::string(head) + " " + source + ": ", format,
+                      arguments);
+    }
     Slot& slot = takeSlot();
     slot.line = line;
     (void)snprintf(slot.source.data(), slot.source.size(), "%s", source);
@@ -231,6 +253,11 @@ bool waitUntil(const std::function<bool()>& holds)
 void beforeEachOfThisThread(std::function<void()> hook)
 {
     beforeEach = std::move(hook);
+}
+
+void divertThisThread(std::vector<std::string>* list)
+{
+    diverted = list;
 }
 
 void when(const std::string& beginning, std::function<void()> action)

@@ -69,6 +69,11 @@ bool waitUntil(const std::function<bool()>& holds);
  *  to files since the last one can be put in its place. */
 void beforeEachOfThisThread(std::function<void()> hook);
 
+/** From now on the events of the calling thread go into this list and not into
+ *  the record, which is for so many events and never gives any back; nullptr
+ *  for the record again. Not for a thread that logs from a signal handler. */
+void divertThisThread(std::vector<std::string>* list);
+
 /** Runs something once, on the thread and at the moment of the first event
  *  whose text begins so: the way to do something to the daemon at a point that
  *  it can't be seen to be at otherwise. */

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "world.hpp"
+
+#include <array>
+#include <cstdio>
+#include <ostream>
+#include <string_view>
+#include <type_traits>
+
+namespace model
+{
+
+namespace
+{
+
+std::string quoted(const std::string& text)
+{
+    return '"' + text + '"';
+}
+
+/** A host state as people call it, if it is one of the two that matter. */
+std::string hostState(const std::string& text)
+{
+    if (text == running)
+    {
+        return "Running";
+    }
+    return text == poweredOff ? "Off" : quoted(text);
+}
+
+template <typename Value>
+std::string inWords(const Value& value)
+{
+    if constexpr (std::is_arithmetic_v<Value>)
+    {
+        return std::to_string(value);
+    }
+    else if constexpr (std::is_same_v<Value, Texts>)
+    {
+        std::string list;
+        for (const auto& text : value)
+        {
+            list += (list.empty() ? "" : ", ") + text;
+        }
+        return "[" + list + "]";
+    }
+    else
+    {
+        return hostState(value);
+    }
+}
+
+std::string inWords(const std::vector<Change>& changes)
+{
+    std::string text;
+    for (const auto& [name, value] : changes)
+    {
+        text += (text.empty() ? " " : ", ") + name + " is " + quoted(value);
+    }
+    return text.empty() ? " nothing" : text;
+}
+
+std::string inWords(ClassEntry entry)
+{
+    switch (entry)
+    {
+        case ClassEntry::directory:
+            return "a class entry";
+        case ClassEntry::file:
+            return "a file for a class entry";
+        default:
+            return "no class entry";
+    }
+}
+
+std::string inWords(const Attempt& attempt)
+{
+    std::string text = attempt.result == 0
+                           ? "answer"
+                           : "failure " + std::to_string(attempt.result);
+    for (const uint8_t byte : attempt.bytes)
+    {
+        std::array<char, 4> hex{};
+        (void)snprintf(hex.data(), hex.size(), " %02x", byte);
+        text += hex.data();
+    }
+    if (attempt.beyond != 0)
+    {
+        text += " and " + std::to_string(attempt.beyond) + " bytes unwritten";
+    }
+    std::array<char, 8> eid{};
+    (void)snprintf(eid.data(), eid.size(), "0x%02X", attempt.eid);
+    text += std::string(" from ") + eid.data();
+    return text + (attempt.stop ? ", stop" : "");
+}
+
+struct InWords
+{
+    std::string operator()(const Nothing& /*nothing*/) const
+    {
+        return "nothing happens";
+    }
+
+    std::string operator()(const HostStateIs& host) const
+    {
+        return "the host is " + hostState(host.text);
+    }
+
+    std::string operator()(const HostIsSilent& /*host*/) const
+    {
+        return "the host's state cannot be read";
+    }
+
+    std::string operator()(const PowerStateSignal& signal) const
+    {
+        return "power state signal:" + inWords(signal.changes);
+    }
+
+    std::string operator()(const ResetCauseSignal& signal) const
+    {
+        return "reset cause signal:" + inWords(signal.changes);
+    }
+
+    std::string operator()(const DeviceBehaves& behaviour) const
+    {
+        const auto& device = behaviour.device;
+        const auto name = controllers.at(behaviour.controller).name;
+        if (!device.comesUp)
+        {
+            return name + " never comes up";
+        }
+        return name + " comes up after " + std::to_string(device.polls) +
+               " polls as number " + std::to_string(device.number) + " with " +
+               inWords(device.entry);
+    }
+
+    std::string operator()(const EndpointBehaves& behaviour) const
+    {
+        std::string text;
+        for (const auto& attempt : behaviour.attempts)
+        {
+            text += (text.empty() ? ": " : "; ") + inWords(attempt);
+        }
+        return "endpoint of " + controllers.at(behaviour.number).node + text;
+    }
+
+    std::string operator()(const IdsAre& ids) const
+    {
+        return controllers.at(ids.number).node + " has lock " +
+               std::to_string(ids.lock) + " and shared memory " +
+               std::to_string(ids.shm);
+    }
+
+    std::string operator()(const DriverFilesOpen& files) const
+    {
+        return std::string("bind ") + (files.bind ? "opens" : "does not open") +
+               ", unbind " + (files.unbind ? "opens" : "does not open");
+    }
+
+    std::string operator()(const NodeIsMade& node) const
+    {
+        return controllers.at(node.number).node + " is made";
+    }
+
+    std::string operator()(const EntryIsMade& made) const
+    {
+        return controllers.at(made.number).node + " has " + inWords(made.entry);
+    }
+
+    std::string operator()(const VendorReads& vendor) const
+    {
+        std::string text;
+        for (const auto& read : vendor.reads)
+        {
+            text += text.empty() ? " " : ", ";
+            text += read.status == 0 ? "vendor " + std::to_string(read.vendor)
+                                     : "status " + std::to_string(read.status);
+        }
+        return "reads of the CPU vendor give" + text;
+    }
+};
+
+} // namespace
+
+Attempt goodAnswer(uint8_t eid)
+{
+    return {.bytes = {0x00, 0x01, 0x0D, 0x00}, .eid = eid};
+}
+
+std::vector<Difference> differences(const State& first, const State& second)
+{
+    std::vector<Difference> found;
+    const auto compare =
+        [&](std::string_view name, const auto& left, const auto& right)
+    {
+        if (left != right)
+        {
+            found.push_back({std::string(name), inWords(left), inWords(right)});
+        }
+    };
+    compare("daemon_state", first.daemonState, second.daemonState);
+    compare("wait_ticks", first.waitTicks, second.waitTicks);
+    compare("state_after_wait", first.stateAfterWait, second.stateAfterWait);
+    compare("power_down_pending", first.powerDownPending,
+            second.powerDownPending);
+    compare("await_host_running", first.awaitHostRunning,
+            second.awaitHostRunning);
+    compare("current_host_state", first.hostState, second.hostState);
+    compare("cpu_vendor", first.cpuVendor, second.cpuVendor);
+    compare("cpu_vendor_status", first.cpuVendorStatus, second.cpuVendorStatus);
+    compare("i3c_device_map", first.devices, second.devices);
+    compare("i3c_discovered_map", first.discovered, second.discovered);
+    compare("i3c_device_notify_map", first.notified, second.notified);
+    return found;
+}
+
+std::string inWords(const Step& step)
+{
+    return std::visit(InWords{}, step.happening) + "; " +
+           std::to_string(step.passes) +
+           (step.passes == 1 ? " pass" : " passes");
+}
+
+std::ostream& operator<<(std::ostream& out, const State& state)
+{
+    out << "After start-up";
+    for (const auto& [name, usual, other] : differences(afterStartUp(), state))
+    {
+        out << ", " << name << " is " << other << " (not " << usual << ")";
+    }
+    return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const World& world)
+{
+    out << world.start;
+    std::size_t number = 0;
+    for (const auto& step : world.steps)
+    {
+        out << "\n  " << ++number << ". " << inWords(step);
+    }
+    return out;
+}
+
+} // namespace model
