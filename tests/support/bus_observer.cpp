@@ -211,6 +211,20 @@ std::string getAll(const std::string& path)
         });
 }
 
+std::string get(const std::string& path, const std::string& property)
+{
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(bus, path, propertiesInterface, "Get");
+            call.append(interface, property);
+            auto reply = bus.call(call);
+            Value value;
+            reply.read(value);
+            return textOf(value);
+        });
+}
+
 std::string getArbitration(const std::string& path, uint8_t eid)
 {
     return orError(
@@ -253,22 +267,34 @@ std::string introspect(const std::string& path)
 
 std::vector<std::string> managedObjects(const std::string& manager)
 {
+    auto paths = managedValues(manager);
+    for (auto& path : paths)
+    {
+        path = path.substr(0, path.find(' '));
+    }
+    return paths;
+}
+
+std::vector<std::string> managedValues(const std::string& manager)
+{
     auto bus = sdbusplus::bus::new_system();
     auto call = newCall(bus, manager, "org.freedesktop.DBus.ObjectManager",
                         "GetManagedObjects");
     auto reply = bus.call(call);
-    std::vector<std::string> paths;
+    std::vector<std::string> objects;
     check(sd_bus_message_enter_container(reply.get(), 'a', "{oa{sa{sv}}}"),
           "objects");
     while (check(sd_bus_message_enter_container(reply.get(), 'e', "oa{sa{sv}}"),
                  "object") > 0)
     {
-        paths.push_back(readPath(reply));
-        check(sd_bus_message_skip(reply.get(), "a{sa{sv}}"), "interfaces");
+        const auto path = readPath(reply);
+        Interfaces interfaces;
+        reply.read(interfaces);
+        objects.push_back(path + textOf(interfaces[interface]));
         check(sd_bus_message_exit_container(reply.get()), "object");
     }
-    std::sort(paths.begin(), paths.end());
-    return paths;
+    std::sort(objects.begin(), objects.end());
+    return objects;
 }
 
 bool hasOwner(const std::string& name)
