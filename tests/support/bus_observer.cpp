@@ -211,6 +211,20 @@ std::string getAll(const std::string& path)
         });
 }
 
+std::string get(const std::string& path, const std::string& property)
+{
+    return orError(
+        [&](sdbusplus::bus_t& bus)
+        {
+            auto call = newCall(bus, path, propertiesInterface, "Get");
+            call.append(interface, property);
+            auto reply = bus.call(call);
+            Value value;
+            reply.read(value);
+            return textOf(value);
+        });
+}
+
 std::string getArbitration(const std::string& path, uint8_t eid)
 {
     return orError(
@@ -281,6 +295,17 @@ std::vector<std::string> managedObjects(const std::string& manager)
         paths.push_back(path);
     }
     return paths;
+}
+
+std::vector<std::string> managedValues(const std::string& manager)
+{
+    auto bus = sdbusplus::bus::new_system();
+    std::vector<std::string> objects;
+    for (const auto& [path, properties] : managed(bus, manager))
+    {
+        objects.push_back(path + properties);
+    }
+    return objects;
 }
 
 bool hasOwner(const std::string& name)

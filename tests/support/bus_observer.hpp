@@ -57,6 +57,10 @@ namespace busctl
  *  @return the D-Bus error's name when the call fails */
 std::string getAll(const std::string& path);
 
+/** One property, as its value's text.
+ *  @return the D-Bus error's name and message when the call fails */
+std::string get(const std::string& path, const std::string& property);
+
 /** Calls GetArbitration. @return the answer as text, or the error's name */
 std::string getArbitration(const std::string& path, uint8_t eid);
 
@@ -73,6 +77,9 @@ std::map<std::string, std::string> managed(sdbusplus::bus_t& bus,
 
 /** The paths below an object manager, ascending. */
 std::vector<std::string> managedObjects(const std::string& manager);
+
+/** The same, each with its properties as "PATH EID=8 ...". */
+std::vector<std::string> managedValues(const std::string& manager);
 
 /** Whether anybody owns the name. */
 bool hasOwner(const std::string& name);

@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
 
+#include <cinttypes>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
@@ -41,6 +43,8 @@ Function* next(Function* /*likeThis*/, const char* name)
 namespace bus_spy
 {
 
+std::atomic<int> matchError{0};
+
 void watchThisThread()
 {
     watching = true;
@@ -53,6 +57,10 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
                                 sd_bus_message_handler_t callback,
                                 void* userdata)
 {
+    if (bus_spy::matchError != 0)
+    {
+        return -bus_spy::matchError;
+    }
     const int result = next(sd_bus_add_match, "sd_bus_add_match")(
         bus, slot, match, callback, userdata);
     remember(slot, std::string("match ") + match);
@@ -88,4 +96,23 @@ extern "C" sd_bus* sd_bus_unref(sd_bus* bus)
         record::add("lets go of the bus");
     }
     return next(sd_bus_unref, "sd_bus_unref")(bus);
+}
+
+extern "C" int sd_bus_wait(sd_bus* bus, uint64_t limit)
+{
+    if (watching)
+    {
+        record::add("waits %" PRIu64 " us for a message", limit);
+    }
+    return next(sd_bus_wait, "sd_bus_wait")(bus, limit);
+}
+
+extern "C" int sd_bus_call(sd_bus* bus, sd_bus_message* call, uint64_t limit,
+                           sd_bus_error* error, sd_bus_message** reply)
+{
+    if (watching)
+    {
+        record::add("waits %" PRIu64 " us for an answer", limit);
+    }
+    return next(sd_bus_call, "sd_bus_call")(bus, call, limit, error, reply);
 }

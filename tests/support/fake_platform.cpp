@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +39,9 @@ int brokenSleeps = 0;
 std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
+std::atomic<int> lastSemaphoreShared{-1};
+std::atomic<unsigned int> lastSemaphoreValue{UINT_MAX};
+std::atomic<int> semaphoresDestroyed{0};
 std::function<void()> onVendorRead;
 
 Attempt answer(uint8_t eid)
@@ -206,6 +210,7 @@ int mctp_wrapper_ep::send_message_blocking(
     const auto& device = *static_cast<std::string*>(impl);
     record::add("send%s", fake::hex(request.data, request.len).c_str());
     fake::lastRequestWords = fake::wordsOf(request, 0);
+    request = {};
     fake::lastResponseWords = fake::wordsOf(response, 1);
     const auto scripted = fake::endpoints.find(device);
     const auto attempt = scripted == fake::endpoints.end()
@@ -242,12 +247,15 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
         errno = fake::semaphoreInitError;
         return -1;
     }
+    fake::lastSemaphoreShared = shared;
+    fake::lastSemaphoreValue = value;
     return realFunction<int(sem_t*, int, unsigned int)>("sem_init")(
         semaphore, shared, value);
 }
 
 extern "C" int sem_destroy(sem_t* semaphore)
 {
+    ++fake::semaphoresDestroyed;
     if (fake::semaphoreDestroyError != 0)
     {
         errno = fake::semaphoreDestroyError;

@@ -4,8 +4,9 @@
 /**
  * The platform contract as the unit tests need it: every call is recorded, and
  * what it answers is set here. Sleeping takes no time: the request is recorded
- * and the sleeper goes on at once. Semaphores are the system's own, but can be
- * refused, which the system itself never does.
+ * and the sleeper goes on at once. The transport leaves nothing in a request
+ * record, so that each attempt needs a new one. Semaphores are the system's
+ * own, but can be refused, which the system itself never does.
  */
 
 #include <atomic>
@@ -77,6 +78,13 @@ extern std::atomic<int> semaphoreInitError;
 
 /** The same for destroying one. */
 extern std::atomic<int> semaphoreDestroyError;
+
+/** What the semaphore that was made last was asked to be. */
+extern std::atomic<int> lastSemaphoreShared;
+extern std::atomic<unsigned int> lastSemaphoreValue;
+
+/** How often a semaphore was to be destroyed. */
+extern std::atomic<int> semaphoresDestroyed;
 
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;

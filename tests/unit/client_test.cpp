@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "morrow/morrow.hpp"
 #include "morrow/morrow_client.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
@@ -21,6 +22,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -410,6 +412,71 @@ TEST_F(ClientStart, StopByteWrittenBeforeTheLoopRunsEndsIt)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, SemaphoreIsPrivateAndGoesTwice)
+{
+    const int before = fake::semaphoresDestroyed;
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(fake::lastSemaphoreShared, 0);
+    EXPECT_EQ(fake::lastSemaphoreValue, 0U);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    fake::semaphoreDestroyError = EINVAL;
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+}
+
+TEST_F(ClientStart, WithoutAPipeOrAThreadTheSemaphoreGoes)
+{
+    const int before = fake::semaphoresDestroyed;
+    {
+        const limits::NoNewDescriptors none;
+        EXPECT_EQ(morrow_dbus_client_init(), 1);
+    }
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_dbus_client_init(), 1);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+}
+
+TEST_F(ClientStart, StopWithoutAThreadLeavesThePipeOpen)
+{
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_dbus_client_init(), 1);
+    }
+    const auto start = here();
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 1);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
+                    "log 1 morrow_client: stop_morrow_dbus_client -Failed to "
+                    "terminate thread: Invalid argument\n"));
+    EXPECT_NE(fcntl(clientSignalPipe[0], F_GETFD), -1);
+    EXPECT_NE(fcntl(clientSignalPipe[1], F_GETFD), -1);
+}
+
+TEST_F(ClientStart, ProcessThatEndsWithoutAStopIsAborted)
+{
+    EXPECT_EXIT(
+        {
+            morrow_dbus_client_init();
+            std::exit(0);
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
+{
+    bus_spy::matchError = EPERM;
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    ASSERT_TRUE(record::waitFor(starting));
+    EXPECT_EQ(record::textsOf(threadOf(initialised)),
+              Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
+                  fillsItsMaps +
+                  Texts({"log 4 morrow_client: createMorrowEventLoop - Enter\n",
+                         initialised, starting}));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
 // The maps
 
 TEST_F(ClientMaps, ListingAnEmptyObjectMapLogsThatAlone)
@@ -665,6 +732,23 @@ TEST_F(ReadsHostState, LeavesTheConnectionOfTheClientAlone)
     EXPECT_EQ(threadStory().size(), start);
 }
 
+TEST_F(ReadsHostState, RunningLeavesFlagsThatAreSet)
+{
+    power_down_pending = 1;
+    await_host_running = 1;
+    host.goesTo("Running");
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(power_down_pending, 1);
+    EXPECT_EQ(await_host_running, 1);
+}
+
+TEST_F(ReadsHostState, WaitsForTheAnswerAsLongAsTheLibraryDoes)
+{
+    bus_spy::watchThisThread();
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(record::count("waits 0 us for an answer"), 1);
+}
+
 TEST_F(Client, ReadWithoutTheServiceIsABusErrorAndKeepsWhatWas)
 {
     current_host_state = "before";
@@ -723,6 +807,16 @@ TEST_F(Decoding, EachTypeFindsItsAlternative)
                                                    "b");
                   }),
               PropertyValue(std::vector<std::string>{"a", "b"}));
+}
+
+TEST(PropertyValues, HaveTheirAlternativesInOrder)
+{
+    static_assert(std::is_same_v<
+                  PropertyValue,
+                  std::variant<std::vector<std::string>, std::string, int64_t,
+                               uint64_t, double, int32_t, uint32_t, int16_t,
+                               uint16_t, uint8_t, bool>>);
+    EXPECT_EQ(PropertyValue().index(), 0U);
 }
 
 TEST_F(Decoding, OtherTypesBecomeAnEmptyList)
@@ -1004,6 +1098,65 @@ TEST_F(PowerSignals, DictionaryOfAnotherKindIsMalformed)
     EXPECT_FALSE(flagsAreSet());
 }
 
+TEST_F(PowerSignals, InvalidatedPropertiesAreNotRead)
+{
+    control.signals(HostControl::powerState, "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged",
+                    [](sd_bus_message* message)
+                    {
+                        return sd_bus_message_append(message, "sa{sv}", "a", 1,
+                                                     "InternalPowerState", "s",
+                                                     "a.StateS5");
+                    });
+    EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState("a.StateS5") +
+                             recognises("StateS5"));
+    EXPECT_TRUE(flagsAreSet());
+}
+
+TEST_F(PowerSignals, EachRowGoesBeforeThoseBelowIt)
+{
+    const Texts rows{"S0InReset",    "PreStandby",     "StateS6",
+                     "StateS5Early", "StateS5S3Mbusy", "StateS5",
+                     "S5OnPending",  "OffPendingS0",   "Unknown"};
+    Texts expected;
+    std::vector<Change> changes;
+    for (std::size_t upper = 0; upper < rows.size(); ++upper)
+    {
+        for (std::size_t lower = upper + 1; lower < rows.size(); ++lower)
+        {
+            const std::string value = "." + rows[lower] + "." + rows[upper];
+            changes.push_back({"InternalPowerState", value});
+            expected =
+                expected + tellsPowerState(value) + recognises(rows[upper]);
+        }
+    }
+    control.changes(HostControl::powerState, changes);
+    EXPECT_EQ(handled(), Texts{powerPath} + expected);
+}
+
+TEST_F(PowerSignals, LeaveTheDaemonStateAlone)
+{
+    daemon_state = 77;
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS5"}});
+    control.changes(HostControl::resetCause, {{"ResetCause", "a.WarmReset"}});
+    marks = 1; // the path of the first signal
+    (void)handledResets();
+    EXPECT_TRUE(flagsAreSet());
+    EXPECT_EQ(shared_word::load(daemon_state), 77U);
+}
+
+TEST_F(PowerSignals, WaitAMillisecondForTheNextOne)
+{
+    record::when(resetPath,
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    (void)handled();
+    EXPECT_TRUE(record::waitFor("waits 1000 us for a message"));
+}
+
 // The handlers on their own, for what the bus never delivers to them
 
 class Handlers : public WithBroker
@@ -1054,6 +1207,22 @@ TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
                 ElementsAre("log 1 morrow_client: "
                             "signalHandler_internalpowerstate:Path:[/a/path]"
                             "\n"));
+}
+
+TEST_F(Handlers, OtherMemberOfAResetIsLoggedByItsPathAlone)
+{
+    auto other = message(
+        [](sd_bus* connection, sd_bus_message** made)
+        {
+            return sd_bus_message_new_signal(connection, made, "/a/path",
+                                             "org.freedesktop.DBus.Properties",
+                                             "PropertiesChange");
+        });
+    signalHandler_warmreset(other);
+    EXPECT_THAT(
+        storyFrom(0),
+        ElementsAre(
+            "log 1 morrow_client: signalHandler_warmreset:Path:[/a/path]\n"));
 }
 
 // An exception that leaves a handler
@@ -1181,7 +1350,49 @@ TEST_F(ClientStop, EndsTheSubscriptions)
               0);
 }
 
+TEST_F(ClientStop, LeavesThePipeClosedWithoutNumbers)
+{
+    const auto before = clientSignalPipe;
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(clientSignalPipe, closedStopPipe);
+    EXPECT_EQ(fcntl(before[0], F_GETFD), -1);
+    EXPECT_EQ(fcntl(before[1], F_GETFD), -1);
+}
+
+TEST_F(ClientStop, PipeWithoutAByteIsPassedOver)
+{
+    // A pipe without a writer is readable, but there is nothing to read.
+    ASSERT_EQ(close(clientSignalPipe[1]), 0);
+    HostControl control;
+    control.changes(HostControl::powerState, {});
+    ASSERT_TRUE(record::waitUntil(
+        [this]
+        {
+            return !threadStory().empty();
+        }));
+    EXPECT_THAT(threadStory(), ElementsAre(StartsWith(
+                                   "log 1 morrow_client: "
+                                   "signalHandler_internalpowerstate:Path:")));
+    const auto reader = "/proc/self/fd/" + std::to_string(clientSignalPipe[0]);
+    clientSignalPipe[1] = open(reader.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
 // When the broker goes
+
+TEST_F(Client, MessageThatCannotBeProcessedIsLogged)
+{
+    broker.kill();
+    ASSERT_TRUE(record::waitUntil(
+        [this]
+        {
+            return !threadStory().empty();
+        }));
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
+    EXPECT_THAT(storyFrom(0).back(),
+                StartsWith("log 1 morrow_client: morrowClientProcessRequest "
+                           "-Error:sd_bus_process discard: "));
+}
 
 TEST_F(Client, GoesOnAfterTheBrokerHasGone)
 {

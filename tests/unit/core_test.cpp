@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow/morrow.hpp"
+#include "morrow/morrow_client.hpp"
+#include "morrow/morrow_server.hpp"
+#include "morrow/morrow_signal.hpp"
 #include "morrow/power_state.hpp"
+#include "tests/support/broker.hpp"
 #include "tests/support/fake_platform.hpp"
+#include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 
 #include <string>
@@ -63,6 +68,15 @@ class TransitionRules : public testing::Test
 };
 
 class StateAction : public testing::Test
+{
+};
+
+/** Whole passes of a daemon without bus sides. */
+class StatePass : public testing::Test
+{
+};
+
+class MorrowInit : public testing::Test
 {
 };
 
@@ -205,6 +219,14 @@ TEST_F(ChangeState, ReadsTheVendorUntilAReadSucceedsAndThenNeverAgain)
     change_State(0);
     change_State(0);
     EXPECT_EQ(record::count("ReadIO_Str_C CPU_VENDOR size 2"), 2);
+}
+
+TEST_F(ChangeState, OnByDefaultIsLoggedAlone)
+{
+    change_State(2);
+    EXPECT_THAT(story(),
+                ElementsAre("log 4 morrow: Entry change_State\n",
+                            "log 4 morrow: Change State to Default-ON\n"));
 }
 
 // The count-down
@@ -433,4 +455,110 @@ TEST_F(StateAction, OnDiscovers)
     run_state_action();
     EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
     EXPECT_EQ(record::count("sleep 2000 ms"), 1);
+}
+
+TEST_F(StateAction, SleepsAreTakenUpAgainAfterASignal)
+{
+    for (const uint32_t state : {MORROW_WAIT_EVENT, MORROW_SLEEP_EVENT})
+    {
+        daemon_state = state;
+        wait_ticks = 1;
+        fake::interruptedSleeps = 1;
+        run_state_action();
+    }
+    EXPECT_THAT(story(), ElementsAre("sleep 1000 ms", "sleep 500 ms",
+                                     "sleep 1000 ms", "sleep 500 ms"));
+}
+
+TEST_F(StatePass, StopIsSeenAfterTheActionOfEveryState)
+{
+    ASSERT_EQ(morrow_init_signal(), 0U);
+    auto& signal = morrow_signal::get_instance();
+    signal.post_stop();
+    signal.wait_stop();
+    for (const uint32_t state : {0U, 1U, 2U, 3U, 4U, 5U})
+    {
+        daemon_state = state;
+        wait_ticks = 1;
+        const auto before = story().size();
+        EXPECT_FALSE(run_state_pass(signal)) << state;
+        EXPECT_GT(story().size(), before) << state;
+    }
+    EXPECT_EQ(
+        record::count("log 11 morrow_client: Entry [getcurrentpowerstate]\n"),
+        0);
+}
+
+TEST_F(StatePass, SleepAfterAFailedReadIsTakenUpAgainAfterASignal)
+{
+    daemon_state = MORROW_WAIT_EVENT; // over at once, without a sleep
+    fake::interruptedSleeps = 1;
+    EXPECT_TRUE(run_state_pass(morrow_signal::get_instance()));
+    const auto told = story();
+    EXPECT_THAT(std::vector<std::string>(told.end() - 3, told.end()),
+                ElementsAre("log 2 morrow: Failed to get current powerevent\n",
+                            "sleep 1000 ms", "sleep 500 ms"));
+}
+
+// Bringing everything up
+
+TEST_F(MorrowInit, WithoutASignalSideGives2AndBeginsAnewInTheNextCall)
+{
+    const limits::NoNewThreads none;
+    daemon_state = MORROW_SLEEP_EVENT;
+    for (std::size_t call = 1; call <= 2; ++call)
+    {
+        EXPECT_EQ(morrow_init(), 2U);
+        EXPECT_EQ(init_state, 0U);
+        EXPECT_EQ(story().back(),
+                  "log 4 morrow: Signal handler init failed [2]\n");
+        EXPECT_EQ(record::count("log 4 morrow_signal: Entry "
+                                "[register_signal]\n"),
+                  call);
+    }
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    EXPECT_EQ(record::count("log 4 morrow_client: morrow_dbus_client_init - "
+                            "Enter\n"),
+              0);
+}
+
+TEST_F(MorrowInit, WithTheSignalSideUpStartsTheBusSidesAlone)
+{
+    const Broker broker;
+    init_state = 1;
+    daemon_state = MORROW_SLEEP_EVENT;
+    EXPECT_EQ(morrow_init(), 0U);
+    EXPECT_EQ(init_state, 3U);
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+    EXPECT_THAT(
+        story(),
+        ElementsAre(
+            "log 4 morrow: Entry [morrow_init]\n",
+            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
+            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+            "log 4 morrow_client: morrow_dbus_client_init - Exit\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
+            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
+            "log 4 morrow_server: morrow_dbus_server_init - Exit\n",
+            "log 4 morrow_signal: Entry [get_instance]\n",
+            "log 4 morrow_signal: Entry [morrow_signal]\n",
+            "log 4 morrow_signal: Entry [set_dbus_ready]\n"));
+    EXPECT_EQ(morrow_dbus_client::get_instance().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(MorrowInit, WithTheBusSidesUpIsComplete)
+{
+    init_state = 2;
+    EXPECT_EQ(morrow_init(), 0U);
+    EXPECT_EQ(init_state, 3U);
+    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
+}
+
+TEST_F(MorrowInit, WhenCompleteDoesNothing)
+{
+    init_state = 3;
+    EXPECT_EQ(morrow_init(), 0U);
+    EXPECT_EQ(init_state, 3U);
+    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
 }

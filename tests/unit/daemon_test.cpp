@@ -18,6 +18,7 @@
 #include "tests/support/limits.hpp"
 #include "tests/support/notify_socket.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/served_connection.hpp"
 #include "tests/support/story.hpp"
 
 #include <poll.h>
@@ -29,6 +30,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -611,6 +613,89 @@ TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
     EXPECT_EQ(record::count("write bind fff10000.i3c"), 0);
 }
 
+TEST_F(Daemon, TellsTheManagerThatItIsReadyAndNothingElse)
+{
+    const NotifySocket manager;
+    startToDiscovery();
+    EXPECT_EQ(manager.received(), "READY=1");
+    stop();
+    EXPECT_EQ(exitStatus, 0);
+    EXPECT_EQ(manager.received(), "");
+}
+
+TEST_F(Daemon, StartUpThatIsCompleteIsNotDoneAgain)
+{
+    broker.reset(); // the child has a bus of its own
+    observer.reset();
+    host.reset();
+    EXPECT_EXIT(
+        {
+            init_state = 3;
+            holdWhen(
+                []
+                {
+                    return true;
+                });
+            start();
+            awaitHeld();
+            const Texts expected =
+                Texts(startsUp.begin(), startsUp.begin() + 4) +
+                Texts(startsUp.end() - 5, startsUp.end()) +
+                Texts{"log 4 morrow_server: morrow_dbus_server - Default "
+                      "constructor\n"} +
+                withdraws({}) + Texts{"sleep 100 ms"};
+            EXPECT_EQ(story(), expected);
+            std::_Exit(story() == expected ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+/** Refuses the semaphore that a bus side needs to start. */
+void refuseToStart(const std::string& side)
+{
+    record::when(side + " - Enter",
+                 []
+                 {
+                     fake::semaphoreInitError = ENOSYS;
+                 });
+    record::when(side + " - Exit",
+                 []
+                 {
+                     fake::semaphoreInitError = 0;
+                 });
+}
+
+TEST_F(Daemon, GoesOnWithoutItsClient)
+{
+    refuseToStart("log 4 morrow_client: morrow_dbus_client_init");
+    holdWhen(
+        []
+        {
+            return record::count("log 2 morrow: Failed to get current "
+                                 "powerevent\n") == 2;
+        });
+    start();
+    awaitHeld();
+    EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
+    EXPECT_EQ(record::count("log 1 morrow_client: GetProperty "
+                            "-'currenthoststate' not found\n"),
+              2);
+    stop();
+    EXPECT_EQ(exitStatus, 0);
+}
+
+TEST_F(Daemon, GoesOnWithoutItsServer)
+{
+    refuseToStart("log 4 morrow_server: morrow_dbus_server_init");
+    startToDiscovery();
+    EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
+    EXPECT_EQ(record::count("log 1 morrow_server: createEndpointObject - "
+                            "Error: Bus pointer not present\n"),
+              2);
+    stop();
+    EXPECT_EQ(exitStatus, 0);
+}
+
 // Following the host
 
 TEST_F(Daemon, PowerSignalWithdrawsWhatWasPublishedAndRunningBringsItBack)
@@ -770,6 +855,49 @@ TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
             std::_Exit(1);
         },
         testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
+}
+
+/** Puts into the record whom calls on the bus are for. */
+int overhear(sd_bus_message* message, void* /*userData*/,
+             sd_bus_error* /*error*/)
+{
+    if (sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0)
+    {
+        return 0;
+    }
+    record::add("call to %s: %s", sd_bus_message_get_destination(message),
+                sd_bus_message_get_member(message));
+    return 1; // not to be answered
+}
+
+TEST_F(Daemon, CallsNobodyButTheBusAndTheHostStateService)
+{
+    ServedConnection listener;
+    check(sd_bus_add_filter(listener.get(), nullptr, overhear, nullptr),
+          "sd_bus_add_filter");
+    check(sd_bus_call_method(listener.get(), "org.freedesktop.DBus",
+                             "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                             "AddMatch", nullptr, nullptr, "s",
+                             "type='method_call',eavesdrop='true'"),
+          "AddMatch");
+    listener.serve();
+    startToDiscovery();
+    stop();
+    (void)busctl::hasOwner("xyz.openbmc_project.mctp");
+    ASSERT_TRUE(record::waitFor("call to org.freedesktop.DBus: NameHasOwner"));
+    std::size_t reads = 0;
+    for (const auto& text : record::texts())
+    {
+        if (text.starts_with("call to "))
+        {
+            EXPECT_THAT(
+                text, testing::AnyOf(HasSubstr("to org.freedesktop.DBus: "),
+                                     "call to xyz.openbmc_project.State.Host0: "
+                                     "Get"));
+            reads += text.ends_with(": Get") ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(reads, record::count(getsState));
 }
 
 // Terminations at awkward moments

@@ -9,6 +9,8 @@
 #include "tests/support/story.hpp"
 #include "tests/unit/discovery_story.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <deque>
@@ -236,6 +238,27 @@ TEST_F(WaitDeviceNode, SleepThatFailsOtherwiseEndsEarly)
     EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
 }
 
+TEST_F(WaitDeviceNode, InvalidPathIsToldWhateverTheLimit)
+{
+    EXPECT_FALSE(wait_device_node("/dev/null", -100));
+    EXPECT_THAT(
+        story(),
+        ElementsAre("log 2 morrow: Invalid device node name: /dev/null\n"));
+}
+
+TEST_F(WaitDeviceNode, LimitOf199MsGivesTwoAttempts)
+{
+    EXPECT_FALSE(wait_device_node(node0, 199));
+    expectStory(Texts(2, "sleep 100 ms"));
+}
+
+TEST_F(WaitDeviceNode, NodeThatIsThereButCannotBeOpenedIsWaitedFor)
+{
+    ASSERT_EQ(mknod(node0.c_str(), S_IFSOCK | 0600, 0), 0);
+    EXPECT_FALSE(wait_device_node(node0, 100));
+    expectStory(Texts(2, "sleep 100 ms"));
+}
+
 // Writing a controller's name
 
 TEST_F(WriteController, WritesTheNameWithoutALineEnd)
@@ -333,6 +356,27 @@ TEST_F(Scan, TwiceAppendsTwice)
     scan_i3c_device(controller0, entry0);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller0));
+}
+
+TEST_F(Scan, ClassEntryThatLinksToItselfIsIgnored)
+{
+    std::filesystem::create_directory_symlink(entry0, entry0);
+    scan_i3c_device(controller0, entry0);
+    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(i3c_device_map, IsEmpty());
+}
+
+TEST_F(Scan, RecordsTheDeviceBeforeItsEndpointIsNotified)
+{
+    DriverFiles::makeClassEntry(0);
+    Texts meanwhile;
+    record::when("log 4 morrow: Entry [morrow_i3c_device_do_notify]",
+                 [&meanwhile]
+                 {
+                     meanwhile = i3c_device_map + i3c_discovered_map;
+                 });
+    scan_i3c_device(controller0, entry0);
+    EXPECT_THAT(meanwhile, ElementsAre(node0, controller0));
 }
 
 // The Discovery Notify exchange
@@ -504,6 +548,53 @@ TEST_F(Notify, AreaIsZeroedWhenTheExchangeStartsAndNotBeforeEachAttempt)
     EXPECT_EQ(record::count("log 4 morrow: [7f]\n"), 3);
     EXPECT_EQ(record::count("log 4 morrow: [01]\n"), 3);
     EXPECT_EQ(record::count("log 4 morrow: [00]\n"), 3);
+}
+
+TEST_F(Notify, FillsTheRequestRecordAnewBeforeEachAttempt)
+{
+    morrow_i3c_device_do_notify(node0);
+    EXPECT_EQ(record::count("send 00 81 0d"), 3);
+    EXPECT_THAT(fake::lastRequestWords, ElementsAre(0, 3, 0, 1000, 0));
+}
+
+TEST_F(Notify, ResponseOfAFailedAttemptIsNotLookedAt)
+{
+    fake::endpoints[node0] = {{.result = ETIMEDOUT,
+                               .response = {0x00, 0x01, 0x0D, 0x00},
+                               .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    const Texts attempt{"send 00 81 0d",
+                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
+                            node0 + "]\n"};
+    expectStory(exchangeOpens(node0) + attempt + attempt + attempt +
+                Texts{"~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, AnswerOfOneByteIsLoggedAndEndsAtOnce)
+{
+    fake::endpoints[node0] = {{.response = {0x00}, .eid = 0x1D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
+    expectStory(exchangeOpens(node0) +
+                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [1]\n",
+                      "log 4 morrow: [00]\n",
+                      "log 4 morrow: Invalid req_disc_notify response [" +
+                          node0 + "]\n",
+                      "~mctp_wrapper_ep " + node0});
+    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+}
+
+TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
+{
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    Texts meanwhile;
+    record::when("log 4 morrow_server: createEndpointObject - Enter",
+                 [&meanwhile]
+                 {
+                     meanwhile = i3c_device_notify_map;
+                 });
+    morrow_i3c_device_do_notify(node0);
+    EXPECT_THAT(meanwhile, ElementsAre(node0));
 }
 
 TEST_F(NotifyOnTheBus, SlotFollowsTheTableOfIds)
@@ -755,6 +846,67 @@ TEST_F(FullDiscovery, UnopenableBindFileIsLoggedAndTheNodeStillWaitedFor)
     EXPECT_EQ(wait_ticks, 1);
 }
 
+TEST_F(FullDiscovery, ListsAreEmptiedBetweenTheIdsAndTheWithdrawal)
+{
+    i3c_device_map = {"left"};
+    i3c_discovered_map = {"over"};
+    i3c_device_notify_map = {"here"};
+    Texts atTheIds;
+    Texts atTheWithdrawal{"never seen"};
+    const auto lists = []
+    {
+        return i3c_device_map + i3c_discovered_map + i3c_device_notify_map;
+    };
+    record::when("getShmId /dev/i3c-mctp-1",
+                 [&]
+                 {
+                     atTheIds = lists();
+                 });
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
+                 [&]
+                 {
+                     atTheWithdrawal = lists();
+                 });
+    discover();
+    EXPECT_THAT(atTheIds, ElementsAre("left", "over", "here"));
+    EXPECT_THAT(atTheWithdrawal, IsEmpty());
+}
+
+TEST_F(FullDiscovery, SleepsAreTakenUpAgainAfterASignal)
+{
+    const auto interrupt = []
+    {
+        fake::interruptedSleeps = 1;
+    };
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Exit",
+                 interrupt);
+    record::when("write unbind fff11000.i3c", interrupt);
+    discover();
+    auto told = story();
+    told.erase(std::remove_if(told.begin(), told.end(),
+                              [](const auto& text)
+                              {
+                                  return !text.starts_with("sleep");
+                              }),
+               told.end());
+    EXPECT_THAT(Texts(told.begin(), told.begin() + 4),
+                ElementsAre("sleep 100 ms", "sleep 50 ms", "sleep 2000 ms",
+                            "sleep 1000 ms"));
+}
+
+TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAllTheSame)
+{
+    driver.comesUp(controller0);
+    DriverFiles::makeClassEntry(1);
+    fake::endpoints[node0] = {fake::answer(0x1D)};
+    fake::endpoints[node1] = {fake::answer(0x9D)};
+    discover();
+    EXPECT_THAT(story(), Contains("log 4 morrow: Failed to open device node "
+                                  "for fff11000.i3c\n"));
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
 // Power-off cleanup
 
 TEST_F(PowerOffCleanup, IsTheWholeStory)
@@ -869,4 +1021,32 @@ TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedForBothControllers)
         (Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
                "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"}));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(PowerOffCleanup, ForgetsEverythingBeforeTheWithdrawal)
+{
+    i3c_device_map = {node0};
+    i3c_discovered_map = {controller0};
+    i3c_device_notify_map = {node0};
+    wait_ticks = 10;
+    Texts lists{"never seen"};
+    int32_t ticks = -1;
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
+                 [&]
+                 {
+                     lists = i3c_device_map + i3c_discovered_map +
+                             i3c_device_notify_map;
+                     ticks = wait_ticks;
+                 });
+    cleanUp();
+    EXPECT_THAT(lists, IsEmpty());
+    EXPECT_EQ(ticks, 0);
+}
+
+TEST_F(PowerOffCleanup, SleepIsTakenUpAgainAfterASignal)
+{
+    fake::interruptedSleeps = 1;
+    cleanUp();
+    EXPECT_EQ(record::count("sleep 100 ms"), 1);
+    EXPECT_EQ(record::count("sleep 50 ms"), 1);
 }

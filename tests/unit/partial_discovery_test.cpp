@@ -434,6 +434,18 @@ TEST_F(PartialDiscovery, NothingNotifiedAtAllIsTriedAgainInTenSeconds)
     expectRetryInTenSeconds();
 }
 
+TEST_F(PartialDiscovery, SleepIsTakenUpAgainAfterASignal)
+{
+    firstAnswered();
+    fake::interruptedSleeps = 1;
+    redo();
+    const auto told = story();
+    const auto sleep = std::find(told.begin(), told.end(), "sleep 2000 ms");
+    ASSERT_NE(sleep, told.end());
+    EXPECT_EQ(*(sleep + 1), "sleep 1000 ms");
+    EXPECT_EQ(*(sleep + 2), "write bind fff11000.i3c");
+}
+
 // Through the state loop
 
 TEST_F(PartialDiscovery, IsWhatItsStateDoes)

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -451,6 +452,80 @@ TEST_F(ServerStart, LoopThatCannotBeMadeIsLoggedStepByStep)
     EXPECT_EXIT(startWithoutALoop(), testing::ExitedWithCode(42), "");
 }
 
+TEST_F(ServerStart, BusThatCannotBeReachedIsLogged)
+{
+    broker.kill();
+    EXPECT_EXIT(
+        {
+            std::thread(
+                []
+                {
+                    morrow_dbus_server_init();
+                })
+                .detach();
+            const bool ended = record::waitFor(threadExits);
+            const auto told = record::textsOf(threadOf(threadExits));
+            EXPECT_EQ(told.size(), 3U);
+            EXPECT_THAT(told.at(1),
+                        StartsWith("log 1 morrow_server: morrowDBusMgrHandler "
+                                   "-Error:sd_bus_default_system: "));
+            std::_Exit(ended && !HasFailure() ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ServerStart, SemaphoreIsPrivateAndGoesTwice)
+{
+    const int before = fake::semaphoresDestroyed;
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_EQ(fake::lastSemaphoreShared, 0);
+    EXPECT_EQ(fake::lastSemaphoreValue, 0U);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    fake::semaphoreDestroyError = EINVAL;
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+}
+
+TEST_F(ServerStart, WithoutAPipeOrAThreadTheSemaphoreGoes)
+{
+    const int before = fake::semaphoresDestroyed;
+    {
+        const limits::NoNewDescriptors none;
+        EXPECT_EQ(morrow_dbus_server_init(), 1);
+    }
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_dbus_server_init(), 4);
+    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+}
+
+TEST_F(ServerStart, StopWithoutAThreadLeavesThePipeOpen)
+{
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_dbus_server_init(), 4);
+    }
+    const auto start = here();
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 1);
+    EXPECT_THAT(
+        storyFrom(start),
+        ElementsAre("log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
+                    "log 1 morrow_server: stop_morrow_dbus_server -Failed to "
+                    "terminate thread: Invalid argument\n"));
+    EXPECT_NE(fcntl(serverSignalPipe[0], F_GETFD), -1);
+    EXPECT_NE(fcntl(serverSignalPipe[1], F_GETFD), -1);
+}
+
+TEST_F(ServerStart, ProcessThatEndsWithoutAStopIsAborted)
+{
+    EXPECT_EXIT(
+        {
+            morrow_dbus_server_init();
+            std::exit(0);
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
 // The registry
 
 TEST_F(ServerWithoutBus, CreatesNothing)
@@ -813,6 +888,102 @@ TEST_F(Registry, ServesRequestsWhileEndpointsComeAndGo)
     client.join();
 }
 
+TEST_F(Registry, PropertiesAreBuiltBeforeTheNetworkIsLookedAt)
+{
+    constexpr std::size_t large = 1U << 20U;
+    const std::vector<uint8_t> types(large);
+    const NoMemoryFrom none(large);
+    EXPECT_EQ(server().createEndpointObject(3, 8, types, 1, 2, "node"), 6);
+}
+
+TEST_F(Registry, ObjectThatIsNoneGivesWayToTheNext)
+{
+    {
+        const NoMemoryFrom none(sizeof(endpoint_object));
+        EXPECT_EQ(publish(0, 8), 0);
+    }
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_EQ(record::count("log 4 morrow_server: deleteAllEndpointObject - "
+                            "EID 8: object deleted successfully\n"),
+              1);
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+}
+
+TEST_F(Registry, SaysThatAnObjectIsWithdrawnBeforeItIs)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    record::when("trace 4 morrow_server: deleteAllEndpointObject - EID 8",
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    // What an object lets go of when it goes.
+    EXPECT_THAT(storyFrom(here() - 2),
+                ElementsAre("lets go of the bus",
+                            "log 4 morrow_server: deleteAllEndpointObject - "
+                            "Exit\n"));
+}
+
+TEST_F(Registry, PublishingWaitsForTheMutex)
+{
+    expectWaitsForTheMutex(
+        "log 4 morrow_server: createEndpointObject - Enter\n",
+        []
+        {
+            EXPECT_EQ(publish(0, 8), 0);
+        });
+}
+
+/** Expects another thread to get the mutex when this is logged. */
+void expectTheMutexIsFreeAt(const std::string& text,
+                            const std::function<void()>& operation)
+{
+    bool free = false;
+    record::when(text,
+                 [&free]
+                 {
+                     std::thread(
+                         [&free]
+                         {
+                             // The server's own thread may have it meanwhile.
+                             free = record::waitUntil(
+                                 []
+                                 {
+                                     return server_mutex.try_lock();
+                                 });
+                         })
+                         .join();
+                     if (free)
+                     {
+                         server_mutex.unlock();
+                     }
+                 });
+    operation();
+    EXPECT_TRUE(free) << text;
+}
+
+TEST_F(Registry, ExitIsLoggedWithoutTheMutex)
+{
+    expectTheMutexIsFreeAt("log 4 morrow_server: createEndpointObject - Exit",
+                           []
+                           {
+                               (void)publish(0, 8);
+                           });
+    expectTheMutexIsFreeAt(
+        "log 4 morrow_server: deleteAllEndpointObject - Exit",
+        []
+        {
+            (void)server().deleteAllEndpointObject(0);
+        });
+    expectTheMutexIsFreeAt("log 4 morrow_server: UnloadDBusObjects - Exit",
+                           []
+                           {
+                               server().UnloadDBusObjects();
+                           });
+}
+
 // The interface, as a client sees it
 
 TEST_F(Interface, AnnouncesDefaultsThenEachValueByName)
@@ -899,6 +1070,71 @@ TEST_F(Interface, IntrospectionListsTheMembersInOrder)
  </interface>
 )";
     EXPECT_THAT(xml, HasSubstr(expected));
+}
+
+TEST_F(Interface, GetAndManagedObjectsGiveEachValue)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    const std::string path = manager0 + "/8";
+    EXPECT_EQ(busctl::get(path, "NetworkId"), "0");
+    EXPECT_EQ(busctl::get(path, "EID"), "8");
+    EXPECT_EQ(busctl::get(path, "SupportedMessageTypes"), "[126,5]");
+    EXPECT_EQ(busctl::get(path, "EndpointType"), "1");
+    EXPECT_EQ(busctl::get(path, "Slot"), "2");
+    EXPECT_EQ(busctl::get(path, "DevicePath"), "/dev/i3c-mctp-0");
+    EXPECT_THAT(
+        busctl::managedValues(manager0),
+        ElementsAre(path + " DevicePath=/dev/i3c-mctp-0 EID=8 EndpointType=1 "
+                           "NetworkId=0 Slot=2 SupportedMessageTypes=[126,5]"));
+}
+
+TEST_F(Interface, GetArbitrationWithAnotherArgumentIsAnError)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    auto bus = sdbusplus::bus::new_system();
+    auto call = bus.new_method_call(
+        "xyz.openbmc_project.mctp", (manager0 + "/8").c_str(),
+        "xyz.openbmc_project.mctp.Endpoint", "GetArbitration");
+    call.append(uint32_t{8});
+    try
+    {
+        (void)bus.call(call);
+        FAIL();
+    }
+    catch (const sdbusplus::exception::SdBusError& error)
+    {
+        EXPECT_STREQ(error.name(), "org.freedesktop.DBus.Error.InvalidArgs");
+    }
+}
+
+TEST_F(Interface, ArbitrationUpdatedIsNeverSent)
+{
+    sd_bus* bus = nullptr;
+    ASSERT_GE(sd_bus_open_system(&bus), 0);
+    int signals = 0;
+    ASSERT_GE(sd_bus_match_signal(
+                  bus, nullptr, "xyz.openbmc_project.mctp", nullptr,
+                  "xyz.openbmc_project.mctp.Endpoint", nullptr,
+                  [](sd_bus_message*, void* count, sd_bus_error*)
+                  {
+                      ++*static_cast<int*>(count);
+                      return 0;
+                  },
+                  &signals),
+              0);
+    EXPECT_EQ(publish(0, 8), 0);
+    EXPECT_EQ(busctl::getArbitration(manager0 + "/8", 1), "0");
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    // The answer comes behind all that the daemon has sent.
+    ASSERT_GE(sd_bus_call_method(bus, "xyz.openbmc_project.mctp", "/",
+                                 "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                                 nullptr, nullptr),
+              0);
+    while (sd_bus_process(bus, nullptr) > 0)
+    {
+    }
+    EXPECT_EQ(signals, 0);
+    sd_bus_flush_close_unref(bus);
 }
 
 // An endpoint object on its own
@@ -1165,7 +1401,89 @@ TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
     EXPECT_TRUE(record::waitFor("NameOwnerChanged gone"));
 }
 
+TEST_F(ServerStop, WithdrawsTheEndpointsWhenThePipeIsClosed)
+{
+    const int destroyed = fake::semaphoresDestroyed;
+    bool closed = false;
+    bool threadEnded = false;
+    int destroyedSince = -1;
+    record::when("log 4 morrow_server: UnloadDBusObjects - Enter",
+                 [&]
+                 {
+                     closed = serverSignalPipe == closedStopPipe;
+                     threadEnded = record::count(threadExits) == 1;
+                     destroyedSince = fake::semaphoresDestroyed - destroyed;
+                 });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(threadEnded);
+    EXPECT_EQ(destroyedSince, 1);
+}
+
+TEST_F(ServerStop, PipeWithoutAByteIsPassedOver)
+{
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "Starting sd_event_loop\n"));
+    // A pipe without a writer is readable, but there is nothing to read.
+    ASSERT_EQ(close(serverSignalPipe[1]), 0);
+    const auto before = record::texts().size();
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    EXPECT_EQ(record::texts().size(), before);
+    const auto reader = "/proc/self/fd/" + std::to_string(serverSignalPipe[0]);
+    serverSignalPipe[1] = open(reader.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
 // When the broker goes
+
+TEST_F(Server, WaitsAMillisecondForTheNextMessageUnderTheMutex)
+{
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 7",
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    const uint8_t byte = 7;
+    ASSERT_EQ(write(serverSignalPipe[1], &byte, 1), 1);
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    bool free = true;
+    record::when("waits 1000 us for a message",
+                 [&free]
+                 {
+                     std::thread(
+                         [&free]
+                         {
+                             free = server_mutex.try_lock();
+                         })
+                         .join();
+                 });
+    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    ASSERT_TRUE(record::waitFor("waits 1000 us for a message"));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_FALSE(free);
+}
+
+TEST_F(Server, MessageThatCannotBeProcessedIsLogged)
+{
+    broker.kill();
+    ASSERT_TRUE(record::waitUntil(
+        []
+        {
+            const auto all = record::texts();
+            return std::any_of(all.begin(), all.end(),
+                               [](const auto& text)
+                               {
+                                   return text.starts_with(
+                                       "log 1 morrow_server: "
+                                       "morrowProcessRequest -Error:");
+                               });
+        }));
+    EXPECT_EQ(morrowProcessRequest(nullptr, -1, 0, nullptr), 0);
+    EXPECT_THAT(storyFrom(0).back(),
+                StartsWith("log 1 morrow_server: morrowProcessRequest "
+                           "-Error:sd_bus_process discard: "));
+}
 
 TEST_F(Server, GoesOnAfterTheBrokerHasGone)
 {

@@ -5,11 +5,13 @@
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): sigaction
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -40,14 +42,20 @@ void sendSignal(int number)
     ASSERT_EQ(kill(getpid(), number), 0);
 }
 
-/** Whether a signal has its default action. */
-bool isDefault(int number)
+/** What serves a signal. */
+sighandler_t handlerOf(int number)
 {
     struct sigaction action
     {
     };
     sigaction(number, nullptr, &action);
-    return action.sa_handler == SIG_DFL;
+    return action.sa_handler;
+}
+
+/** Whether a signal has its default action. */
+bool isDefault(int number)
+{
+    return handlerOf(number) == SIG_DFL;
 }
 
 class Signal : public testing::Test
@@ -395,4 +403,108 @@ TEST_F(Signal, ThreadThatWasNotJoinedEndsTheProcess)
             std::exit(0);
         },
         testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(Signal, SemaphoreIsPrivateAndBeginsAt0)
+{
+    start();
+    EXPECT_EQ(fake::lastSemaphoreShared, 0);
+    EXPECT_EQ(fake::lastSemaphoreValue, 0U);
+}
+
+TEST_F(Signal, OneHandlerServesAllThree)
+{
+    start();
+    EXPECT_EQ(handlerOf(SIGSEGV), handlerOf(SIGTERM));
+    EXPECT_EQ(handlerOf(SIGBUS), handlerOf(SIGTERM));
+}
+
+TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
+{
+    start();
+    signal(SIGUSR1, SIG_IGN);
+    handlerOf(SIGTERM)(SIGUSR1);
+    EXPECT_EQ(story().back(), "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_EQ(handlerOf(SIGUSR1), SIG_IGN);
+    // Time enough for a signal thread that was woken up.
+    (void)poll(nullptr, 0, 100);
+    EXPECT_EQ(record::count("log 4 morrow_signal: Got signal Stopping "
+                            "MORROW\n"),
+              0);
+}
+
+TEST_F(Signal, WaitThatIsInterruptedEndsAsIfPosted)
+{
+    start();
+    struct sigaction interruption
+    {
+    };
+    interruption.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &interruption, nullptr), 0);
+    const pid_t thread = threadOf(threadEnters);
+    // Again and again, for a signal before the wait interrupts nothing.
+    EXPECT_TRUE(record::waitUntil(
+        [thread]
+        {
+            (void)tgkill(getpid(), thread, SIGUSR1);
+            return record::count(stopped) == 1;
+        }));
+}
+
+TEST_F(Signal, StopStateIs1WhileTheBusIsStopped)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    signal.set_dbus_ready();
+    for (std::size_t pass = 1; pass <= 2; ++pass)
+    {
+        std::atomic<int> meanwhile{-1};
+        record::when("log 4 morrow_signal: Stopping Dbus",
+                     [&]
+                     {
+                         meanwhile = signal.get_stop_state();
+                     });
+        signal.post_stop();
+        if (pass == 2)
+        {
+            signal.signal_thread_fn();
+        }
+        ASSERT_TRUE(record::waitFor(stopped, pass));
+        EXPECT_EQ(meanwhile, 1);
+        EXPECT_EQ(signal.get_stop_state(), 2);
+    }
+}
+
+TEST_F(Signal, WaitStopTakesItsSleepUpAgainAfterASignal)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    fake::interruptedSleeps = 1;
+    fake::onSleep = [&signal](int64_t length)
+    {
+        EXPECT_EQ(length, 50);
+        signal.post_stop();
+        ASSERT_TRUE(record::waitFor(stopped));
+    };
+    signal.wait_stop();
+    fake::onSleep = {};
+    const Texts told = story();
+    EXPECT_THAT(Texts(told.end() - 3, told.end()),
+                ElementsAre("log 4 morrow_signal: Entry [wait_stop]\n",
+                            "sleep 100 ms", "sleep 50 ms"));
+}
+
+TEST_F(Signal, SemaphoreThatWasNeverMadeIsNotDestroyed)
+{
+    EXPECT_EXIT(
+        {
+            (void)std::atexit(
+                []
+                {
+                    std::_Exit(fake::semaphoresDestroyed == 0 ? 42 : 1);
+                });
+            morrow_signal::get_instance();
+            std::exit(0);
+        },
+        testing::ExitedWithCode(42), "");
 }
