@@ -4,6 +4,7 @@
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_spy.hpp"
+#include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/limits.hpp"
@@ -11,8 +12,10 @@
 #include "tests/support/story.hpp"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -409,6 +412,19 @@ TEST_F(ClientStart, StopByteWrittenBeforeTheLoopRunsEndsIt)
                  });
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, WatchesTheBusAndThePipeForInputAlone)
+{
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    auto watched = event_loop::watchedBy(clientEvent);
+    EXPECT_EQ(watched.size(), 2U);
+    for (const auto& [fd, events] : watched)
+    {
+        EXPECT_EQ(events, static_cast<uint32_t>(EPOLLIN)) << fd;
+    }
+    EXPECT_TRUE(watched.contains(clientSignalPipe[0]));
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
@@ -955,6 +971,48 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
                 Contains("log 4 morrow_client: signalHandler_"
                          "internalpowerstate:Power state is PreStandby\n"));
     EXPECT_FALSE(free);
+}
+
+TEST_F(PowerSignals, BurstIsServedBeforeTheMutexIsFree)
+{
+    const std::string second =
+        "trace 4 morrow_client: signalHandler_internalpowerstate:Power state "
+        "is PreStandby\n";
+    auto watched = event_loop::watchedBy(clientEvent);
+    watched.erase(clientSignalPipe[0]);
+    const int bus = watched.begin()->first;
+    std::thread other;
+    // While the first is handled, the second arrives and another thread waits
+    // for the mutex.
+    record::when(
+        "trace 4 morrow_client: signalHandler_internalpowerstate:Power state "
+        "is StateS6",
+        [&]
+        {
+            control.changes(HostControl::powerState,
+                            {{"InternalPowerState", "a.PreStandby"}});
+            EXPECT_TRUE(record::waitUntil(
+                [bus]
+                {
+                    int waiting = 0;
+                    return ioctl(bus, FIONREAD, &waiting) == 0 && waiting > 0;
+                }));
+            other = std::thread(
+                []
+                {
+                    record::add("wants the mutex");
+                    const std::lock_guard lock(clientBusMutex);
+                    record::add("has the mutex");
+                });
+            EXPECT_TRUE(record::waitFor("wants the mutex"));
+        });
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS6"}});
+    ASSERT_TRUE(record::waitFor("has the mutex"));
+    other.join();
+    const auto told = record::texts();
+    EXPECT_LT(std::find(told.begin(), told.end(), second),
+              std::find(told.begin(), told.end(), "has the mutex"));
 }
 
 TEST_F(PowerSignals, WarmResetSetsTheFlags)

@@ -33,8 +33,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <semaphore>
@@ -611,6 +613,18 @@ TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
     EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
     EXPECT_EQ(record::count("log 4 morrow: Change State to ON\n"), 0);
     EXPECT_EQ(record::count("write bind fff10000.i3c"), 0);
+}
+
+TEST_F(Daemon, HasFourThreads)
+{
+    const auto threads = []
+    {
+        const std::filesystem::directory_iterator all("/proc/self/task");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = threads();
+    startToDiscovery();
+    EXPECT_EQ(threads() - before, 4);
 }
 
 TEST_F(Daemon, TellsTheManagerThatItIsReadyAndNothingElse)

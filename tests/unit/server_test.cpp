@@ -4,12 +4,14 @@
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
 #include "tests/support/bus_spy.hpp"
+#include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -450,6 +452,19 @@ TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
 TEST_F(ServerStart, LoopThatCannotBeMadeIsLoggedStepByStep)
 {
     EXPECT_EXIT(startWithoutALoop(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ServerStart, WatchesTheBusAndThePipeForInputAlone)
+{
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    auto watched = event_loop::watchedBy(serverEvent);
+    EXPECT_EQ(watched.size(), 2U);
+    for (const auto& [fd, events] : watched)
+    {
+        EXPECT_EQ(events, static_cast<uint32_t>(EPOLLIN)) << fd;
+    }
+    EXPECT_TRUE(watched.contains(serverSignalPipe[0]));
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
 TEST_F(ServerStart, BusThatCannotBeReachedIsLogged)
@@ -1462,6 +1477,60 @@ TEST_F(Server, WaitsAMillisecondForTheNextMessageUnderTheMutex)
     ASSERT_TRUE(record::waitFor("waits 1000 us for a message"));
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
     EXPECT_FALSE(free);
+}
+
+TEST_F(Server, BurstIsServedBeforeTheMutexIsFree)
+{
+    const std::string waits = "waits 1000 us for a message";
+    const auto request = []
+    {
+        EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
+    };
+    auto watched = event_loop::watchedBy(serverEvent);
+    watched.erase(serverSignalPipe[0]);
+    const int bus = watched.begin()->first;
+    std::future<void> second;
+    std::thread other;
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 7",
+                 []
+                 {
+                     bus_spy::watchThisThread();
+                 });
+    // Behind the first, the second arrives and another thread waits for the
+    // mutex.
+    record::when(waits,
+                 [&]
+                 {
+                     second = std::async(std::launch::async, request);
+                     EXPECT_TRUE(record::waitUntil(
+                         [bus]
+                         {
+                             int waiting = 0;
+                             return ioctl(bus, FIONREAD, &waiting) == 0 &&
+                                    waiting > 0;
+                         }));
+                     other = std::thread(
+                         []
+                         {
+                             record::add("wants the mutex");
+                             const std::lock_guard lock(server_mutex);
+                             record::add("has the mutex");
+                         });
+                     EXPECT_TRUE(record::waitFor("wants the mutex"));
+                 });
+    const uint8_t byte = 7;
+    ASSERT_EQ(write(serverSignalPipe[1], &byte, 1), 1);
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    request();
+    ASSERT_TRUE(record::waitFor("has the mutex"));
+    other.join();
+    second.get();
+    auto told = record::texts();
+    told.erase(std::find(told.begin(), told.end(), "has the mutex"),
+               told.end());
+    // One for the first and at least one for the second.
+    EXPECT_GE(std::count(told.begin(), told.end(), waits), 2);
 }
 
 TEST_F(Server, MessageThatCannotBeProcessedIsLogged)
