@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/behaviours.hpp"
 #include "board/bus.hpp"
 #include "board/daemon.hpp"
 #include "board/endpoint.hpp"

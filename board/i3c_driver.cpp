@@ -104,6 +104,7 @@ void I3cDriver::advance(Clock::time_point now)
         if (controller.device)
         {
             controller.device->advance(now);
+            takeDownIfLost(controller);
         }
     }
 }
@@ -224,6 +225,14 @@ void I3cDriver::bringUp(Controller& controller)
     tree.add(nodeDirectory + node, deviceEntry(controller.device));
     timeline.record(
         event::DeviceUp{index, node, controller.comingUp.classEntry});
+}
+
+void I3cDriver::takeDownIfLost(Controller& controller)
+{
+    if (controller.device->isGone())
+    {
+        takeDown(controller);
+    }
 }
 
 void I3cDriver::takeDown(Controller& controller)

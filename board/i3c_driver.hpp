@@ -40,7 +40,9 @@ struct ComingUp
  *  number that no other device has then, and brings its directory below
  *  sys/devices, its class entry (a link to that directory) and its node. On
  *  unbind all of this goes before the call returns, whether the device had
- *  come up or not.
+ *  come up or not. It goes, too, when the endpoint takes its device along;
+ *  the controller stays bound then, and a new device comes up with the next
+ *  bind.
  *
  *  No lock and no thread of its own; time is told to it. What happens is
  *  recorded on the timeline.
@@ -96,6 +98,7 @@ class I3cDriver
     [[nodiscard]] std::size_t indexOf(const Controller& controller) const;
     [[nodiscard]] std::size_t lowestFreeNumber() const;
     void bringUp(Controller& controller);
+    void takeDownIfLost(Controller& controller);
     void takeDown(Controller& controller);
 
     FileTree& tree;

@@ -61,17 +61,22 @@ class MctpDevice
     /** @brief The driver leaves: the device is gone for whoever holds it. */
     void remove();
 
-    /** @brief Let the packets arrive whose time has come. */
+    /** @brief Whether it is gone: its driver left, or its endpoint took it
+     *         along. */
+    [[nodiscard]] bool isGone() const;
+
+    /** @brief Let that happen whose time has come: packets arrive, or the
+     *         device is lost. */
     void advance(Clock::time_point now);
 
-    /** @brief When the next packet arrives, if one is on its way. */
+    /** @brief When the next of that happens, if anything is to. */
     [[nodiscard]] std::optional<Clock::time_point> nextArrival() const;
 
   private:
     struct Arrival
     {
         Clock::time_point at;
-        Bytes packet;
+        Reply reply;
     };
 
     std::string name;
