@@ -3,6 +3,7 @@
 
 #include "board/behaviours.hpp"
 #include "board/bus.hpp"
+#include "board/controller.hpp"
 #include "board/daemon.hpp"
 #include "board/endpoint.hpp"
 #include "board/host.hpp"
@@ -18,30 +19,6 @@
 
 namespace board
 {
-
-/** @brief One of the two I3C controllers, to be told how to behave. What is
- *         said holds from its next bind on. */
-class Controller
-{
-  public:
-    Controller(Kernel& kernel, std::size_t index);
-
-    /** @brief Its device comes up this long after a bind. */
-    void comesUpAfter(std::chrono::milliseconds delay);
-
-    /** @brief Its device never comes up. */
-    void neverComesUp();
-
-    /** @brief Its device has a class entry, or has none. */
-    void hasClassEntry(bool has);
-
-    /** @brief Its node's name, while its device is up. */
-    [[nodiscard]] std::optional<std::string> node() const;
-
-  private:
-    Kernel& kernel;
-    std::size_t index;
-};
 
 /** @brief The MCTP endpoint behind one of the two controllers. What is said
  *         holds from the next message on. */
@@ -105,6 +82,9 @@ class Board
 
     /** @param index 0 or 1 */
     [[nodiscard]] Controller controller(std::size_t index);
+
+    /** @brief The bind and unbind file. */
+    [[nodiscard]] DriverFiles driverFiles();
 
     /** @param index that of the controller before it, 0 or 1 */
     [[nodiscard]] EndpointControl endpoint(std::size_t index);

@@ -22,6 +22,14 @@ namespace board
 /** @brief The board's clock: time since its timeline began. */
 using Time = std::chrono::microseconds;
 
+/** @brief What a device has under /sys/class/i3c-mctp. */
+enum class ClassEntry
+{
+    directory, //!< a link to its directory, as it should
+    file,
+    none,
+};
+
 namespace event
 {
 
@@ -53,12 +61,20 @@ struct DriverWrite
     int error = 0; //!< the errno that the write gave; 0 success
 };
 
+/** @brief Somebody could not open the driver's bind or unbind file, though it
+ *         is there. */
+struct DriverFileRefused
+{
+    bool bind = false; //!< the file: bind, else unbind
+    int error = 0;
+};
+
 /** @brief A controller's MCTP device came up. */
 struct DeviceUp
 {
     std::size_t controller = 0;
     std::string node; //!< e.g. "i3c-mctp-0"
-    bool classEntry = true;
+    ClassEntry classEntry = ClassEntry::directory;
 };
 
 /** @brief A controller's MCTP device went away with its driver. */
@@ -187,11 +203,12 @@ struct Event
 {
     using Body = std::variant<
         event::Note, event::HostState, event::ControlSignal, event::DriverWrite,
-        event::DeviceUp, event::DeviceDown, event::NodeRemoved,
-        event::NodeOpened, event::NodeClosed, event::Packet, event::NameOwner,
-        event::EndpointAdded, event::EndpointRemoved, event::EndpointChanged,
-        event::EndpointRead, event::Started, event::Notified, event::Log,
-        event::Trace, event::Output, event::Signalled, event::Exited>;
+        event::DriverFileRefused, event::DeviceUp, event::DeviceDown,
+        event::NodeRemoved, event::NodeOpened, event::NodeClosed, event::Packet,
+        event::NameOwner, event::EndpointAdded, event::EndpointRemoved,
+        event::EndpointChanged, event::EndpointRead, event::Started,
+        event::Notified, event::Log, event::Trace, event::Output,
+        event::Signalled, event::Exited>;
 
     std::size_t index = 0; //!< its place on the timeline, from 0
     Time at{};

@@ -20,13 +20,22 @@ const std::string& MctpDevice::node() const
     return name;
 }
 
-int MctpDevice::open()
+int MctpDevice::open(bool forWriting)
 {
     if (gone)
     {
         return ENODEV;
     }
+    if (refusal.error != 0 && (forWriting || refusal.who == Openers::all))
+    {
+        return refusal.error;
+    }
     return std::exchange(opened, true) ? EBUSY : 0;
+}
+
+void MctpDevice::refuse(const NodeRefusal& how)
+{
+    refusal = how;
 }
 
 void MctpDevice::close()

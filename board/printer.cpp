@@ -111,10 +111,33 @@ Shown show(const event::DriverWrite& write)
     return {"driver", what + reason(write.error), Weight::detail};
 }
 
+Shown show(const event::DriverFileRefused& refused)
+{
+    return {"driver",
+            std::string("cannot open the ") +
+                (refused.bind ? "bind" : "unbind") + " file" +
+                reason(refused.error),
+            Weight::alarm};
+}
+
+std::string_view inWords(ClassEntry entry)
+{
+    switch (entry)
+    {
+        case ClassEntry::directory:
+            return "";
+        case ClassEntry::file:
+            return ", with a file as class entry";
+        case ClassEntry::none:
+            return ", without a class entry";
+    }
+    return "";
+}
+
 Shown show(const event::DeviceUp& up)
 {
     return {"driver", "device " + up.node + " is up" +
-                          (up.classEntry ? "" : ", without a class entry")};
+                          std::string(inWords(up.classEntry))};
 }
 
 Shown show(const event::DeviceDown& down)

@@ -47,9 +47,15 @@ TEST(Printer, TellsWhatTheDriverDid)
               "  1234.567  driver   bind fff10000.i3c\n");
     EXPECT_EQ(shown(event::DriverWrite{false, "fff10000.i3c", ENODEV}),
               "  1234.567  driver   unbind fff10000.i3c: No such device\n");
-    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", false}),
+    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::none}),
               "  1234.567  driver   device i3c-mctp-0 is up, without a class "
               "entry\n");
+    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::file}),
+              "  1234.567  driver   device i3c-mctp-0 is up, with a file as "
+              "class entry\n");
+    EXPECT_EQ(shown(event::DriverFileRefused{false, EACCES}),
+              "  1234.567  driver   cannot open the unbind file: Permission "
+              "denied\n");
 }
 
 TEST(Printer, ExplainsPackets)
