@@ -101,7 +101,8 @@ void EndpointControl::hasEid(std::uint8_t eid)
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), simulatedKernel(timeline),
     privateBus(timeline, options.installation.policy),
-    simulatedHost(timeline, Bus::address(), options.hostState),
+    simulatedHost(timeline, Bus::address(), options.hostState,
+                  options.hasHostService),
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {

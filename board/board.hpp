@@ -49,6 +49,8 @@ struct BoardOptions
 {
     Installation installation{};
     std::string hostState = "Off"; //!< the host's state at the beginning
+    /** Whether the host-state service is there at the beginning. */
+    bool hasHostService = true;
     int logLevel = 11; //!< the least severe level that is logged
 };
 

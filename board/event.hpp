@@ -51,6 +51,29 @@ struct ControlSignal
     std::string path;
     std::string property;
     std::string value;
+    std::size_t times = 1; //!< sent so often in a row
+};
+
+/** @brief A signal was sent from one of the host's control objects that is
+ *         not as it should be. */
+struct OddSignal
+{
+    std::string path;
+    std::string what; //!< the signal and what is odd about it
+    std::size_t times = 1;
+};
+
+/** @brief The host-state service came to the bus or left it. */
+struct HostService
+{
+    bool isThere = false;
+};
+
+/** @brief The host-state service was asked for the state and did not answer as
+ *         it should. */
+struct HostAnswer
+{
+    std::string what; //!< what it gave instead, e.g. "no answer"
 };
 
 /** @brief Somebody wrote to the driver's bind or unbind file. */
@@ -202,7 +225,8 @@ struct Exited
 struct Event
 {
     using Body = std::variant<
-        event::Note, event::HostState, event::ControlSignal, event::DriverWrite,
+        event::Note, event::HostState, event::ControlSignal, event::OddSignal,
+        event::HostService, event::HostAnswer, event::DriverWrite,
         event::DriverFileRefused, event::DeviceUp, event::DeviceDown,
         event::NodeRemoved, event::NodeOpened, event::NodeClosed, event::Packet,
         event::NameOwner, event::EndpointAdded, event::EndpointRemoved,

@@ -95,10 +95,32 @@ Shown show(const event::HostState& state)
     return {"host", "CurrentHostState is " + lastWord(state.value)};
 }
 
+/** How often a signal was sent, where it was more than once. */
+std::string inWords(std::size_t times)
+{
+    return times == 1 ? "" : " " + std::to_string(times) + " times";
+}
+
 Shown show(const event::ControlSignal& signal)
 {
-    return {"host",
-            signal.property + " is " + lastWord(signal.value) + ", announced"};
+    return {"host", signal.property + " is " + lastWord(signal.value) +
+                        ", announced" + inWords(signal.times)};
+}
+
+Shown show(const event::OddSignal& signal)
+{
+    return {"host", "odd signal" + inWords(signal.times) + ": " + signal.what};
+}
+
+Shown show(const event::HostService& service)
+{
+    return {"host", service.isThere ? "the host-state service comes"
+                                    : "the host-state service is not there"};
+}
+
+Shown show(const event::HostAnswer& answer)
+{
+    return {"host", "asked for CurrentHostState: " + answer.what};
 }
 
 Shown show(const event::DriverWrite& write)

@@ -41,6 +41,21 @@ TEST(Printer, TellsStatesByTheirShortNames)
         "  1234.567  host     InternalPowerState is StateS5, announced\n");
 }
 
+TEST(Printer, TellsWhereTheHostMisbehaves)
+{
+    EXPECT_EQ(shown(event::ControlSignal{"/o", "ResetCause", "a.b", 3}),
+              "  1234.567  host     ResetCause is b, announced 3 times\n");
+    EXPECT_EQ(shown(event::OddSignal{"/o", "x.Y with the body \"\"", 2}),
+              "  1234.567  host     odd signal 2 times: x.Y with the body "
+              "\"\"\n");
+    EXPECT_EQ(shown(event::HostService{true}),
+              "  1234.567  host     the host-state service comes\n");
+    EXPECT_EQ(shown(event::HostService{false}),
+              "  1234.567  host     the host-state service is not there\n");
+    EXPECT_EQ(shown(event::HostAnswer{"no answer"}),
+              "  1234.567  host     asked for CurrentHostState: no answer\n");
+}
+
 TEST(Printer, TellsWhatTheDriverDid)
 {
     EXPECT_EQ(shown(event::DriverWrite{true, "fff10000.i3c", 0}),
