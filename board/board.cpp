@@ -5,7 +5,6 @@
 #include "board/sandbox.hpp"
 
 #include <cstdlib>
-#include <fstream>
 #include <utility>
 
 namespace board
@@ -106,7 +105,7 @@ Board::Board(Timeline& timeline, const BoardOptions& options) :
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {
-    setPlatformValue("CPU_VENDOR", "0");
+    writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
     simulatedKernel.boot();
 }
@@ -151,17 +150,14 @@ EndpointControl Board::endpoint(std::size_t index)
     return {simulatedKernel, index};
 }
 
-// A method, since the values are this board's, though they lie in its sandbox.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+PlatformValues Board::platformValues()
+{
+    return PlatformValues(record);
+}
+
 void Board::setPlatformValue(const std::string& key, const std::string& value)
 {
-    const auto path = fs::path("/run/platform/io") / key;
-    std::ofstream file(path);
-    file << value << '\n';
-    if (!file.flush())
-    {
-        throw Error("cannot write " + path.string());
-    }
+    platformValues().set(key, value);
 }
 
 Event Board::await(const std::string& what, const Timeline::Predicate& matches,
