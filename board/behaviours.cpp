@@ -65,6 +65,7 @@ std::optional<Answer> goodAnswer(std::uint8_t eid, const Request& request)
 std::vector<Reply> inPackets(std::vector<Bytes> packets)
 {
     std::vector<Reply> replies;
+    replies.reserve(packets.size());
     for (auto& packet : packets)
     {
         replies.push_back({std::move(packet)});
@@ -133,6 +134,7 @@ std::vector<Reply> unrelated(std::size_t count, const Answer& answer)
         mctp::encode({own, false, true, 0, answer.message}),
     };
     std::vector<Reply> replies;
+    replies.reserve(count);
     for (std::size_t number = 0; number < count; ++number)
     {
         replies.push_back({kinds[number % kinds.size()]});

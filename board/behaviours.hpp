@@ -48,10 +48,10 @@ namespace board
 [[nodiscard]] Endpoint::Behaviour tooLong(std::size_t size);
 
 /** @brief Answers with another message type than MCTP control: taken. */
-[[nodiscard]] Endpoint::Behaviour wrongType(std::uint8_t type);
+[[nodiscard]] Endpoint::Behaviour wrongType(std::uint8_t other);
 
 /** @brief Answers to another command than was asked: taken. */
-[[nodiscard]] Endpoint::Behaviour wrongCommand(std::uint8_t command);
+[[nodiscard]] Endpoint::Behaviour wrongCommand(std::uint8_t other);
 
 /** @brief Answers with this completion code: taken. */
 [[nodiscard]] Endpoint::Behaviour completing(std::uint8_t code);

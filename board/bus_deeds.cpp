@@ -24,7 +24,7 @@ BusDeed takingTheName(Arguments& arguments)
     const auto word = arguments.textOr("for-good");
     if (word != "for-good" && word != "replaceable")
     {
-        arguments.refuse('"' + word + "\" is not \"replaceable\"");
+        arguments.refuse('"' + word + R"(" is not "replaceable")");
     }
     return [replaceable = word == "replaceable"](Bus& bus)
     {

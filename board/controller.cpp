@@ -139,7 +139,7 @@ Openers openersOf(Arguments& arguments)
     const auto word = arguments.text();
     if (word != "writers")
     {
-        arguments.refuse('"' + word + "\" is not \"writers\"");
+        arguments.refuse('"' + word + R"(" is not "writers")");
     }
     return Openers::writers;
 }

@@ -34,7 +34,7 @@ const NamedObject& objectOf(Arguments& arguments)
             return known;
         }
     }
-    arguments.refuse('"' + word + "\" is neither \"power\" nor \"reset\"");
+    arguments.refuse('"' + word + R"(" is neither "power" nor "reset")");
 }
 
 /** The words that are left as one text. */

@@ -53,6 +53,13 @@ std::string lastWord(const std::string& dotted)
     return dotted.substr(dotted.rfind('.') + 1);
 }
 
+/** A value of an enumeration by its last word, any other text as it is. */
+std::string shortValue(const std::string& value)
+{
+    return value.starts_with("xyz.openbmc_project.") ? lastWord(value)
+                                                     : '"' + value + '"';
+}
+
 std::string reason(int error)
 {
     return std::string(": ") + std::strerror(error); // NOLINT(concurrency-*)
@@ -92,7 +99,7 @@ Shown show(const event::Note& note)
 
 Shown show(const event::HostState& state)
 {
-    return {"host", "CurrentHostState is " + lastWord(state.value)};
+    return {"host", "CurrentHostState is " + shortValue(state.value)};
 }
 
 /** How often a signal was sent, where it was more than once. */
@@ -103,7 +110,7 @@ std::string inWords(std::size_t times)
 
 Shown show(const event::ControlSignal& signal)
 {
-    return {"host", signal.property + " is " + lastWord(signal.value) +
+    return {"host", signal.property + " is " + shortValue(signal.value) +
                         ", announced" + inWords(signal.times)};
 }
 

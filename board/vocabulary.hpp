@@ -116,6 +116,7 @@ class Vocabulary
     [[nodiscard]] std::vector<Phrase> phrases() const
     {
         std::vector<Phrase> all;
+        all.reserve(entries.size());
         for (const auto& entry : entries)
         {
             all.push_back(entry.phrase);

@@ -37,14 +37,17 @@ TEST(Printer, TellsStatesByTheirShortNames)
               "  1234.567  host     CurrentHostState is Running\n");
     EXPECT_EQ(
         shown(event::ControlSignal{"/p", "InternalPowerState",
-                                   "a.State.StateS5"}),
+                                   "xyz.openbmc_project.State.StateS5"}),
         "  1234.567  host     InternalPowerState is StateS5, announced\n");
 }
 
 TEST(Printer, TellsWhereTheHostMisbehaves)
 {
+    EXPECT_EQ(shown(event::HostState{""}),
+              "  1234.567  host     CurrentHostState is \"\"\n");
     EXPECT_EQ(shown(event::ControlSignal{"/o", "ResetCause", "a.b", 3}),
-              "  1234.567  host     ResetCause is b, announced 3 times\n");
+              "  1234.567  host     ResetCause is \"a.b\", announced 3 times"
+              "\n");
     EXPECT_EQ(shown(event::OddSignal{"/o", "x.Y with the body \"\"", 2}),
               "  1234.567  host     odd signal 2 times: x.Y with the body "
               "\"\"\n");
