@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace board
 {
@@ -45,8 +46,8 @@ std::optional<std::uint64_t> parse(std::string_view text)
 
 } // namespace
 
-Arguments::Arguments(const Phrase& phrase, const Words& words) :
-    phrase(phrase), words(words)
+Arguments::Arguments(const Phrase& phrase, Words words) :
+    phrase(phrase), words(std::move(words))
 {
 }
 

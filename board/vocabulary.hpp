@@ -49,7 +49,7 @@ struct Range
 class Arguments
 {
   public:
-    Arguments(const Phrase& phrase, const Words& words);
+    Arguments(const Phrase& phrase, Words words);
 
     /** @brief Whether there are more. */
     [[nodiscard]] bool left() const;
