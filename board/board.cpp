@@ -5,7 +5,6 @@
 #include "board/sandbox.hpp"
 
 #include <cstdlib>
-#include <fstream>
 #include <utility>
 
 namespace board
@@ -73,37 +72,6 @@ const fs::path& present(const fs::path& daemon)
 
 } // namespace
 
-Controller::Controller(Kernel& kernel, std::size_t index) :
-    kernel(kernel), index(index)
-{
-}
-
-void Controller::comesUpAfter(std::chrono::milliseconds delay)
-{
-    auto how = kernel.comingUp(index);
-    how.after = delay;
-    kernel.setComingUp(index, how);
-}
-
-void Controller::neverComesUp()
-{
-    auto how = kernel.comingUp(index);
-    how.after.reset();
-    kernel.setComingUp(index, how);
-}
-
-void Controller::hasClassEntry(bool has)
-{
-    auto how = kernel.comingUp(index);
-    how.classEntry = has;
-    kernel.setComingUp(index, how);
-}
-
-std::optional<std::string> Controller::node() const
-{
-    return kernel.node(index);
-}
-
 EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
     kernel(kernel), index(index)
 {
@@ -132,11 +100,12 @@ void EndpointControl::hasEid(std::uint8_t eid)
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), simulatedKernel(timeline),
     privateBus(timeline, options.installation.policy),
-    simulatedHost(timeline, Bus::address(), options.hostState),
+    simulatedHost(timeline, Bus::address(), options.hostState,
+                  options.hasHostService),
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {
-    setPlatformValue("CPU_VENDOR", "0");
+    writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
     simulatedKernel.boot();
 }
@@ -171,22 +140,24 @@ Controller Board::controller(std::size_t index)
     return {simulatedKernel, index};
 }
 
+DriverFiles Board::driverFiles()
+{
+    return DriverFiles(simulatedKernel);
+}
+
 EndpointControl Board::endpoint(std::size_t index)
 {
     return {simulatedKernel, index};
 }
 
-// A method, since the values are this board's, though they lie in its sandbox.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+PlatformValues Board::platformValues()
+{
+    return PlatformValues(record);
+}
+
 void Board::setPlatformValue(const std::string& key, const std::string& value)
 {
-    const auto path = fs::path("/run/platform/io") / key;
-    std::ofstream file(path);
-    file << value << '\n';
-    if (!file.flush())
-    {
-        throw Error("cannot write " + path.string());
-    }
+    platformValues().set(key, value);
 }
 
 Event Board::await(const std::string& what, const Timeline::Predicate& matches,

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/behaviours.hpp"
 #include "board/bus.hpp"
+#include "board/controller.hpp"
 #include "board/daemon.hpp"
 #include "board/endpoint.hpp"
 #include "board/host.hpp"
 #include "board/installation.hpp"
 #include "board/kernel.hpp"
+#include "board/platform_values.hpp"
 #include "board/timeline.hpp"
 
 #include <chrono>
@@ -17,30 +20,6 @@
 
 namespace board
 {
-
-/** @brief One of the two I3C controllers, to be told how to behave. What is
- *         said holds from its next bind on. */
-class Controller
-{
-  public:
-    Controller(Kernel& kernel, std::size_t index);
-
-    /** @brief Its device comes up this long after a bind. */
-    void comesUpAfter(std::chrono::milliseconds delay);
-
-    /** @brief Its device never comes up. */
-    void neverComesUp();
-
-    /** @brief Its device has a class entry, or has none. */
-    void hasClassEntry(bool has);
-
-    /** @brief Its node's name, while its device is up. */
-    [[nodiscard]] std::optional<std::string> node() const;
-
-  private:
-    Kernel& kernel;
-    std::size_t index;
-};
 
 /** @brief The MCTP endpoint behind one of the two controllers. What is said
  *         holds from the next message on. */
@@ -71,6 +50,8 @@ struct BoardOptions
 {
     Installation installation{};
     std::string hostState = "Off"; //!< the host's state at the beginning
+    /** Whether the host-state service is there at the beginning. */
+    bool hasHostService = true;
     int logLevel = 11; //!< the least severe level that is logged
 };
 
@@ -105,8 +86,14 @@ class Board
     /** @param index 0 or 1 */
     [[nodiscard]] Controller controller(std::size_t index);
 
+    /** @brief The bind and unbind file. */
+    [[nodiscard]] DriverFiles driverFiles();
+
     /** @param index that of the controller before it, 0 or 1 */
     [[nodiscard]] EndpointControl endpoint(std::size_t index);
+
+    /** @brief The values that the platform's hardware library reads. */
+    [[nodiscard]] PlatformValues platformValues();
 
     /** @brief Set a value that the platform's hardware library reads.
      *  @param value as text, decimal or 0x... */
