@@ -122,6 +122,43 @@ class Scenario : public testing::Test
         return found;
     }
 
+    /** What was written to the driver's files, as "bind fff10000.i3c". */
+    std::vector<std::string> driverWrites(std::size_t from) const
+    {
+        std::vector<std::string> texts;
+        for (const auto& write : all<board::event::DriverWrite>(from))
+        {
+            texts.push_back((write.bind ? "bind " : "unbind ") +
+                            write.controller);
+        }
+        return texts;
+    }
+
+    /** Waits until a controller's name is written to the bind file. */
+    board::Event binds(const std::string& controller, std::size_t from)
+    {
+        return board().await(
+            "bind of " + controller,
+            [&controller](const board::Event& event)
+            {
+                const auto* write = event.as<board::event::DriverWrite>();
+                return write != nullptr && write->bind &&
+                       write->controller == controller;
+            },
+            from);
+    }
+
+    /** How many packets were sent to the endpoint behind a node. */
+    std::size_t requests(const std::string& node, std::size_t from = 0) const
+    {
+        std::size_t count = 0;
+        for (const auto& packet : all<board::event::Packet>(from))
+        {
+            count += packet.toEndpoint && packet.node == node ? 1 : 0;
+        }
+        return count;
+    }
+
     /** The paths of the endpoints on the bus now. */
     std::vector<std::string> endpointPaths()
     {
@@ -158,8 +195,25 @@ class Scenario : public testing::Test
     static constexpr const char* endpoint0 = "/xyz/openbmc_project/mctp/0/29";
     static constexpr const char* endpoint1 = "/xyz/openbmc_project/mctp/0/157";
 
+    /** What the daemon printed beside its log records. */
+    std::vector<std::string> daemonOutput() const
+    {
+        std::vector<std::string> lines;
+        for (const auto& output : all<board::event::Output>())
+        {
+            if (output.program == "morrow")
+            {
+                lines.push_back(output.line);
+            }
+        }
+        return lines;
+    }
+
     board::BoardOptions options;
     board::Timeline timeline;
+
+    /** The daemon is to print something beside its log records. */
+    bool expectsOutput = false;
 
     /** The number of events when the board had booted, which binds both
      *  controllers. */
@@ -182,12 +236,9 @@ class Scenario : public testing::Test
 
     void end()
     {
-        for (const auto& output : all<board::event::Output>())
+        for (const auto& line : daemonOutput())
         {
-            if (output.program == "morrow")
-            {
-                ADD_FAILURE() << "the daemon printed: " << output.line;
-            }
+            EXPECT_TRUE(expectsOutput) << "the daemon printed: " << line;
         }
         if (HasFailure())
         {
@@ -201,4 +252,14 @@ class Scenario : public testing::Test
     }
 
     std::unique_ptr<board::Board> theBoard;
+};
+
+/** Stories in which the host runs from the beginning. */
+class ScenarioOfARunningHost : public Scenario
+{
+  protected:
+    ScenarioOfARunningHost()
+    {
+        options.hostState = "Running";
+    }
 };
