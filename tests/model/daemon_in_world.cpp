@@ -131,7 +131,7 @@ void DaemonInWorld::clearFiles()
 
 void DaemonInWorld::usualSurroundings()
 {
-    host.answersText(poweredOff);
+    host.answersText(running);
     fake::vendorReads = {{0, 0}};
     for (std::size_t number = 0; number < controllers.size(); ++number)
     {

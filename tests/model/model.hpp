@@ -81,6 +81,8 @@ class Model
     bool readHostState();
     void hears(const PowerStateSignal& signal);
     void hears(const ResetCauseSignal& signal);
+    void powerStateIs(const std::string& value);
+    void resetCauseIs(const std::string& value);
     void armPowerDown();
 
     // Discovery
@@ -120,7 +122,7 @@ class Model
     struct Surroundings
     {
         bool hostAnswers = true;
-        std::string hostState = poweredOff;
+        std::string hostState = running;
         std::array<std::deque<Attempt>, 2> attempts{
             {{goodAnswer(usualEids[0])}, {goodAnswer(usualEids[1])}}};
         std::array<int, 2> locks{-1, -1};

@@ -20,7 +20,7 @@ namespace model
 /** What the state loop knows anywhere, also where no world leads to. */
 rc::Gen<State> anywhere();
 
-/** A world of thirty steps at most, and fewer at a smaller size. */
+/** A world of forty steps at most, and fewer at a smaller size. */
 rc::Gen<World> worlds();
 
 } // namespace model

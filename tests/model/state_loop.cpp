@@ -18,6 +18,8 @@ namespace
 
 constexpr int oneSecond = 1000;
 
+const std::string client = "morrow_client";
+
 /** The next of some values; the last one stays. */
 template <typename Value>
 Value takeNext(std::deque<Value>& values)
@@ -167,7 +169,6 @@ void Model::probeCpuVendor()
 
 bool Model::readHostState()
 {
-    const std::string client = "morrow_client";
     logs(11, client, "Entry [getcurrentpowerstate]");
     logs(4, client, "GetProperty - Enter");
     if (!surroundings.hostAnswers)
@@ -203,57 +204,64 @@ void Model::armPowerDown()
 
 void Model::hears(const PowerStateSignal& signal)
 {
-    const std::string client = "morrow_client";
-    const std::string function = "signalHandler_internalpowerstate";
     logs(1, client,
-         function +
-             ":Path:[/xyz/openbmc_project/control/host0/internal_power_state]");
-    for (const auto& [name, value] : signal.changes)
+         "signalHandler_internalpowerstate:Path:"
+         "[/xyz/openbmc_project/control/host0/internal_power_state]");
+    for (const auto& change : signal.changes)
     {
-        if (name != "InternalPowerState")
+        if (change.name == "InternalPowerState")
         {
-            continue;
+            powerStateIs(change.value);
         }
-        logs(4, client, function + ":Property name is  [" + name + "]");
-        logs(4, client, "Property value is [" + value + "]");
-        const auto* const state =
-            std::find_if(powerStates.begin(), powerStates.end(),
-                         [&text = value](const PowerState& candidate)
-                         {
-                             return contains(text, candidate.name);
-                         });
-        if (state == powerStates.end())
-        {
-            continue;
-        }
-        logsAndTraces(4, client,
-                      function + ":Power state is " + std::string(state->name));
-        if (state->leavesS0)
-        {
-            armPowerDown();
-        }
+    }
+}
+
+void Model::powerStateIs(const std::string& value)
+{
+    const std::string function = "signalHandler_internalpowerstate";
+    logs(4, client, function + ":Property name is  [InternalPowerState]");
+    logs(4, client, "Property value is [" + value + "]");
+    const auto* const state =
+        std::find_if(powerStates.begin(), powerStates.end(),
+                     [&value](const PowerState& candidate)
+                     {
+                         return contains(value, candidate.name);
+                     });
+    if (state == powerStates.end())
+    {
+        return;
+    }
+    logsAndTraces(4, client,
+                  function + ":Power state is " + std::string(state->name));
+    if (state->leavesS0)
+    {
+        armPowerDown();
     }
 }
 
 void Model::hears(const ResetCauseSignal& signal)
 {
-    const std::string client = "morrow_client";
-    const std::string function = "signalHandler_warmreset";
     logs(1, client,
-         function + ":Path:[/xyz/openbmc_project/control/host0/reset_cause]");
-    for (const auto& [name, value] : signal.changes)
+         "signalHandler_warmreset:Path:"
+         "[/xyz/openbmc_project/control/host0/reset_cause]");
+    for (const auto& change : signal.changes)
     {
-        if (name != "ResetCause")
+        if (change.name == "ResetCause")
         {
-            continue;
+            resetCauseIs(change.value);
         }
-        logs(4, client, function + ":Property name is [" + name + "]");
-        logs(4, client, function + ":Property value is [" + value + "]");
-        if (contains(value, "WarmReset"))
-        {
-            logsAndTraces(4, client, function + ": Power State is WarmReset");
-            armPowerDown();
-        }
+    }
+}
+
+void Model::resetCauseIs(const std::string& value)
+{
+    const std::string function = "signalHandler_warmreset";
+    logs(4, client, function + ":Property name is [ResetCause]");
+    logs(4, client, function + ":Property value is [" + value + "]");
+    if (contains(value, "WarmReset"))
+    {
+        logsAndTraces(4, client, function + ": Power State is WarmReset");
+        armPowerDown();
     }
 }
 

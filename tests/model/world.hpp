@@ -4,7 +4,7 @@
 /**
  * A world: all that the state loop depends on, written down beforehand.
  *
- * It starts somewhere, in an orderly place: the host is off, both controllers
+ * It starts somewhere, in an orderly place: the host runs, both controllers
  * come up at the first poll, both endpoints answer, nobody holds a lock. Then
  * something happens, the state loop makes a few passes, something else
  * happens, and so on. What has happened stays until it happens otherwise.

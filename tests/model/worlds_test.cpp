@@ -51,12 +51,12 @@ Objects asOnTheBus(const model::Published& endpoints)
 
 std::string inWords(const Objects& objects)
 {
-    std::string text;
+    std::ostringstream text;
     for (const auto& [path, properties] : objects)
     {
-        text += "\n    " + path + ":" + properties;
+        text << "\n    " << path << ':' << properties;
     }
-    return text.empty() ? " nothing" : text;
+    return objects.empty() ? " nothing" : text.str();
 }
 
 /** The effect at an index without its line ends, or that there is none. */
@@ -94,12 +94,13 @@ std::string firstDifference(const Texts& model, const Texts& daemon)
 std::string firstDifference(const model::State& model,
                             const model::State& daemon)
 {
-    std::string text;
+    std::ostringstream text;
     for (const auto& [name, expected, is] : differences(model, daemon))
     {
-        text += "  " + name + ": model " + expected + ", daemon " + is + '\n';
+        text << "  " << name << ": model " << expected << ", daemon " << is
+             << '\n';
     }
-    return text;
+    return text.str();
 }
 
 /** The model and the daemon side by side. Each function that goes through
