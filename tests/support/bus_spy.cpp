@@ -98,6 +98,16 @@ extern "C" sd_bus* sd_bus_unref(sd_bus* bus)
     return next(sd_bus_unref, "sd_bus_unref")(bus);
 }
 
+extern "C" int sd_bus_process(sd_bus* bus, sd_bus_message** message)
+{
+    const int result = next(sd_bus_process, "sd_bus_process")(bus, message);
+    if (watching && result == 0)
+    {
+        record::add("finds nothing more to do");
+    }
+    return result;
+}
+
 extern "C" int sd_bus_wait(sd_bus* bus, uint64_t limit)
 {
     if (watching)

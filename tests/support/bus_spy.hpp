@@ -10,6 +10,7 @@
  *     lets go of the match RULE
  *     lets go of the manager PATH
  *     waits 1000 us for a message
+ *     finds nothing more to do
  *     waits 0 us for an answer          (0 is the library's default)
  *
  * A test program that uses it exports its own symbols, so that the wrapper's
@@ -21,7 +22,8 @@
 namespace bus_spy
 {
 
-/** Records from now on what the calling thread lets go of and waits for. */
+/** Records from now on what the calling thread lets go of, waits for and no
+ *  longer finds. */
 void watchThisThread();
 
 /** What a subscription fails with: an errno value, 0 for not at all. */

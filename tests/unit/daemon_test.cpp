@@ -889,11 +889,11 @@ TEST_F(Daemon, CallsNobodyButTheBusAndTheHostStateService)
     ServedConnection listener;
     check(sd_bus_add_filter(listener.get(), nullptr, overhear, nullptr),
           "sd_bus_add_filter");
-    check(sd_bus_call_method(listener.get(), "org.freedesktop.DBus",
-                             "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                             "AddMatch", nullptr, nullptr, "s",
-                             "type='method_call',eavesdrop='true'"),
-          "AddMatch");
+    check(sd_bus_call_method(
+              listener.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+              "org.freedesktop.DBus.Monitoring", "BecomeMonitor", nullptr,
+              nullptr, "asu", 1, "type='method_call'", 0),
+          "BecomeMonitor");
     listener.serve();
     startToDiscovery();
     stop();
