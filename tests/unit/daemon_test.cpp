@@ -294,7 +294,7 @@ class Daemon : public testing::Test
     /** Waits until the main thread is held. */
     void awaitHeld()
     {
-        ASSERT_TRUE(held.try_acquire_for(std::chrono::seconds(30)));
+        ASSERT_TRUE(held.try_acquire_for(record::patience()));
     }
 
     /** Lets the held main thread go on. */
