@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
 
+#include <cinttypes>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
@@ -62,6 +64,10 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
 extern "C" int sd_bus_add_object_manager(sd_bus* bus, sd_bus_slot** slot,
                                          const char* path)
 {
+    if (watching)
+    {
+        record::add("adds the manager %s", path);
+    }
     const int result = next(sd_bus_add_object_manager,
                             "sd_bus_add_object_manager")(bus, slot, path);
     remember(slot, std::string("manager ") + path);
@@ -79,6 +85,15 @@ extern "C" sd_bus_slot* sd_bus_slot_unref(sd_bus_slot* slot)
     auto* const result = next(sd_bus_slot_unref, "sd_bus_slot_unref")(slot);
     watching = watched;
     return result;
+}
+
+extern "C" int sd_bus_wait(sd_bus* bus, uint64_t microseconds)
+{
+    if (watching)
+    {
+        record::add("waits %" PRIu64 " us for the bus", microseconds);
+    }
+    return next(sd_bus_wait, "sd_bus_wait")(bus, microseconds);
 }
 
 extern "C" sd_bus* sd_bus_unref(sd_bus* bus)

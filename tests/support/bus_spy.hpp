@@ -2,10 +2,12 @@
 #pragma once
 
 /**
- * Sees a connection's references and slots go, in their order, which no peer
- * on the bus can see. It stands between the bus wrapper and libsystemd, passes
- * every call on, and, while it watches, records
+ * Sees a connection's managers come, its waits, and its references and slots
+ * go, in their order, which no peer on the bus can see. It stands in front of
+ * libsystemd, passes every call on, and, while it watches, records
  *
+ *     adds the manager PATH
+ *     waits N us for the bus
  *     lets go of the bus
  *     lets go of the match RULE
  *     lets go of the manager PATH
@@ -17,7 +19,7 @@
 namespace bus_spy
 {
 
-/** Records from now on what the calling thread lets go of. */
+/** Records from now on what the calling thread does. */
 void watchThisThread();
 
 } // namespace bus_spy

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 namespace fake
@@ -39,6 +40,31 @@ std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
 std::function<void()> onVendorRead;
+
+namespace
+{
+
+/** Made on first use, which may come before this file's globals. */
+struct Semaphores
+{
+    std::mutex mutex;
+    std::map<const sem_t*, Semaphore> known;
+
+    static Semaphores& all()
+    {
+        static auto* const instance = new Semaphores; // also used after main
+        return *instance;
+    }
+};
+
+} // namespace
+
+Semaphore semaphore(const sem_t* address)
+{
+    auto& all = Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    return all.known.at(address);
+}
 
 Attempt answer(uint8_t eid)
 {
@@ -242,6 +268,9 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
         errno = fake::semaphoreInitError;
         return -1;
     }
+    auto& all = fake::Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    all.known[semaphore] = {shared, value, 0};
     return realFunction<int(sem_t*, int, unsigned int)>("sem_init")(
         semaphore, shared, value);
 }
@@ -253,6 +282,9 @@ extern "C" int sem_destroy(sem_t* semaphore)
         errno = fake::semaphoreDestroyError;
         return -1;
     }
+    auto& all = fake::Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    ++all.known[semaphore].destroyed;
     return realFunction<int(sem_t*)>("sem_destroy")(semaphore);
 }
 

@@ -8,6 +8,8 @@
  * refused, which the system itself never does.
  */
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -77,6 +79,17 @@ extern std::atomic<int> semaphoreInitError;
 
 /** The same for destroying one. */
 extern std::atomic<int> semaphoreDestroyError;
+
+/** How a semaphore was made and how often it has been destroyed since. */
+struct Semaphore
+{
+    int shared;
+    unsigned int value;
+    int destroyed;
+};
+
+/** What became of a semaphore. Any thread. */
+Semaphore semaphore(const sem_t* address);
 
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;

@@ -5,6 +5,8 @@
 #include "tests/support/bus_spy.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
+#include "tests/support/hung_up_pipe.hpp"
+#include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
@@ -12,6 +14,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -89,8 +92,7 @@ morrow_dbus_client& client()
     const bool happened = record::waitFor(seen);
     const auto told = record::textsOf(threadOf(seen));
     EXPECT_EQ(told, story);
-    std::_Exit(happened && told == story && record::count(initExits) == 0 ? 42
-                                                                          : 1);
+    leave(happened && told == story && record::count(initExits) == 0 ? 42 : 1);
 }
 
 class WithBroker : public testing::Test
@@ -274,6 +276,23 @@ TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
     EXPECT_EQ(fcntl(clientSignalPipe[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(clientSignalPipe[1], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
+{
+    fake::Semaphore whenReady{};
+    record::when(initialised,
+                 [&whenReady]
+                 {
+                     whenReady = fake::semaphore(&clientReadySemaphore);
+                 });
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(whenReady.shared, 0);
+    EXPECT_EQ(whenReady.value, 0U);
+    EXPECT_EQ(whenReady.destroyed, 0);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 2);
 }
 
 TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
@@ -768,12 +787,50 @@ TEST_F(PowerSignals, EachStateIsRecognisedAsTheTableSays)
     }
 }
 
+TEST_F(PowerSignals, StateWithoutItsLastLetterIsAnotherOne)
+{
+    struct Row
+    {
+        const char* text;
+        Texts recognised;
+    };
+    // Two of them still hold the text of a third.
+    for (const Row& row :
+         {Row{".S0InRese", {}}, Row{".PreStandb", {}}, Row{".StateS", {}},
+          Row{".StateS5Earl", recognises("StateS5")},
+          Row{".StateS5S3Mbus", recognises("StateS5")}, Row{".S5OnPendin", {}},
+          Row{".OffPendingS", {}}, Row{".Unknow", {}}})
+    {
+        behind = record::textsOf(thread).size();
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", row.text}});
+        EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(row.text) +
+                                 row.recognised);
+    }
+}
+
 TEST_F(PowerSignals, TheFirstRowThatFitsDecides)
 {
     const std::string value = "a.Unknown.OffPendingS0.StateS6";
     control.changes(HostControl::powerState, {{"InternalPowerState", value}});
     EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
                              recognises("StateS6"));
+}
+
+TEST_F(PowerSignals, EachRowComesBeforeTheNext)
+{
+    const Texts rows{"S0InReset",    "PreStandby",     "StateS6",
+                     "StateS5Early", "StateS5S3Mbusy", "StateS5",
+                     "S5OnPending",  "OffPendingS0",   "Unknown"};
+    for (std::size_t row = 0; row + 1 < rows.size(); ++row)
+    {
+        behind = record::textsOf(thread).size();
+        const std::string value = "." + rows[row + 1] + "." + rows[row];
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", value}});
+        EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
+                                 recognises(rows[row]));
+    }
 }
 
 TEST_F(PowerSignals, StateWithoutItsLeadingDotIsNotRecognised)
@@ -861,6 +918,25 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
                 Contains("log 4 morrow_client: signalHandler_"
                          "internalpowerstate:Power state is PreStandby\n"));
     EXPECT_FALSE(free);
+}
+
+TEST_F(PowerSignals, NextOneIsWaitedForAMillisecond)
+{
+    record::when(resetPath, bus_spy::watchThisThread);
+    control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(record::waitFor("waits 1000 us for the bus"));
+    auto waits = threadStory();
+    std::erase_if(waits,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("waits ");
+                  });
+    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(Client, ServingSignalsAlwaysEndsWith0)
+{
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
 }
 
 TEST_F(PowerSignals, WarmResetSetsTheFlags)
@@ -1072,7 +1148,7 @@ TEST_F(Handlers, OtherMemberIsLoggedByItsPathAlone)
                                                      1, property, "u", 5, 0);
                     });
     (void)record::waitFor("never");
-    std::_Exit(1);
+    leave(1);
 }
 
 TEST_F(ClientStart, PowerStateThatIsNoTextEndsTheProcess)
@@ -1164,6 +1240,45 @@ TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)
     ASSERT_TRUE(
         record::waitFor("log 1 morrow_client: morrowProcessSig - signal: 0\n"));
     EXPECT_EQ(record::count(threadExits), 0);
+}
+
+TEST_F(ClientStop, PipeWithoutAWriterIsReadInVainAndWithoutAWord)
+{
+    {
+        const HungUpPipe pipe(clientSignalPipe, thread);
+        EXPECT_TRUE(pipe.keepsTheReaderBusy());
+    }
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    const auto told = record::textsOf(thread);
+    EXPECT_EQ(std::count_if(told.begin(), told.end(),
+                            [](const auto& text)
+                            {
+                                return text.find("signal: ") !=
+                                       std::string::npos;
+                            }),
+              1);
+}
+
+TEST_F(ClientStop, LogsTheByteBeforeTheLoopEndsAndEndsItWellMeant)
+{
+    int whenLogged = 0;
+    int whenEnded = -1;
+    record::when("log 1 morrow_client: morrowProcessSig - signal: 1",
+                 [&whenLogged]
+                 {
+                     int code = 0;
+                     whenLogged = sd_event_get_exit_code(clientEvent, &code);
+                 });
+    record::when("log 4 morrow_client: createMorrowEventLoop - sd_event_loop "
+                 "returned",
+                 [&whenEnded]
+                 {
+                     EXPECT_GE(sd_event_get_exit_code(clientEvent, &whenEnded),
+                               0);
+                 });
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(whenLogged, -ENODATA);
+    EXPECT_EQ(whenEnded, 0);
 }
 
 TEST_F(ClientStop, EndsTheSubscriptions)
