@@ -55,6 +55,10 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
                                 sd_bus_message_handler_t callback,
                                 void* userdata)
 {
+    if (watching)
+    {
+        record::add("adds the match %s", match);
+    }
     const int result = next(sd_bus_add_match, "sd_bus_add_match")(
         bus, slot, match, callback, userdata);
     remember(slot, std::string("match ") + match);

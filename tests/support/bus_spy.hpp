@@ -2,10 +2,11 @@
 #pragma once
 
 /**
- * Sees a connection's managers come, its waits, and its references and slots
- * go, in their order, which no peer on the bus can see. It stands in front of
- * libsystemd, passes every call on, and, while it watches, records
+ * Sees a connection's matches and managers come, its waits, and its references
+ * and slots go, in their order, which no peer on the bus can see. It stands in
+ * front of libsystemd, passes every call on, and, while it watches, records
  *
+ *     adds the match RULE
  *     adds the manager PATH
  *     waits N us for the bus
  *     lets go of the bus

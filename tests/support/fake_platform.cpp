@@ -39,6 +39,7 @@ int brokenSleeps = 0;
 std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
+std::function<void()> onSemaphoreDestroy;
 std::function<void()> onVendorRead;
 
 namespace
@@ -277,6 +278,10 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
 
 extern "C" int sem_destroy(sem_t* semaphore)
 {
+    if (fake::onSemaphoreDestroy)
+    {
+        fake::onSemaphoreDestroy();
+    }
     if (fake::semaphoreDestroyError != 0)
     {
         errno = fake::semaphoreDestroyError;

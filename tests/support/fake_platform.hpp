@@ -91,6 +91,9 @@ struct Semaphore
 /** What became of a semaphore. Any thread. */
 Semaphore semaphore(const sem_t* address);
 
+/** Called on the thread that destroys a semaphore, before it does. */
+extern std::function<void()> onSemaphoreDestroy;
+
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;
 

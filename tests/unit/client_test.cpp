@@ -16,10 +16,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <mutex>
 #include <string>
@@ -270,6 +272,30 @@ TEST_F(ClientStart, ReturnsOnlyAfterTheLoopIsReady)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, SubscribesToPowerStateThenToResetCauseThenFillsItsMaps)
+{
+    record::when("log 4 morrow_client: morrowClientDBusHandler - Enter",
+                 bus_spy::watchThisThread);
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    auto told = record::textsOf(threadOf(initialised));
+    std::erase_if(told,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("adds the match ") &&
+                             text.find("FillobjectMap") == std::string::npos;
+                  });
+    const std::string rule = "adds the match type='signal',"
+                             "member='PropertiesChanged',"
+                             "path='/xyz/openbmc_project/control/host0/";
+    const std::string interface =
+        "',interface='org.freedesktop.DBus.Properties',";
+    EXPECT_THAT(told,
+                ElementsAre(rule + "internal_power_state" + interface,
+                            rule + "reset_cause" + interface,
+                            "log 4 morrow_client: FillobjectMap - Enter\n"));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
@@ -286,13 +312,24 @@ TEST_F(ClientStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
                  {
                      whenReady = fake::semaphore(&clientReadySemaphore);
                  });
+    std::vector<int> destroyedAtExits;
+    for (const char* exit :
+         {"log 4 morrow_client: morrow_dbus_client_init - Exit",
+          "log 4 morrow_client: stop_morrow_dbus_client - Exit"})
+    {
+        record::when(exit,
+                     [&destroyedAtExits]
+                     {
+                         destroyedAtExits.push_back(
+                             fake::semaphore(&clientReadySemaphore).destroyed);
+                     });
+    }
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_EQ(whenReady.shared, 0);
     EXPECT_EQ(whenReady.value, 0U);
     EXPECT_EQ(whenReady.destroyed, 0);
-    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
-    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 2);
+    EXPECT_THAT(destroyedAtExits, ElementsAre(1, 2));
 }
 
 TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
@@ -469,6 +506,39 @@ TEST_F(ClientMaps, AKeyThatIsThereKeepsItsEntry)
     EXPECT_EQ(storyFrom(start),
               Texts(fillsItsMaps.begin() + 3, fillsItsMaps.begin() + 7) +
                   Texts(fillsItsMaps.begin() + 9, fillsItsMaps.end()));
+}
+
+TEST_F(ClientMaps, AreFilledBetweenEntryAndExit)
+{
+    (void)client();
+    const auto start = here();
+    const auto readsObjects = []
+    {
+        client().ReadObjectMap();
+    };
+    const auto readsMethods = []
+    {
+        client().ReadMethodMap();
+    };
+    record::when("log 4 morrow_client: FillStaticObject - Enter", readsObjects);
+    record::when("log 4 morrow_client: FillStaticObject - Exit", readsObjects);
+    record::when("log 4 morrow_client: FillMethodMap - Enter", readsMethods);
+    record::when("log 4 morrow_client: FillMethodMap - Exit", readsMethods);
+    client().FillobjectMap();
+    client().FillMethodMap();
+    EXPECT_EQ(
+        storyFrom(start),
+        Texts(fillsItsMaps.begin(), fillsItsMaps.begin() + 2) +
+            Texts({"log 4 morrow_client: ReadObjectMap - Enter\n",
+                   "log 1 morrow_client: ReadObjectMap - No object present in "
+                   "objectMap\n",
+                   "log 4 morrow_client: ReadObjectMap - Exit\n"}) +
+            Texts(fillsItsMaps.begin() + 2, fillsItsMaps.begin() + 8) +
+            Texts({"log 4 morrow_client: ReadMethodMap - Enter\n",
+                   "log 1 morrow_client: ReadMethodMap - No method present in "
+                   "methodMap\n",
+                   "log 4 morrow_client: ReadMethodMap - Exit\n"}) +
+            Texts(fillsItsMaps.begin() + 8, fillsItsMaps.end()));
 }
 
 TEST_F(ClientMaps, AreListedInTheOrderOfTheirKeys)
@@ -1206,6 +1276,18 @@ TEST_F(ClientStop, LetsGoOfTheBusAndThenOfTheSecondAndTheFirstMatch)
                     threadExits));
 }
 
+TEST_F(ClientStop, ClosesThePipeBeforeItDestroysTheSemaphore)
+{
+    StopPipe whenDestroyed{};
+    fake::onSemaphoreDestroy = [&whenDestroyed]
+    {
+        whenDestroyed = clientSignalPipe;
+    };
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    fake::onSemaphoreDestroy = {};
+    EXPECT_EQ(whenDestroyed, closedStopPipe);
+}
+
 TEST_F(ClientStop, SecondFailsToWriteAndToJoin)
 {
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
@@ -1231,6 +1313,35 @@ TEST_F(ClientStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
     const int mine = client().stop_morrow_dbus_client();
     second.join();
     EXPECT_EQ(mine + other, 1);
+}
+
+TEST_F(ClientStop, SecondWaitsForTheFirst)
+{
+    const auto stop = []
+    {
+        return client().stop_morrow_dbus_client();
+    };
+    // The client's handler waits for the mutex, and the first stop for it.
+    std::unique_lock lock(clientBusMutex);
+    HostControl control;
+    control.changes(HostControl::resetCause, {});
+    auto first = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
+    EXPECT_EQ(first.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    auto second = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n", 2));
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    lock.unlock();
+    EXPECT_EQ(first.get(), 0);
+    EXPECT_EQ(second.get(), 1);
+    EXPECT_EQ(record::count("log 1 morrow_client: stop_morrow_dbus_client "
+                            "-Signal pipe write failed: Bad file "
+                            "descriptor\n"),
+              1);
 }
 
 TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)

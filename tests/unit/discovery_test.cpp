@@ -951,6 +951,24 @@ TEST_F(PowerOffCleanup, IdsOf0AreRemoved)
     EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
+TEST_F(PowerOffCleanup, CancelsTheRetryFirstAndGoesIdleLast)
+{
+    int32_t whenWithdrawing = -1;
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
+                 [&whenWithdrawing]
+                 {
+                     whenWithdrawing = wait_ticks;
+                 });
+    const StateWatch lastUnbind("log 4 morrow: Failed to open sysfs file for "
+                                "fff11000.i3c");
+    DriverFiles::removeUnbindFile();
+    wait_ticks = 10;
+    daemon_state = MORROW_OFF_EVENT;
+    cleanUp();
+    EXPECT_EQ(whenWithdrawing, 0);
+    EXPECT_EQ(lastUnbind.seen(), MORROW_OFF_EVENT);
+}
+
 TEST_F(PowerOffCleanup, CancelsAPendingRetry)
 {
     wait_ticks = 10;

@@ -289,13 +289,24 @@ TEST_F(ServerStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
                  {
                      whenReady = fake::semaphore(&serverReadySemaphore);
                  });
+    std::vector<int> destroyedAtExits;
+    for (const char* exit :
+         {"log 4 morrow_server: morrow_dbus_server_init - Exit",
+          "log 4 morrow_server: stop_morrow_dbus_server - Exit"})
+    {
+        record::when(exit,
+                     [&destroyedAtExits]
+                     {
+                         destroyedAtExits.push_back(
+                             fake::semaphore(&serverReadySemaphore).destroyed);
+                     });
+    }
     EXPECT_EQ(morrow_dbus_server_init(), 0);
     EXPECT_EQ(whenReady.shared, 0);
     EXPECT_EQ(whenReady.value, 0U);
     EXPECT_EQ(whenReady.destroyed, 0);
-    EXPECT_EQ(fake::semaphore(&serverReadySemaphore).destroyed, 1);
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
-    EXPECT_EQ(fake::semaphore(&serverReadySemaphore).destroyed, 2);
+    EXPECT_THAT(destroyedAtExits, ElementsAre(1, 2));
 }
 
 TEST_F(ServerStart, WithoutASemaphoreEndsWith1)
@@ -1149,6 +1160,18 @@ TEST_F(ServerStop, LeavesThePipeClosedWithoutNumbers)
     EXPECT_THAT(serverSignalPipe, ElementsAre(-1, -1));
     EXPECT_EQ(fcntl(before[0], F_GETFD), -1);
     EXPECT_EQ(fcntl(before[1], F_GETFD), -1);
+}
+
+TEST_F(ServerStop, ClosesThePipeBeforeItDestroysTheSemaphore)
+{
+    StopPipe whenDestroyed{};
+    fake::onSemaphoreDestroy = [&whenDestroyed]
+    {
+        whenDestroyed = serverSignalPipe;
+    };
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    fake::onSemaphoreDestroy = {};
+    EXPECT_EQ(whenDestroyed, closedStopPipe);
 }
 
 TEST_F(ServerStop, SecondFailsToWriteAndToJoin)
