@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <cinttypes>
 #include <cstdint>
 #include <map>
@@ -18,6 +19,9 @@ namespace
 
 /** Not while a call is passed on: libsystemd lets go of things of its own. */
 thread_local bool watching = false;
+
+std::atomic<bool> repliesAreErrors{false};
+std::atomic<int> subscriptionError{0};
 
 std::mutex namesMutex;
 std::map<sd_bus_slot*, std::string> names;
@@ -43,6 +47,16 @@ Function* next(Function* /*likeThis*/, const char* name)
 namespace bus_spy
 {
 
+void makeRepliesErrors()
+{
+    repliesAreErrors = true;
+}
+
+void failSubscriptions(int error)
+{
+    subscriptionError = error;
+}
+
 void watchThisThread()
 {
     watching = true;
@@ -58,6 +72,10 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
     if (watching)
     {
         record::add("adds the match %s", match);
+    }
+    if (subscriptionError != 0)
+    {
+        return -subscriptionError;
     }
     const int result = next(sd_bus_add_match, "sd_bus_add_match")(
         bus, slot, match, callback, userdata);
@@ -89,6 +107,15 @@ extern "C" sd_bus_slot* sd_bus_slot_unref(sd_bus_slot* slot)
     auto* const result = next(sd_bus_slot_unref, "sd_bus_slot_unref")(slot);
     watching = watched;
     return result;
+}
+
+extern "C" int sd_bus_message_is_method_error(sd_bus_message* message,
+                                              const char* name)
+{
+    return repliesAreErrors
+               ? 1
+               : next(sd_bus_message_is_method_error,
+                      "sd_bus_message_is_method_error")(message, name);
 }
 
 extern "C" int sd_bus_wait(sd_bus* bus, uint64_t microseconds)

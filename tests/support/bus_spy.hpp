@@ -4,7 +4,8 @@
 /**
  * Sees a connection's matches and managers come, its waits, and its references
  * and slots go, in their order, which no peer on the bus can see. It stands in
- * front of libsystemd, passes every call on, and, while it watches, records
+ * front of libsystemd, passes every call on unless it is told otherwise, and,
+ * while it watches, records
  *
  *     adds the match RULE
  *     adds the manager PATH
@@ -19,6 +20,13 @@
 
 namespace bus_spy
 {
+
+/** Makes every reply a method error from now on, as it is to a wrapper that
+ *  does not raise error replies. */
+void makeRepliesErrors();
+
+/** Makes every subscription fail from now on with this errno value. */
+void failSubscriptions(int error);
 
 /** Records from now on what the calling thread does. */
 void watchThisThread();

@@ -296,6 +296,14 @@ TEST_F(ClientStart, SubscribesToPowerStateThenToResetCauseThenFillsItsMaps)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
+{
+    bus_spy::failSubscriptions(ENOBUFS);
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(record::count(threadExits), 1);
+}
+
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
@@ -623,6 +631,19 @@ TEST_F(ReadsHostState, OffIsTheWholeStoryAndSetsBothFlags)
     EXPECT_EQ(await_host_running, 1);
 }
 
+TEST_F(ReadsHostState, OffIsLoggedBeforeTheFlagsAreSet)
+{
+    uint8_t whenLogged = 1;
+    record::when("log 4 morrow_client: readproperty:Power State is off",
+                 [&whenLogged]
+                 {
+                     whenLogged = power_down_pending;
+                 });
+    host.goesTo("Off");
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(whenLogged, 0);
+}
+
 TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
 {
     for (const std::string& text :
@@ -660,6 +681,23 @@ TEST_F(ReadsHostState, ErrorReplyIsABusError)
     EXPECT_EQ(current_host_state, "before");
     EXPECT_EQ(power_down_pending, 0);
     EXPECT_EQ(await_host_running, 0);
+}
+
+TEST_F(ReadsHostState, ErrorReplyThatIsNotRaisedGives3AndIsNotDelivered)
+{
+    bus_spy::makeRepliesErrors();
+    current_host_state = "before";
+    host.goesTo("Running");
+    const auto start = here();
+    EXPECT_EQ(client().GetProperty("currenthoststate", "CurrentHostState",
+                                   readproperty),
+              3);
+    EXPECT_THAT(storyFrom(start),
+                ElementsAre("log 4 morrow_client: GetProperty - Enter\n",
+                            "log 1 morrow_client: GetProperty -method error: "
+                            "/xyz/openbmc_project/state/host0 object\n",
+                            "log 4 morrow_client: GetProperty - Exit\n"));
+    EXPECT_EQ(current_host_state, "before");
 }
 
 TEST_F(ReadsHostState, ReplyWithoutAVariantIsABusError)
@@ -877,6 +915,31 @@ TEST_F(PowerSignals, StateWithoutItsLastLetterIsAnotherOne)
         EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(row.text) +
                                  row.recognised);
     }
+}
+
+TEST_F(PowerSignals, FlagsAreSetAfterTheTrace)
+{
+    std::vector<bool> setWhenTraced;
+    for (const char* text :
+         {"trace 4 morrow_client: signalHandler_internalpowerstate:",
+          "trace 4 morrow_client: signalHandler_warmreset:"})
+    {
+        record::when(text,
+                     [&setWhenTraced]
+                     {
+                         setWhenTraced.push_back(flagsAreSet());
+                     });
+    }
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS5"}});
+    (void)handled();
+    EXPECT_TRUE(flagsAreSet());
+    shared_word::store<uint8_t>(power_down_pending, 0);
+    shared_word::store<uint8_t>(await_host_running, 0);
+    control.changes(HostControl::resetCause, {{"ResetCause", "a.WarmReset"}});
+    (void)handledResets();
+    EXPECT_TRUE(flagsAreSet());
+    EXPECT_THAT(setWhenTraced, ElementsAre(false, false));
 }
 
 TEST_F(PowerSignals, TheFirstRowThatFitsDecides)
