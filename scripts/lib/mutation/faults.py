@@ -142,7 +142,7 @@ def other_character(character):
         return character.swapcase()
     if character.isdigit():
         return str((int(character) + 1) % 10)
-    return {" ": "  ", "/": "//"}.get(character, "")
+    return {" ": "  ", "/": "|"}.get(character, "")
 
 
 def comparisons(source, _declared):
@@ -297,6 +297,8 @@ def returns(source, _declared):
             continue
         if first == last and is_constant(source.tokens[first]):
             continue  # a kind of its own
+        if source.is_text(last, "nullopt"):
+            continue  # the default already
         yield Fault("return", source.tokens[first].start, source.tokens[last].end, "{}")
 
 
