@@ -12,6 +12,7 @@
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
+#include "tests/support/waiting_thread.hpp"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -1596,6 +1597,7 @@ TEST_F(ClientStop, SecondWaitsForTheFirst)
     std::unique_lock lock(clientBusMutex);
     HostControl control;
     control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(waiting_thread::forAMutex(threadOf(starting)));
     auto first = std::async(std::launch::async, stop);
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
