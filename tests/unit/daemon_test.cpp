@@ -912,6 +912,24 @@ TEST_F(Daemon, WaitOfNTicksIsNSleepsAndNPlus1Reads)
     EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 1);
 }
 
+TEST_F(Daemon, ExceptionOfTheTransportEndsTheProcess)
+{
+    broker.reset(); // the child has a bus of its own
+    observer.reset();
+    host.reset();
+    EXPECT_EXIT(
+        {
+            broker.emplace();
+            host.emplace();
+            host->goesTo("Running");
+            fake::endpoints["/dev/i3c-mctp-0"] = {{.throws = true}};
+            start();
+            (void)record::waitFor("never");
+            std::_Exit(1);
+        },
+        testing::KilledBySignal(SIGABRT), "the transport gave up");
+}
+
 TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
 {
     broker.reset(); // the child has a bus of its own
