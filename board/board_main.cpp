@@ -3,6 +3,7 @@
 #include "board/interruption.hpp"
 #include "board/printer.hpp"
 #include "board/sandbox.hpp"
+#include "board/saved_timeline.hpp"
 #include "board/story.hpp"
 
 #include <CLI/CLI.hpp>
@@ -11,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -36,6 +39,7 @@ constexpr auto notes =
     "Examples:\n"
     "  morrow-board\n"
     "  morrow-board --verbose | less\n"
+    "  morrow-board --save timeline.jsonl\n"
     "  morrow-board --daemon build/morrow/morrow --policy "
     "packaging/dbus/xyz.openbmc_project.mctp.conf\n";
 
@@ -48,6 +52,7 @@ struct Options
 {
     board::BoardOptions board;
     board::PrintStyle style;
+    std::string save; //!< the file to save the timeline in; may be empty
 };
 
 bool wantsColour()
@@ -80,15 +85,40 @@ Verdict play(board::Timeline& timeline, const Options& options)
     }
 }
 
+/** The file is opened before the sandbox hides what the user sees. */
+std::optional<board::SaveFile> saveFile(const Options& options)
+{
+    if (options.save.empty())
+    {
+        return {};
+    }
+    return board::SaveFile(options.save);
+}
+
+Verdict playAndSave(board::Timeline& timeline, const Options& options,
+                    std::optional<board::SaveFile> file)
+{
+    if (!file)
+    {
+        return play(timeline, options);
+    }
+    board::SavedTimeline saved(timeline, *std::move(file));
+    auto verdict = play(timeline, options);
+    saved.finish();
+    return verdict;
+}
+
 int run(const Options& options)
 {
+    auto file = saveFile(options);
     board::sandbox::enter();
     board::Timeline timeline;
     const board::Interruption interruption(timeline);
     Verdict verdict;
     {
-        const board::Printer printer(timeline, stdout, options.style);
-        verdict = play(timeline, options);
+        const board::Printer printer(timeline, board::to(stdout),
+                                     options.style);
+        verdict = playAndSave(timeline, options, std::move(file));
     }
     const auto* const colour =
         verdict.status == asTold ? "\033[1;32m" : "\033[1;31m";
@@ -115,6 +145,9 @@ try
         ->type_name("FILE");
     app.add_option("--policy", options.board.installation.policy,
                    "its bus policy, instead of the installed one")
+        ->type_name("FILE");
+    app.add_option("--save", options.save,
+                   "save the timeline in this file, an event a line, as JSON")
         ->type_name("FILE");
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");

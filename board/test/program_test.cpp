@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -184,6 +185,43 @@ TEST(BoardProgram, ShowsEverythingWhenAsked)
     Program verbose(arguments);
     EXPECT_EQ(verbose.end(), 1);
     EXPECT_THAT(verbose.output, HasSubstr("log      morrow:1  detail\n"));
+}
+
+TEST(BoardProgram, SavesTheTimelineWhereTheUserSeesIt)
+{
+    auto arguments = playing("exit 3");
+    // Below /run, where the board's sandbox has another directory.
+    const std::string file("/run/timeline");
+    arguments.insert(arguments.end(), {"--save", file});
+    Program program(arguments);
+    EXPECT_EQ(program.end(), 1);
+    std::string text;
+    std::getline(std::ifstream(file), text, '\0');
+    EXPECT_THAT(text, HasSubstr("\"event\":\"started\""));
+    EXPECT_THAT(lastLine(text), HasSubstr("\"event\":\"exited\",\"status\":3,"
+                                          "\"signal\":null}\n"));
+}
+
+TEST(BoardProgram, SaysWhyTheTimelineIsNotSaved)
+{
+    auto arguments = playing("exit 3");
+    arguments.emplace_back("--save");
+    for (const auto& [file, why] :
+         {std::pair("/no/such/file",
+                    "morrow-board: cannot open /no/such/file to save the "
+                    "timeline: No such file or directory; name another file "
+                    "with --save\n"),
+          std::pair("/dev/full",
+                    "morrow-board: cannot save the timeline in /dev/full: No "
+                    "space left on device; it is not whole; name another file "
+                    "with --save\n")})
+    {
+        arguments.emplace_back(file);
+        Program program(arguments);
+        EXPECT_EQ(program.end(), 1);
+        EXPECT_EQ(lastLine(program.output), why);
+        arguments.pop_back();
+    }
 }
 
 /** What a board could leave behind on the machine around it. */
