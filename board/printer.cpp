@@ -320,6 +320,12 @@ std::string colourOf(std::string_view who)
     return found == colours.end() ? plain : found->code;
 }
 
+bool isLeftOut(Weight weight, const PrintStyle& style)
+{
+    return !style.everything && (weight == Weight::hidden ||
+                                 (weight == Weight::detail && !style.details));
+}
+
 std::string coloured(const std::string& time, const std::string& who,
                      const std::string& what, const Shown& shown)
 {
@@ -348,17 +354,13 @@ Write afterHeading(Write write, const PrintStyle& style)
 
 std::string printed(const Event& event, const PrintStyle& style)
 {
-    if (!style.told && event.as<event::Told>() != nullptr)
-    {
-        return {};
-    }
     auto shown = std::visit(
         [](const auto& body)
         {
             return show(body);
         },
         event.body);
-    if (shown.weight == Weight::hidden && !style.everything)
+    if (isLeftOut(shown.weight, style))
     {
         return {};
     }

@@ -18,8 +18,10 @@ struct PrintStyle
     /** Everything: opening and closing of nodes, every log record, traces.
      *  Else what makes the story, and log records that tell progress. */
     bool everything = false;
-    /** The lines that the board was told: not to whoever types them. */
-    bool told = true;
+    /** What surrounds the story, shown in grey: the log, what was refused, the
+     *  lines that the board was told. Not at a prompt, where an idle daemon's
+     *  rounds would bury what is typed. */
+    bool details = true;
 };
 
 /** @brief An event as it is shown, with line ends; empty when the style leaves
