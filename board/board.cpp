@@ -72,37 +72,6 @@ const fs::path& present(const fs::path& daemon)
 
 } // namespace
 
-Controller::Controller(Kernel& kernel, std::size_t index) :
-    kernel(kernel), index(index)
-{
-}
-
-void Controller::comesUpAfter(std::chrono::milliseconds delay)
-{
-    auto how = kernel.comingUp(index);
-    how.after = delay;
-    kernel.setComingUp(index, how);
-}
-
-void Controller::neverComesUp()
-{
-    auto how = kernel.comingUp(index);
-    how.after.reset();
-    kernel.setComingUp(index, how);
-}
-
-void Controller::hasClassEntry(bool has)
-{
-    auto how = kernel.comingUp(index);
-    how.classEntry = has;
-    kernel.setComingUp(index, how);
-}
-
-std::optional<std::string> Controller::node() const
-{
-    return kernel.node(index);
-}
-
 EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
     kernel(kernel), index(index)
 {
@@ -136,7 +105,8 @@ std::uint8_t EndpointControl::eid() const
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), simulatedKernel(timeline),
     privateBus(timeline, options.installation.policy),
-    simulatedHost(timeline, Bus::address(), options.hostState),
+    simulatedHost(timeline, Bus::address(), options.hostState,
+                  options.hasHostService),
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {
@@ -174,6 +144,11 @@ Kernel& Board::kernel()
 Controller Board::controller(std::size_t index)
 {
     return {simulatedKernel, index};
+}
+
+DriverFiles Board::driverFiles()
+{
+    return DriverFiles(simulatedKernel);
 }
 
 EndpointControl Board::endpoint(std::size_t index)

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/behaviours.hpp"
 #include "board/bus.hpp"
+#include "board/controller.hpp"
 #include "board/daemon.hpp"
 #include "board/endpoint.hpp"
 #include "board/host.hpp"
@@ -17,30 +19,6 @@
 
 namespace board
 {
-
-/** @brief One of the two I3C controllers, to be told how to behave. What is
- *         said holds from its next bind on. */
-class Controller
-{
-  public:
-    Controller(Kernel& kernel, std::size_t index);
-
-    /** @brief Its device comes up this long after a bind. */
-    void comesUpAfter(std::chrono::milliseconds delay);
-
-    /** @brief Its device never comes up. */
-    void neverComesUp();
-
-    /** @brief Its device has a class entry, or has none. */
-    void hasClassEntry(bool has);
-
-    /** @brief Its node's name, while its device is up. */
-    [[nodiscard]] std::optional<std::string> node() const;
-
-  private:
-    Kernel& kernel;
-    std::size_t index;
-};
 
 /** @brief The MCTP endpoint behind one of the two controllers. What is said
  *         holds from the next message on. */
@@ -74,6 +52,8 @@ struct BoardOptions
 {
     Installation installation{};
     std::string hostState = "Off"; //!< the host's state at the beginning
+    /** Whether the host-state service is there at the beginning. */
+    bool hasHostService = true;
     int logLevel = 11; //!< the least severe level that is logged
 };
 
@@ -107,6 +87,9 @@ class Board
 
     /** @param index 0 or 1 */
     [[nodiscard]] Controller controller(std::size_t index);
+
+    /** @brief The bind and unbind file. */
+    [[nodiscard]] DriverFiles driverFiles();
 
     /** @param index that of the controller before it, 0 or 1 */
     [[nodiscard]] EndpointControl endpoint(std::size_t index);

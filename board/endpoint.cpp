@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/endpoint.hpp"
 
+#include "board/behaviours.hpp"
+
 #include <cstddef>
 #include <utility>
 
@@ -13,47 +15,6 @@ namespace mctp = platform::mctp;
 
 // Far more than any control message has (DSP0236: the baseline is 64 bytes).
 constexpr std::size_t longestRequest = 4096;
-
-// A control message: type; Rq, D and instance id in one byte; command.
-constexpr std::size_t type = 0;
-constexpr std::size_t instance = 1;
-constexpr std::size_t command = 2;
-constexpr std::size_t smallest = 3;
-constexpr std::uint8_t controlType = 0x00;
-constexpr std::uint8_t requestBit = 0x80;
-constexpr std::uint8_t instanceMask = 0x1F;
-constexpr std::uint8_t discoveryNotify = 0x0D;
-constexpr std::uint8_t success = 0x00;
-constexpr std::uint8_t unsupportedCommand = 0x05;
-
-bool isControlRequest(const Bytes& message)
-{
-    return message.size() >= smallest && message[type] == controlType &&
-           (message[instance] & requestBit) != 0;
-}
-
-Bytes controlAnswer(const Bytes& request)
-{
-    return {controlType,
-            static_cast<std::uint8_t>(request[instance] & instanceMask),
-            request[command],
-            request[command] == discoveryNotify ? success : unsupportedCommand};
-}
-
-std::vector<Reply> answer(std::uint8_t eid, const Request& request)
-{
-    if (!request.envelope.tagOwner || !isControlRequest(request.message))
-    {
-        return {};
-    }
-    std::vector<Reply> replies;
-    for (auto& packet : mctp::fragment(mctp::answerTo(request.envelope, eid),
-                                       controlAnswer(request.message)))
-    {
-        replies.push_back({std::move(packet)});
-    }
-    return replies;
-}
 
 } // namespace
 
@@ -92,19 +53,6 @@ std::vector<Reply> Endpoint::receive(std::span<const std::uint8_t> packet)
     const auto message = reassembler.message();
     return behave(id,
                   {reassembler.envelope(), {message.begin(), message.end()}});
-}
-
-Endpoint::Behaviour answering()
-{
-    return answer;
-}
-
-Endpoint::Behaviour silent()
-{
-    return [](std::uint8_t, const Request&)
-    {
-        return std::vector<Reply>();
-    };
 }
 
 } // namespace board

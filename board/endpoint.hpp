@@ -15,11 +15,18 @@ namespace board
 /** @brief One MCTP packet as it crosses a device node. */
 using Bytes = platform::mctp::Bytes;
 
-/** @brief A packet that an endpoint sends, some time after the request. */
+/** @brief What an endpoint does, some time after the request. */
 struct Reply
 {
+    enum class Kind
+    {
+        packet, //!< it sends a packet
+        deviceLost, //!< it is gone, and its controller's device with it
+    };
+
     Bytes packet;
     std::chrono::milliseconds after{};
+    Kind kind = Kind::packet;
 };
 
 /** @brief A whole message that reached an endpoint. */
@@ -35,7 +42,7 @@ struct Request
  *  for another endpoint, of another MCTP version or without a whole header
  *  are dropped, as the bus does; the rest is put together to messages. What
  *  the endpoint sends back for a message is its behaviour, a value that can
- *  be replaced while the board runs.
+ *  be replaced while the board runs; behaviours.hpp has the values.
  *
  *  An endpoint has no thread and no lock of its own: its owner calls it under
  *  the owner's lock.
@@ -43,7 +50,8 @@ struct Request
 class Endpoint
 {
   public:
-    /** @brief What an endpoint of this id sends for a request. */
+    /** @brief What an endpoint of this id does about a message that reached
+     *         it. Called under the owner's lock. */
     using Behaviour =
         std::function<std::vector<Reply>(std::uint8_t eid, const Request&)>;
 
@@ -60,7 +68,7 @@ class Endpoint
     void setBehaviour(Behaviour behaviour);
 
     /** @brief Take a packet.
-     *  @return what the endpoint sends back, in order
+     *  @return what the endpoint does about it, in order
      */
     [[nodiscard]] std::vector<Reply>
     receive(std::span<const std::uint8_t> packet);
@@ -70,12 +78,5 @@ class Endpoint
     Behaviour behave;
     platform::mctp::Reassembler reassembler;
 };
-
-/** @brief Behaviour: answers Discovery Notify (DSP0236, command 0x0D) with
- *         success and other control commands with "unsupported command". */
-[[nodiscard]] Endpoint::Behaviour answering();
-
-/** @brief Behaviour: never says anything. */
-[[nodiscard]] Endpoint::Behaviour silent();
 
 } // namespace board

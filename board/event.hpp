@@ -22,6 +22,14 @@ namespace board
 /** @brief The board's clock: time since its timeline began. */
 using Time = std::chrono::microseconds;
 
+/** @brief What a device has under /sys/class/i3c-mctp. */
+enum class ClassEntry
+{
+    directory, //!< a link to its directory, as it should
+    file,
+    none,
+};
+
 namespace event
 {
 
@@ -49,6 +57,29 @@ struct ControlSignal
     std::string path;
     std::string property;
     std::string value;
+    std::size_t times = 1; //!< sent so often in a row
+};
+
+/** @brief A signal was sent from one of the host's control objects that is
+ *         not as it should be. */
+struct OddSignal
+{
+    std::string path;
+    std::string what; //!< the signal and what is odd about it
+    std::size_t times = 1;
+};
+
+/** @brief The host-state service came to the bus or left it. */
+struct HostService
+{
+    bool isThere = false;
+};
+
+/** @brief The host-state service was asked for the state and did not answer as
+ *         it should. */
+struct HostAnswer
+{
+    std::string what; //!< what it gave instead, e.g. "no answer"
 };
 
 /** @brief Somebody wrote to the driver's bind or unbind file. */
@@ -59,12 +90,20 @@ struct DriverWrite
     int error = 0; //!< the errno that the write gave; 0 success
 };
 
+/** @brief Somebody could not open the driver's bind or unbind file, though it
+ *         is there. */
+struct DriverFileRefused
+{
+    bool bind = false; //!< the file: bind, else unbind
+    int error = 0;
+};
+
 /** @brief A controller's MCTP device came up. */
 struct DeviceUp
 {
     std::size_t controller = 0;
     std::string node; //!< e.g. "i3c-mctp-0"
-    bool classEntry = true;
+    ClassEntry classEntry = ClassEntry::directory;
 };
 
 /** @brief A controller's MCTP device went away with its driver. */
@@ -191,15 +230,15 @@ struct Exited
 /** @brief One entry of the timeline. */
 struct Event
 {
-    using Body =
-        std::variant<event::Note, event::Told, event::HostState,
-                     event::ControlSignal, event::DriverWrite, event::DeviceUp,
-                     event::DeviceDown, event::NodeRemoved, event::NodeOpened,
-                     event::NodeClosed, event::Packet, event::NameOwner,
-                     event::EndpointAdded, event::EndpointRemoved,
-                     event::EndpointChanged, event::EndpointRead,
-                     event::Started, event::Notified, event::Log, event::Trace,
-                     event::Output, event::Signalled, event::Exited>;
+    using Body = std::variant<
+        event::Note, event::Told, event::HostState, event::ControlSignal,
+        event::OddSignal, event::HostService, event::HostAnswer,
+        event::DriverWrite, event::DriverFileRefused, event::DeviceUp,
+        event::DeviceDown, event::NodeRemoved, event::NodeOpened,
+        event::NodeClosed, event::Packet, event::NameOwner,
+        event::EndpointAdded, event::EndpointRemoved, event::EndpointChanged,
+        event::EndpointRead, event::Started, event::Notified, event::Log,
+        event::Trace, event::Output, event::Signalled, event::Exited>;
 
     std::size_t index = 0; //!< its place on the timeline, from 0
     Time at{};

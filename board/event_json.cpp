@@ -38,7 +38,26 @@ Fields tell(const event::ControlSignal& signal)
     return {"control_signal",
             {{"path", signal.path},
              {"property", signal.property},
-             {"value", signal.value}}};
+             {"value", signal.value},
+             {"times", signal.times}}};
+}
+
+Fields tell(const event::OddSignal& signal)
+{
+    return {"odd_signal",
+            {{"path", signal.path},
+             {"what", signal.what},
+             {"times", signal.times}}};
+}
+
+Fields tell(const event::HostService& service)
+{
+    return {"host_service", {{"is_there", service.isThere}}};
+}
+
+Fields tell(const event::HostAnswer& answer)
+{
+    return {"host_answer", {{"what", answer.what}}};
 }
 
 Fields tell(const event::DriverWrite& write)
@@ -49,12 +68,33 @@ Fields tell(const event::DriverWrite& write)
              {"error", write.error}}};
 }
 
+Fields tell(const event::DriverFileRefused& refused)
+{
+    return {
+        "driver_file_refused",
+        {{"file", refused.bind ? "bind" : "unbind"}, {"error", refused.error}}};
+}
+
+const char* nameOf(ClassEntry entry)
+{
+    switch (entry)
+    {
+        case ClassEntry::directory:
+            return "directory";
+        case ClassEntry::file:
+            return "file";
+        case ClassEntry::none:
+            break;
+    }
+    return "none";
+}
+
 Fields tell(const event::DeviceUp& up)
 {
     return {"device_up",
             {{"controller", up.controller},
              {"node", up.node},
-             {"class_entry", up.classEntry}}};
+             {"class_entry", nameOf(up.classEntry)}}};
 }
 
 Fields tell(const event::DeviceDown& down)

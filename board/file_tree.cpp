@@ -131,6 +131,11 @@ FileTree::Entry controlEntry(std::function<int(std::string_view)> onWrite)
     return {.mode = S_IFREG | 0200, .onWrite = std::move(onWrite)};
 }
 
+FileTree::Entry refusingEntry(std::function<int()> onOpen)
+{
+    return {.mode = S_IFREG | 0200, .onOpen = std::move(onOpen)};
+}
+
 FileTree::Entry deviceEntry(std::shared_ptr<MctpDevice> device)
 {
     // A character device would be the real kernel's; a regular file is ours.

@@ -36,6 +36,8 @@ class FileTree
     {
         mode_t mode = 0; //!< type and permissions, as in stat(2)
         std::string content{}; //!< of a file, or the target of a link
+        /** Whether a file can be opened; its result is an errno value. */
+        std::function<int()> onOpen{};
         /** What a write to a file does; its result is an errno value. */
         std::function<int(std::string_view)> onWrite{};
         std::shared_ptr<MctpDevice> device{}; //!< of a device node
@@ -93,6 +95,9 @@ class FileTree
 /** @brief An entry for a file that can be written, as sysfs has them. */
 [[nodiscard]] FileTree::Entry
 controlEntry(std::function<int(std::string_view)> onWrite);
+
+/** @brief An entry for such a file that cannot be opened. */
+[[nodiscard]] FileTree::Entry refusingEntry(std::function<int()> onOpen);
 
 /** @brief An entry for a device's node. */
 [[nodiscard]] FileTree::Entry deviceEntry(std::shared_ptr<MctpDevice> device);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/fuse_operations.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 
@@ -216,10 +217,15 @@ void FuseOperations::open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info)
         answer(fuse_reply_err, req, ESTALE);
         return;
     }
+    if (const auto error = entry->onOpen ? entry->onOpen() : 0; error != 0)
+    {
+        answer(fuse_reply_err, req, error);
+        return;
+    }
     const auto device = entry->device;
     if (device)
     {
-        const auto error = device->open();
+        const auto error = device->open((info->flags & O_ACCMODE) != O_RDONLY);
         files.timeline.record(event::NodeOpened{device->node(), error});
         if (error != 0)
         {

@@ -40,17 +40,39 @@ I3cDriver::I3cDriver(FileTree& tree, Timeline& timeline) :
     {
         tree.addDirectory(deviceDirectory + name);
     }
-    tree.add(driverDirectory + "bind", controlEntry(
-                                           [this](std::string_view name)
-                                           {
-                                               return bind(name, Clock::now());
-                                           }));
-    tree.add(driverDirectory + "unbind", controlEntry(
-                                             [this](std::string_view name)
-                                             {
-                                                 return unbind(name,
-                                                               Clock::now());
-                                             }));
+    setFile(DriverFile::bind, 0);
+    setFile(DriverFile::unbind, 0);
+}
+
+void I3cDriver::setFile(DriverFile file, int error)
+{
+    const auto isBind = file == DriverFile::bind;
+    const auto path = driverDirectory + (isBind ? "bind" : "unbind");
+    if (error == ENOENT)
+    {
+        tree.remove(path);
+    }
+    else if (error != 0)
+    {
+        tree.add(
+            path,
+            refusingEntry(
+                [this, isBind, error]
+                {
+                    timeline.record(event::DriverFileRefused{isBind, error});
+                    return error;
+                }));
+    }
+    else
+    {
+        tree.add(path, controlEntry(
+                           [this, isBind](std::string_view name)
+                           {
+                               const auto now = Clock::now();
+                               return isBind ? bind(name, now)
+                                             : unbind(name, now);
+                           }));
+    }
 }
 
 int I3cDriver::bind(std::string_view name, Clock::time_point now)
@@ -58,7 +80,7 @@ int I3cDriver::bind(std::string_view name, Clock::time_point now)
     auto* const controller = find(name);
     const auto error = controller == nullptr ? ENODEV
                        : controller->bound   ? EBUSY
-                                             : 0;
+                                             : controller->refusals.bind;
     timeline.record(event::DriverWrite{true, std::string(name), error});
     if (error != 0)
     {
@@ -67,10 +89,7 @@ int I3cDriver::bind(std::string_view name, Clock::time_point now)
     controller->bound = true;
     tree.add(driverDirectory + std::string(name),
              linkEntry("../../../../devices/platform/" + std::string(name)));
-    if (controller->comingUp.after)
-    {
-        controller->upAt = now + *controller->comingUp.after;
-    }
+    startComingUp(*controller, now);
     advance(now);
     return 0;
 }
@@ -79,7 +98,9 @@ int I3cDriver::unbind(std::string_view name, Clock::time_point now)
 {
     advance(now);
     auto* const controller = find(name);
-    const auto error = controller == nullptr || !controller->bound ? ENODEV : 0;
+    const auto error = controller == nullptr || !controller->bound
+                           ? ENODEV
+                           : controller->refusals.unbind;
     timeline.record(event::DriverWrite{false, std::string(name), error});
     if (error != 0)
     {
@@ -88,6 +109,7 @@ int I3cDriver::unbind(std::string_view name, Clock::time_point now)
     takeDown(*controller);
     controller->bound = false;
     controller->upAt.reset();
+    controller->upAfterTheOther.reset();
     tree.remove(driverDirectory + std::string(name));
     return 0;
 }
@@ -96,14 +118,16 @@ void I3cDriver::advance(Clock::time_point now)
 {
     while (auto* const controller = firstToComeUp(now))
     {
-        controller->upAt.reset();
+        const auto at = *std::exchange(controller->upAt, std::nullopt);
         bringUp(*controller);
+        startWhoWaited(at);
     }
     for (auto& controller : controllers)
     {
         if (controller.device)
         {
             controller.device->advance(now);
+            takeDownIfLost(controller);
         }
     }
 }
@@ -144,6 +168,21 @@ int I3cDriver::removeNode(std::string_view node)
 ComingUp& I3cDriver::comingUp(std::size_t controller)
 {
     return controllers.at(controller).comingUp;
+}
+
+void I3cDriver::setRefusals(std::size_t controller, const Refusals& refusals)
+{
+    auto& refusing = controllers.at(controller);
+    refusing.refusals = refusals;
+    if (refusing.device)
+    {
+        refusing.device->refuse(refusals.node);
+    }
+}
+
+const Refusals& I3cDriver::refusals(std::size_t controller) const
+{
+    return controllers.at(controller).refusals;
 }
 
 Endpoint& I3cDriver::endpoint(std::size_t controller)
@@ -206,24 +245,80 @@ std::size_t I3cDriver::lowestFreeNumber() const
     return number;
 }
 
+bool I3cDriver::isOtherUp(const Controller& controller) const
+{
+    return std::any_of(controllers.begin(), controllers.end(),
+                       [&controller](const Controller& other)
+                       {
+                           return &other != &controller && other.device;
+                       });
+}
+
+void I3cDriver::startComingUp(Controller& controller, Clock::time_point now)
+{
+    const auto after = controller.comingUp.after;
+    if (controller.comingUp.afterTheOther && !isOtherUp(controller))
+    {
+        controller.upAfterTheOther = after;
+    }
+    else if (after)
+    {
+        controller.upAt = now + *after;
+    }
+}
+
+void I3cDriver::startWhoWaited(Clock::time_point now)
+{
+    for (auto& controller : controllers)
+    {
+        if (controller.upAfterTheOther && isOtherUp(controller))
+        {
+            controller.upAt =
+                now + *std::exchange(controller.upAfterTheOther, std::nullopt);
+        }
+    }
+}
+
 void I3cDriver::bringUp(Controller& controller)
 {
     const auto index = indexOf(controller);
     controller.number = lowestFreeNumber();
     const auto node = "i3c-mctp-" + std::to_string(controller.number);
     controller.device = std::make_shared<MctpDevice>(node, controller.endpoint);
+    controller.device->refuse(controller.refusals.node);
     const auto own = ownDirectory(index, node);
     // The first of the numbers that the kernel hands out dynamically.
     constexpr auto majorNumber = "234:";
     tree.add("sys/" + own + "/dev",
              fileEntry(majorNumber + std::to_string(controller.number) + "\n"));
-    if (controller.comingUp.classEntry)
-    {
-        tree.add(classDirectory + node, linkEntry("../../" + own));
-    }
+    addClassEntry(controller.comingUp.classEntry, node, own);
     tree.add(nodeDirectory + node, deviceEntry(controller.device));
     timeline.record(
         event::DeviceUp{index, node, controller.comingUp.classEntry});
+}
+
+void I3cDriver::addClassEntry(ClassEntry kind, const std::string& node,
+                              const std::string& own)
+{
+    switch (kind)
+    {
+        case ClassEntry::directory:
+            tree.add(classDirectory + node, linkEntry("../../" + own));
+            return;
+        case ClassEntry::file:
+            tree.add(classDirectory + node, fileEntry(""));
+            return;
+        case ClassEntry::none:
+            return;
+    }
+}
+
+void I3cDriver::takeDownIfLost(Controller& controller)
+{
+    if (controller.device->isGone())
+    {
+        takeDown(controller);
+    }
 }
 
 void I3cDriver::takeDown(Controller& controller)

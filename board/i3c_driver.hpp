@@ -30,7 +30,25 @@ struct ComingUp
     /** Time from bind to the device's coming up; none: never. */
     std::optional<std::chrono::milliseconds> after =
         std::chrono::milliseconds(150);
-    bool classEntry = true; //!< whether it has one under /sys/class/i3c-mctp
+    ClassEntry classEntry = ClassEntry::directory;
+    /** The time begins only when the other controller's device is up. */
+    bool afterTheOther = false;
+};
+
+/** @brief What fails of what is asked of a controller: errno values, 0 where
+ *         nothing does. */
+struct Refusals
+{
+    int bind = 0;
+    int unbind = 0;
+    NodeRefusal node{};
+};
+
+/** @brief The driver's two files. */
+enum class DriverFile
+{
+    bind,
+    unbind,
 };
 
 /** The silvaco-i3c-master driver with its two controllers: what happens on
@@ -40,7 +58,9 @@ struct ComingUp
  *  number that no other device has then, and brings its directory below
  *  sys/devices, its class entry (a link to that directory) and its node. On
  *  unbind all of this goes before the call returns, whether the device had
- *  come up or not.
+ *  come up or not. It goes, too, when the endpoint takes its device along;
+ *  the controller stays bound then, and a new device comes up with the next
+ *  bind.
  *
  *  No lock and no thread of its own; time is told to it. What happens is
  *  recorded on the timeline.
@@ -53,11 +73,13 @@ class I3cDriver
     I3cDriver(FileTree& tree, Timeline& timeline);
 
     /** @brief Bind a controller.
-     *  @return 0, ENODEV for an unknown name, EBUSY for a bound one */
+     *  @return 0, ENODEV for an unknown name, EBUSY for a bound one, or what
+     *          the controller refuses it with */
     int bind(std::string_view name, Clock::time_point now);
 
     /** @brief Unbind a controller.
-     *  @return 0, ENODEV for a name that is unknown or not bound */
+     *  @return 0, ENODEV for a name that is unknown or not bound, or what the
+     *          controller refuses it with */
     int unbind(std::string_view name, Clock::time_point now);
 
     /** @brief Do what is due. */
@@ -74,6 +96,18 @@ class I3cDriver
      *  @param controller 0 or 1 */
     [[nodiscard]] ComingUp& comingUp(std::size_t controller);
 
+    /** @brief What fails at a controller from now on.
+     *  @param controller 0 or 1 */
+    void setRefusals(std::size_t controller, const Refusals& refusals);
+
+    /** @brief What fails at a controller. */
+    [[nodiscard]] const Refusals& refusals(std::size_t controller) const;
+
+    /** @brief Whether the bind or the unbind file can be opened.
+     *  @param error what an open fails with: 0 it works, ENOENT the file is
+     *               not there, any other errno value it is and refuses */
+    void setFile(DriverFile file, int error);
+
     /** @brief The endpoint behind a controller; it outlives every bind. */
     [[nodiscard]] Endpoint& endpoint(std::size_t controller);
 
@@ -85,8 +119,11 @@ class I3cDriver
     {
         std::shared_ptr<Endpoint> endpoint;
         ComingUp comingUp{};
+        Refusals refusals{};
         bool bound = false;
         std::optional<Clock::time_point> upAt{};
+        /** Since its bind: it waits for the other's device, then this long. */
+        std::optional<std::chrono::milliseconds> upAfterTheOther{};
         std::shared_ptr<MctpDevice> device{}; //!< while up
         std::size_t number = 0; //!< while up
     };
@@ -95,7 +132,13 @@ class I3cDriver
     [[nodiscard]] Controller* firstToComeUp(Clock::time_point now);
     [[nodiscard]] std::size_t indexOf(const Controller& controller) const;
     [[nodiscard]] std::size_t lowestFreeNumber() const;
+    [[nodiscard]] bool isOtherUp(const Controller& controller) const;
+    void startComingUp(Controller& controller, Clock::time_point now);
     void bringUp(Controller& controller);
+    void addClassEntry(ClassEntry kind, const std::string& node,
+                       const std::string& own);
+    void startWhoWaited(Clock::time_point now);
+    void takeDownIfLost(Controller& controller);
     void takeDown(Controller& controller);
 
     FileTree& tree;

@@ -64,6 +64,35 @@ ComingUp Kernel::comingUp(std::size_t controller)
     return how;
 }
 
+void Kernel::setRefusals(std::size_t controller, const Refusals& refusals)
+{
+    change(
+        [&](I3cDriver& driver)
+        {
+            driver.setRefusals(controller, refusals);
+        });
+}
+
+Refusals Kernel::refusals(std::size_t controller)
+{
+    Refusals found;
+    change(
+        [&](I3cDriver& driver)
+        {
+            found = driver.refusals(controller);
+        });
+    return found;
+}
+
+void Kernel::setDriverFile(DriverFile file, int error)
+{
+    change(
+        [=](I3cDriver& driver)
+        {
+            driver.setFile(file, error);
+        });
+}
+
 void Kernel::setEid(std::size_t controller, std::uint8_t eid)
 {
     change(

@@ -51,6 +51,17 @@ class Kernel
     /** @brief How a controller's device comes up. */
     [[nodiscard]] ComingUp comingUp(std::size_t controller);
 
+    /** @brief Set what fails at a controller from now on. */
+    void setRefusals(std::size_t controller, const Refusals& refusals);
+
+    /** @brief What fails at a controller. */
+    [[nodiscard]] Refusals refusals(std::size_t controller);
+
+    /** @brief Set whether the bind or the unbind file can be opened.
+     *  @param error what an open fails with: 0 it works, ENOENT the file is
+     *               not there, any other errno value it is and refuses */
+    void setDriverFile(DriverFile file, int error);
+
     /** @brief Give the endpoint behind a controller another id. */
     void setEid(std::size_t controller, std::uint8_t eid);
 

@@ -20,13 +20,22 @@ const std::string& MctpDevice::node() const
     return name;
 }
 
-int MctpDevice::open()
+int MctpDevice::open(bool forWriting)
 {
     if (gone)
     {
         return ENODEV;
     }
+    if (refusal.error != 0 && (forWriting || refusal.who == Openers::all))
+    {
+        return refusal.error;
+    }
     return std::exchange(opened, true) ? EBUSY : 0;
+}
+
+void MctpDevice::refuse(const NodeRefusal& how)
+{
+    refusal = how;
 }
 
 void MctpDevice::close()
@@ -45,9 +54,9 @@ int MctpDevice::write(std::span<const std::uint8_t> packet,
     {
         return EINVAL;
     }
-    for (auto& [reply, after] : endpoint->receive(packet))
+    for (auto& reply : endpoint->receive(packet))
     {
-        const auto at = now + after;
+        const auto at = now + reply.after;
         const auto place =
             std::upper_bound(underway.begin(), underway.end(), at,
                              [](auto time, const Arrival& other)
@@ -93,12 +102,23 @@ void MctpDevice::remove()
     underway.clear();
 }
 
+bool MctpDevice::isGone() const
+{
+    return gone;
+}
+
 void MctpDevice::advance(Clock::time_point now)
 {
     while (!underway.empty() && underway.front().at <= now)
     {
-        waiting.push_back(std::move(underway.front().packet));
+        auto reply = std::move(underway.front().reply);
         underway.pop_front();
+        if (reply.kind == Reply::Kind::deviceLost)
+        {
+            remove();
+            return;
+        }
+        waiting.push_back(std::move(reply.packet));
     }
 }
 

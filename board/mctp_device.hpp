@@ -16,6 +16,20 @@ namespace board
 
 using Clock = std::chrono::steady_clock;
 
+/** @brief Who cannot open a device's node. */
+enum class Openers
+{
+    all,
+    writers, //!< who opens it for writing too
+};
+
+/** @brief Why a device's node cannot be opened, and for whom. */
+struct NodeRefusal
+{
+    int error = 0; //!< an errno value; 0 when it can be opened
+    Openers who = Openers::all;
+};
+
 /** The character device of one I3C MCTP device, from its coming up to its
  *  driver's leaving: what the kernel's driver does behind the node.
  *
@@ -41,8 +55,12 @@ class MctpDevice
     /** @brief The name of its node, e.g. "i3c-mctp-0". */
     [[nodiscard]] const std::string& node() const;
 
-    /** @brief Open it: EBUSY while another has it open, ENODEV when gone. */
-    int open();
+    /** @brief Open it: EBUSY while another has it open, ENODEV when gone,
+     *         and what it refuses with. */
+    int open(bool forWriting);
+
+    /** @brief Refuse who opens it from now on. */
+    void refuse(const NodeRefusal& how);
 
     /** @brief Close it: the next may open it. */
     void close();
@@ -61,23 +79,29 @@ class MctpDevice
     /** @brief The driver leaves: the device is gone for whoever holds it. */
     void remove();
 
-    /** @brief Let the packets arrive whose time has come. */
+    /** @brief Whether it is gone: its driver left, or its endpoint took it
+     *         along. */
+    [[nodiscard]] bool isGone() const;
+
+    /** @brief Let that happen whose time has come: packets arrive, or the
+     *         device is lost. */
     void advance(Clock::time_point now);
 
-    /** @brief When the next packet arrives, if one is on its way. */
+    /** @brief When the next of that happens, if anything is to. */
     [[nodiscard]] std::optional<Clock::time_point> nextArrival() const;
 
   private:
     struct Arrival
     {
         Clock::time_point at;
-        Bytes packet;
+        Reply reply;
     };
 
     std::string name;
     std::shared_ptr<Endpoint> endpoint;
     std::deque<Bytes> waiting;
     std::deque<Arrival> underway; //!< ordered by time of arrival
+    NodeRefusal refusal;
     bool opened = false;
     bool gone = false;
 };

@@ -100,10 +100,32 @@ Shown show(const event::HostState& state)
     return {"host", "CurrentHostState is " + lastWord(state.value)};
 }
 
+/** How often a signal was sent, where it was more than once. */
+std::string inWords(std::size_t times)
+{
+    return times == 1 ? "" : " " + std::to_string(times) + " times";
+}
+
 Shown show(const event::ControlSignal& signal)
 {
-    return {"host",
-            signal.property + " is " + lastWord(signal.value) + ", announced"};
+    return {"host", signal.property + " is " + lastWord(signal.value) +
+                        ", announced" + inWords(signal.times)};
+}
+
+Shown show(const event::OddSignal& signal)
+{
+    return {"host", "odd signal" + inWords(signal.times) + ": " + signal.what};
+}
+
+Shown show(const event::HostService& service)
+{
+    return {"host", service.isThere ? "the host-state service comes"
+                                    : "the host-state service is not there"};
+}
+
+Shown show(const event::HostAnswer& answer)
+{
+    return {"host", "asked for CurrentHostState: " + answer.what};
 }
 
 Shown show(const event::DriverWrite& write)
@@ -116,10 +138,33 @@ Shown show(const event::DriverWrite& write)
     return {"driver", what + reason(write.error), Weight::detail};
 }
 
+Shown show(const event::DriverFileRefused& refused)
+{
+    return {"driver",
+            std::string("cannot open the ") +
+                (refused.bind ? "bind" : "unbind") + " file" +
+                reason(refused.error),
+            Weight::alarm};
+}
+
+std::string_view inWords(ClassEntry entry)
+{
+    switch (entry)
+    {
+        case ClassEntry::directory:
+            return "";
+        case ClassEntry::file:
+            return ", with a file as class entry";
+        case ClassEntry::none:
+            return ", without a class entry";
+    }
+    return "";
+}
+
 Shown show(const event::DeviceUp& up)
 {
     return {"driver", "device " + up.node + " is up" +
-                          (up.classEntry ? "" : ", without a class entry")};
+                          std::string(inWords(up.classEntry))};
 }
 
 Shown show(const event::DeviceDown& down)

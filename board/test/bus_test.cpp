@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/bus.hpp"
-#include "board/host.hpp"
 #include "board/sd.hpp"
+#include "board/test/bus_client.hpp"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +17,7 @@ namespace
 {
 
 using namespace board;
+using namespace board::test;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -24,51 +25,7 @@ using testing::IsEmpty;
 constexpr auto limit = 10s;
 constexpr auto service = "xyz.openbmc_project.mctp";
 constexpr auto hostService = "xyz.openbmc_project.State.Host0";
-constexpr auto statePath = "/xyz/openbmc_project/state/host0";
 constexpr auto accessDenied = "org.freedesktop.DBus.Error.AccessDenied";
-
-/** A client of its own on the bus. */
-class Client
-{
-  public:
-    Client() : bus(sd::connect(Bus::address()))
-    {
-    }
-
-    [[nodiscard]] sd_bus* get() const
-    {
-        return bus.get();
-    }
-
-    /** @return "" or the name of the error that it got */
-    std::string call(const std::string& destination, const std::string& path,
-                     const std::string& interface, const std::string& method)
-    {
-        sd::BusError error;
-        static_cast<void>(sd_bus_call_method(
-            bus.get(), destination.c_str(), path.c_str(), interface.c_str(),
-            method.c_str(), &error.error, nullptr, ""));
-        return error.error.name == nullptr ? "" : error.error.name;
-    }
-
-    std::string hostState()
-    {
-        char* text = nullptr;
-        sd::BusError error;
-        if (sd_bus_get_property_string(bus.get(), hostService, statePath,
-                                       "xyz.openbmc_project.State.Host",
-                                       "CurrentHostState", &error.error,
-                                       &text) < 0)
-        {
-            return error.error.name;
-        }
-        const std::unique_ptr<char, void (*)(void*)> owner(text, std::free);
-        return text;
-    }
-
-  private:
-    sd::Bus bus;
-};
 
 class PrivateBus : public testing::Test
 {
@@ -402,124 +359,6 @@ TEST(Bus, SaysWhyTheBrokerDoesNotStart)
         EXPECT_THAT(error.what(), HasSubstr("nonsense"));
     }
     EXPECT_THROW(Bus(timeline, "/no/such/policy"), Error);
-}
-
-class SimulatedHost : public PrivateBus
-{
-  protected:
-    Host host{timeline, Bus::address(), "Off"};
-    Client client;
-};
-
-TEST_F(SimulatedHost, ServesItsState)
-{
-    EXPECT_EQ(client.hostState(),
-              "xyz.openbmc_project.State.Host.HostState.Off");
-    host.goesTo("Running");
-    EXPECT_EQ(client.hostState(),
-              "xyz.openbmc_project.State.Host.HostState.Running");
-}
-
-/** The next PropertiesChanged from an object, as "property=value". */
-class Listener
-{
-  public:
-    Listener(Client& client, const std::string& path) : client(client)
-    {
-        sd_bus_slot* made = nullptr;
-        sd::check(sd_bus_match_signal(client.get(), &made, nullptr,
-                                      path.c_str(),
-                                      "org.freedesktop.DBus.Properties",
-                                      "PropertiesChanged", onChange, this),
-                  "match");
-        slot.reset(made);
-    }
-
-    std::string heard()
-    {
-        constexpr std::uint64_t waitUs = 10'000'000;
-        while (text.empty())
-        {
-            const auto done = sd_bus_process(client.get(), nullptr);
-            if (done < 0 ||
-                (done == 0 && sd_bus_wait(client.get(), waitUs) <= 0))
-            {
-                return "<nothing>";
-            }
-        }
-        return std::exchange(text, {});
-    }
-
-  private:
-    static int onChange(sd_bus_message* message, void* self,
-                        sd_bus_error* /*error*/)
-    {
-        const char* interface = nullptr;
-        const char* property = nullptr;
-        const char* value = nullptr;
-        auto& said = static_cast<Listener*>(self)->text;
-        said = sd_bus_message_read(message, "s", &interface) > 0 &&
-                       sd_bus_message_read(message, "a{sv}", 1, &property, "s",
-                                           &value) > 0
-                   ? std::string(property) + "=" + value
-                   : "<malformed>";
-        return 0;
-    }
-
-    Client& client;
-    sd::Slot slot;
-    std::string text;
-};
-
-TEST_F(SimulatedHost, AnnouncesItsState)
-{
-    Listener listener(client, statePath);
-    host.goesTo("Running");
-    EXPECT_EQ(listener.heard(),
-              "CurrentHostState=xyz.openbmc_project.State.Host.HostState."
-              "Running");
-}
-
-TEST_F(SimulatedHost, AnnouncesPowerStatesAndResets)
-{
-    Listener power(client,
-                   "/xyz/openbmc_project/control/host0/internal_power_state");
-    Listener reset(client, "/xyz/openbmc_project/control/host0/reset_cause");
-    host.entersPowerState("StateS5");
-    EXPECT_EQ(power.heard(),
-              "InternalPowerState=xyz.openbmc_project.Control.Host."
-              "InternalPowerState.State.StateS5");
-    host.isReset("WarmReset");
-    EXPECT_EQ(reset.heard(),
-              "ResetCause=xyz.openbmc_project.Control.Host.ResetCause.Cause."
-              "WarmReset");
-}
-
-TEST_F(SimulatedHost, RecordsWhatItDoes)
-{
-    host.goesTo("Running");
-    host.entersPowerState("StateS5");
-    const auto control =
-        timeline.waitFor<event::ControlSignal>("signal", limit);
-    EXPECT_EQ(control.property, "InternalPowerState");
-    const auto events = timeline.since();
-    std::vector<std::string> states;
-    for (const auto& event : events)
-    {
-        if (const auto* const state = event.as<event::HostState>())
-        {
-            states.push_back(state->value);
-        }
-    }
-    EXPECT_THAT(states, testing::ElementsAre(
-                            "xyz.openbmc_project.State.Host.HostState.Off",
-                            "xyz.openbmc_project.State.Host.HostState."
-                            "Running"));
-}
-
-TEST_F(SimulatedHost, CannotBeThereTwice)
-{
-    EXPECT_THROW(Host(timeline, Bus::address(), "Off"), Error);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/behaviours.hpp"
 #include "board/endpoint.hpp"
 
 #include <gtest/gtest.h>

@@ -49,7 +49,8 @@ const Bytes answer{0x01, 0x08, 0x1D, 0xC0, 0x00, 0x01, 0x0D, 0x00};
 class Kernel : public testing::Test
 {
   protected:
-    void comesUpAtOnce(std::size_t controller, bool classEntry = true)
+    void comesUpAtOnce(std::size_t controller,
+                       ClassEntry classEntry = ClassEntry::directory)
     {
         kernel.setComingUp(controller, {0ms, classEntry});
     }
@@ -151,7 +152,7 @@ TEST_F(Kernel, BindActsBeforeTheWriteReturns)
 
 TEST_F(Kernel, DeviceComesUpAfterTheSetTime)
 {
-    kernel.setComingUp(0, {300ms, true});
+    kernel.setComingUp(0, {300ms});
     const auto bound = timeline.now();
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(openError(node0), ENOENT);
@@ -168,7 +169,7 @@ TEST_F(Kernel, DeviceComesUpAfterTheSetTime)
 
 TEST_F(Kernel, DeviceThatNeverComesUpStaysAway)
 {
-    kernel.setComingUp(0, {{}, true});
+    kernel.setComingUp(0, {{}});
     comesUpAtOnce(1);
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
@@ -179,8 +180,8 @@ TEST_F(Kernel, DeviceThatNeverComesUpStaysAway)
 
 TEST_F(Kernel, UnbindBeforeTheDeviceIsUpKeepsItAway)
 {
-    kernel.setComingUp(0, {50ms, true});
-    kernel.setComingUp(1, {100ms, true});
+    kernel.setComingUp(0, {50ms});
+    kernel.setComingUp(1, {100ms});
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(unbindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
@@ -202,11 +203,11 @@ TEST_F(Kernel, ClassEntryIsALinkToADirectoryNamedLikeTheNode)
 
 TEST_F(Kernel, DeviceCanComeUpWithoutItsClassEntry)
 {
-    comesUpAtOnce(0, false);
+    comesUpAtOnce(0, ClassEntry::none);
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(openError(node0), 0);
     EXPECT_FALSE(fs::exists(fs::symlink_status(class0)));
-    EXPECT_FALSE(waitForDeviceUp().classEntry);
+    EXPECT_EQ(waitForDeviceUp().classEntry, ClassEntry::none);
 }
 
 TEST_F(Kernel, DeviceTakesTheLowestFreeNumber)
@@ -226,8 +227,8 @@ TEST_F(Kernel, DeviceTakesTheLowestFreeNumber)
 
 TEST_F(Kernel, NumbersGoInTheOrderOfComingUpNotOfBinding)
 {
-    kernel.setComingUp(0, {60ms, true});
-    kernel.setComingUp(1, {30ms, true});
+    kernel.setComingUp(0, {60ms});
+    kernel.setComingUp(1, {30ms});
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
     const auto up = waitForDeviceUp();

@@ -41,15 +41,36 @@ TEST(Printer, TellsStatesByTheirShortNames)
         "  1234.567  host     InternalPowerState is StateS5, announced\n");
 }
 
+TEST(Printer, TellsWhereTheHostMisbehaves)
+{
+    EXPECT_EQ(shown(event::ControlSignal{"/o", "ResetCause", "a.b", 3}),
+              "  1234.567  host     ResetCause is b, announced 3 times\n");
+    EXPECT_EQ(shown(event::OddSignal{"/o", "x.Y with the body \"\"", 2}),
+              "  1234.567  host     odd signal 2 times: x.Y with the body "
+              "\"\"\n");
+    EXPECT_EQ(shown(event::HostService{true}),
+              "  1234.567  host     the host-state service comes\n");
+    EXPECT_EQ(shown(event::HostService{false}),
+              "  1234.567  host     the host-state service is not there\n");
+    EXPECT_EQ(shown(event::HostAnswer{"no answer"}),
+              "  1234.567  host     asked for CurrentHostState: no answer\n");
+}
+
 TEST(Printer, TellsWhatTheDriverDid)
 {
     EXPECT_EQ(shown(event::DriverWrite{true, "fff10000.i3c", 0}),
               "  1234.567  driver   bind fff10000.i3c\n");
     EXPECT_EQ(shown(event::DriverWrite{false, "fff10000.i3c", ENODEV}),
               "  1234.567  driver   unbind fff10000.i3c: No such device\n");
-    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", false}),
+    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::none}),
               "  1234.567  driver   device i3c-mctp-0 is up, without a class "
               "entry\n");
+    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::file}),
+              "  1234.567  driver   device i3c-mctp-0 is up, with a file as "
+              "class entry\n");
+    EXPECT_EQ(shown(event::DriverFileRefused{false, EACCES}),
+              "  1234.567  driver   cannot open the unbind file: Permission "
+              "denied\n");
 }
 
 TEST(Printer, ExplainsPackets)

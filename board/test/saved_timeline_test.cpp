@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -45,7 +46,14 @@ TEST(EventJson, TellsTimeAndKindAndThenTheFacts)
               R"({"at":1500,"event":"host_state","value":"a.b.Running"})");
     EXPECT_EQ(json(event::ControlSignal{"/p", "ResetCause", "WarmReset"}),
               R"({"at":1500,"event":"control_signal","path":"/p",)"
-              R"("property":"ResetCause","value":"WarmReset"})");
+              R"("property":"ResetCause","value":"WarmReset","times":1})");
+    EXPECT_EQ(json(event::OddSignal{"/p", "an odd one", 2}),
+              R"({"at":1500,"event":"odd_signal","path":"/p",)"
+              R"("what":"an odd one","times":2})");
+    EXPECT_EQ(json(event::HostService{true}),
+              R"({"at":1500,"event":"host_service","is_there":true})");
+    EXPECT_EQ(json(event::HostAnswer{"no answer"}),
+              R"({"at":1500,"event":"host_answer","what":"no answer"})");
 }
 
 TEST(EventJson, TellsWhatTheDriverDid)
@@ -56,9 +64,19 @@ TEST(EventJson, TellsWhatTheDriverDid)
     EXPECT_EQ(json(event::DriverWrite{false, "fff10000.i3c", 19}),
               R"({"at":1500,"event":"driver_write","file":"unbind",)"
               R"("controller":"fff10000.i3c","error":19})");
-    EXPECT_EQ(json(event::DeviceUp{1, "i3c-mctp-0", false}),
-              R"({"at":1500,"event":"device_up","controller":1,)"
-              R"("node":"i3c-mctp-0","class_entry":false})");
+    EXPECT_EQ(json(event::DriverFileRefused{true, 13}),
+              R"({"at":1500,"event":"driver_file_refused","file":"bind",)"
+              R"("error":13})");
+    for (const auto& [entry, name] :
+         {std::pair(ClassEntry::directory, "directory"),
+          std::pair(ClassEntry::file, "file"),
+          std::pair(ClassEntry::none, "none")})
+    {
+        EXPECT_EQ(json(event::DeviceUp{1, "i3c-mctp-0", entry}),
+                  R"({"at":1500,"event":"device_up","controller":1,)"
+                  R"("node":"i3c-mctp-0","class_entry":")" +
+                      std::string(name) + "\"}");
+    }
     EXPECT_EQ(json(event::DeviceDown{1, "i3c-mctp-0"}),
               R"({"at":1500,"event":"device_down","controller":1,)"
               R"("node":"i3c-mctp-0"})");

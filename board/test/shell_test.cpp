@@ -258,10 +258,10 @@ TEST(Play, EndsAtTheFirstLineThatFails)
 
 TEST(Play, RefusesAWrongWordBeforeAnythingHappens)
 {
-    Program program(story("note one\n\nhost\n", "exit 3"));
+    Program program(story("note one\n\nreset\n", "exit 3"));
     EXPECT_EQ(program.end(), 1);
-    EXPECT_EQ(program.output, "morrow-board: /mnt/a.board:3: \"host\" is not "
-                              "all; after it: STATE\n");
+    EXPECT_EQ(program.output, "morrow-board: /mnt/a.board:3: \"reset\" is not "
+                              "all; after it: CAUSE\n");
 }
 
 TEST(Play, ReadsStandardInput)

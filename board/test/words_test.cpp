@@ -161,6 +161,42 @@ TEST(Completion, OffersWhatCanFollow)
     EXPECT_THAT(completions("help e"), ElementsAre("endpoint", "expect"));
 }
 
+TEST(Words, OfAFamilyAreJudgedByIt)
+{
+    const auto why = [](const std::string& line) -> std::string
+    {
+        try
+        {
+            static_cast<void>(allCommands().understand(line));
+        }
+        catch (const Error& error)
+        {
+            return error.what();
+        }
+        return "understood";
+    };
+    EXPECT_EQ(why("endpoint 0 late"),
+              "cannot understand \"late\": something is missing; say late MS "
+              "[BEHAVIOUR...]");
+    EXPECT_EQ(why("driver bind-file refuses NOTHING").substr(0, 30),
+              "cannot understand \"bind-file\":");
+    EXPECT_EQ(why("host foo").substr(0, 41),
+              "\"foo\" is not possible after \"host\"; poss");
+}
+
+TEST(Completion, KnowsTheWordsOfFamilies)
+{
+    const auto offered = [](const std::string& line)
+    {
+        return allCommands().complete(line, line.size()).candidates;
+    };
+    EXPECT_THAT(offered("endpoint 0 late 500 si"), ElementsAre("silent"));
+    EXPECT_THAT(offered("controller 1 class-entry "),
+                ElementsAre("directory", "file", "none"));
+    EXPECT_THAT(offered("controller 0 refuses-bind E"), Contains("EIO"));
+    EXPECT_THAT(offered("host Ru"), ElementsAre("Running"));
+}
+
 TEST(Completion, LooksAtWhatIsBeforeTheCursor)
 {
     const auto completion = small().complete("endpoint 0 si nonsense", 13);
@@ -199,47 +235,52 @@ TEST(CommandTable, HelpFitsATerminalOfHundredColumns)
 
 TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
 {
-    for (const auto* line : {"host Running",
-                             "power StateS5",
-                             "reset WarmReset",
-                             "endpoint 0 silent",
-                             "endpoint 1 eid 0x42",
-                             "controller 0 never",
-                             "controller 1 after 500",
-                             "controller 1 entry off",
-                             "daemon start",
-                             "daemon stop",
-                             "daemon term",
-                             "daemon kill",
-                             "daemon status",
-                             "platform CPU_VENDOR 1",
-                             "loglevel 4",
-                             "tree",
-                             "endpoints",
-                             "bus",
-                             "timeline",
-                             "timeline 5",
-                             "await ready",
-                             "await log some text",
-                             "await published 29",
-                             "await withdrawn 0x1d",
-                             "await exit",
-                             "await bind 0",
-                             "await unbind 1",
-                             "await up 0",
-                             "await down 1",
-                             "from now",
-                             "limit 60000",
-                             "pause 500",
-                             "expect endpoints none",
-                             "expect endpoints 29 157",
-                             "expect exit 0",
-                             "expect exit SIGKILL",
-                             "expect no log TEXT",
-                             "note a text",
-                             "help",
-                             "help await",
-                             "quit"})
+    for (const auto* line :
+         {"host Running",
+          "power StateS5",
+          "reset WarmReset",
+          "endpoint 0 silent",
+          "endpoint 1 eid 0x42",
+          "controller 0 never-comes-up",
+          "controller 1 comes-up-after 500",
+          "controller 1 class-entry file",
+          "driver bind-file refuses EIO",
+          "endpoint 1 first 2 late 500 silent then answering",
+          "host never-answers",
+          "host says",
+          "daemon start",
+          "daemon stop",
+          "daemon term",
+          "daemon kill",
+          "daemon status",
+          "platform CPU_VENDOR 1",
+          "loglevel 4",
+          "tree",
+          "endpoints",
+          "bus",
+          "timeline",
+          "timeline 5",
+          "await ready",
+          "await log some text",
+          "await published 29",
+          "await withdrawn 0x1d",
+          "await exit",
+          "await bind 0",
+          "await unbind 1",
+          "await up 0",
+          "await down 1",
+          "from now",
+          "limit 60000",
+          "pause 500",
+          "expect endpoints none",
+          "expect endpoints 29 157",
+          "expect exit 0",
+          "expect exit SIGKILL",
+          "expect no log TEXT",
+          "note a text",
+          "help",
+          "help await",
+          "quit"})
     {
         EXPECT_NO_THROW(static_cast<void>(allCommands().understand(line)))
             << line;
@@ -248,7 +289,7 @@ TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
 
 TEST(Script, IsUnderstoodBeforeAnythingIsDone)
 {
-    std::istringstream text("# a story\n\nhost Running\nhost\n");
+    std::istringstream text("# a story\n\nhost Running\nreset\n");
     try
     {
         const Script script("a.board", text, allCommands());
@@ -257,7 +298,7 @@ TEST(Script, IsUnderstoodBeforeAnythingIsDone)
     catch (const Error& error)
     {
         EXPECT_STREQ(error.what(),
-                     "a.board:4: \"host\" is not all; after it: STATE");
+                     "a.board:4: \"reset\" is not all; after it: CAUSE");
     }
 }
 

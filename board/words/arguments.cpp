@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/words/arguments.hpp"
 
+#include "board/behaviours.hpp"
 #include "board/error.hpp"
 #include "board/i3c_driver.hpp"
 
@@ -51,6 +52,22 @@ bool isEnd(std::string_view word)
     return isNumber<greatestStatus>(word) || word.starts_with("SIG");
 }
 
+/** States of the host are; so a command that is mistyped is none. */
+bool isCapitalised(std::string_view word)
+{
+    return !word.empty() && word.front() >= 'A' && word.front() <= 'Z';
+}
+
+std::vector<std::string> namesOf(const std::vector<Phrase>& phrases)
+{
+    std::vector<std::string> names;
+    for (const auto& phrase : phrases)
+    {
+        names.push_back(phrase.name);
+    }
+    return names;
+}
+
 struct Kind
 {
     std::string_view name;
@@ -75,12 +92,14 @@ const std::vector<Kind>& kinds()
          isEnd,
          {"0", "SIGKILL", "SIGTERM"}},
         {"STATE",
-         "",
-         nullptr,
+         "a capitalised word",
+         isCapitalised,
          {"Off", "TransitioningToOff", "Standby", "Running",
           "TransitioningToRunning", "Quiesced", "DiagnosticMode"}},
         {"POWER", "", nullptr, {"StateS0", "StateS3", "StateS4", "StateS5"}},
         {"CAUSE", "", nullptr, {"WarmReset", "ColdReset"}},
+        {"BEHAVIOUR", "", nullptr, namesOf(behaviours().phrases())},
+        {"ERRNO", "", nullptr, {"EACCES", "EBUSY", "EIO", "ENODEV", "ENOENT"}},
         {"KEY", "", nullptr, {"CPU_VENDOR"}},
     };
     return table;

@@ -5,6 +5,7 @@
 #include "board/words/arguments.hpp"
 
 #include <algorithm>
+#include <sstream>
 #include <utility>
 
 namespace board::words
@@ -36,6 +37,28 @@ std::string inWords(const std::vector<std::string>& elements)
                 (meaning.empty() ? "" : " (" + meaning + ")");
     }
     return text;
+}
+
+/** What completion offers for an element: itself, its examples, or the words
+ *  of a choice. */
+std::vector<std::string> wordsFor(const std::string& element)
+{
+    if (element.find('|') != std::string::npos)
+    {
+        std::vector<std::string> words;
+        std::istringstream choice(element);
+        for (std::string word; std::getline(choice, word, '|');)
+        {
+            const auto more = wordsFor(word);
+            words.insert(words.end(), more.begin(), more.end());
+        }
+        return words;
+    }
+    if (element.front() >= 'a' && element.front() <= 'z')
+    {
+        return {element};
+    }
+    return examplesOf(element);
 }
 
 /** One command's help: its pattern, and the help's lines beside it. */
@@ -90,6 +113,10 @@ Call CommandTable::understand(std::string_view line) const
         auto match = command.pattern.match(line);
         if (match.whole && match.fitting == wordsOf(line).size())
         {
+            if (command.check)
+            {
+                command.check(match.values);
+            }
             return {&command, std::move(match.values)};
         }
     }
@@ -158,13 +185,9 @@ Completion CommandTable::complete(std::string_view line,
             const auto firstWords = elementsAfter("", 0);
             std::for_each(firstWords.begin(), firstWords.end(), offer);
         }
-        if (element.front() >= 'a' && element.front() <= 'z')
+        for (const auto& word : wordsFor(element))
         {
-            offer(element);
-        }
-        for (const auto& example : examplesOf(element))
-        {
-            offer(example);
+            offer(word);
         }
     }
     return completion;

@@ -20,6 +20,9 @@ struct Command
     Pattern pattern;
     std::string help; //!< one line, or a few
     std::function<void(Session&, const Values&)> run;
+    /** @brief Throws an Error when its values are not possible, for what the
+     *         pattern does not tell. */
+    std::function<void(const Values&)> check{};
 };
 
 /** @brief A command as it was called: what to do, and with what. It refers to

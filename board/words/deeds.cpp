@@ -3,7 +3,9 @@
 #include "board/words/commands.hpp"
 #include "board/words/session.hpp"
 
+#include <cctype>
 #include <csignal>
+#include <iterator>
 
 namespace board::words
 {
@@ -24,18 +26,19 @@ std::vector<Command> hostDeeds()
 {
     return {
         {Pattern("host STATE"),
-         "CurrentHostState becomes this, e.g. Running or Off; announced.",
+         "CurrentHostState becomes this, e.g. Running or Off.",
          [](Session& session, const Values& values)
          {
              session.board().host().goesTo(values[0]);
          }},
         {Pattern("power POWER"),
-         "InternalPowerState is announced, e.g. StateS5.",
+         "InternalPowerState is announced once, e.g. StateS5.",
          [](Session& session, const Values& values)
          {
              session.board().host().entersPowerState(values[0]);
          }},
-        {Pattern("reset CAUSE"), "ResetCause is announced, e.g. WarmReset.",
+        {Pattern("reset CAUSE"),
+         "ResetCause is announced once, e.g. WarmReset.",
          [](Session& session, const Values& values)
          {
              session.board().host().isReset(values[0]);
@@ -43,21 +46,62 @@ std::vector<Command> hostDeeds()
     };
 }
 
-std::vector<Command> endpointDeeds()
+/** A sentence for the help. */
+std::string sentence(std::string text)
+{
+    text.front() = static_cast<char>(std::toupper(text.front()));
+    return text + '.';
+}
+
+/** One command for each phrase of a vocabulary.
+ *  @param beginning the words before the phrase, with one argument or none
+ *  @param arguments how many
+ *  @param apply what is done with a phrase's meaning */
+template <typename Meaning, typename Apply>
+std::vector<Command> commandsOf(const std::string& beginning,
+                                const Vocabulary<Meaning>& vocabulary,
+                                std::size_t arguments, Apply apply)
+{
+    std::vector<Command> all;
+    for (const auto& phrase : vocabulary.phrases())
+    {
+        const auto meaning =
+            [&vocabulary, arguments, name = phrase.name](const Values& values)
+        {
+            Words words(std::next(values.begin(),
+                                  static_cast<std::ptrdiff_t>(arguments)),
+                        values.end());
+            words.insert(words.begin(), name);
+            return vocabulary.understand(words);
+        };
+        all.push_back({Pattern::open(beginning + phrase.name, phrase.arguments),
+                       sentence(phrase.help),
+                       [meaning, apply](Session& session, const Values& values)
+                       {
+                           apply(session, values, meaning(values));
+                       },
+                       [meaning](const Values& values)
+                       {
+                           static_cast<void>(meaning(values));
+                       }});
+    }
+    return all;
+}
+
+std::vector<Command> oddHostDeeds()
+{
+    return commandsOf("host ", board::hostDeeds(), 0,
+                      [](Session& session, const Values&, const HostDeed& deed)
+                      {
+                          deed(session.board().host());
+                      });
+}
+
+std::vector<Command> eids()
 {
     return {
-        {Pattern("endpoint CONTROLLER answers"),
-         "The endpoint behind this controller answers as it should.",
-         [](Session& session, const Values& values)
-         {
-             endpoint(session, values).answers();
-         }},
-        {Pattern("endpoint CONTROLLER silent"), "It never says anything.",
-         [](Session& session, const Values& values)
-         {
-             endpoint(session, values).staysSilent();
-         }},
-        {Pattern("endpoint CONTROLLER eid EID"), "It has this endpoint id.",
+        {Pattern("endpoint CONTROLLER eid EID"),
+         "The endpoint behind this controller has this id.",
          [](Session& session, const Values& values)
          {
              endpoint(session, values).hasEid(eidOf(values[1]));
@@ -65,33 +109,36 @@ std::vector<Command> endpointDeeds()
     };
 }
 
+std::vector<Command> endpointDeeds()
+{
+    return commandsOf("endpoint CONTROLLER ", behaviours(), 1,
+                      [](Session& session, const Values& values,
+                         const Endpoint::Behaviour& behaviour)
+                      {
+                          endpoint(session, values).behaves(behaviour);
+                      });
+}
+
 std::vector<Command> controllerDeeds()
 {
-    return {
-        {Pattern("controller CONTROLLER after MS"),
-         "From its next bind on, its device comes up so much later.",
-         [](Session& session, const Values& values)
-         {
-             controller(session, values)
-                 .comesUpAfter(millisecondsOf(values[1]));
-         }},
-        {Pattern("controller CONTROLLER never"), "Its device never comes up.",
-         [](Session& session, const Values& values)
-         {
-             controller(session, values).neverComesUp();
-         }},
-        {Pattern("controller CONTROLLER entry on"),
-         "Its device has an entry in /sys/class/i3c-mctp.",
-         [](Session& session, const Values& values)
-         {
-             controller(session, values).hasClassEntry(true);
-         }},
-        {Pattern("controller CONTROLLER entry off"), "It has none.",
-         [](Session& session, const Values& values)
-         {
-             controller(session, values).hasClassEntry(false);
-         }},
-    };
+    return commandsOf(
+        "controller CONTROLLER ", board::controllerDeeds(), 1,
+        [](Session& session, const Values& values, const ControllerDeed& deed)
+        {
+            auto told = controller(session, values);
+            deed(told);
+        });
+}
+
+std::vector<Command> driverDeeds()
+{
+    return commandsOf(
+        "driver ", board::driverDeeds(), 0,
+        [](Session& session, const Values&, const DriverDeed& deed)
+        {
+            auto files = session.board().driverFiles();
+            deed(files);
+        });
 }
 
 void showDaemon(Session& session)
@@ -161,7 +208,8 @@ std::vector<Command> deeds()
 {
     std::vector<Command> all;
     for (const auto& group :
-         {hostDeeds(), endpointDeeds(), controllerDeeds(), daemonDeeds()})
+         {hostDeeds(), oddHostDeeds(), eids(), endpointDeeds(),
+          controllerDeeds(), driverDeeds(), daemonDeeds()})
     {
         all.insert(all.end(), group.begin(), group.end());
     }

@@ -48,12 +48,31 @@ std::vector<Word> wordsOf(std::string_view line)
     return words;
 }
 
-Pattern::Pattern(std::string text) : written(std::move(text))
+Pattern::Pattern(const std::string& text) : written(text)
 {
     for (const auto& word : wordsOf(written))
     {
         elements.push_back(elementOf(word.text));
     }
+}
+
+Pattern Pattern::open(const std::string& beginning, const std::string& shape)
+{
+    Pattern pattern(beginning);
+    for (const auto& word : wordsOf(shape))
+    {
+        const auto from = word.text.find_first_not_of('[');
+        const auto name = word.text.substr(from);
+        pattern.elements.push_back(
+            {Form::open,
+             std::string(name.substr(0, name.find_first_of(".]")))});
+    }
+    if (shape.empty())
+    {
+        pattern.elements.push_back({Form::open, ""});
+    }
+    pattern.written += (shape.empty() ? "" : " ") + shape;
+    return pattern;
 }
 
 Pattern::Element Pattern::elementOf(std::string_view text)
@@ -86,15 +105,16 @@ const Pattern::Element* Pattern::elementAt(std::size_t word) const
     {
         return &elements[word];
     }
-    const auto endless = elements.back().form == Form::repeated ||
-                         elements.back().form == Form::rest;
-    return endless ? &elements.back() : nullptr;
+    const auto& last = elements.back();
+    const auto endless = last.form == Form::repeated ||
+                         last.form == Form::rest || last.form == Form::open;
+    return endless ? &last : nullptr;
 }
 
 bool Pattern::mayEndAfter(std::size_t words) const
 {
-    return words >= elements.size() || (words + 1 == elements.size() &&
-                                        elements.back().form == Form::optional);
+    return words >= elements.size() || elements[words].form == Form::open ||
+           elements[words].form == Form::optional;
 }
 
 Match Pattern::match(std::string_view line) const
@@ -107,6 +127,7 @@ Match Pattern::match(std::string_view line) const
         if (element == nullptr ||
             (element->form == Form::word && element->name != word.text) ||
             (element->form != Form::word && element->form != Form::rest &&
+             element->form != Form::open &&
              !isOfKind(element->name, word.text)))
         {
             return match;

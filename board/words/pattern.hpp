@@ -50,7 +50,14 @@ struct Match
 class Pattern
 {
   public:
-    explicit Pattern(std::string text);
+    explicit Pattern(const std::string& text);
+
+    /** @brief A pattern whose end is judged elsewhere: after its beginning it
+     *         takes any words.
+     *  @param beginning as above
+     *  @param shape the words that shall follow, for help and completion:
+     *         capitals, brackets and dots as above, and "one|other" */
+    static Pattern open(const std::string& beginning, const std::string& shape);
 
     /** @brief As it is written in help. */
     [[nodiscard]] const std::string& text() const;
@@ -70,6 +77,7 @@ class Pattern
         optional,
         repeated,
         rest,
+        open,
     };
 
     struct Element

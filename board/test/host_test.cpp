@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/error.hpp"
+#include "board/host.hpp"
+#include "board/sample_value.hpp"
+#include "board/test/bus_client.hpp"
+
+#include <future>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace board;
+using namespace board::test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+constexpr auto limit = 10s;
+constexpr auto statePath = "/xyz/openbmc_project/state/host0";
+constexpr auto powerPath =
+    "/xyz/openbmc_project/control/host0/internal_power_state";
+constexpr auto resetPath = "/xyz/openbmc_project/control/host0/reset_cause";
+constexpr auto running = "xyz.openbmc_project.State.Host.HostState.Running";
+constexpr auto off = "xyz.openbmc_project.State.Host.HostState.Off";
+constexpr auto unknownService = "org.freedesktop.DBus.Error.ServiceUnknown";
+
+class SimulatedHost : public testing::Test
+{
+  protected:
+    void does(const Words& words)
+    {
+        hostDeeds().understand(words)(host);
+    }
+
+    Timeline timeline;
+    Bus bus{timeline, POLICY_FILE};
+    Host host{timeline, Bus::address(), "Off"};
+    Client client;
+};
+
+TEST_F(SimulatedHost, ServesItsState)
+{
+    EXPECT_EQ(client.hostState(),
+              "xyz.openbmc_project.State.Host.HostState.Off");
+    host.goesTo("Running");
+    EXPECT_EQ(client.hostState(),
+              "xyz.openbmc_project.State.Host.HostState.Running");
+}
+
+TEST_F(SimulatedHost, AnnouncesItsState)
+{
+    Listener listener(client, statePath);
+    host.goesTo("Running");
+    EXPECT_EQ(listener.heard(),
+              "CurrentHostState=xyz.openbmc_project.State.Host.HostState."
+              "Running");
+}
+
+TEST_F(SimulatedHost, AnnouncesPowerStatesAndResets)
+{
+    Listener power(client,
+                   "/xyz/openbmc_project/control/host0/internal_power_state");
+    Listener reset(client, "/xyz/openbmc_project/control/host0/reset_cause");
+    host.entersPowerState("StateS5");
+    EXPECT_EQ(power.heard(),
+              "InternalPowerState=xyz.openbmc_project.Control.Host."
+              "InternalPowerState.State.StateS5");
+    host.isReset("WarmReset");
+    EXPECT_EQ(reset.heard(),
+              "ResetCause=xyz.openbmc_project.Control.Host.ResetCause.Cause."
+              "WarmReset");
+}
+
+TEST_F(SimulatedHost, RecordsWhatItDoes)
+{
+    host.goesTo("Running");
+    host.entersPowerState("StateS5");
+    const auto control =
+        timeline.waitFor<event::ControlSignal>("signal", limit);
+    EXPECT_EQ(control.property, "InternalPowerState");
+    const auto events = timeline.since();
+    std::vector<std::string> states;
+    for (const auto& event : events)
+    {
+        if (const auto* const state = event.as<event::HostState>())
+        {
+            states.push_back(state->value);
+        }
+    }
+    EXPECT_THAT(states, testing::ElementsAre(
+                            "xyz.openbmc_project.State.Host.HostState.Off",
+                            "xyz.openbmc_project.State.Host.HostState."
+                            "Running"));
+}
+
+TEST_F(SimulatedHost, CannotBeThereTwice)
+{
+    EXPECT_THROW(Host(timeline, Bus::address(), "Off"), Error);
+}
+
+TEST_F(SimulatedHost, LeavesAndComesBack)
+{
+    does({"leaves"});
+    EXPECT_EQ(client.hostState(), unknownService);
+    does({"goes-to", "Running"});
+    does({"comes"});
+    EXPECT_EQ(client.hostState(), running);
+    does({"comes"});
+    EXPECT_EQ(client.hostState(), running);
+    EXPECT_FALSE(
+        timeline.waitFor<event::HostService>("service", limit).isThere);
+}
+
+TEST_F(SimulatedHost, AnnouncesPowerStatesWhileItsServiceIsAway)
+{
+    Listener power(client, powerPath);
+    does({"leaves"});
+    does({"power-state", "StateS5"});
+    EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
+}
+
+TEST(Host, CanComeLate)
+{
+    Timeline timeline;
+    const Bus bus(timeline, POLICY_FILE);
+    Host host(timeline, Bus::address(), "Running", false);
+    Client client;
+    EXPECT_EQ(client.hostState(), unknownService);
+    host.comes();
+    EXPECT_EQ(client.hostState(), running);
+}
+
+TEST_F(SimulatedHost, SaysAnyText)
+{
+    does({"says"});
+    EXPECT_EQ(client.hostState(), "");
+    const std::string asLong(48, 'x');
+    does({"says", asLong});
+    EXPECT_EQ(client.hostState(), asLong);
+    does({"says", "two", "words"});
+    EXPECT_EQ(client.hostState(), "two words");
+}
+
+TEST_F(SimulatedHost, AnswersWithErrors)
+{
+    does({"answers-error", "org.example.Error.Late", "not", "now"});
+    EXPECT_EQ(client.hostState(), "org.example.Error.Late");
+    EXPECT_EQ(timeline.waitFor<event::HostAnswer>("answer", limit).what,
+              "the error org.example.Error.Late");
+    does({"answers"});
+    EXPECT_EQ(client.hostState(), off);
+    EXPECT_THROW(host.answersWithError("no name"), Error);
+}
+
+TEST_F(SimulatedHost, AnswersWithOtherTypes)
+{
+    for (const auto* type :
+         {"u", "b", "d", "o", "g", "as", "ay", "a{sv}", "(sa(ou))", "v"})
+    {
+        does({"answers-type", type});
+        EXPECT_EQ(client.hostStateType(), type);
+    }
+    for (const auto* type :
+         {"", "uu", "a", "(", "()", "a{vs}", "a{s}", "h", "{sv}", "z"})
+    {
+        EXPECT_THROW(host.answersWithType(type), Error) << type;
+    }
+}
+
+TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)
+{
+    does({"never-answers"});
+    auto answer = std::async(std::launch::async,
+                             []
+                             {
+                                 return Client().hostState();
+                             });
+    EXPECT_EQ(timeline.waitFor<event::HostAnswer>("call", limit).what,
+              "no answer");
+    EXPECT_EQ(answer.wait_for(50ms), std::future_status::timeout);
+    does({"leaves"});
+    ASSERT_EQ(answer.wait_for(limit), std::future_status::ready);
+    EXPECT_EQ(answer.get(), "org.freedesktop.DBus.Error.NoReply");
+}
+
+TEST_F(SimulatedHost, AnnouncesOften)
+{
+    constexpr int times = 2000;
+    Listener power(client, powerPath);
+    does({"power-state", "StateS5", std::to_string(times)});
+    for (int heard = 0; heard < times; ++heard)
+    {
+        ASSERT_THAT(power.heard(), HasSubstr(".StateS5")) << heard;
+    }
+    EXPECT_EQ(timeline.waitFor<event::ControlSignal>("signals", limit).times,
+              static_cast<std::size_t>(times));
+}
+
+TEST_F(SimulatedHost, AnnouncesSeveralPropertiesAtOnce)
+{
+    Listener power(client, powerPath);
+    host.sends({.properties = {{"InternalPowerState", ".StateS5"},
+                               {"Other", "x"},
+                               {"Number", "", "u"}}});
+    EXPECT_EQ(power.heard(), "InternalPowerState=.StateS5 Other=x Number:u");
+    does({"signal-values", "reset", ".WarmReset", ".Other"});
+    EXPECT_EQ(timeline.waitFor<event::ControlSignal>("signal", limit).path,
+              resetPath);
+}
+
+TEST_F(SimulatedHost, SendsSignalsOfOddShapes)
+{
+    Listener power(client, powerPath);
+    Listener reset(client, resetPath);
+    does({"signal-type", "power", "u"});
+    EXPECT_EQ(power.heard(), "InternalPowerState:u");
+    does({"signal-type", "reset", "o"});
+    EXPECT_EQ(reset.heard(), "ResetCause:o");
+    does({"signal-property", "reset", "Other", "x"});
+    EXPECT_EQ(reset.heard(), "Other=x");
+    does({"signal-body", "power", "ua{su}"});
+    EXPECT_EQ(power.heard(), "<body ua{su}>");
+    does({"signal-body", "power"});
+    EXPECT_EQ(power.heard(), "<body >");
+    does({"signal-changed", "power", "org.example.Other"});
+    EXPECT_EQ(power.heard(), "<org.example.Other> InternalPowerState=.StateS5");
+    does({"signal-values", "power"});
+    EXPECT_EQ(power.heard(), "<none>");
+    EXPECT_EQ(timeline.waitFor<event::OddSignal>("signal", limit).what,
+              "org.freedesktop.DBus.Properties.PropertiesChanged, "
+              "InternalPowerState of type \"u\"");
+}
+
+TEST_F(SimulatedHost, SendsOtherSignals)
+{
+    Listener member(client, powerPath, "org.freedesktop.DBus.Properties",
+                    "Other");
+    Listener interface(client, powerPath, "org.example.Other",
+                       "PropertiesChanged");
+    does({"signal-member", "power", "Other"});
+    EXPECT_EQ(member.heard(), "InternalPowerState=.StateS5");
+    does({"signal-interface", "power", "org.example.Other"});
+    EXPECT_EQ(interface.heard(), "InternalPowerState=.StateS5");
+    EXPECT_THROW(does({"signal-member", "power", "no name"}), Error);
+    EXPECT_THROW(does({"signal-type", "power", "uu"}), Error);
+    EXPECT_THROW(does({"signal-body", "power", "a"}), Error);
+}
+
+TEST(HostWords, TellHowToSayIt)
+{
+    const auto refusal = [](const Words& words) -> std::string
+    {
+        try
+        {
+            static_cast<void>(hostDeeds().understand(words));
+        }
+        catch (const Error& error)
+        {
+            return error.what();
+        }
+        return "";
+    };
+    EXPECT_EQ(refusal({"goes-to"}), "cannot understand \"goes-to\": something "
+                                    "is missing; say goes-to STATE");
+    EXPECT_EQ(refusal({"signal-type", "host", "u"}),
+              "cannot understand \"signal-type\": \"host\" is neither "
+              "\"power\" nor \"reset\"; say signal-type power|reset "
+              "SIGNATURE");
+    EXPECT_THAT(refusal({"dies"}), HasSubstr("unknown deed of the host"));
+    EXPECT_THAT(hostDeeds().phrases(), SizeIs(17));
+    for (const auto& phrase : hostDeeds().phrases())
+    {
+        EXPECT_THAT(phrase.help, Not(IsEmpty())) << phrase.name;
+    }
+}
+
+} // namespace
