@@ -5,7 +5,6 @@
 #include "board/sandbox.hpp"
 
 #include <cstdlib>
-#include <fstream>
 #include <utility>
 
 namespace board
@@ -111,7 +110,7 @@ Board::Board(Timeline& timeline, const BoardOptions& options) :
               daemonEnvironment(options))
 {
     setLogLevel(options.logLevel);
-    setPlatformValue("CPU_VENDOR", "0");
+    writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
     simulatedKernel.boot();
 }
@@ -156,17 +155,14 @@ EndpointControl Board::endpoint(std::size_t index)
     return {simulatedKernel, index};
 }
 
-// A method, since the values are this board's, though they lie in its sandbox.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+PlatformValues Board::platformValues()
+{
+    return PlatformValues(record);
+}
+
 void Board::setPlatformValue(const std::string& key, const std::string& value)
 {
-    const auto path = fs::path("/run/platform/io") / key;
-    std::ofstream file(path);
-    file << value << '\n';
-    if (!file.flush())
-    {
-        throw Error("cannot write " + path.string());
-    }
+    platformValues().set(key, value);
 }
 
 void Board::setLogLevel(int level)

@@ -9,6 +9,7 @@
 #include "board/host.hpp"
 #include "board/installation.hpp"
 #include "board/kernel.hpp"
+#include "board/platform_values.hpp"
 #include "board/timeline.hpp"
 
 #include <chrono>
@@ -93,6 +94,9 @@ class Board
 
     /** @param index that of the controller before it, 0 or 1 */
     [[nodiscard]] EndpointControl endpoint(std::size_t index);
+
+    /** @brief The values that the platform's hardware library reads. */
+    [[nodiscard]] PlatformValues platformValues();
 
     /** @brief Set a value that the platform's hardware library reads.
      *  @param value as text, decimal or 0x... */

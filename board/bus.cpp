@@ -165,13 +165,7 @@ Bus::Bus(Timeline& timeline, const fs::path& policy) : timeline(timeline)
 
 Bus::~Bus()
 {
-    thread.run(
-        [this](sd_event*)
-        {
-            matches.clear();
-            observer.reset();
-            brokerSource.reset();
-        });
+    stopObserving();
     broker.reset();
     std::error_code ignored; // gone with the sandbox in any case
     fs::remove(socketPath, ignored);
@@ -286,6 +280,74 @@ void Bus::observe(sd_event* loop)
     };
     brokerSource =
         EventThread::onReadable(loop, brokerOutput->fd(), takeBrokerOutput);
+}
+
+void Bus::stopObserving()
+{
+    thread.run(
+        [this](sd_event*)
+        {
+            peer.reset();
+            matches.clear();
+            observer.reset();
+            brokerSource.reset();
+        });
+}
+
+void Bus::takesDaemonsName(bool replaceable)
+{
+    thread.run(
+        [&](sd_event* loop)
+        {
+            auto taker = sd::connect(address());
+            // Attached, so that it answers who takes it for the daemon.
+            sd::check(sd_bus_attach_event(taker.get(), loop,
+                                          SD_EVENT_PRIORITY_NORMAL),
+                      "cannot serve another peer");
+            const std::uint64_t flags =
+                SD_BUS_NAME_REPLACE_EXISTING |
+                (replaceable ? SD_BUS_NAME_ALLOW_REPLACEMENT : 0);
+            sd::check(sd_bus_request_name(taker.get(), service, flags),
+                      std::string("cannot take the bus name ") + service);
+            peer = std::move(taker);
+        });
+}
+
+void Bus::givesUpDaemonsName()
+{
+    thread.run(
+        [this](sd_event*)
+        {
+            if (peer)
+            {
+                // So that it is free when this returns. It fails when the
+                // name went to another owner before, which is as good.
+                static_cast<void>(sd_bus_release_name(peer.get(), service));
+                peer.reset();
+            }
+        });
+}
+
+void Bus::dies()
+{
+    timeline.record(event::Broker{false});
+    broker.reset();
+    stopObserving();
+}
+
+void Bus::comesBack()
+{
+    if (broker)
+    {
+        throw Error("cannot start the broker: it has not died");
+    }
+    timeline.record(event::Broker{true});
+    startBroker();
+    thread.run(
+        [this](sd_event* loop)
+        {
+            observe(loop);
+        });
 }
 
 std::vector<EndpointObject> Bus::endpoints() const

@@ -7,6 +7,7 @@
 #include "board/process.hpp"
 #include "board/sd.hpp"
 #include "board/timeline.hpp"
+#include "board/vocabulary.hpp"
 
 #include <filesystem>
 #include <functional>
@@ -61,10 +62,32 @@ class Bus
      *  @throws Error when the daemon does not answer */
     [[nodiscard]] std::vector<EndpointObject> endpoints() const;
 
+    /** @brief Another peer owns the daemon's name, also instead of a daemon
+     *         that lets itself be replaced.
+     *  @param replaceable whether it lets itself be replaced in turn
+     *  @throws Error when the name's owner keeps it */
+    void takesDaemonsName(bool replaceable);
+
+    /** @brief That peer, if there is one, gives the name up and leaves. */
+    void givesUpDaemonsName();
+
+    /** @brief The broker is killed: every connection ends, nobody can make
+     *         another one. */
+    void dies();
+
+    /** @brief A new broker listens at the same address. Nobody is on it: the
+     *         host's service has to come anew.
+     *
+     *  From a thread that lives as long as the bus shall: the broker ends with
+     *  the thread that started it.
+     *  @throws Error when it does not start, or has not died */
+    void comesBack();
+
   private:
     void startBroker();
     void awaitBroker(Pipe& address);
     void observe(sd_event* loop);
+    void stopObserving();
     void match(const std::string& rule, sd_bus_message_handler_t handler);
 
     Timeline& timeline;
@@ -74,7 +97,14 @@ class Bus
     sd::Bus observer;
     std::vector<sd::Slot> matches;
     sd::Source brokerSource;
+    sd::Bus peer; //!< who took the daemon's name, if anybody did
     EventThread thread;
 };
+
+/** @brief What happens to the bus. */
+using BusDeed = std::function<void(Bus&)>;
+
+/** @brief What can be said of the bus in words, e.g. "broker-dies". */
+[[nodiscard]] const Vocabulary<BusDeed>& busDeeds();
 
 } // namespace board

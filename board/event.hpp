@@ -141,6 +141,19 @@ struct Packet
     int error = 0; //!< the errno that a write was refused with
 };
 
+/** @brief The bus's broker died, or another one took its place. */
+struct Broker
+{
+    bool isThere = false;
+};
+
+/** @brief A value that the platform's hardware library reads was changed. */
+struct PlatformValue
+{
+    std::string key;
+    std::string what; //!< the new text in quotes, or why there is none
+};
+
 /** @brief A well-known bus name got another owner. */
 struct NameOwner
 {
@@ -235,10 +248,11 @@ struct Event
         event::OddSignal, event::HostService, event::HostAnswer,
         event::DriverWrite, event::DriverFileRefused, event::DeviceUp,
         event::DeviceDown, event::NodeRemoved, event::NodeOpened,
-        event::NodeClosed, event::Packet, event::NameOwner,
-        event::EndpointAdded, event::EndpointRemoved, event::EndpointChanged,
-        event::EndpointRead, event::Started, event::Notified, event::Log,
-        event::Trace, event::Output, event::Signalled, event::Exited>;
+        event::NodeClosed, event::Packet, event::Broker, event::PlatformValue,
+        event::NameOwner, event::EndpointAdded, event::EndpointRemoved,
+        event::EndpointChanged, event::EndpointRead, event::Started,
+        event::Notified, event::Log, event::Trace, event::Output,
+        event::Signalled, event::Exited>;
 
     std::size_t index = 0; //!< its place on the timeline, from 0
     Time at{};

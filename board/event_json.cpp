@@ -127,6 +127,16 @@ Fields tell(const event::Packet& packet)
              {"error", packet.error}}};
 }
 
+Fields tell(const event::Broker& broker)
+{
+    return {"broker", {{"is_there", broker.isThere}}};
+}
+
+Fields tell(const event::PlatformValue& value)
+{
+    return {"platform_value", {{"key", value.key}, {"what", value.what}}};
+}
+
 Fields tell(const event::NameOwner& name)
 {
     return {"name_owner", {{"name", name.name}, {"owner", name.owner}}};

@@ -205,6 +205,17 @@ Shown show(const event::Packet& packet)
     return shown;
 }
 
+Shown show(const event::Broker& broker)
+{
+    return {"bus", broker.isThere ? "a new broker takes the dead one's place"
+                                  : "the broker dies"};
+}
+
+Shown show(const event::PlatformValue& value)
+{
+    return {"board", "The platform's " + value.key + " is " + value.what + "."};
+}
+
 Shown show(const event::NameOwner& name)
 {
     return {"bus", name.name + (name.owner.empty() ? " is given up"

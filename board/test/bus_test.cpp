@@ -343,6 +343,88 @@ TEST_F(PrivateBus, SaysWhenTheDaemonDoesNotAnswer)
     }
 }
 
+class TroubledBus : public PrivateBus
+{
+  protected:
+    void suffers(const Words& words)
+    {
+        busDeeds().understand(words)(bus);
+    }
+
+    /** What becomes of a daemon that takes its name as a daemon does. */
+    static int takesName(const Client& client)
+    {
+        return sd_bus_request_name(client.get(), service,
+                                   SD_BUS_NAME_REPLACE_EXISTING |
+                                       SD_BUS_NAME_ALLOW_REPLACEMENT);
+    }
+};
+
+TEST_F(TroubledBus, NameCanBeTakenForGoodAndGivenUp)
+{
+    const Client daemon;
+    suffers({"name-taken"});
+    EXPECT_NE(timeline.waitFor<event::NameOwner>("owner", limit).owner, "");
+    EXPECT_EQ(takesName(daemon), -EEXIST);
+    suffers({"name-given-up"});
+    EXPECT_EQ(takesName(daemon), 1);
+    suffers({"name-given-up"});
+}
+
+TEST_F(TroubledBus, NameCanBeTakenReplaceably)
+{
+    const Client daemon;
+    suffers({"name-taken", "replaceable"});
+    EXPECT_EQ(takesName(daemon), 1);
+    suffers({"name-given-up"});
+    EXPECT_EQ(sd_bus_request_name(daemon.get(), service, 0), -EALREADY);
+}
+
+TEST_F(TroubledBus, NameCanBeTakenFromADaemon)
+{
+    const Client daemon;
+    ASSERT_EQ(takesName(daemon), 1);
+    suffers({"name-taken"});
+    EXPECT_EQ(takesName(daemon), -EEXIST);
+    EXPECT_EQ(Client().call(service, "/", "org.freedesktop.DBus.Properties",
+                            "GetAll"),
+              "org.freedesktop.DBus.Error.UnknownObject");
+}
+
+TEST_F(TroubledBus, NameIsNotTakenFromWhoKeepsIt)
+{
+    const Client daemon;
+    ASSERT_EQ(sd_bus_request_name(daemon.get(), service, 0), 1);
+    EXPECT_THROW(suffers({"name-taken"}), Error);
+    EXPECT_THROW(suffers({"name-taken", "twice"}), Error);
+}
+
+TEST_F(TroubledBus, BrokerCanDieAndComeBack)
+{
+    Client before;
+    suffers({"broker-dies"});
+    EXPECT_LT(sd_bus_call_method(before.get(), service, "/", "a.b", "C",
+                                 nullptr, nullptr, ""),
+              0);
+    EXPECT_THROW(static_cast<void>(bus.endpoints()), Error);
+    suffers({"broker-comes-back"});
+    EXPECT_THROW(suffers({"broker-comes-back"}), Error);
+    Publisher publisher;
+    publisher.publish();
+    EXPECT_EQ(timeline.waitFor<event::EndpointAdded>("added", limit).path,
+              Publisher::path);
+}
+
+TEST_F(TroubledBus, HasWordsWithHelp)
+{
+    const auto phrases = busDeeds().phrases();
+    EXPECT_THAT(phrases, testing::SizeIs(4));
+    for (const auto& phrase : phrases)
+    {
+        EXPECT_THAT(phrase.help, testing::Not(IsEmpty())) << phrase.name;
+    }
+}
+
 TEST(Bus, SaysWhyTheBrokerDoesNotStart)
 {
     Timeline timeline;

@@ -124,6 +124,20 @@ TEST_F(SimulatedHost, AnnouncesPowerStatesWhileItsServiceIsAway)
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
+TEST_F(SimulatedHost, ComesBackAfterTheBroker)
+{
+    bus.dies();
+    does({"goes-to", "Running"});
+    EXPECT_THROW(does({"power-state", "StateS5"}), Error);
+    bus.comesBack();
+    does({"comes"});
+    Client after;
+    EXPECT_EQ(after.hostState(), running);
+    Listener power(after, powerPath);
+    does({"power-state", "StateS5"});
+    EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
+}
+
 TEST(Host, CanComeLate)
 {
     Timeline timeline;

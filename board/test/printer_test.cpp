@@ -56,6 +56,16 @@ TEST(Printer, TellsWhereTheHostMisbehaves)
               "  1234.567  host     asked for CurrentHostState: no answer\n");
 }
 
+TEST(Printer, TellsWhatBefallsBusAndPlatform)
+{
+    EXPECT_EQ(shown(event::Broker{false}),
+              "  1234.567  bus      the broker dies\n");
+    EXPECT_EQ(shown(event::Broker{true}),
+              "  1234.567  bus      a new broker takes the dead one's place\n");
+    EXPECT_EQ(shown(event::PlatformValue{"CPU_VENDOR", "missing"}),
+              "  1234.567  board    The platform's CPU_VENDOR is missing.\n");
+}
+
 TEST(Printer, TellsWhatTheDriverDid)
 {
     EXPECT_EQ(shown(event::DriverWrite{true, "fff10000.i3c", 0}),

@@ -97,6 +97,11 @@ TEST(EventJson, TellsWhatHappenedToNodes)
 
 TEST(EventJson, TellsWhatHappenedOnTheBus)
 {
+    EXPECT_EQ(json(event::Broker{false}),
+              R"({"at":1500,"event":"broker","is_there":false})");
+    EXPECT_EQ(json(event::PlatformValue{"CPU_VENDOR", "\"1\""}),
+              R"({"at":1500,"event":"platform_value","key":"CPU_VENDOR",)"
+              R"("what":"\"1\""})");
     EXPECT_EQ(json(event::NameOwner{"a.b", ":1.2"}),
               R"({"at":1500,"event":"name_owner","name":"a.b",)"
               R"("owner":":1.2"})");

@@ -186,10 +186,11 @@ TEST(Shell, ShowsTheLastEventsOfTheTimeline)
 
 TEST(Shell, SetsWhatThePlatformReads)
 {
-    EXPECT_THAT(saidTo({"platform CPU_VENDOR 1", "daemon start", "await exit"},
-                       "echo dlog 4 324 morrow:1:vendor $(cat /run/platform/io/"
-                       "CPU_VENDOR)"),
-                HasSubstr("morrow:1  vendor 1\n"));
+    EXPECT_THAT(
+        saidTo({"platform value CPU_VENDOR 1", "daemon start", "await exit"},
+               "echo dlog 4 324 morrow:1:vendor $(cat /run/platform/io/"
+               "CPU_VENDOR)"),
+        HasSubstr("morrow:1  vendor 1\n"));
 }
 
 TEST(Shell, PausesAndHelps)
@@ -341,11 +342,16 @@ class Terminal
         return found != std::string::npos;
     }
 
-    /** Its exit status. */
+    /** Its exit status; one that does not end in time is killed. */
     int end()
     {
         while (readMore())
         {
+        }
+        pollfd source{terminal.get(), 0, 0}; // a hang-up shows unasked
+        if (poll(&source, 1, 0) == 0)
+        {
+            kill(process, SIGKILL);
         }
         int status = 0;
         EXPECT_EQ(waitpid(process, &status, 0), process);
@@ -383,6 +389,9 @@ class Terminal
 
 constexpr auto prompt = "morrow> ";
 
+// A key that the terminal itself has a meaning for (Ctrl-D) is typed at the
+// prompt only: while a command runs, the terminal takes it.
+
 TEST(Prompt, CompletesWords)
 {
     Terminal terminal(shellWith("exit 3"));
@@ -404,8 +413,10 @@ TEST(Prompt, RemembersLines)
     ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("note on\r");
     ASSERT_TRUE(terminal.shows("board    on"));
+    ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("\033[Ace\r"); // the key up, and two letters more
     ASSERT_TRUE(terminal.shows("board    once"));
+    ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("\004");
     EXPECT_EQ(terminal.end(), 0);
 }
@@ -419,6 +430,7 @@ TEST(Prompt, KeepsTheLineThatIsTypedBelowWhatHappens)
     ASSERT_TRUE(terminal.shows("morrow> note on"));
     terminal.types("ce\r");
     ASSERT_TRUE(terminal.shows("board    once"));
+    ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("\004");
     EXPECT_EQ(terminal.end(), 0);
 }
@@ -437,6 +449,7 @@ TEST(Prompt, BreaksOffAWaitAndALineWithCtrlC)
     ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("note something\r");
     ASSERT_TRUE(terminal.shows("board    something"));
+    ASSERT_TRUE(terminal.shows(prompt));
     terminal.types("\004");
     EXPECT_EQ(terminal.end(), 0);
     EXPECT_THAT(terminal.output, Not(HasSubstr("board    nothing")));

@@ -22,7 +22,7 @@ EndpointControl endpoint(Session& session, const Values& values)
     return session.board().endpoint(controllerOf(values.front()));
 }
 
-std::vector<Command> hostDeeds()
+std::vector<Command> hostCommands()
 {
     return {
         {Pattern("host STATE"),
@@ -88,9 +88,9 @@ std::vector<Command> commandsOf(const std::string& beginning,
     return all;
 }
 
-std::vector<Command> oddHostDeeds()
+std::vector<Command> oddHostCommands()
 {
-    return commandsOf("host ", board::hostDeeds(), 0,
+    return commandsOf("host ", hostDeeds(), 0,
                       [](Session& session, const Values&, const HostDeed& deed)
                       {
                           deed(session.board().host());
@@ -109,7 +109,7 @@ std::vector<Command> eids()
     };
 }
 
-std::vector<Command> endpointDeeds()
+std::vector<Command> endpointCommands()
 {
     return commandsOf("endpoint CONTROLLER ", behaviours(), 1,
                       [](Session& session, const Values& values,
@@ -119,10 +119,10 @@ std::vector<Command> endpointDeeds()
                       });
 }
 
-std::vector<Command> controllerDeeds()
+std::vector<Command> controllerCommands()
 {
     return commandsOf(
-        "controller CONTROLLER ", board::controllerDeeds(), 1,
+        "controller CONTROLLER ", controllerDeeds(), 1,
         [](Session& session, const Values& values, const ControllerDeed& deed)
         {
             auto told = controller(session, values);
@@ -130,10 +130,30 @@ std::vector<Command> controllerDeeds()
         });
 }
 
-std::vector<Command> driverDeeds()
+std::vector<Command> busCommands()
+{
+    return commandsOf("bus ", busDeeds(), 0,
+                      [](Session& session, const Values&, const BusDeed& deed)
+                      {
+                          deed(session.board().bus());
+                      });
+}
+
+std::vector<Command> platformCommands()
 {
     return commandsOf(
-        "driver ", board::driverDeeds(), 0,
+        "platform ", platformDeeds(), 0,
+        [](Session& session, const Values&, const PlatformDeed& deed)
+        {
+            auto values = session.board().platformValues();
+            deed(values);
+        });
+}
+
+std::vector<Command> driverCommands()
+{
+    return commandsOf(
+        "driver ", driverDeeds(), 0,
         [](Session& session, const Values&, const DriverDeed& deed)
         {
             auto files = session.board().driverFiles();
@@ -154,7 +174,7 @@ void showDaemon(Session& session)
     session.say("The daemon does not run.\n");
 }
 
-std::vector<Command> daemonDeeds()
+std::vector<Command> daemonCommands()
 {
     return {
         {Pattern("daemon start"), "Start the daemon.",
@@ -193,12 +213,6 @@ std::vector<Command> daemonDeeds()
          {
              session.board().setLogLevel(levelOf(values[0]));
          }},
-        {Pattern("platform KEY VALUE"),
-         "The platform's hardware library reads this, e.g. CPU_VENDOR 1.",
-         [](Session& session, const Values& values)
-         {
-             session.board().setPlatformValue(values[0], values[1]);
-         }},
     };
 }
 
@@ -208,8 +222,9 @@ std::vector<Command> deeds()
 {
     std::vector<Command> all;
     for (const auto& group :
-         {hostDeeds(), oddHostDeeds(), eids(), endpointDeeds(),
-          controllerDeeds(), driverDeeds(), daemonDeeds()})
+         {hostCommands(), oddHostCommands(), eids(), endpointCommands(),
+          controllerCommands(), driverCommands(), busCommands(),
+          platformCommands(), daemonCommands()})
     {
         all.insert(all.end(), group.begin(), group.end());
     }

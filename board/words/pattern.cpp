@@ -48,6 +48,13 @@ std::vector<Word> wordsOf(std::string_view line)
     return words;
 }
 
+std::string trimmed(const std::string& line)
+{
+    const auto words = wordsOf(line);
+    const auto end = words.back().begin + words.back().text.size();
+    return line.substr(words.front().begin, end - words.front().begin);
+}
+
 Pattern::Pattern(const std::string& text) : written(text)
 {
     for (const auto& word : wordsOf(written))

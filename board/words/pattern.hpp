@@ -28,6 +28,9 @@ struct Word
  *         first word begins with '#'. They refer to the line's text. */
 [[nodiscard]] std::vector<Word> wordsOf(std::string_view line);
 
+/** @brief A line without the blanks around it; it has a word. */
+[[nodiscard]] std::string trimmed(const std::string& line);
+
 /** @brief What the arguments of a pattern stand for, in their order. */
 using Values = std::vector<std::string>;
 

@@ -1,20 +1,56 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/words/script.hpp"
 
+#include "board/fd.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
 #include <cerrno>
-#include <fstream>
-#include <iostream>
+#include <sstream>
 #include <utility>
 
 namespace board::words
 {
+namespace
+{
 
-Script::Script(std::string name, std::istream& text,
+/** Everything up to the end, also from a pipe that does not block.
+ *  @throws Error */
+std::string readAll(int fd, const std::string& name)
+{
+    constexpr int forEver = -1;
+    std::string text;
+    std::array<char, 4096> bytes{};
+    for (;;)
+    {
+        pollfd source{fd, POLLIN, 0};
+        // It fails when it is interrupted, and then the read waits.
+        static_cast<void>(poll(&source, 1, forEver));
+        const auto got = read(fd, bytes.data(), bytes.size());
+        if (got == 0)
+        {
+            return text;
+        }
+        if (got < 0 && errno != EAGAIN && errno != EINTR)
+        {
+            throw Error::fromErrno("cannot read the story " + name, errno);
+        }
+        text.append(bytes.data(), got < 0 ? 0 : static_cast<std::size_t>(got));
+    }
+}
+
+} // namespace
+
+Script::Script(std::string name, const std::string& text,
                const CommandTable& commands) :
     called(std::move(name))
 {
+    std::istringstream all(text);
     std::string line;
-    for (std::size_t number = 1; std::getline(text, line); ++number)
+    for (std::size_t number = 1; std::getline(all, line); ++number)
     {
         try
         {
@@ -29,10 +65,6 @@ Script::Script(std::string name, std::istream& text,
             throw Error(placeOf(number) + error.what());
         }
     }
-    if (text.bad())
-    {
-        throw Error::fromErrno("cannot read " + called, errno);
-    }
 }
 
 Script Script::of(const std::filesystem::path& file,
@@ -40,14 +72,15 @@ Script Script::of(const std::filesystem::path& file,
 {
     if (file == "-")
     {
-        return {"standard input", std::cin, commands};
+        const std::string name("standard input");
+        return {name, readAll(STDIN_FILENO, name), commands};
     }
-    std::ifstream text(file);
+    const Fd text(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!text)
     {
         throw Error::fromErrno("cannot open the story " + file.string(), errno);
     }
-    return {file.string(), text, commands};
+    return {file.string(), readAll(text.get(), file.string()), commands};
 }
 
 void Script::play(Session& session) const
@@ -64,7 +97,7 @@ void Script::play(Session& session) const
         }
         catch (const std::exception& error)
         {
-            throw LineFailed(placeOf(line.number) + line.text + ": " +
+            throw LineFailed(placeOf(line.number) + trimmed(line.text) + ": " +
                              error.what());
         }
         if (session.left())

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <istream>
 #include <string>
 #include <vector>
 
@@ -27,12 +26,12 @@ class Script
     /** @param name how the story is called in errors, e.g. its path
      *  @param text its lines
      *  @param commands outlives this
-     *  @throws Error "NAME:LINE: ..." for the first line that is none, or when
-     *          the text cannot be read */
-    Script(std::string name, std::istream& text, const CommandTable& commands);
+     *  @throws Error "NAME:LINE: ..." for the first line that is none */
+    Script(std::string name, const std::string& text,
+           const CommandTable& commands);
 
     /** @brief Read it from a file, or from standard input when that is "-".
-     *  @throws Error */
+     *  @throws Error as above, or when it cannot be read */
     static Script of(const std::filesystem::path& file,
                      const CommandTable& commands);
 

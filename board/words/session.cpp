@@ -7,18 +7,6 @@
 namespace board::words
 {
 
-namespace
-{
-
-std::string trimmed(const std::string& line)
-{
-    const auto words = wordsOf(line);
-    const auto end = words.back().begin + words.back().text.size();
-    return line.substr(words.front().begin, end - words.front().begin);
-}
-
-} // namespace
-
 Session::Session(Board& board, const CommandTable& commands, Write say) :
     theBoard(board), known(commands), write(std::move(say))
 {
