@@ -118,27 +118,6 @@ void waitBefore(uint32_t next, int32_t ticks)
     enterState(MORROW_WAIT_EVENT);
 }
 
-/** Runs until the signal side reports a stop. */
-void runStateLoop(const morrow_signal& signal)
-{
-    while (true)
-    {
-        run_state_action();
-        if (signal.get_stop_state() != 0)
-        {
-            return;
-        }
-        if (getcurrentpowerstate() != 0)
-        {
-            MORROW_LOG(logging::failure, "%s\n",
-                       "Failed to get current powerevent");
-            sleepFor(loopInterval);
-            continue;
-        }
-        apply_transition_rules();
-    }
-}
-
 /** Repeats the initialisation once a second until it is complete. The sleep
  *  follows the successful call too: start-up takes a second at least. */
 void initialise()
@@ -206,6 +185,21 @@ void removeDeviceNodes()
     {
         (void)std::remove(controller.deviceNode);
     }
+}
+
+/** Writes a controller's name into the driver's bind or unbind file.
+ *  @return whether the file could be opened; one that could not is logged */
+bool writeController(const std::string& file, const std::string& controller)
+{
+    std::ofstream stream(file);
+    if (!stream)
+    {
+        MORROW_LOG(logging::progress, "Failed to open sysfs file for %s\n",
+                   controller.c_str());
+        return false;
+    }
+    stream << controller; // a failed write shows up as a missing device
+    return true;
 }
 
 void unbindControllers()
@@ -293,6 +287,66 @@ void logDevices()
     }
 }
 
+/** Whether both endpoints were found and answered, by count alone. */
+bool bothAnswered()
+{
+    return i3c_device_map.size() == 2 && i3c_device_notify_map.size() == 2;
+}
+
+/** The controller to redo when an endpoint is missing: the second when the
+ *  first one's node is among the notified, else the first.
+ *
+ *  The other node is logged as notified in either case, also when nothing was:
+ *  what is said follows from the choice, not from the list. */
+const I3cController& missingController()
+{
+    const auto& [first, second] = i3cControllers;
+    const bool firstAnswered =
+        std::find(i3c_device_notify_map.begin(), i3c_device_notify_map.end(),
+                  first.deviceNode) != i3c_device_notify_map.end();
+    const auto& missing = firstAnswered ? second : first;
+    const auto& other = firstAnswered ? first : second;
+    MORROW_LOG(logging::progress, "Already notified i3c device: %s\n",
+               other.deviceNode);
+    MORROW_LOG(logging::progress, "Going to discover i3c device: %s\n",
+               missing.deviceNode);
+    return missing;
+}
+
+/** Destroys the lock and shared memory of one controller's node and unbinds
+ *  the controller; what the other one has stays. */
+void tearDownOne(const I3cController& controller)
+{
+    std::erase(i3c_device_map, controller.deviceNode);
+    std::erase(i3c_discovered_map, controller.name);
+    const int lockId = acquireLock(controller.deviceNode);
+    const int shmId = getShmId(controller.deviceNode);
+    removeLock(lockId); // not tested for -1: the library ignores it
+    (void)std::remove(controller.deviceNode); // may be gone already
+    if (shmId != -1)
+    {
+        removeShm(shmId);
+    }
+    write_controller_sysfs(unbindFile, controller.name);
+}
+
+/** Binds one controller and scans it under its own number.
+ *
+ *  Nothing is waited for when the bind file cannot be opened, since no node
+ *  will come, but what is there is scanned all the same. */
+void bringUpAgain(const I3cController& controller)
+{
+    if (writeController(bindFile, controller.name) &&
+        wait_device_node(controller.deviceNode, deviceNodeLimitMs))
+    {
+        MORROW_LOG(logging::progress, "Discovered i3c device: %s\n",
+                   controller.deviceNode);
+    }
+    setLockPermission(controller.deviceNode);
+    setShmPermission(controller.deviceNode);
+    scan_i3c_device(controller.name, controller.classEntry);
+}
+
 /** Decides what follows a full discovery. */
 void decideNextState()
 {
@@ -303,7 +357,7 @@ void decideNextState()
                    i3c_device_notify_map.size());
         waitBefore(MORROW_ON_EVENT, 3);
     }
-    else if (i3c_device_map.size() == 2 && i3c_device_notify_map.size() == 2)
+    else if (bothAnswered())
     {
         MORROW_LOG(logging::progress, "%s\n", "Discovery complete");
         enterState(MORROW_SLEEP_EVENT);
@@ -328,7 +382,9 @@ int main()
     probe_cpu_vendor();
     (void)sd_notify(0, "READY=1"); // without a manager there is nobody to tell
 
-    runStateLoop(signal);
+    while (run_state_pass(signal))
+    {
+    }
 
     MORROW_LOG(logging::progress, "%s\n", "Stop initialization");
     // Waits for a second SIGTERM: the signal thread has taken the first.
@@ -368,6 +424,24 @@ uint32_t morrow_init()
     }
 }
 
+bool run_state_pass(const morrow_signal& signal)
+{
+    run_state_action();
+    if (signal.get_stop_state() != 0)
+    {
+        return false;
+    }
+    if (getcurrentpowerstate() != 0)
+    {
+        MORROW_LOG(logging::failure, "%s\n",
+                   "Failed to get current powerevent");
+        sleepFor(loopInterval);
+        return true;
+    }
+    apply_transition_rules();
+    return true;
+}
+
 void run_state_action()
 {
     switch (shared_word::load(daemon_state))
@@ -377,6 +451,9 @@ void run_state_action()
             break;
         case MORROW_OFF_EVENT:
             (void)power_off_cleanup(); // the same
+            break;
+        case MORROW_PARTIAL_DISCOVERY_EVENT:
+            (void)partial_discovery(); // the same
             break;
         case MORROW_WAIT_EVENT:
             wait_state_tick();
@@ -479,14 +556,7 @@ void change_State(int request)
 void write_controller_sysfs(const std::string& file,
                             const std::string& controller)
 {
-    std::ofstream stream(file);
-    if (!stream)
-    {
-        MORROW_LOG(logging::progress, "Failed to open sysfs file for %s\n",
-                   controller.c_str());
-        return;
-    }
-    stream << controller; // a failed write shows up as a missing device
+    (void)writeController(file, controller); // it has logged what failed
 }
 
 bool wait_device_node(const std::string& device, int32_t limitMs)
@@ -615,6 +685,35 @@ int full_discovery()
                "Number of elements in i3c_device_notify_map: %zu\n",
                i3c_device_notify_map.size());
     decideNextState();
+    return 0;
+}
+
+int partial_discovery()
+{
+    if (bothAnswered())
+    {
+        enterState(MORROW_SLEEP_EVENT);
+        return 0;
+    }
+    if (i3c_device_notify_map.size() < 2)
+    {
+        const auto& controller = missingController();
+        tearDownOne(controller);
+        sleepFor(unbindSettleTime);
+        bringUpAgain(controller);
+    }
+    logDevices();
+    // By count alone: one device that answered twice completes it too.
+    if (i3c_device_notify_map.size() >= 2)
+    {
+        MORROW_LOG(logging::progress, "%s\n", "Discovery complete");
+        enterState(MORROW_SLEEP_EVENT);
+    }
+    else
+    {
+        MORROW_LOG(logging::progress, "%s\n", "Partial discovery retry");
+        waitBefore(MORROW_PARTIAL_DISCOVERY_EVENT, 10);
+    }
     return 0;
 }
 

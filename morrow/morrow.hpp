@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+class morrow_signal;
+
 // The daemon states: what one pass of the state loop does.
 inline constexpr uint32_t MORROW_ON_EVENT = 0; //!< full discovery
 inline constexpr uint32_t MORROW_OFF_EVENT = 1; //!< power-off cleanup
@@ -54,6 +56,11 @@ extern std::vector<std::string> i3c_device_notify_map;
  *  that is not done yet.
  *  @return 0 when start-up is complete, 2 when the signal side failed */
 uint32_t morrow_init();
+
+/** One pass of the state loop: what the daemon state asks for, then what the
+ *  host has done meanwhile.
+ *  @return false when the signal side reports a stop: the loop is over */
+bool run_state_pass(const morrow_signal& signal);
 
 /** Does what the daemon state asks for: one pass's work. */
 void run_state_action();
@@ -98,6 +105,11 @@ int morrow_i3c_device_do_notify(const std::string& device);
 /** Throws away what is known, re-binds both controllers and notifies what is
  *  behind them; leaves the next daemon state behind. @return 0 */
 int full_discovery();
+
+/** Redoes the controller whose endpoint did not answer and leaves the other
+ *  one alone; leaves MORROW_SLEEP_EVENT behind when both have answered, else
+ *  MORROW_WAIT_EVENT with a further try to follow in ten seconds. @return 0 */
+int partial_discovery();
 
 /** Withdraws all endpoints and unbinds both controllers; leaves
  *  MORROW_SLEEP_EVENT behind. @return 0 */

@@ -708,20 +708,26 @@ TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterPass)
     EXPECT_EQ(shared_word::load(power_down_pending), 1);
 }
 
-TEST_F(Daemon, OneEndpointMissingIdlesInPartialDiscovery)
+TEST_F(Daemon, OneEndpointMissingIsRedoneEveryTenSeconds)
 {
     controllers = {"fff10000.i3c"};
     host->goesTo("Running");
     holdWhen(
-        [this]
+        []
         {
-            return story().back() == "sleep 1000 ms" &&
-                   record::count("log 4 morrow: Start partial "
-                                 "discovery\n") > 0;
+            return record::count("log 4 morrow: Partial discovery retry\n") ==
+                   2;
         });
     start();
     awaitHeld();
-    EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
+    const auto told = story();
+    const std::string retry = "log 4 morrow: Partial discovery retry\n";
+    const auto first = std::find(told.begin(), told.end(), retry);
+    const auto second = std::find(first + 1, told.end(), retry);
+    ASSERT_NE(second, told.end());
+    // A read after the redo, ten after a tick each, one after the last tick.
+    EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 10);
+    EXPECT_EQ(std::count(first, second, getsState), 12);
     EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 1U);
 }
 

@@ -7,6 +7,7 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
+#include "tests/unit/discovery_story.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -27,91 +28,10 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
 using namespace telling;
+using namespace discovery;
 
 namespace
 {
-
-const std::string node0 = "/dev/i3c-mctp-0";
-const std::string node1 = "/dev/i3c-mctp-1";
-const std::string entry0 = "/sys/class/i3c-mctp/i3c-mctp-0";
-const std::string entry1 = "/sys/class/i3c-mctp/i3c-mctp-1";
-const std::string controller0 = "fff10000.i3c";
-const std::string controller1 = "fff11000.i3c";
-
-/** How many events a test has put behind it. */
-std::size_t behind = 0;
-
-/** The main thread's events since. */
-Texts story()
-{
-    const auto all = record::textsOf(record::thisThread());
-    return {all.begin() + static_cast<std::ptrdiff_t>(behind), all.end()};
-}
-
-/** Makes the server's singleton, so that its line is out of the way. */
-void makeServer()
-{
-    (void)morrow_dbus_server::get_instance();
-    behind += story().size();
-}
-
-/** Expects the main thread's events to be these and no others. */
-void expectStory(const Texts& expected)
-{
-    EXPECT_EQ(story(), expected);
-}
-
-/** What one publish logs while there is no bus. */
-const Texts publishWithoutBus{
-    "log 4 morrow_server: createEndpointObject - Enter\n",
-    "log 1 morrow_server: createEndpointObject - Error: Bus pointer not "
-    "present\n",
-    "trace 1 morrow_server: createEndpointObject - Error: Bus pointer not "
-    "present\n",
-    "log 4 morrow_server: createEndpointObject - Exit\n",
-};
-
-/** What a withdrawal logs while nothing is published. */
-const Texts withdrawNothing{
-    "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
-    "log 4 morrow_server: deleteAllEndpointObject - Exit\n",
-};
-
-/** The opening of an exchange with the endpoint behind a node. */
-Texts exchangeOpens(const std::string& node)
-{
-    return {
-        "log 4 morrow: Entry [morrow_i3c_device_do_notify]\n",
-        "log 4 morrow: Device node path: [" + node + "]\n",
-        "log 4 morrow: ep: [00]\n",
-        "mctp_wrapper_ep " + node + " eid 0, 0, 0, false, network 0",
-    };
-}
-
-/** A whole exchange with an endpoint that answers as it should. */
-Texts goodExchange(const std::string& node)
-{
-    return exchangeOpens(node) +
-           Texts{
-               "send 00 81 0d",
-               "log 4 morrow: resp_buffer.len = [4]\n",
-               "log 4 morrow: [00]\n",
-               "log 4 morrow: [01]\n",
-               "log 4 morrow: [0d]\n",
-               "log 4 morrow: [00]\n",
-               "log 4 morrow: MCTP_CTRL_CMD_DISCOVERY_NOTIFY response "
-               "received [" +
-                   node + "]\n",
-           } +
-           publishWithoutBus + Texts{"~mctp_wrapper_ep " + node};
-}
-
-/** Tests that touch the driver's files and device nodes. */
-class WithFiles : public testing::Test
-{
-  protected:
-    DriverFiles driver;
-};
 
 class WaitDeviceNode : public WithFiles
 {
