@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -281,6 +282,25 @@ TEST(Play, IsEitherByHandOrByFile)
 {
     Program program({"--shell", "--play", "-"});
     EXPECT_EQ(program.end(), 2);
+}
+
+TEST(Stories, OfTheInstallationGoAsTold)
+{
+    std::vector<std::pair<std::string, std::unique_ptr<Program>>> programs;
+    for (const auto& entry : std::filesystem::directory_iterator(STORIES))
+    {
+        const auto file = entry.path().string();
+        programs.emplace_back(
+            file, std::make_unique<Program>(std::vector<std::string>{
+                      "--daemon", DAEMON_PROGRAM, "--policy", POLICY_FILE,
+                      "--play", file}));
+    }
+    EXPECT_GE(programs.size(), 3U);
+    for (const auto& [file, program] : programs)
+    {
+        EXPECT_EQ(program->end(), 0) << file << '\n' << program->output;
+        EXPECT_THAT(lastLine(program->output), HasSubstr("As told: " + file));
+    }
 }
 
 /** A shell at a terminal of its own. */
