@@ -52,7 +52,6 @@ std::vector<std::string> daemonEnvironment(const BoardOptions& options)
     {
         environment.push_back(std::move(variable));
     }
-    environment.push_back("DLOG_LEVEL=" + std::to_string(options.logLevel));
     if (ownLibraries)
     {
         environment.push_back("LD_LIBRARY_PATH=" + libraryPath(libraries));
@@ -97,6 +96,11 @@ void EndpointControl::hasEid(std::uint8_t eid)
     kernel.setEid(index, eid);
 }
 
+std::uint8_t EndpointControl::eid() const
+{
+    return kernel.eid(index);
+}
+
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), simulatedKernel(timeline),
     privateBus(timeline, options.installation.policy),
@@ -105,6 +109,7 @@ Board::Board(Timeline& timeline, const BoardOptions& options) :
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {
+    setLogLevel(options.logLevel);
     writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
     simulatedKernel.boot();
@@ -158,6 +163,30 @@ PlatformValues Board::platformValues()
 void Board::setPlatformValue(const std::string& key, const std::string& value)
 {
     platformValues().set(key, value);
+}
+
+void Board::setLogLevel(int level)
+{
+    runDaemon.setVariable("DLOG_LEVEL", std::to_string(level));
+}
+
+event::Exited Board::stopDaemon(Timeline::Limit limit)
+{
+    const auto from = record.size();
+    runDaemon.terminate();
+    const auto sawFirst = [](const Event& event)
+    {
+        const auto* const name = event.as<event::NameOwner>();
+        return event.as<event::Exited>() != nullptr ||
+               (name != nullptr && name->owner.empty());
+    };
+    static_cast<void>(record.waitFor("giving up of the daemon's bus name",
+                                     sawFirst, limit, from));
+    if (runDaemon.running())
+    {
+        runDaemon.terminate();
+    }
+    return runDaemon.awaitExit(limit);
 }
 
 Event Board::await(const std::string& what, const Timeline::Predicate& matches,

@@ -40,6 +40,9 @@ class EndpointControl
     /** @brief It has this endpoint id. */
     void hasEid(std::uint8_t eid);
 
+    /** @brief Its endpoint id. */
+    [[nodiscard]] std::uint8_t eid() const;
+
   private:
     Kernel& kernel;
     std::size_t index;
@@ -98,6 +101,16 @@ class Board
     /** @brief Set a value that the platform's hardware library reads.
      *  @param value as text, decimal or 0x... */
     void setPlatformValue(const std::string& key, const std::string& value);
+
+    /** @brief Set the least severe level that the daemon logs, from its next
+     *         start on. */
+    void setLogLevel(int level);
+
+    /** @brief Stop the daemon as its service manager does: SIGTERM, and again
+     *         when its bus name is gone (two at the very same time would be
+     *         one to the kernel); wait for its end.
+     *  @throws WaitFailed when the limit passes: it hangs */
+    event::Exited stopDaemon(Timeline::Limit limit = usualLimit);
 
     /** @brief Wait for something that takes a running daemon.
      *  @throws WaitFailed when the limit passes, or when the daemon ends first

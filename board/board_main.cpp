@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/board.hpp"
-#include "board/interruption.hpp"
-#include "board/printer.hpp"
-#include "board/sandbox.hpp"
-#include "board/story.hpp"
+#include "board/program.hpp"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -11,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <string>
 
 namespace
 {
@@ -24,7 +19,10 @@ constexpr auto about =
     "\n"
     "The host is off; the daemon gets ready; the host runs; two endpoints are\n"
     "discovered and published; the host goes off; they are withdrawn; two\n"
-    "SIGTERMs end the daemon. This takes about four seconds.\n"
+    "SIGTERMs end the daemon. This takes about four seconds. Or tell the\n"
+    "story yourself: by hand with --shell, from a file with --play; the "
+    "command\n"
+    "\"help\" tells the words.\n"
     "\n"
     "No right is needed where the system allows user namespaces and FUSE, and\n"
     "nothing is left behind, however it ends.";
@@ -36,19 +34,11 @@ constexpr auto notes =
     "Examples:\n"
     "  morrow-board\n"
     "  morrow-board --verbose | less\n"
+    "  morrow-board --save timeline.jsonl\n"
+    "  morrow-board --shell\n"
+    "  echo 'help' | morrow-board --shell\n"
     "  morrow-board --daemon build/morrow/morrow --policy "
     "packaging/dbus/xyz.openbmc_project.mctp.conf\n";
-
-constexpr int asTold = 0;
-constexpr int differed = 1;
-constexpr int wrongUsage = 2;
-constexpr int wasInterrupted = 130;
-
-struct Options
-{
-    board::BoardOptions board;
-    board::PrintStyle style;
-};
 
 bool wantsColour()
 {
@@ -57,46 +47,9 @@ bool wantsColour()
            (refused == nullptr || *refused == '\0');
 }
 
-struct Verdict
+int status(board::Status status)
 {
-    int status = differed;
-    std::string line;
-};
-
-Verdict play(board::Timeline& timeline, const Options& options)
-{
-    try
-    {
-        board::Board board(timeline, options.board);
-        return {asTold, playStory(board)};
-    }
-    catch (const board::Interrupted&)
-    {
-        return {wasInterrupted, "Interrupted; nothing is left behind."};
-    }
-    catch (const std::exception& error)
-    {
-        return {differed, std::string("Not as told: ") + error.what() + "."};
-    }
-}
-
-int run(const Options& options)
-{
-    board::sandbox::enter();
-    board::Timeline timeline;
-    const board::Interruption interruption(timeline);
-    Verdict verdict;
-    {
-        const board::Printer printer(timeline, stdout, options.style);
-        verdict = play(timeline, options);
-    }
-    const auto* const colour =
-        verdict.status == asTold ? "\033[1;32m" : "\033[1;31m";
-    static_cast<void>(
-        options.style.colour
-            ? std::printf("%s%s\033[0m\n", colour, verdict.line.c_str())
-            : std::printf("%s\n", verdict.line.c_str()));
-    return verdict.status;
+    return static_cast<int>(status);
 }
 
 } // namespace
@@ -104,7 +57,7 @@ int run(const Options& options)
 int main(int argc, char** argv)
 try
 {
-    Options options;
+    board::ProgramOptions options;
     options.board.installation = board::Installation::ofThisProgram();
     options.style.colour = wantsColour();
 
@@ -116,6 +69,17 @@ try
     app.add_option("--policy", options.board.installation.policy,
                    "its bus policy, instead of the installed one")
         ->type_name("FILE");
+    auto* const play = app.add_option(
+        "--play", options.play,
+        "play the story in this file instead, or on standard input: -");
+    play->type_name("FILE");
+    app.add_flag("--shell", options.shell,
+                 "drive the board by hand instead: a prompt, or commands from "
+                 "a pipe")
+        ->excludes(play);
+    app.add_option("--save", options.save,
+                   "save the timeline in this file, an event a line, as JSON")
+        ->type_name("FILE");
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");
     try
@@ -124,12 +88,13 @@ try
     }
     catch (const CLI::ParseError& error)
     {
-        return app.exit(error) == 0 ? asTold : wrongUsage;
+        return status(app.exit(error) == 0 ? board::Status::asTold
+                                           : board::Status::wrongUsage);
     }
-    return run(options);
+    return status(run(options));
 }
 catch (const std::exception& error)
 {
     static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", error.what()));
-    return differed;
+    return status(board::Status::differed);
 }

@@ -5,6 +5,7 @@
 #include "board/managed_objects.hpp"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -173,6 +174,11 @@ Bus::~Bus()
 std::string Bus::address()
 {
     return std::string("unix:path=") + socketPath;
+}
+
+std::string Bus::outsideAddress()
+{
+    return "unix:path=/proc/" + std::to_string(getpid()) + "/root" + socketPath;
 }
 
 std::vector<std::string> Bus::environment()

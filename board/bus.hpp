@@ -46,6 +46,11 @@ class Bus
     /** @brief Its address, for DBUS_SYSTEM_BUS_ADDRESS. */
     [[nodiscard]] static std::string address();
 
+    /** @brief Its address for programs outside of the sandbox: through this
+     *         process's root directory, which is open to this user and to
+     *         root for as long as this process lives. */
+    [[nodiscard]] static std::string outsideAddress();
+
     /** @brief The variables that lead a process to this bus, "NAME=value". */
     [[nodiscard]] static std::vector<std::string> environment();
 

@@ -79,6 +79,18 @@ Daemon::~Daemon()
     stopListening();
 }
 
+void Daemon::setVariable(const std::string& name, const std::string& value)
+{
+    const auto start = name + "=";
+    environment.erase(std::remove_if(environment.begin(), environment.end(),
+                                     [&start](const std::string& variable)
+                                     {
+                                         return variable.starts_with(start);
+                                     }),
+                      environment.end());
+    environment.push_back(start + value);
+}
+
 void Daemon::start()
 {
     if (running())

@@ -47,6 +47,9 @@ class Daemon
     /** @brief Kills the daemon if it still runs. */
     ~Daemon();
 
+    /** @brief Set a variable of its environment, from its next start on. */
+    void setVariable(const std::string& name, const std::string& value);
+
     /** @brief Start it; one that ran before must have ended.
      *  @throws Error when it cannot be started */
     void start();
@@ -87,7 +90,7 @@ class Daemon
 
     Timeline& timeline;
     const std::filesystem::path program;
-    const std::vector<std::string> environment;
+    std::vector<std::string> environment;
     std::size_t startedAt = 0; //!< index on the timeline
     std::unique_ptr<Process> child;
     Fd notifySocket;

@@ -39,6 +39,12 @@ struct Note
     std::string text;
 };
 
+/** @brief A line of commands was told to the board, by hand or by a story. */
+struct Told
+{
+    std::string line;
+};
+
 /** @brief The host's CurrentHostState became this. */
 struct HostState
 {
@@ -238,14 +244,15 @@ struct Exited
 struct Event
 {
     using Body = std::variant<
-        event::Note, event::HostState, event::ControlSignal, event::OddSignal,
-        event::HostService, event::HostAnswer, event::DriverWrite,
-        event::DriverFileRefused, event::DeviceUp, event::DeviceDown,
-        event::NodeRemoved, event::NodeOpened, event::NodeClosed, event::Packet,
-        event::Broker, event::PlatformValue, event::NameOwner,
-        event::EndpointAdded, event::EndpointRemoved, event::EndpointChanged,
-        event::EndpointRead, event::Started, event::Notified, event::Log,
-        event::Trace, event::Output, event::Signalled, event::Exited>;
+        event::Note, event::Told, event::HostState, event::ControlSignal,
+        event::OddSignal, event::HostService, event::HostAnswer,
+        event::DriverWrite, event::DriverFileRefused, event::DeviceUp,
+        event::DeviceDown, event::NodeRemoved, event::NodeOpened,
+        event::NodeClosed, event::Packet, event::Broker, event::PlatformValue,
+        event::NameOwner, event::EndpointAdded, event::EndpointRemoved,
+        event::EndpointChanged, event::EndpointRead, event::Started,
+        event::Notified, event::Log, event::Trace, event::Output,
+        event::Signalled, event::Exited>;
 
     std::size_t index = 0; //!< its place on the timeline, from 0
     Time at{};

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/interruption.hpp"
 
+#include <poll.h>
 #include <pthread.h>
+
+#include <array>
 
 namespace board
 {
@@ -13,7 +16,8 @@ constexpr int leave = SIGUSR1;
 
 } // namespace
 
-Interruption::Interruption(Timeline& timeline)
+Interruption::Interruption(Timeline& timeline, CtrlC ctrlC) :
+    timeline(timeline), ctrlC(ctrlC)
 {
     sigemptyset(&signals);
     for (const auto number : {SIGINT, SIGTERM, SIGHUP, leave})
@@ -22,12 +26,12 @@ Interruption::Interruption(Timeline& timeline)
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     thread = std::thread(
-        [this, &timeline]
+        [this]
         {
             int number = 0;
             while (sigwait(&signals, &number) == 0 && number != leave)
             {
-                timeline.interrupt();
+                take(number);
             }
         });
 }
@@ -36,6 +40,38 @@ Interruption::~Interruption()
 {
     pthread_kill(thread.native_handle(), leave);
     thread.join();
+}
+
+void Interruption::take(int signal)
+{
+    if (signal != SIGINT || ctrlC == CtrlC::ends)
+    {
+        ending = true;
+    }
+    timeline.interrupt();
+    came.wake();
+}
+
+bool Interruption::awaitReadable(int fd) const
+{
+    constexpr int forEver = -1;
+    std::array sources{pollfd{fd, POLLIN, 0}, pollfd{came.fd(), POLLIN, 0}};
+    while (poll(sources.data(), sources.size(), forEver) <= 0)
+    {
+        // Interrupted by a signal that is none of ours.
+    }
+    return sources[1].revents == 0;
+}
+
+void Interruption::goOn()
+{
+    // In this order: a signal to end that comes meanwhile interrupts anew.
+    came.clear();
+    timeline.resume();
+    if (ending)
+    {
+        throw Interrupted();
+    }
 }
 
 } // namespace board

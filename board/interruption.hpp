@@ -2,7 +2,9 @@
 #pragma once
 
 #include "board/timeline.hpp"
+#include "board/wakeup.hpp"
 
+#include <atomic>
 #include <csignal>
 #include <thread>
 
@@ -12,13 +14,23 @@ namespace board
 /** Ctrl-C, a hangup or SIGTERM breaks off the timeline's waits, so that the
  *  board is taken apart in order.
  *
+ *  At a prompt, Ctrl-C breaks off what is being done and no more: goOn() then
+ *  makes an end of the interruption.
+ *
  *  Made before any other thread is, so that all of them leave these signals
  *  to the thread of this object.
  */
 class Interruption
 {
   public:
-    explicit Interruption(Timeline& timeline);
+    /** @brief What Ctrl-C is for. */
+    enum class CtrlC
+    {
+        ends, //!< ends the board, like the other signals
+        breaksOff, //!< breaks off what is being done
+    };
+
+    explicit Interruption(Timeline& timeline, CtrlC ctrlC = CtrlC::ends);
 
     Interruption(const Interruption&) = delete;
     Interruption& operator=(const Interruption&) = delete;
@@ -26,7 +38,21 @@ class Interruption
     Interruption& operator=(Interruption&&) = delete;
     ~Interruption();
 
+    /** @brief Wait until a descriptor is readable, or at its end.
+     *  @return false when a signal came first */
+    [[nodiscard]] bool awaitReadable(int fd) const;
+
+    /** @brief Let waits be waits again after a Ctrl-C.
+     *  @throws Interrupted when the board is to end */
+    void goOn();
+
   private:
+    void take(int signal);
+
+    Timeline& timeline;
+    const CtrlC ctrlC;
+    Wakeup came;
+    std::atomic<bool> ending = false;
     sigset_t signals{};
     std::thread thread;
 };

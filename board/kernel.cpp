@@ -102,6 +102,17 @@ void Kernel::setEid(std::size_t controller, std::uint8_t eid)
         });
 }
 
+std::uint8_t Kernel::eid(std::size_t controller)
+{
+    std::uint8_t eid = 0;
+    change(
+        [&](I3cDriver& driver)
+        {
+            eid = driver.endpoint(controller).eid();
+        });
+    return eid;
+}
+
 void Kernel::setBehaviour(std::size_t controller, Endpoint::Behaviour behaviour)
 {
     change(

@@ -65,6 +65,9 @@ class Kernel
     /** @brief Give the endpoint behind a controller another id. */
     void setEid(std::size_t controller, std::uint8_t eid);
 
+    /** @brief The id of the endpoint behind a controller. */
+    [[nodiscard]] std::uint8_t eid(std::size_t controller);
+
     /** @brief Let the endpoint behind a controller behave in another way. */
     void setBehaviour(std::size_t controller, Endpoint::Behaviour behaviour);
 

@@ -97,6 +97,11 @@ Shown show(const event::Note& note)
     return {"board", note.text};
 }
 
+Shown show(const event::Told& told)
+{
+    return {"board", "> " + told.line, Weight::detail};
+}
+
 Shown show(const event::HostState& state)
 {
     return {"host", "CurrentHostState is " + shortValue(state.value)};
@@ -378,6 +383,12 @@ std::string colourOf(std::string_view who)
     return found == colours.end() ? plain : found->code;
 }
 
+bool isLeftOut(Weight weight, const PrintStyle& style)
+{
+    return !style.everything && (weight == Weight::hidden ||
+                                 (weight == Weight::detail && !style.details));
+}
+
 std::string coloured(const std::string& time, const std::string& who,
                      const std::string& what, const Shown& shown)
 {
@@ -396,22 +407,10 @@ std::string coloured(const std::string& time, const std::string& who,
            "  " + text;
 }
 
-void follow(Timeline& timeline, std::FILE* stream, const PrintStyle& style)
+Write afterHeading(Write write, const PrintStyle& style)
 {
-    std::size_t next = 0;
-    for (auto events = timeline.follow(next); !events.empty();
-         events = timeline.follow(next))
-    {
-        next += events.size();
-        std::string text;
-        for (const auto& event : events)
-        {
-            text += printed(event, style);
-        }
-        // A stream that takes no more is no reason to stop the board.
-        static_cast<void>(std::fputs(text.c_str(), stream));
-        static_cast<void>(std::fflush(stream));
-    }
+    write(printedHeading(style));
+    return write;
 }
 
 } // namespace
@@ -424,7 +423,7 @@ std::string printed(const Event& event, const PrintStyle& style)
             return show(body);
         },
         event.body);
-    if (shown.weight == Weight::hidden && !style.everything)
+    if (isLeftOut(shown.weight, style))
     {
         return {};
     }
@@ -446,23 +445,37 @@ std::string printedHeading(const PrintStyle& style)
     return (style.colour ? grey + line + plain : line) + '\n';
 }
 
-Printer::Printer(Timeline& timeline, std::FILE* stream,
-                 const PrintStyle& style) :
-    timeline(timeline),
-    thread(
-        [&timeline, stream, style]
-        {
-            static_cast<void>(
-                std::fputs(printedHeading(style).c_str(), stream));
-            follow(timeline, stream, style);
-        })
+Write to(std::FILE* stream)
+{
+    return [stream](const std::string& text)
+    {
+        // A stream that takes no more is no reason to stop the board.
+        static_cast<void>(std::fputs(text.c_str(), stream));
+        static_cast<void>(std::fflush(stream));
+    };
+}
+
+Printer::Printer(Timeline& timeline, Write write, const PrintStyle& style) :
+    follower(timeline,
+             [write = afterHeading(std::move(write), style),
+              style](const std::vector<Event>& events)
+             {
+                 std::string text;
+                 for (const auto& event : events)
+                 {
+                     text += printed(event, style);
+                 }
+                 if (!text.empty())
+                 {
+                     write(text);
+                 }
+             })
 {
 }
 
-Printer::~Printer()
+void Printer::catchUp()
 {
-    timeline.close();
-    thread.join();
+    follower.catchUp();
 }
 
 } // namespace board

@@ -2,11 +2,11 @@
 #pragma once
 
 #include "board/event.hpp"
-#include "board/timeline.hpp"
+#include "board/follower.hpp"
 
 #include <cstdio>
+#include <functional>
 #include <string>
-#include <thread>
 
 namespace board
 {
@@ -18,6 +18,10 @@ struct PrintStyle
     /** Everything: opening and closing of nodes, every log record, traces.
      *  Else what makes the story, and log records that tell progress. */
     bool everything = false;
+    /** What surrounds the story, shown in grey: the log, what was refused, the
+     *  lines that the board was told. Not at a prompt, where an idle daemon's
+     *  rounds would bury what is typed. */
+    bool details = true;
 };
 
 /** @brief An event as it is shown, with line ends; empty when the style leaves
@@ -27,29 +31,27 @@ struct PrintStyle
 /** @brief The line that names the columns. */
 [[nodiscard]] std::string printedHeading(const PrintStyle& style);
 
-/** Shows a timeline as it grows.
- *
- *  It has a thread of its own, so that a terminal that stands still holds up
- *  nobody who records.
- */
+/** @brief Where text for the user goes. */
+using Write = std::function<void(const std::string& text)>;
+
+/** @brief Writes to a stream, at once.
+ *  @param stream not closed */
+[[nodiscard]] Write to(std::FILE* stream);
+
+/** Shows a timeline as it grows, on a thread of its own. */
 class Printer
 {
   public:
     /** @param timeline outlives this
-     *  @param stream where to; not closed */
-    Printer(Timeline& timeline, std::FILE* stream, const PrintStyle& style);
+     *  @param write where to; called on this object's thread, and once, for
+     *         the heading, by the caller */
+    Printer(Timeline& timeline, Write write, const PrintStyle& style);
 
-    Printer(const Printer&) = delete;
-    Printer& operator=(const Printer&) = delete;
-    Printer(Printer&&) = delete;
-    Printer& operator=(Printer&&) = delete;
-
-    /** @brief Shows what is still to be shown, after closing the timeline. */
-    ~Printer();
+    /** @brief Wait until everything that is recorded by now is shown. */
+    void catchUp();
 
   private:
-    Timeline& timeline;
-    std::thread thread;
+    Follower follower;
 };
 
 } // namespace board

@@ -11,7 +11,6 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr auto daemonName = "xyz.openbmc_project.mctp";
 constexpr Timeline::Limit stopLimit = 10s;
 
 void tell(Board& board, const std::string& text)
@@ -142,18 +141,7 @@ void withdraws(Board& board)
 void stops(Board& board)
 {
     tell(board, "SIGTERM twice ends the daemon.");
-    const auto from = board.timeline().size();
-    board.daemon().terminate();
-    static_cast<void>(board.await(
-        std::string("giving up of ") + daemonName,
-        [](const Event& event)
-        {
-            const auto* const name = event.as<event::NameOwner>();
-            return name != nullptr && name->owner.empty();
-        },
-        from, stopLimit));
-    board.daemon().terminate();
-    const auto end = board.daemon().awaitExit(stopLimit);
+    const auto end = board.stopDaemon(stopLimit);
     expect(end.signal == 0 && end.status == 0,
            "the daemon did not end with status 0");
 }
@@ -167,13 +155,18 @@ std::string playStory(Board& board)
     isReadByAClient(board);
     withdraws(board);
     stops(board);
-    std::array<char, 64> seconds{};
-    static_cast<void>(std::snprintf(
-        seconds.data(), seconds.size(), "%.1f s",
-        static_cast<double>(board.timeline().now().count()) / 1'000'000));
-    return std::string("As told: ready, two endpoints published and withdrawn, "
-                       "exit status 0, in ") +
-           seconds.data() + ".";
+    return "As told: ready, two endpoints published and withdrawn, exit "
+           "status 0, in " +
+           secondsOf(board.timeline().now()) + ".";
+}
+
+std::string secondsOf(Time time)
+{
+    std::array<char, 64> text{};
+    static_cast<void>(
+        std::snprintf(text.data(), text.size(), "%.1f s",
+                      std::chrono::duration<double>(time).count()));
+    return text.data();
 }
 
 } // namespace board

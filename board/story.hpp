@@ -26,4 +26,7 @@ class StoryDiffers : public Error
  */
 std::string playStory(Board& board);
 
+/** @brief A time as verdicts tell it, e.g. "4.9 s". */
+[[nodiscard]] std::string secondsOf(Time time);
+
 } // namespace board

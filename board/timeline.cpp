@@ -137,6 +137,12 @@ void Timeline::interrupt()
     changed.notify_all();
 }
 
+void Timeline::resume()
+{
+    const std::lock_guard lock(mutex);
+    interrupted = false;
+}
+
 Time Timeline::now() const
 {
     return std::chrono::duration_cast<Time>(std::chrono::steady_clock::now() -

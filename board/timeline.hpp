@@ -110,6 +110,9 @@ class Timeline
     /** @brief Break off all present and later waits. */
     void interrupt();
 
+    /** @brief Let later waits be waits again. */
+    void resume();
+
     /** @brief The board's clock, now. */
     [[nodiscard]] Time now() const;
 

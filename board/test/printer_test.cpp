@@ -182,7 +182,7 @@ TEST(Printer, PrintsLiveAndToTheEnd)
     auto* const stream = open_memstream(&text, &size);
     {
         Timeline timeline;
-        const Printer printer(timeline, stream, {});
+        const Printer printer(timeline, to(stream), {});
         timeline.record(event::Note{"one"});
         timeline.record(event::Note{"two"});
     }

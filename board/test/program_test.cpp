@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/fd.hpp"
-#include "board/line_reader.hpp"
-#include "board/process.hpp"
+#include "board/test/program.hpp"
 
-#include <poll.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -13,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,112 +20,9 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using namespace board;
+using namespace board::test;
 using testing::HasSubstr;
 using testing::Not;
-
-constexpr int limitMs = 30000;
-// A place in the test's sandbox that the board's own, made inside it, does not
-// cover.
-constexpr auto scriptDirectory = "/mnt";
-constexpr auto script = "/mnt/daemon";
-
-/** A run of morrow-board. */
-class Program
-{
-  public:
-    explicit Program(std::vector<std::string> arguments,
-                     const std::vector<std::string>& environment = {}) :
-        process(command(std::move(arguments)),
-                with(environmentWithout({"NO_COLOR"}), environment),
-                {{pipe.writeEnd.get(), STDOUT_FILENO},
-                 {pipe.writeEnd.get(), STDERR_FILENO}}),
-        reader(std::move(pipe.readEnd))
-    {
-        pipe.writeEnd.reset();
-    }
-
-    /** Reads until a line contains a word; false when it never does. */
-    bool reads(const std::string& word)
-    {
-        auto found = false;
-        auto more = true;
-        while (!found && more)
-        {
-            more = awaitOutput() &&
-                   reader.drain(
-                       [&](std::string_view line)
-                       {
-                           output += std::string(line) + '\n';
-                           found =
-                               found || line.find(word) != std::string::npos;
-                       });
-        }
-        return found;
-    }
-
-    /** Its exit status, with all of its output read. */
-    int end()
-    {
-        static_cast<void>(reads("\n")); // no line has one: reads to the end
-        pollfd source{process.endFd(), POLLIN, 0};
-        EXPECT_EQ(poll(&source, 1, limitMs), 1);
-        return process.ended().value_or(ExitStatus{-2, 0}).status;
-    }
-
-    void signal(int number)
-    {
-        process.signal(number);
-    }
-
-    [[nodiscard]] pid_t id() const
-    {
-        return process.id();
-    }
-
-    std::string output;
-
-  private:
-    static std::vector<std::string> command(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), BOARD_PROGRAM);
-        return arguments;
-    }
-
-    static std::vector<std::string> with(std::vector<std::string> variables,
-                                         const std::vector<std::string>& more)
-    {
-        variables.insert(variables.end(), more.begin(), more.end());
-        return variables;
-    }
-
-    bool awaitOutput()
-    {
-        pollfd source{reader.fd(), POLLIN, 0};
-        return poll(&source, 1, limitMs) > 0;
-    }
-
-    Pipe pipe;
-    Process process;
-    LineReader reader;
-};
-
-/** Runs morrow-board with a shell script as the daemon. */
-std::vector<std::string> playing(const std::string& text)
-{
-    static const auto mounted =
-        mount("tmpfs", scriptDirectory, "tmpfs", 0, nullptr);
-    EXPECT_EQ(mounted, 0);
-    std::ofstream(script) << "#!/bin/sh\n" << text << "\n";
-    fs::permissions(script, fs::perms::owner_all);
-    return {"--daemon", script, "--policy", POLICY_FILE};
-}
-
-std::string lastLine(const std::string& output)
-{
-    const auto end = output.rfind('\n', output.size() - 2);
-    return output.substr(end == std::string::npos ? 0 : end + 1);
-}
 
 TEST(BoardProgram, ExplainsItself)
 {
@@ -184,6 +79,43 @@ TEST(BoardProgram, ShowsEverythingWhenAsked)
     Program verbose(arguments);
     EXPECT_EQ(verbose.end(), 1);
     EXPECT_THAT(verbose.output, HasSubstr("log      morrow:1  detail\n"));
+}
+
+TEST(BoardProgram, SavesTheTimelineWhereTheUserSeesIt)
+{
+    auto arguments = playing("exit 3");
+    // Below /run, where the board's sandbox has another directory.
+    const std::string file("/run/timeline");
+    arguments.insert(arguments.end(), {"--save", file});
+    Program program(arguments);
+    EXPECT_EQ(program.end(), 1);
+    std::string text;
+    std::getline(std::ifstream(file), text, '\0');
+    EXPECT_THAT(text, HasSubstr("\"event\":\"started\""));
+    EXPECT_THAT(lastLine(text), HasSubstr("\"event\":\"exited\",\"status\":3,"
+                                          "\"signal\":null}\n"));
+}
+
+TEST(BoardProgram, SaysWhyTheTimelineIsNotSaved)
+{
+    auto arguments = playing("exit 3");
+    arguments.emplace_back("--save");
+    for (const auto& [file, why] :
+         {std::pair("/no/such/file",
+                    "morrow-board: cannot open /no/such/file to save the "
+                    "timeline: No such file or directory; name another file "
+                    "with --save\n"),
+          std::pair("/dev/full",
+                    "morrow-board: cannot save the timeline in /dev/full: No "
+                    "space left on device; it is not whole; name another file "
+                    "with --save\n")})
+    {
+        arguments.emplace_back(file);
+        Program program(arguments);
+        EXPECT_EQ(program.end(), 1);
+        EXPECT_EQ(lastLine(program.output), why);
+        arguments.pop_back();
+    }
 }
 
 /** What a board could leave behind on the machine around it. */
@@ -300,12 +232,38 @@ TEST(BoardProgram, KeepsTheCallersSettingsFromTheDaemon)
     EXPECT_THAT(program.output, HasSubstr("NOTIFY_SOCKET=/run/board/notify\n"));
 }
 
+/** The test's own sandbox as a machine without FUSE, for a while. */
+class WithoutFuse
+{
+  public:
+    WithoutFuse()
+    {
+        std::ofstream(elsewhere).flush();
+        EXPECT_EQ(mount(device, elsewhere, nullptr, MS_MOVE, nullptr), 0);
+        EXPECT_TRUE(fs::remove(device));
+    }
+
+    WithoutFuse(const WithoutFuse&) = delete;
+    WithoutFuse& operator=(const WithoutFuse&) = delete;
+    WithoutFuse(WithoutFuse&&) = delete;
+    WithoutFuse& operator=(WithoutFuse&&) = delete;
+
+    ~WithoutFuse()
+    {
+        std::ofstream(device).flush();
+        EXPECT_EQ(mount(elsewhere, device, nullptr, MS_MOVE, nullptr), 0);
+    }
+
+  private:
+    static constexpr auto device = "/dev/fuse";
+    static constexpr auto elsewhere = "/mnt/fuse";
+};
+
 TEST(BoardProgram, SaysWhatToDoWhereFuseIsClosedOff)
 {
-    // The test's own sandbox stands for a machine without FUSE.
-    ASSERT_EQ(umount("/dev/fuse"), 0);
-    ASSERT_TRUE(fs::remove("/dev/fuse"));
-    Program program(playing("exit 0"));
+    const auto arguments = playing("exit 0");
+    const WithoutFuse closedOff;
+    Program program(arguments);
     EXPECT_EQ(program.end(), 1);
     EXPECT_THAT(
         lastLine(program.output),

@@ -1,0 +1,490 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/test/program.hpp"
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace board;
+using namespace board::test;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+// A daemon that is ready, logs its level and leaves on the second SIGTERM.
+constexpr auto patient =
+    "count=0\n"
+    "trap 'count=$((count + 1)); echo dlog 4 324 morrow:2:term' TERM\n"
+    "echo \"dlog 4 324 morrow:1:level $DLOG_LEVEL\"\n"
+    "/usr/bin/systemd-notify --ready\n"
+    "while [ $count -lt 2 ]; do sleep 0.01; done\n";
+
+std::vector<std::string> shellWith(const std::string& daemon)
+{
+    auto arguments = playing(daemon);
+    arguments.emplace_back("--shell");
+    return arguments;
+}
+
+/** What a shell says to these lines; it ends with status 0. */
+std::string saidTo(const std::vector<std::string>& lines,
+                   const std::string& daemon = "exit 3")
+{
+    Program program(shellWith(daemon));
+    for (const auto& line : lines)
+    {
+        program.tell(line);
+    }
+    EXPECT_EQ(program.end(), 0);
+    return program.output;
+}
+
+TEST(Shell, GreetsWithTheBusAndEndsWithItsInput)
+{
+    EXPECT_THAT(saidTo({}),
+                AllOf(HasSubstr("  export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/"
+                                "proc/"),
+                      HasSubstr("\"help\" tells all commands, \"quit\" ends "
+                                "the board.\n"),
+                      EndsWith("The board has ended; nothing is left "
+                               "behind.\n")));
+}
+
+TEST(Shell, EndsWithQuit)
+{
+    EXPECT_THAT(saidTo({"quit", "note after"}), Not(HasSubstr("after")));
+}
+
+TEST(Shell, TakesALastLineWithoutAnEnd)
+{
+    Program program(shellWith("exit 3"));
+    program.tell("note one\nnote two\r\n\n# note three");
+    EXPECT_EQ(program.end(), 0);
+    EXPECT_THAT(program.output,
+                AllOf(HasSubstr("board    one\n"), HasSubstr("board    two\n"),
+                      Not(HasSubstr("board    three"))));
+}
+
+TEST(Shell, SaysWhatIsWrongAndGoesOn)
+{
+    EXPECT_THAT(saidTo({"endpoint 0 foo", "note on"}),
+                AllOf(HasSubstr("\n\"foo\" is not possible after \"0\"; "
+                                "possible: "),
+                      HasSubstr("board    on\n")));
+}
+
+TEST(Shell, ChangesTheHost)
+{
+    EXPECT_THAT(saidTo({"host Running", "power StateS5", "reset WarmReset"}),
+                AllOf(HasSubstr("host     CurrentHostState is Running\n"),
+                      HasSubstr("host     InternalPowerState is StateS5, "
+                                "announced\n"),
+                      HasSubstr("host     ResetCause is WarmReset, "
+                                "announced\n")));
+}
+
+TEST(Shell, ShowsTheKernelsTree)
+{
+    EXPECT_THAT(
+        saidTo({"endpoint 1 eid 0x42", "tree"}),
+        AllOf(HasSubstr("\n    fff10000.i3c -> "),
+              HasSubstr("\n/sys/class/i3c-mctp\n    i3c-mctp-0 -> "),
+              HasSubstr("\n/dev\n    i3c-mctp-0\n    i3c-mctp-1\n"),
+              HasSubstr("\ncontroller 0  fff10000.i3c, bound, /dev/i3c-mctp-0, "
+                        "endpoint 29 (0x1d)\n"),
+              HasSubstr("\ncontroller 1  fff11000.i3c, bound, /dev/i3c-mctp-1, "
+                        "endpoint 66 (0x42)\n")));
+}
+
+TEST(Shell, RunsTheDaemonAndAwaitsWhatItDoes)
+{
+    EXPECT_THAT(
+        saidTo({"loglevel 2", "daemon start", "await ready", "daemon status",
+                "daemon start", "daemon term", "await log term", "daemon term",
+                "await exit", "expect exit 0", "expect exit SIGKILL",
+                "expect no log term", "expect no log tree", "daemon status"},
+               patient),
+        AllOf(HasSubstr("daemon   says READY=1\n"),
+              HasSubstr("log      morrow:1  level 2\n"),
+              HasSubstr("\nThe daemon runs, process "),
+              HasSubstr("\ncannot start the daemon: it runs already\n"),
+              HasSubstr("> expect exit 0\n"),
+              HasSubstr("\nthe daemon ended with 0, not SIGKILL\n"),
+              HasSubstr("\nthe daemon has logged \"term\"\n"),
+              Not(HasSubstr("has logged \"tree\"")),
+              HasSubstr("\nThe daemon does not run.\n")));
+}
+
+TEST(Shell, AwaitsInOrderFromTheEndOfTheLastAwait)
+{
+    const auto said =
+        saidTo({"limit 100", "daemon start", "await log two", "await exit",
+                "await log one", "from now", "await exit"},
+               "echo dlog 4 324 morrow:1:one\n"
+               "echo dlog 4 324 morrow:1:two");
+    EXPECT_THAT(said,
+                AllOf(HasSubstr("\nno log record with \"one\": the daemon does "
+                                "not run\n"),
+                      HasSubstr("\nno end of the daemon: the daemon does not "
+                                "run\n")));
+}
+
+TEST(Shell, KillsTheDaemonAndTellsTheSignal)
+{
+    EXPECT_THAT(
+        saidTo({"expect exit 0", "daemon start", "expect exit 0", "daemon kill",
+                "await exit", "expect exit SIGKILL", "expect exit 0"},
+               patient),
+        AllOf(HasSubstr("\nthe daemon was never started\n"),
+              HasSubstr("\nthe daemon has not ended\n"),
+              HasSubstr("\nthe daemon ended with SIGKILL, not 0\n")));
+}
+
+TEST(Shell, GivesUpAnAwaitAtItsLimit)
+{
+    EXPECT_THAT(
+        saidTo({"limit 50", "daemon start", "await published 29",
+                "await withdrawn 0x1d", "await bind 0", "await unbind 1",
+                "await up 0", "await down 1"},
+               patient),
+        AllOf(
+            HasSubstr("\nno announcement of endpoint 29 within 50 ms; the "
+                      "daemon is at: "),
+            HasSubstr("\nno withdrawal of endpoint 0x1d within 50 ms"),
+            HasSubstr("\nno bind of fff10000.i3c within 50 ms"),
+            HasSubstr("\nno unbind of fff11000.i3c within 50 ms"),
+            HasSubstr("\nno coming up of the device of fff10000.i3c within "),
+            HasSubstr("\nno end of the device of fff11000.i3c within 50 ms")));
+}
+
+TEST(Shell, ShowsTheLastEventsOfTheTimeline)
+{
+    const auto said = saidTo({"note one", "timeline 2"});
+    EXPECT_THAT(said, MatchesRegex("(.|\n)*ms  who      what\n"
+                                   "[ 0-9.]+  board    one\n"
+                                   "[ 0-9.]+  board    > timeline 2\n(.|\n)*"));
+}
+
+TEST(Shell, SetsWhatThePlatformReads)
+{
+    EXPECT_THAT(
+        saidTo({"platform value CPU_VENDOR 1", "daemon start", "await exit"},
+               "echo dlog 4 324 morrow:1:vendor $(cat /run/platform/io/"
+               "CPU_VENDOR)"),
+        HasSubstr("morrow:1  vendor 1\n"));
+}
+
+TEST(Shell, PausesAndHelps)
+{
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_THAT(saidTo({"pause 50", "help quit", "help foo"}),
+                AllOf(HasSubstr("\n  quit                            End the "
+                                "board; nothing is left behind.\n"),
+                      HasSubstr("\n\"foo\" is not possible; possible: ")));
+    EXPECT_GE(std::chrono::steady_clock::now() - before,
+              std::chrono::milliseconds(50));
+}
+
+TEST(Shell, ReadsEndpointsOfNobodyAsAnError)
+{
+    EXPECT_THAT(saidTo({"endpoints", "expect endpoints none", "note on"}),
+                AllOf(HasSubstr("xyz.openbmc_project.mctp"),
+                      HasSubstr("board    on\n")));
+}
+
+TEST(Shell, EndsInterruptedWhereNobodyTypes)
+{
+    Program program(shellWith(patient));
+    program.tell("daemon start\nawait exit\nnote after");
+    ASSERT_TRUE(program.reads("level"));
+    program.signal(SIGINT);
+    EXPECT_EQ(program.end(), 130);
+    EXPECT_THAT(program.output, Not(HasSubstr("board    after")));
+    EXPECT_EQ(lastLine(program.output),
+              "Interrupted; nothing is left behind.\n");
+}
+
+/** Writes a story and returns the arguments that play it. */
+std::vector<std::string> story(const std::string& text,
+                               const std::string& daemon)
+{
+    auto arguments = playing(daemon);
+    std::ofstream("/mnt/a.board") << text;
+    arguments.insert(arguments.end(), {"--play", "/mnt/a.board"});
+    return arguments;
+}
+
+TEST(Play, EndsAsTold)
+{
+    Program program(story("# a life\n\ndaemon start\nawait ready\n"
+                          "daemon term\nawait log term\ndaemon term\n"
+                          "await exit\nexpect exit 0\n",
+                          patient));
+    EXPECT_EQ(program.end(), 0);
+    EXPECT_THAT(lastLine(program.output),
+                MatchesRegex("As told: /mnt/a.board, 7 commands, in [0-9.]+ "
+                             "s.\n"));
+    EXPECT_THAT(program.output, HasSubstr("board    > await ready\n"));
+}
+
+TEST(Play, EndsAtTheFirstLineThatFails)
+{
+    Program program(
+        story("daemon start\n  await exit\nexpect exit 0\nnote on", "exit 3"));
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_EQ(lastLine(program.output),
+              "Not as told: /mnt/a.board:3: expect exit 0: the daemon ended "
+              "with 3, not 0.\n");
+    EXPECT_THAT(program.output, Not(HasSubstr("board    on")));
+}
+
+TEST(Play, RefusesAWrongWordBeforeAnythingHappens)
+{
+    Program program(story("note one\n\nreset\n", "exit 3"));
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_EQ(program.output, "morrow-board: /mnt/a.board:3: \"reset\" is not "
+                              "all; after it: CAUSE\n");
+}
+
+TEST(Play, ReadsStandardInput)
+{
+    auto arguments = playing("exit 3");
+    arguments.insert(arguments.end(), {"--play", "-"});
+    Program program(arguments);
+    program.tell("note one\nexpect exit 0");
+    EXPECT_EQ(program.end(), 1);
+    EXPECT_EQ(lastLine(program.output),
+              "Not as told: standard input:2: expect exit 0: the daemon was "
+              "never started.\n");
+}
+
+TEST(Play, IsEitherByHandOrByFile)
+{
+    Program program({"--shell", "--play", "-"});
+    EXPECT_EQ(program.end(), 2);
+}
+
+TEST(Stories, OfTheInstallationGoAsTold)
+{
+    std::vector<std::pair<std::string, std::unique_ptr<Program>>> programs;
+    for (const auto& entry : std::filesystem::directory_iterator(STORIES))
+    {
+        const auto file = entry.path().string();
+        programs.emplace_back(
+            file, std::make_unique<Program>(std::vector<std::string>{
+                      "--daemon", DAEMON_PROGRAM, "--policy", POLICY_FILE,
+                      "--play", file}));
+    }
+    EXPECT_GE(programs.size(), 3U);
+    for (const auto& [file, program] : programs)
+    {
+        EXPECT_EQ(program->end(), 0) << file << '\n' << program->output;
+        EXPECT_THAT(lastLine(program->output), HasSubstr("As told: " + file));
+    }
+}
+
+/** A shell at a terminal of its own. */
+class Terminal
+{
+  public:
+    explicit Terminal(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), BOARD_PROGRAM);
+        std::vector<char*> pointers;
+        for (auto& argument : arguments)
+        {
+            pointers.push_back(argument.data());
+        }
+        pointers.push_back(nullptr);
+        winsize size{24, 80, 0, 0};
+        int master = -1;
+        process = forkpty(&master, nullptr, nullptr, &size);
+        if (process == 0)
+        {
+            setenv("TERM", "xterm", 1);
+            setenv("NO_COLOR", "1", 1);
+            execv(pointers.front(), pointers.data());
+            _exit(127);
+        }
+        terminal = Fd(master);
+    }
+
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+    Terminal(Terminal&&) = delete;
+    Terminal& operator=(Terminal&&) = delete;
+
+    ~Terminal()
+    {
+        if (process > 0)
+        {
+            kill(process, SIGKILL);
+            static_cast<void>(end());
+        }
+    }
+
+    void types(const std::string& keys)
+    {
+        EXPECT_EQ(write(terminal.get(), keys.data(), keys.size()),
+                  static_cast<ssize_t>(keys.size()));
+    }
+
+    /** Reads until this is shown after what was read for earlier; false when
+     *  it never is. */
+    bool shows(const std::string& text)
+    {
+        auto found = output.find(text, from);
+        while (found == std::string::npos && readMore())
+        {
+            found = output.find(text, from);
+        }
+        from = found == std::string::npos ? output.size() : found + text.size();
+        return found != std::string::npos;
+    }
+
+    /** Its exit status; one that does not end in time is killed. */
+    int end()
+    {
+        while (readMore())
+        {
+        }
+        pollfd source{terminal.get(), 0, 0}; // a hang-up shows unasked
+        if (poll(&source, 1, 0) == 0)
+        {
+            kill(process, SIGKILL);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(process, &status, 0), process);
+        process = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    [[nodiscard]] pid_t id() const
+    {
+        return process;
+    }
+
+    std::string output;
+
+  private:
+    bool readMore()
+    {
+        pollfd source{terminal.get(), POLLIN, 0};
+        std::array<char, 4096> bytes{};
+        if (poll(&source, 1, limitMs) <= 0)
+        {
+            return false;
+        }
+        // A terminal that nobody has open any more gives EIO.
+        const auto got = read(terminal.get(), bytes.data(), bytes.size());
+        output.append(bytes.data(),
+                      got > 0 ? static_cast<std::size_t>(got) : 0);
+        return got > 0;
+    }
+
+    pid_t process = -1;
+    Fd terminal;
+    std::size_t from = 0;
+};
+
+constexpr auto prompt = "morrow> ";
+
+// A key that the terminal itself has a meaning for (Ctrl-D) is typed at the
+// prompt only: while a command runs, the terminal takes it.
+
+TEST(Prompt, CompletesWords)
+{
+    Terminal terminal(shellWith("exit 3"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("da\t");
+    ASSERT_TRUE(terminal.shows("emon "));
+    terminal.types("st\t\t");
+    ASSERT_TRUE(terminal.shows("start  stop  status"));
+    ASSERT_TRUE(terminal.shows("morrow> daemon st"));
+    terminal.types("ar\t\r");
+    ASSERT_TRUE(terminal.shows("started, process"));
+    terminal.types("quit\r");
+    EXPECT_EQ(terminal.end(), 0);
+}
+
+TEST(Prompt, RemembersLines)
+{
+    Terminal terminal(shellWith("exit 3"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("note on\r");
+    ASSERT_TRUE(terminal.shows("board    on"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("\033[Ace\r"); // the key up, and two letters more
+    ASSERT_TRUE(terminal.shows("board    once"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("\004");
+    EXPECT_EQ(terminal.end(), 0);
+}
+
+TEST(Prompt, KeepsTheLineThatIsTypedBelowWhatHappens)
+{
+    Terminal terminal(shellWith("sleep 0.2; exit 3"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("daemon start\rnote on");
+    ASSERT_TRUE(terminal.shows("ended with status 3"));
+    ASSERT_TRUE(terminal.shows("morrow> note on"));
+    terminal.types("ce\r");
+    ASSERT_TRUE(terminal.shows("board    once"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("\004");
+    EXPECT_EQ(terminal.end(), 0);
+}
+
+TEST(Prompt, BreaksOffAWaitAndALineWithCtrlC)
+{
+    Terminal terminal(shellWith(patient));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("daemon start\rawait exit\r");
+    ASSERT_TRUE(terminal.shows("await exit\r\n"));
+    terminal.types("\003");
+    ASSERT_TRUE(terminal.shows("Broken off."));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("note nothing\003");
+    ASSERT_TRUE(terminal.shows("^C"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("note something\r");
+    ASSERT_TRUE(terminal.shows("board    something"));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("\004");
+    EXPECT_EQ(terminal.end(), 0);
+    EXPECT_THAT(terminal.output, Not(HasSubstr("board    nothing")));
+}
+
+TEST(Prompt, EndsWithTheTerminal)
+{
+    Terminal terminal(shellWith(patient));
+    ASSERT_TRUE(terminal.shows(prompt));
+    terminal.types("daemon start\r");
+    ASSERT_TRUE(terminal.shows("READY=1"));
+    kill(terminal.id(), SIGHUP);
+    EXPECT_EQ(terminal.end(), 130);
+    EXPECT_THAT(terminal.output,
+                HasSubstr("Interrupted; nothing is left behind."));
+}
+
+} // namespace

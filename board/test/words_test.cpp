@@ -1,0 +1,334 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/error.hpp"
+#include "board/words/arguments.hpp"
+#include "board/words/command_table.hpp"
+#include "board/words/commands.hpp"
+#include "board/words/script.hpp"
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace board;
+using namespace board::words;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+/** A table of patterns that do nothing. */
+CommandTable tableOf(const std::vector<std::string>& patterns)
+{
+    std::vector<Command> commands;
+    for (const auto& pattern : patterns)
+    {
+        commands.push_back({Pattern(pattern), "helps.", {}});
+    }
+    return CommandTable(std::move(commands));
+}
+
+const CommandTable& small()
+{
+    static const auto table =
+        tableOf({"endpoint CONTROLLER silent", "endpoint CONTROLLER eid EID",
+                 "expect none", "expect EID...", "note TEXT", "show [COUNT]",
+                 "help [WORD]"});
+    return table;
+}
+
+/** The pattern that a line is understood as, and its values. */
+std::vector<std::string> meaning(const std::string& line)
+{
+    const auto call = small().understand(line);
+    if (call.command == nullptr)
+    {
+        return {};
+    }
+    auto all = call.values;
+    all.insert(all.begin(), call.command->pattern.text());
+    return all;
+}
+
+std::string refusal(const std::string& line)
+{
+    try
+    {
+        static_cast<void>(small().understand(line));
+    }
+    catch (const Error& error)
+    {
+        return error.what();
+    }
+    return "understood";
+}
+
+std::vector<std::string> completions(const std::string& line)
+{
+    return small().complete(line, line.size()).candidates;
+}
+
+TEST(Words, ArePartedByBlanks)
+{
+    EXPECT_THAT(meaning(" endpoint\t1  eid 0x42 \r"),
+                ElementsAre("endpoint CONTROLLER eid EID", "1", "0x42"));
+    EXPECT_THAT(meaning("endpoint 0 silent"),
+                ElementsAre("endpoint CONTROLLER silent", "0"));
+}
+
+TEST(Words, CommentsAndEmptyLinesMeanNothing)
+{
+    for (const auto* line : {"", "  \t", "# endpoint", "  #endpoint 0"})
+    {
+        EXPECT_THAT(meaning(line), IsEmpty()) << line;
+    }
+}
+
+TEST(Words, TextIsTheRestOfTheLine)
+{
+    EXPECT_THAT(meaning("note  two  words # and more  "),
+                ElementsAre("note TEXT", "two  words # and more"));
+}
+
+TEST(Words, SomeArgumentsMayBeLeftOutOrRepeated)
+{
+    EXPECT_THAT(meaning("show"), ElementsAre("show [COUNT]"));
+    EXPECT_THAT(meaning("show 3"), ElementsAre("show [COUNT]", "3"));
+    EXPECT_THAT(meaning("expect none"), ElementsAre("expect none"));
+    EXPECT_THAT(meaning("expect 29 0x9D"),
+                ElementsAre("expect EID...", "29", "0x9D"));
+}
+
+TEST(Words, RefusesWhatIsNoCommandWithWhatIsPossible)
+{
+    EXPECT_EQ(refusal("foo 1"),
+              "\"foo\" is not possible; possible: endpoint, expect, note, "
+              "show, help");
+    EXPECT_EQ(refusal("endpoint 0 foo"),
+              "\"foo\" is not possible after \"0\"; possible: silent, eid");
+    EXPECT_EQ(refusal("endpoint 2 silent"),
+              "\"2\" is not possible after \"endpoint\"; possible: CONTROLLER "
+              "(0 or 1)");
+    EXPECT_EQ(refusal("endpoint 0 silent now"),
+              "\"now\" is not possible after \"silent\"; possible: nothing "
+              "more");
+}
+
+TEST(Words, RefusesWhatIsNotAllWithWhatIsMissing)
+{
+    EXPECT_EQ(refusal("endpoint"), "\"endpoint\" is not all; after it: "
+                                   "CONTROLLER (0 or 1)");
+    EXPECT_EQ(refusal(" endpoint 0 eid"),
+              "\"endpoint 0 eid\" is not all; after it: EID (0 to 255, or "
+              "0x00 to 0xff)");
+    EXPECT_EQ(refusal("note"), "\"note\" is not all; after it: TEXT");
+    EXPECT_EQ(refusal("expect"), "\"expect\" is not all; after it: none, EID "
+                                 "(0 to 255, or 0x00 to 0xff)");
+}
+
+TEST(Words, NumbersAreDecimalOrHexadecimalAndInTheirRange)
+{
+    EXPECT_EQ(eidOf("29"), 29);
+    EXPECT_EQ(eidOf("0x9d"), 157);
+    EXPECT_EQ(controllerOf("1"), 1U);
+    EXPECT_EQ(millisecondsOf("500"), std::chrono::milliseconds(500));
+    for (const auto* word : {"", "-1", "+1", "256", "0x", "0x100", "1d", "1 ",
+                             "99999999999999999999"})
+    {
+        EXPECT_FALSE(isOfKind("EID", word)) << word;
+        EXPECT_THROW(static_cast<void>(eidOf(word)), Error) << word;
+    }
+}
+
+TEST(Completion, OffersWhatCanFollow)
+{
+    EXPECT_THAT(completions(""),
+                ElementsAre("endpoint", "expect", "note", "show", "help"));
+    EXPECT_THAT(completions("e"), ElementsAre("endpoint", "expect"));
+    EXPECT_THAT(completions("endpoint "), ElementsAre("0", "1"));
+    EXPECT_THAT(completions("endpoint 0 "), ElementsAre("silent", "eid"));
+    EXPECT_THAT(completions("endpoint 0 s"), ElementsAre("silent"));
+    EXPECT_THAT(completions("endpoint 7 s"), IsEmpty());
+    EXPECT_THAT(completions("expect 29 1"), ElementsAre("157"));
+    EXPECT_THAT(completions("note s"), IsEmpty());
+    EXPECT_THAT(completions("help e"), ElementsAre("endpoint", "expect"));
+}
+
+TEST(Words, OfAFamilyAreJudgedByIt)
+{
+    const auto why = [](const std::string& line) -> std::string
+    {
+        try
+        {
+            static_cast<void>(allCommands().understand(line));
+        }
+        catch (const Error& error)
+        {
+            return error.what();
+        }
+        return "understood";
+    };
+    EXPECT_EQ(why("endpoint 0 late"),
+              "cannot understand \"late\": something is missing; say late MS "
+              "[BEHAVIOUR...]");
+    EXPECT_EQ(why("driver bind-file refuses NOTHING").substr(0, 30),
+              "cannot understand \"bind-file\":");
+    EXPECT_EQ(why("host foo").substr(0, 41),
+              "\"foo\" is not possible after \"host\"; possi");
+}
+
+TEST(Completion, KnowsTheWordsOfFamilies)
+{
+    const auto offered = [](const std::string& line)
+    {
+        return allCommands().complete(line, line.size()).candidates;
+    };
+    EXPECT_THAT(offered("endpoint 0 late 500 si"), ElementsAre("silent"));
+    EXPECT_THAT(offered("controller 1 class-entry "),
+                ElementsAre("directory", "file", "none"));
+    EXPECT_THAT(offered("controller 0 refuses-bind E"), Contains("EIO"));
+    EXPECT_THAT(offered("host Ru"), ElementsAre("Running"));
+}
+
+TEST(Completion, LooksAtWhatIsBeforeTheCursor)
+{
+    const auto completion = small().complete("endpoint 0 si nonsense", 13);
+    EXPECT_EQ(completion.begin, 11U);
+    EXPECT_THAT(completion.candidates, ElementsAre("silent"));
+    EXPECT_EQ(completion.extension(13), "lent ");
+}
+
+TEST(Completion, AddsWhatAllHaveInCommon)
+{
+    EXPECT_EQ(
+        tableOf({"start", "status", "stop"}).complete("s", 1).extension(1),
+        "t");
+    EXPECT_EQ(tableOf({"start", "stop"}).complete("st", 2).extension(2), "");
+    EXPECT_EQ(tableOf({"start"}).complete("x", 1).extension(1), "");
+}
+
+TEST(CommandTable, HelpsWithOneWordOrAll)
+{
+    EXPECT_EQ(small().help("expect"),
+              "  expect none                     helps.\n"
+              "  expect EID...                   helps.\n");
+    EXPECT_THAT(small().help(),
+                AllOf(HasSubstr("  note TEXT "), HasSubstr("  show [COUNT] ")));
+    EXPECT_THROW(static_cast<void>(small().help("foo")), Error);
+}
+
+TEST(CommandTable, HelpKeepsToShortLines)
+{
+    std::istringstream lines(allCommands().help());
+    for (std::string line; std::getline(lines, line);)
+    {
+        EXPECT_LE(line.size(), 105U) << line;
+    }
+}
+
+TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
+{
+    for (const auto* line :
+         {"host Running",
+          "power StateS5",
+          "reset WarmReset",
+          "endpoint 0 silent",
+          "endpoint 1 eid 0x42",
+          "controller 0 never-comes-up",
+          "controller 1 comes-up-after 500",
+          "controller 1 class-entry file",
+          "driver bind-file refuses EIO",
+          "endpoint 1 first 2 late 500 silent then answering",
+          "host never-answers",
+          "host says",
+          "daemon start",
+          "daemon stop",
+          "daemon term",
+          "daemon kill",
+          "daemon status",
+          "platform cpu-vendor 1",
+          "bus broker-dies",
+          "loglevel 4",
+          "tree",
+          "endpoints",
+          "bus",
+          "timeline",
+          "timeline 5",
+          "await ready",
+          "await log some text",
+          "await published 29",
+          "await withdrawn 0x1d",
+          "await exit",
+          "await bind 0",
+          "await unbind 1",
+          "await up 0",
+          "await down 1",
+          "from now",
+          "limit 60000",
+          "pause 500",
+          "expect endpoints none",
+          "expect endpoints 29 157",
+          "expect exit 0",
+          "expect exit SIGKILL",
+          "expect no log TEXT",
+          "note a text",
+          "help",
+          "help await",
+          "quit"})
+    {
+        EXPECT_NO_THROW(static_cast<void>(allCommands().understand(line)))
+            << line;
+    }
+}
+
+TEST(Script, IsUnderstoodBeforeAnythingIsDone)
+{
+    const std::string text("# a story\n\nhost Running\nreset\n");
+    try
+    {
+        const Script script("a.board", text, allCommands());
+        FAIL() << "understood";
+    }
+    catch (const Error& error)
+    {
+        EXPECT_STREQ(error.what(),
+                     "a.board:4: \"reset\" is not all; after it: CAUSE");
+    }
+}
+
+TEST(Script, CountsItsCommands)
+{
+    const std::string text("# a story\n\nhost Running\n  quit");
+    const Script script("a.board", text, allCommands());
+    EXPECT_EQ(script.size(), 2U);
+    EXPECT_EQ(script.name(), "a.board");
+}
+
+TEST(Script, SaysWhichFileCannotBeRead)
+{
+    const auto why = [](const std::string& file) -> std::string
+    {
+        try
+        {
+            static_cast<void>(Script::of(file, allCommands()));
+        }
+        catch (const Error& error)
+        {
+            return error.what();
+        }
+        return "read";
+    };
+    EXPECT_EQ(
+        why("/no/such.board"),
+        "cannot open the story /no/such.board: No such file or directory");
+    EXPECT_EQ(why("/run"), "cannot read the story /run: Is a directory");
+}
+
+} // namespace
