@@ -21,14 +21,21 @@ Gen<int> number(int least, int most)
     return gen::resize(rc::kNominalSize, gen::inRange(least, most + 1));
 }
 
-/** One of some values; shrinks to the first. Given twice is twice as likely. */
+/** One of some values; shrinks to the first that does. A value that is given
+ *  twice is twice as likely. */
 template <typename Value>
 Gen<Value> oneOf(std::initializer_list<Value> values)
 {
-    return gen::map(number(0, static_cast<int>(values.size()) - 1),
-                    [values = std::vector<Value>(values)](int index) -> Value
+    const auto index = gen::shrink(
+        gen::noShrink(number(0, static_cast<int>(values.size()) - 1)),
+        [](int drawn)
+        {
+            return rc::seq::range(0, drawn);
+        });
+    return gen::map(index,
+                    [values = std::vector<Value>(values)](int drawn) -> Value
                     {
-                        return values.at(static_cast<std::size_t>(index));
+                        return values.at(static_cast<std::size_t>(drawn));
                     });
 }
 

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "world.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ostream>
+#include <span>
 #include <string_view>
 #include <type_traits>
 
@@ -78,11 +80,17 @@ std::string inWords(const Attempt& attempt)
     std::string text = attempt.result == 0
                            ? "answer"
                            : "failure " + std::to_string(attempt.result);
-    for (const uint8_t byte : attempt.bytes)
+    constexpr std::size_t shown = 8;
+    for (const uint8_t byte :
+         std::span(attempt.bytes).first(std::min(attempt.bytes.size(), shown)))
     {
         std::array<char, 4> hex{};
         (void)snprintf(hex.data(), hex.size(), " %02x", byte);
         text += hex.data();
+    }
+    if (attempt.bytes.size() > shown)
+    {
+        text += " ... (" + std::to_string(attempt.bytes.size()) + " bytes)";
     }
     if (attempt.beyond != 0)
     {
