@@ -61,6 +61,7 @@ bool isCapitalised(std::string_view word)
 std::vector<std::string> namesOf(const std::vector<Phrase>& phrases)
 {
     std::vector<std::string> names;
+    names.reserve(phrases.size());
     for (const auto& phrase : phrases)
     {
         names.push_back(phrase.name);

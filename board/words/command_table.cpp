@@ -97,8 +97,8 @@ std::string Completion::extension(std::size_t cursor) const
     return common.substr(cursor - begin) + (candidates.size() == 1 ? " " : "");
 }
 
-CommandTable::CommandTable(std::vector<Command> table) :
-    commands(std::move(table))
+CommandTable::CommandTable(std::vector<Command> commands) :
+    commands(std::move(commands))
 {
 }
 

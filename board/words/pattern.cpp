@@ -55,7 +55,7 @@ std::string trimmed(const std::string& line)
     return line.substr(words.front().begin, end - words.front().begin);
 }
 
-Pattern::Pattern(const std::string& text) : written(text)
+Pattern::Pattern(std::string text) : written(std::move(text))
 {
     for (const auto& word : wordsOf(written))
     {

@@ -53,7 +53,7 @@ struct Match
 class Pattern
 {
   public:
-    explicit Pattern(const std::string& text);
+    explicit Pattern(std::string text);
 
     /** @brief A pattern whose end is judged elsewhere: after its beginning it
      *         takes any words.
