@@ -1166,8 +1166,8 @@ TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
         "is StateS6",
         [&]
         {
-            control.changes(HostControl::powerState,
-                            {{"InternalPowerState", "a.PreStandby"}});
+            HostControl().changes(HostControl::powerState,
+                                  {{"InternalPowerState", "a.PreStandby"}});
             EXPECT_TRUE(record::waitUntil(
                 [bus]
                 {

@@ -1049,12 +1049,12 @@ void expectTheMutexIsFreeAt(const std::string& text,
                                  {
                                      return server_mutex.try_lock();
                                  });
+                             if (free)
+                             {
+                                 server_mutex.unlock();
+                             }
                          })
                          .join();
-                     if (free)
-                     {
-                         server_mutex.unlock();
-                     }
                  });
     operation();
     EXPECT_TRUE(free) << text;
