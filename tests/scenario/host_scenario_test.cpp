@@ -299,7 +299,6 @@ TEST_F(HostService, ThatHangsHoldsTheLoopUntilItAnswersAgain)
     startToBothEndpoints();
     board().host().neverAnswers();
     const auto from = now();
-    logs("Entry [getcurrentpowerstate]", from);
     // Signals are taken in meanwhile, and the endpoints stay published.
     board().host().entersPowerState("StateS5");
     logs(std::string(handler) + "Power state is StateS5", from);
