@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -1262,6 +1263,46 @@ TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
     EXPECT_EQ(record::count("adds the manager " + manager0), 0);
     lock.unlock();
     EXPECT_EQ(stop.get(), 0);
+}
+
+/** Whether a thread waits in a system call. */
+bool isAsleep(pid_t thread)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) +
+                         "/status");
+    for (std::string line; std::getline(status, line);)
+    {
+        if (line.starts_with("State:"))
+        {
+            return line.find("S (sleeping)") != std::string::npos;
+        }
+    }
+    return false;
+}
+
+TEST_F(ServerStop, PublicationThatWaitedForTheMutexFindsTheBusGone)
+{
+    const auto thread = threadOf(initialised);
+    std::unique_lock lock(server_mutex);
+    auto published = std::async(std::launch::async,
+                                []
+                                {
+                                    return publish(0, 8);
+                                });
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: createEndpointObject - Enter\n"));
+    ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    // It has given the bus up and waits for the mutex.
+    ASSERT_TRUE(record::waitUntil(
+        [thread]
+        {
+            return isAsleep(thread);
+        }));
+    lock.unlock();
+    EXPECT_EQ(published.get(), 1);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
 TEST_F(ServerStop, PublicationUnderWayLetsGoOfTheBusBeforeTheMutexIsFree)
