@@ -80,3 +80,14 @@ void Broker::kill()
         process = -1;
     }
 }
+
+void Broker::pause() const
+{
+    ::kill(process, SIGSTOP);
+    waitpid(process, nullptr, WUNTRACED);
+}
+
+void Broker::resume() const
+{
+    ::kill(process, SIGCONT);
+}

@@ -24,6 +24,12 @@ class Broker
     /** Ends the broker as if it had crashed. */
     void kill();
 
+    /** Lets it take nothing more, so that what is sent to it piles up. */
+    void pause() const;
+
+    /** Lets it go on. */
+    void resume() const;
+
   private:
     pid_t process = -1;
 };

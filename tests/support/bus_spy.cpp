@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <cinttypes>
 #include <cstdint>
 #include <map>
@@ -18,6 +19,9 @@ namespace
 
 /** Not while a call is passed on: libsystemd lets go of things of its own. */
 thread_local bool watching = false;
+
+std::atomic<bool> repliesAreErrors{false};
+std::atomic<int> subscriptionError{0};
 
 std::mutex namesMutex;
 std::map<sd_bus_slot*, std::string> names;
@@ -43,7 +47,15 @@ Function* next(Function* /*likeThis*/, const char* name)
 namespace bus_spy
 {
 
-std::atomic<int> matchError{0};
+void makeRepliesErrors()
+{
+    repliesAreErrors = true;
+}
+
+void failSubscriptions(int error)
+{
+    subscriptionError = error;
+}
 
 void watchThisThread()
 {
@@ -57,9 +69,13 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
                                 sd_bus_message_handler_t callback,
                                 void* userdata)
 {
-    if (bus_spy::matchError != 0)
+    if (watching)
     {
-        return -bus_spy::matchError;
+        record::add("adds the match %s", match);
+    }
+    if (subscriptionError != 0)
+    {
+        return -subscriptionError;
     }
     const int result = next(sd_bus_add_match, "sd_bus_add_match")(
         bus, slot, match, callback, userdata);
@@ -70,6 +86,10 @@ extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot,
 extern "C" int sd_bus_add_object_manager(sd_bus* bus, sd_bus_slot** slot,
                                          const char* path)
 {
+    if (watching)
+    {
+        record::add("adds the manager %s", path);
+    }
     const int result = next(sd_bus_add_object_manager,
                             "sd_bus_add_object_manager")(bus, slot, path);
     remember(slot, std::string("manager ") + path);
@@ -89,6 +109,24 @@ extern "C" sd_bus_slot* sd_bus_slot_unref(sd_bus_slot* slot)
     return result;
 }
 
+extern "C" int sd_bus_message_is_method_error(sd_bus_message* message,
+                                              const char* name)
+{
+    return repliesAreErrors
+               ? 1
+               : next(sd_bus_message_is_method_error,
+                      "sd_bus_message_is_method_error")(message, name);
+}
+
+extern "C" int sd_bus_wait(sd_bus* bus, uint64_t microseconds)
+{
+    if (watching)
+    {
+        record::add("waits %" PRIu64 " us for the bus", microseconds);
+    }
+    return next(sd_bus_wait, "sd_bus_wait")(bus, microseconds);
+}
+
 extern "C" sd_bus* sd_bus_unref(sd_bus* bus)
 {
     if (watching)
@@ -106,15 +144,6 @@ extern "C" int sd_bus_process(sd_bus* bus, sd_bus_message** message)
         record::add("finds nothing more to do");
     }
     return result;
-}
-
-extern "C" int sd_bus_wait(sd_bus* bus, uint64_t limit)
-{
-    if (watching)
-    {
-        record::add("waits %" PRIu64 " us for a message", limit);
-    }
-    return next(sd_bus_wait, "sd_bus_wait")(bus, limit);
 }
 
 extern "C" int sd_bus_call(sd_bus* bus, sd_bus_message* call, uint64_t limit,

@@ -15,13 +15,13 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 namespace fake
@@ -39,10 +39,41 @@ int brokenSleeps = 0;
 std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
-std::atomic<int> lastSemaphoreShared{-1};
-std::atomic<unsigned int> lastSemaphoreValue{UINT_MAX};
-std::atomic<int> semaphoresDestroyed{0};
+std::function<void()> onSemaphoreDestroy;
 std::function<void()> onVendorRead;
+
+namespace
+{
+
+/** Made on first use, which may come before this file's globals. */
+struct Semaphores
+{
+    std::mutex mutex;
+    std::map<const sem_t*, Semaphore> known;
+    const sem_t* last = nullptr;
+
+    static Semaphores& all()
+    {
+        static auto* const instance = new Semaphores; // also used after main
+        return *instance;
+    }
+};
+
+} // namespace
+
+Semaphore semaphore(const sem_t* address)
+{
+    auto& all = Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    return all.known.at(address);
+}
+
+Semaphore lastSemaphore()
+{
+    auto& all = Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    return all.known.at(all.last);
+}
 
 Attempt answer(uint8_t eid)
 {
@@ -247,20 +278,28 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
         errno = fake::semaphoreInitError;
         return -1;
     }
-    fake::lastSemaphoreShared = shared;
-    fake::lastSemaphoreValue = value;
+    auto& all = fake::Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    all.known[semaphore] = {shared, value, 0};
+    all.last = semaphore;
     return realFunction<int(sem_t*, int, unsigned int)>("sem_init")(
         semaphore, shared, value);
 }
 
 extern "C" int sem_destroy(sem_t* semaphore)
 {
-    ++fake::semaphoresDestroyed;
+    if (fake::onSemaphoreDestroy)
+    {
+        fake::onSemaphoreDestroy();
+    }
     if (fake::semaphoreDestroyError != 0)
     {
         errno = fake::semaphoreDestroyError;
         return -1;
     }
+    auto& all = fake::Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    ++all.known[semaphore].destroyed;
     return realFunction<int(sem_t*)>("sem_destroy")(semaphore);
 }
 

@@ -9,6 +9,8 @@
  * own, but can be refused, which the system itself never does.
  */
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -79,12 +81,22 @@ extern std::atomic<int> semaphoreInitError;
 /** The same for destroying one. */
 extern std::atomic<int> semaphoreDestroyError;
 
-/** What the semaphore that was made last was asked to be. */
-extern std::atomic<int> lastSemaphoreShared;
-extern std::atomic<unsigned int> lastSemaphoreValue;
+/** How a semaphore was made and how often it has been destroyed since. */
+struct Semaphore
+{
+    int shared;
+    unsigned int value;
+    int destroyed;
+};
 
-/** How often a semaphore was to be destroyed. */
-extern std::atomic<int> semaphoresDestroyed;
+/** What became of a semaphore. Any thread. */
+Semaphore semaphore(const sem_t* address);
+
+/** The same of the one that was made last. */
+Semaphore lastSemaphore();
+
+/** Called on the thread that destroys a semaphore, before it does. */
+extern std::function<void()> onSemaphoreDestroy;
 
 /** Called on the thread that reads the CPU vendor, before the read. */
 extern std::function<void()> onVendorRead;

@@ -10,8 +10,9 @@
  * behaviour of the daemon does, ends nobody else. Results are printed as TAP;
  * what a failed test printed follows as comments.
  *
- * Arguments: --jobs=N for so many tests at a time, then names of tests
- * ("Suite.Test") to run; without any, all.
+ * Arguments: --jobs=N for so many tests at a time, --fail-fast for ending at
+ * the first test that fails, then names of tests ("Suite.Test") to run; without
+ * any, all.
  */
 
 #include "board/error.hpp"
@@ -47,6 +48,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto limit = std::chrono::minutes(2);
 constexpr std::string_view jobsOption = "--jobs=";
+constexpr std::string_view failFastOption = "--fail-fast";
+
+/** What to run and how. */
+struct Plan
+{
+    std::vector<std::string> names;
+    std::size_t atATime = 1;
+    bool failFast = false;
+};
 
 std::vector<std::string> allTests()
 {
@@ -195,16 +205,28 @@ std::pair<std::size_t, bool> awaitOne(const std::vector<Running>& tests)
     }
 }
 
-/** Runs the tests, so many at a time. @return how many failed */
-std::size_t runAll(std::vector<std::string> names, std::size_t atATime)
+/** Ends tests whose results are not wanted any more. */
+void giveUp(const std::vector<Running>& tests)
 {
+    for (const auto& test : tests)
+    {
+        (void)outcomeOf(test, true);
+        close(test.output);
+    }
+    std::cout << "Bail out! A test has failed\n";
+}
+
+/** Runs the tests. @return how many failed */
+std::size_t runAll(const Plan& plan)
+{
+    auto names = plan.names;
     std::reverse(names.begin(), names.end());
     std::vector<Running> running;
     std::size_t number = 0;
     std::size_t failed = 0;
     while (!names.empty() || !running.empty())
     {
-        while (!names.empty() && running.size() < atATime)
+        while (!names.empty() && running.size() < plan.atATime)
         {
             running.push_back(start(names.back()));
             names.pop_back();
@@ -212,8 +234,38 @@ std::size_t runAll(std::vector<std::string> names, std::size_t atATime)
         const auto [index, hung] = awaitOne(running);
         failed += report(running[index], hung, ++number) ? 0 : 1;
         running.erase(running.begin() + static_cast<std::ptrdiff_t>(index));
+        if (failed > 0 && plan.failFast)
+        {
+            giveUp(running);
+            break;
+        }
     }
     return failed;
+}
+
+Plan planOf(const std::vector<std::string>& arguments)
+{
+    Plan plan;
+    for (const auto& argument : arguments)
+    {
+        if (argument.starts_with(jobsOption))
+        {
+            plan.atATime = std::stoul(argument.substr(jobsOption.size()));
+        }
+        else if (argument == failFastOption)
+        {
+            plan.failFast = true;
+        }
+        else
+        {
+            plan.names.push_back(argument);
+        }
+    }
+    if (plan.names.empty())
+    {
+        plan.names = allTests();
+    }
+    return plan;
 }
 
 } // namespace
@@ -221,23 +273,13 @@ std::size_t runAll(std::vector<std::string> names, std::size_t atATime)
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    std::vector<std::string> names(argv + 1, argv + argc);
-    std::size_t atATime = 1;
-    if (!names.empty() && names.front().starts_with(jobsOption))
-    {
-        atATime = std::stoul(names.front().substr(jobsOption.size()));
-        names.erase(names.begin());
-    }
-    if (names.empty())
-    {
-        names = allTests();
-    }
+    const auto plan = planOf({argv + 1, argv + argc});
     if (!board::sandbox::entered())
     {
         std::cerr << argv[0] << ": is to be run in the sandbox: morrow-sandbox "
                   << argv[0] << '\n';
         return EXIT_FAILURE;
     }
-    std::cout << "1.." << names.size() << '\n';
-    return runAll(names, atATime) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::cout << "1.." << plan.names.size() << '\n';
+    return runAll(plan) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

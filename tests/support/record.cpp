@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -30,7 +31,6 @@ struct Slot
 };
 
 constexpr std::size_t capacity = 1U << 16U;
-constexpr time_t limitSeconds = 30;
 
 std::array<Slot, capacity> slots;
 std::atomic<std::size_t> taken;
@@ -203,11 +203,17 @@ bool waitFor(const std::string& text, std::size_t times)
         });
 }
 
+std::chrono::seconds patience()
+{
+    const char* given = std::getenv("TEST_PATIENCE_SECONDS");
+    return std::chrono::seconds(given != nullptr ? std::atol(given) : 30);
+}
+
 bool waitUntil(const std::function<bool()>& holds)
 {
     timespec limit{};
     clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += limitSeconds;
+    limit.tv_sec += patience().count();
     while (!holds())
     {
         // Wakes up now and then even without an event, for what is no event.

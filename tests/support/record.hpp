@@ -20,6 +20,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <functional>
 #include <string>
@@ -57,12 +58,16 @@ std::vector<std::string> texts();
 /** How often a text occurs so far. */
 std::size_t count(const std::string& text);
 
+/** How long anything is waited for: half a minute, or what the environment's
+ *  TEST_PATIENCE_SECONDS says, for whoever expects waits to be in vain. */
+std::chrono::seconds patience();
+
 /** Waits until a text has occurred so many times.
- *  @return false when it does not within half a minute */
+ *  @return false when it does not as long as patience lasts */
 bool waitFor(const std::string& text, std::size_t times = 1);
 
 /** Waits until something holds, looked at after each event.
- *  @return false when it does not within half a minute */
+ *  @return false when it does not as long as patience lasts */
 bool waitUntil(const std::function<bool()>& holds);
 
 /** Called before each event of the thread that sets it, so that what happened

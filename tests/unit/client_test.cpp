@@ -7,6 +7,8 @@
 #include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
+#include "tests/support/hung_up_pipe.hpp"
+#include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
@@ -17,12 +19,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -94,8 +99,7 @@ morrow_dbus_client& client()
     const bool happened = record::waitFor(seen);
     const auto told = record::textsOf(threadOf(seen));
     EXPECT_EQ(told, story);
-    std::_Exit(happened && told == story && record::count(initExits) == 0 ? 42
-                                                                          : 1);
+    leave(happened && told == story && record::count(initExits) == 0 ? 42 : 1);
 }
 
 class WithBroker : public testing::Test
@@ -273,12 +277,72 @@ TEST_F(ClientStart, ReturnsOnlyAfterTheLoopIsReady)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, SubscribesToPowerStateThenToResetCauseThenFillsItsMaps)
+{
+    record::when("log 4 morrow_client: morrowClientDBusHandler - Enter",
+                 bus_spy::watchThisThread);
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    auto told = record::textsOf(threadOf(initialised));
+    std::erase_if(told,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("adds the match ") &&
+                             text.find("FillobjectMap") == std::string::npos;
+                  });
+    const std::string rule = "adds the match type='signal',"
+                             "member='PropertiesChanged',"
+                             "path='/xyz/openbmc_project/control/host0/";
+    const std::string interface =
+        "',interface='org.freedesktop.DBus.Properties',";
+    EXPECT_THAT(told,
+                ElementsAre(rule + "internal_power_state" + interface,
+                            rule + "reset_cause" + interface,
+                            "log 4 morrow_client: FillobjectMap - Enter\n"));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
+{
+    bus_spy::failSubscriptions(ENOBUFS);
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(record::count(threadExits), 1);
+}
+
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_EQ(fcntl(clientSignalPipe[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(clientSignalPipe[1], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
+TEST_F(ClientStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
+{
+    fake::Semaphore whenReady{};
+    record::when(initialised,
+                 [&whenReady]
+                 {
+                     whenReady = fake::semaphore(&clientReadySemaphore);
+                 });
+    std::vector<int> destroyedAtExits;
+    for (const char* exit :
+         {"log 4 morrow_client: morrow_dbus_client_init - Exit",
+          "log 4 morrow_client: stop_morrow_dbus_client - Exit"})
+    {
+        record::when(exit,
+                     [&destroyedAtExits]
+                     {
+                         destroyedAtExits.push_back(
+                             fake::semaphore(&clientReadySemaphore).destroyed);
+                     });
+    }
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(whenReady.shared, 0);
+    EXPECT_EQ(whenReady.value, 0U);
+    EXPECT_EQ(whenReady.destroyed, 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_THAT(destroyedAtExits, ElementsAre(1, 2));
 }
 
 TEST_F(ClientStart, WithoutASemaphoreEndsWith1)
@@ -428,29 +492,16 @@ TEST_F(ClientStart, WatchesTheBusAndThePipeForInputAlone)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
-TEST_F(ClientStart, SemaphoreIsPrivateAndGoesTwice)
-{
-    const int before = fake::semaphoresDestroyed;
-    EXPECT_EQ(morrow_dbus_client_init(), 0);
-    EXPECT_EQ(fake::lastSemaphoreShared, 0);
-    EXPECT_EQ(fake::lastSemaphoreValue, 0U);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
-    fake::semaphoreDestroyError = EINVAL;
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
-}
-
 TEST_F(ClientStart, WithoutAPipeOrAThreadTheSemaphoreGoes)
 {
-    const int before = fake::semaphoresDestroyed;
     {
         const limits::NoNewDescriptors none;
         EXPECT_EQ(morrow_dbus_client_init(), 1);
     }
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_dbus_client_init(), 1);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
 }
 
 TEST_F(ClientStart, StopWithoutAThreadLeavesThePipeOpen)
@@ -478,19 +529,6 @@ TEST_F(ClientStart, ProcessThatEndsWithoutAStopIsAborted)
             std::exit(0);
         },
         testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
-{
-    bus_spy::matchError = EPERM;
-    EXPECT_EQ(morrow_dbus_client_init(), 0);
-    ASSERT_TRUE(record::waitFor(starting));
-    EXPECT_EQ(record::textsOf(threadOf(initialised)),
-              Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
-                  fillsItsMaps +
-                  Texts({"log 4 morrow_client: createMorrowEventLoop - Enter\n",
-                         initialised, starting}));
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
 // The maps
@@ -533,6 +571,39 @@ TEST_F(ClientMaps, AKeyThatIsThereKeepsItsEntry)
     EXPECT_EQ(storyFrom(start),
               Texts(fillsItsMaps.begin() + 3, fillsItsMaps.begin() + 7) +
                   Texts(fillsItsMaps.begin() + 9, fillsItsMaps.end()));
+}
+
+TEST_F(ClientMaps, AreFilledBetweenEntryAndExit)
+{
+    (void)client();
+    const auto start = here();
+    const auto readsObjects = []
+    {
+        client().ReadObjectMap();
+    };
+    const auto readsMethods = []
+    {
+        client().ReadMethodMap();
+    };
+    record::when("log 4 morrow_client: FillStaticObject - Enter", readsObjects);
+    record::when("log 4 morrow_client: FillStaticObject - Exit", readsObjects);
+    record::when("log 4 morrow_client: FillMethodMap - Enter", readsMethods);
+    record::when("log 4 morrow_client: FillMethodMap - Exit", readsMethods);
+    client().FillobjectMap();
+    client().FillMethodMap();
+    EXPECT_EQ(
+        storyFrom(start),
+        Texts(fillsItsMaps.begin(), fillsItsMaps.begin() + 2) +
+            Texts({"log 4 morrow_client: ReadObjectMap - Enter\n",
+                   "log 1 morrow_client: ReadObjectMap - No object present in "
+                   "objectMap\n",
+                   "log 4 morrow_client: ReadObjectMap - Exit\n"}) +
+            Texts(fillsItsMaps.begin() + 2, fillsItsMaps.begin() + 8) +
+            Texts({"log 4 morrow_client: ReadMethodMap - Enter\n",
+                   "log 1 morrow_client: ReadMethodMap - No method present in "
+                   "methodMap\n",
+                   "log 4 morrow_client: ReadMethodMap - Exit\n"}) +
+            Texts(fillsItsMaps.begin() + 8, fillsItsMaps.end()));
 }
 
 TEST_F(ClientMaps, AreListedInTheOrderOfTheirKeys)
@@ -617,6 +688,19 @@ TEST_F(ReadsHostState, OffIsTheWholeStoryAndSetsBothFlags)
     EXPECT_EQ(await_host_running, 1);
 }
 
+TEST_F(ReadsHostState, OffIsLoggedBeforeTheFlagsAreSet)
+{
+    uint8_t whenLogged = 1;
+    record::when("log 4 morrow_client: readproperty:Power State is off",
+                 [&whenLogged]
+                 {
+                     whenLogged = power_down_pending;
+                 });
+    host.goesTo("Off");
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    EXPECT_EQ(whenLogged, 0);
+}
+
 TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
 {
     for (const std::string& text :
@@ -654,6 +738,23 @@ TEST_F(ReadsHostState, ErrorReplyIsABusError)
     EXPECT_EQ(current_host_state, "before");
     EXPECT_EQ(power_down_pending, 0);
     EXPECT_EQ(await_host_running, 0);
+}
+
+TEST_F(ReadsHostState, ErrorReplyThatIsNotRaisedGives3AndIsNotDelivered)
+{
+    bus_spy::makeRepliesErrors();
+    current_host_state = "before";
+    host.goesTo("Running");
+    const auto start = here();
+    EXPECT_EQ(client().GetProperty("currenthoststate", "CurrentHostState",
+                                   readproperty),
+              3);
+    EXPECT_THAT(storyFrom(start),
+                ElementsAre("log 4 morrow_client: GetProperty - Enter\n",
+                            "log 1 morrow_client: GetProperty -method error: "
+                            "/xyz/openbmc_project/state/host0 object\n",
+                            "log 4 morrow_client: GetProperty - Exit\n"));
+    EXPECT_EQ(current_host_state, "before");
 }
 
 TEST_F(ReadsHostState, ReplyWithoutAVariantIsABusError)
@@ -878,12 +979,75 @@ TEST_F(PowerSignals, EachStateIsRecognisedAsTheTableSays)
     }
 }
 
+TEST_F(PowerSignals, StateWithoutItsLastLetterIsAnotherOne)
+{
+    struct Row
+    {
+        const char* text;
+        Texts recognised;
+    };
+    // Two of them still hold the text of a third.
+    for (const Row& row :
+         {Row{".S0InRese", {}}, Row{".PreStandb", {}}, Row{".StateS", {}},
+          Row{".StateS5Earl", recognises("StateS5")},
+          Row{".StateS5S3Mbus", recognises("StateS5")}, Row{".S5OnPendin", {}},
+          Row{".OffPendingS", {}}, Row{".Unknow", {}}})
+    {
+        behind = record::textsOf(thread).size();
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", row.text}});
+        EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(row.text) +
+                                 row.recognised);
+    }
+}
+
+TEST_F(PowerSignals, FlagsAreSetAfterTheTrace)
+{
+    std::vector<bool> setWhenTraced;
+    for (const char* text :
+         {"trace 4 morrow_client: signalHandler_internalpowerstate:",
+          "trace 4 morrow_client: signalHandler_warmreset:"})
+    {
+        record::when(text,
+                     [&setWhenTraced]
+                     {
+                         setWhenTraced.push_back(flagsAreSet());
+                     });
+    }
+    control.changes(HostControl::powerState,
+                    {{"InternalPowerState", "a.StateS5"}});
+    (void)handled();
+    EXPECT_TRUE(flagsAreSet());
+    shared_word::store<uint8_t>(power_down_pending, 0);
+    shared_word::store<uint8_t>(await_host_running, 0);
+    control.changes(HostControl::resetCause, {{"ResetCause", "a.WarmReset"}});
+    (void)handledResets();
+    EXPECT_TRUE(flagsAreSet());
+    EXPECT_THAT(setWhenTraced, ElementsAre(false, false));
+}
+
 TEST_F(PowerSignals, TheFirstRowThatFitsDecides)
 {
     const std::string value = "a.Unknown.OffPendingS0.StateS6";
     control.changes(HostControl::powerState, {{"InternalPowerState", value}});
     EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
                              recognises("StateS6"));
+}
+
+TEST_F(PowerSignals, EachRowComesBeforeTheNext)
+{
+    const Texts rows{"S0InReset",    "PreStandby",     "StateS6",
+                     "StateS5Early", "StateS5S3Mbusy", "StateS5",
+                     "S5OnPending",  "OffPendingS0",   "Unknown"};
+    for (std::size_t row = 0; row + 1 < rows.size(); ++row)
+    {
+        behind = record::textsOf(thread).size();
+        const std::string value = "." + rows[row + 1] + "." + rows[row];
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", value}});
+        EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
+                                 recognises(rows[row]));
+    }
 }
 
 TEST_F(PowerSignals, StateWithoutItsLeadingDotIsNotRecognised)
@@ -973,6 +1137,25 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
     EXPECT_FALSE(free);
 }
 
+TEST_F(PowerSignals, NextOneIsWaitedForAMillisecond)
+{
+    record::when(resetPath, bus_spy::watchThisThread);
+    control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(record::waitFor("waits 1000 us for the bus"));
+    auto waits = threadStory();
+    std::erase_if(waits,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("waits ");
+                  });
+    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(Client, ServingSignalsAlwaysEndsWith0)
+{
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
+}
+
 TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
 {
     auto watched = event_loop::watchedBy(clientEvent);
@@ -984,8 +1167,8 @@ TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
         "is StateS6",
         [&]
         {
-            control.changes(HostControl::powerState,
-                            {{"InternalPowerState", "a.PreStandby"}});
+            HostControl().changes(HostControl::powerState,
+                                  {{"InternalPowerState", "a.PreStandby"}});
             EXPECT_TRUE(record::waitUntil(
                 [bus]
                 {
@@ -1161,27 +1344,6 @@ TEST_F(PowerSignals, InvalidatedPropertiesAreNotRead)
     EXPECT_TRUE(flagsAreSet());
 }
 
-TEST_F(PowerSignals, EachRowGoesBeforeThoseBelowIt)
-{
-    const Texts rows{"S0InReset",    "PreStandby",     "StateS6",
-                     "StateS5Early", "StateS5S3Mbusy", "StateS5",
-                     "S5OnPending",  "OffPendingS0",   "Unknown"};
-    Texts expected;
-    std::vector<Change> changes;
-    for (std::size_t upper = 0; upper < rows.size(); ++upper)
-    {
-        for (std::size_t lower = upper + 1; lower < rows.size(); ++lower)
-        {
-            const std::string value = "." + rows[lower] + "." + rows[upper];
-            changes.push_back({"InternalPowerState", value});
-            expected =
-                expected + tellsPowerState(value) + recognises(rows[upper]);
-        }
-    }
-    control.changes(HostControl::powerState, changes);
-    EXPECT_EQ(handled(), Texts{powerPath} + expected);
-}
-
 TEST_F(PowerSignals, LeaveTheDaemonStateAlone)
 {
     daemon_state = 77;
@@ -1192,17 +1354,6 @@ TEST_F(PowerSignals, LeaveTheDaemonStateAlone)
     (void)handledResets();
     EXPECT_TRUE(flagsAreSet());
     EXPECT_EQ(shared_word::load(daemon_state), 77U);
-}
-
-TEST_F(PowerSignals, WaitAMillisecondForTheNextOne)
-{
-    record::when(resetPath,
-                 []
-                 {
-                     bus_spy::watchThisThread();
-                 });
-    (void)handled();
-    EXPECT_TRUE(record::waitFor("waits 1000 us for a message"));
 }
 
 // The handlers on their own, for what the bus never delivers to them
@@ -1289,7 +1440,7 @@ TEST_F(Handlers, OtherMemberOfAResetIsLoggedByItsPathAlone)
                                                      1, property, "u", 5, 0);
                     });
     (void)record::waitFor("never");
-    std::_Exit(1);
+    leave(1);
 }
 
 TEST_F(ClientStart, PowerStateThatIsNoTextEndsTheProcess)
@@ -1347,6 +1498,18 @@ TEST_F(ClientStop, LetsGoOfTheBusAndThenOfTheSecondAndTheFirstMatch)
                     threadExits));
 }
 
+TEST_F(ClientStop, ClosesThePipeBeforeItDestroysTheSemaphore)
+{
+    StopPipe whenDestroyed{};
+    fake::onSemaphoreDestroy = [&whenDestroyed]
+    {
+        whenDestroyed = clientSignalPipe;
+    };
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    fake::onSemaphoreDestroy = {};
+    EXPECT_EQ(whenDestroyed, closedStopPipe);
+}
+
 TEST_F(ClientStop, SecondFailsToWriteAndToJoin)
 {
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
@@ -1374,6 +1537,44 @@ TEST_F(ClientStop, TwoAtATimeEndWellForOneAndWithoutAThreadForTheOther)
     EXPECT_EQ(mine + other, 1);
 }
 
+TEST_F(ClientStop, SecondWaitsForTheFirst)
+{
+    const auto stop = []
+    {
+        return client().stop_morrow_dbus_client();
+    };
+    // A handler takes its time, and the first stop waits for it.
+    const std::string handles =
+        "log 1 morrow_client: signalHandler_warmreset:Path:"
+        "[/xyz/openbmc_project/control/host0/reset_cause]\n";
+    std::binary_semaphore go{0};
+    record::when(handles,
+                 [&go]
+                 {
+                     go.acquire();
+                 });
+    HostControl control;
+    control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(record::waitFor(handles));
+    auto first = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
+    EXPECT_EQ(first.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    auto second = std::async(std::launch::async, stop);
+    ASSERT_TRUE(record::waitFor(
+        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n", 2));
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    go.release();
+    EXPECT_EQ(first.get(), 0);
+    EXPECT_EQ(second.get(), 1);
+    EXPECT_EQ(record::count("log 1 morrow_client: stop_morrow_dbus_client "
+                            "-Signal pipe write failed: Bad file "
+                            "descriptor\n"),
+              1);
+}
+
 TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)
 {
     const uint8_t byte = 0;
@@ -1381,6 +1582,45 @@ TEST_F(ClientStop, ByteOtherThan1IsLoggedAndIgnored)
     ASSERT_TRUE(
         record::waitFor("log 1 morrow_client: morrowProcessSig - signal: 0\n"));
     EXPECT_EQ(record::count(threadExits), 0);
+}
+
+TEST_F(ClientStop, PipeWithoutAWriterIsReadInVainAndWithoutAWord)
+{
+    {
+        const HungUpPipe pipe(clientSignalPipe, thread);
+        EXPECT_TRUE(pipe.keepsTheReaderBusy());
+    }
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    const auto told = record::textsOf(thread);
+    EXPECT_EQ(std::count_if(told.begin(), told.end(),
+                            [](const auto& text)
+                            {
+                                return text.find("signal: ") !=
+                                       std::string::npos;
+                            }),
+              1);
+}
+
+TEST_F(ClientStop, LogsTheByteBeforeTheLoopEndsAndEndsItWellMeant)
+{
+    int whenLogged = 0;
+    int whenEnded = -1;
+    record::when("log 1 morrow_client: morrowProcessSig - signal: 1",
+                 [&whenLogged]
+                 {
+                     int code = 0;
+                     whenLogged = sd_event_get_exit_code(clientEvent, &code);
+                 });
+    record::when("log 4 morrow_client: createMorrowEventLoop - sd_event_loop "
+                 "returned",
+                 [&whenEnded]
+                 {
+                     EXPECT_GE(sd_event_get_exit_code(clientEvent, &whenEnded),
+                               0);
+                 });
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(whenLogged, -ENODATA);
+    EXPECT_EQ(whenEnded, 0);
 }
 
 TEST_F(ClientStop, EndsTheSubscriptions)
@@ -1398,6 +1638,12 @@ TEST_F(ClientStop, EndsTheSubscriptions)
               0);
 }
 
+TEST_F(ClientStop, SemaphoreThatCannotBeDestroyedIsIgnored)
+{
+    fake::semaphoreDestroyError = EINVAL;
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
 TEST_F(ClientStop, LeavesThePipeClosedWithoutNumbers)
 {
     const auto before = clientSignalPipe;
@@ -1405,25 +1651,6 @@ TEST_F(ClientStop, LeavesThePipeClosedWithoutNumbers)
     EXPECT_EQ(clientSignalPipe, closedStopPipe);
     EXPECT_EQ(fcntl(before[0], F_GETFD), -1);
     EXPECT_EQ(fcntl(before[1], F_GETFD), -1);
-}
-
-TEST_F(ClientStop, PipeWithoutAByteIsPassedOver)
-{
-    // A pipe without a writer is readable, but there is nothing to read.
-    ASSERT_EQ(close(clientSignalPipe[1]), 0);
-    HostControl control;
-    control.changes(HostControl::powerState, {});
-    ASSERT_TRUE(record::waitUntil(
-        [this]
-        {
-            return !threadStory().empty();
-        }));
-    EXPECT_THAT(threadStory(), ElementsAre(StartsWith(
-                                   "log 1 morrow_client: "
-                                   "signalHandler_internalpowerstate:Path:")));
-    const auto reader = "/proc/self/fd/" + std::to_string(clientSignalPipe[0]);
-    clientSignalPipe[1] = open(reader.c_str(), O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
 // When the broker goes

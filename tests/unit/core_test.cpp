@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "morrow/event_source.hpp"
 #include "morrow/morrow.hpp"
-#include "morrow/morrow_client.hpp"
-#include "morrow/morrow_server.hpp"
 #include "morrow/morrow_signal.hpp"
 #include "morrow/power_state.hpp"
-#include "tests/support/broker.hpp"
+#include "morrow/stop_pipe.hpp"
 #include "tests/support/fake_platform.hpp"
-#include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/state_watch.hpp"
 
 #include <string>
 #include <vector>
@@ -76,10 +75,6 @@ class StatePass : public testing::Test
 {
 };
 
-class MorrowInit : public testing::Test
-{
-};
-
 } // namespace
 
 // What holds before main
@@ -120,6 +115,20 @@ TEST_F(ProbeCpuVendor, LogsAndTracesWhatItReads)
     EXPECT_THAT(story(), ElementsAre("ReadIO_Str_C CPU_VENDOR size 2",
                                      "log 4 morrow: CPU vendor : 7\n\n",
                                      "trace 4 morrow: CPU vendor : 7\n\n"));
+}
+
+TEST_F(ProbeCpuVendor, FailureIsLoggedBeforeItCountsAsIntel)
+{
+    cpu_vendor = 7;
+    uint16_t whenTraced = 0;
+    record::when("trace 2 morrow: Failed to get CPU type",
+                 [&whenTraced]
+                 {
+                     whenTraced = cpu_vendor;
+                 });
+    fake::vendorReads = {{-5, 9}};
+    probe_cpu_vendor();
+    EXPECT_EQ(whenTraced, 7);
 }
 
 TEST_F(ProbeCpuVendor, FailureIsLoggedAndCountsAsIntel)
@@ -165,6 +174,24 @@ TEST_F(ChangeState, AnyOtherRequestIsOnByDefault)
         EXPECT_EQ(daemon_state, MORROW_ON_EVENT) << request;
     }
     EXPECT_EQ(record::count("log 4 morrow: Change State to Default-ON\n"), 3);
+}
+
+TEST_F(ChangeState, IsLoggedWhenItHasHappened)
+{
+    const StateWatch on("log 4 morrow: Change State to ON\n");
+    const StateWatch off("log 4 morrow: Change State to OFF\n");
+    const StateWatch byDefault("log 4 morrow: Change State to Default-ON\n");
+    const StateWatch sleeping("log 4 morrow: Non Intel CPU : State "
+                              "MORROW_SLEEP_EVENT\n");
+    change_State(1);
+    EXPECT_EQ(on.seen(), MORROW_ON_EVENT);
+    change_State(0);
+    EXPECT_EQ(off.seen(), MORROW_OFF_EVENT);
+    change_State(2);
+    EXPECT_EQ(byDefault.seen(), MORROW_ON_EVENT);
+    cpu_vendor = 1;
+    change_State(1);
+    EXPECT_EQ(sleeping.seen(), MORROW_SLEEP_EVENT);
 }
 
 TEST_F(ChangeState, Vendors0AndFFFFAreIntel)
@@ -255,12 +282,19 @@ TEST_F(WaitStateTick, CountsOneSecondATickAndSwitchesOnTheCallAfter)
     daemon_state = MORROW_WAIT_EVENT;
     wait_ticks = 10;
     state_after_wait = MORROW_PARTIAL_DISCOVERY_EVENT;
+    int32_t whenSlept = 0;
+    fake::onSleep = [&whenSlept](int64_t)
+    {
+        whenSlept = wait_ticks;
+    };
     for (int32_t left = 9; left >= 0; --left)
     {
         wait_state_tick();
+        EXPECT_EQ(whenSlept, left);
         EXPECT_EQ(wait_ticks, left);
         EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
     }
+    fake::onSleep = {};
     wait_state_tick();
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
     EXPECT_EQ(story(), std::vector<std::string>(10, "sleep 1000 ms"));
@@ -500,65 +534,30 @@ TEST_F(StatePass, SleepAfterAFailedReadIsTakenUpAgainAfterASignal)
                             "sleep 1000 ms", "sleep 500 ms"));
 }
 
-// Bringing everything up
+// The sources of an event loop
 
-TEST_F(MorrowInit, WithoutASignalSideGives2AndBeginsAnewInTheNextCall)
+TEST(WatchInput, SourceIsServedUntilItsOwnerGoes)
 {
-    const limits::NoNewThreads none;
-    daemon_state = MORROW_SLEEP_EVENT;
-    for (std::size_t call = 1; call <= 2; ++call)
+    sd_event* loop = nullptr;
+    ASSERT_GE(sd_event_new(&loop), 0);
+    StopPipe pipe = closedStopPipe;
+    ASSERT_TRUE(openStopPipe(pipe));
+    ASSERT_TRUE(writeStopByte(pipe));
+    static int served = 0;
     {
-        EXPECT_EQ(morrow_init(), 2U);
-        EXPECT_EQ(init_state, 0U);
-        EXPECT_EQ(story().back(),
-                  "log 4 morrow: Signal handler init failed [2]\n");
-        EXPECT_EQ(record::count("log 4 morrow_signal: Entry "
-                                "[register_signal]\n"),
-                  call);
+        EventSource source;
+        EXPECT_GE(watchInput(source, loop, pipe[0],
+                             [](sd_event_source*, int, uint32_t, void*)
+                             {
+                                 return ++served;
+                             }),
+                  0);
+        EXPECT_NE(source, nullptr);
+        EXPECT_GT(sd_event_run(loop, 0), 0);
+        EXPECT_EQ(served, 1);
     }
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_EQ(record::count("log 4 morrow_client: morrow_dbus_client_init - "
-                            "Enter\n"),
-              0);
-}
-
-TEST_F(MorrowInit, WithTheSignalSideUpStartsTheBusSidesAlone)
-{
-    const Broker broker;
-    init_state = 1;
-    daemon_state = MORROW_SLEEP_EVENT;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(
-        story(),
-        ElementsAre(
-            "log 4 morrow: Entry [morrow_init]\n",
-            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
-            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
-            "log 4 morrow_client: morrow_dbus_client_init - Exit\n",
-            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
-            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
-            "log 4 morrow_server: morrow_dbus_server_init - Exit\n",
-            "log 4 morrow_signal: Entry [get_instance]\n",
-            "log 4 morrow_signal: Entry [morrow_signal]\n",
-            "log 4 morrow_signal: Entry [set_dbus_ready]\n"));
-    EXPECT_EQ(morrow_dbus_client::get_instance().stop_morrow_dbus_client(), 0);
-    EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(), 0);
-}
-
-TEST_F(MorrowInit, WithTheBusSidesUpIsComplete)
-{
-    init_state = 2;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
-}
-
-TEST_F(MorrowInit, WhenCompleteDoesNothing)
-{
-    init_state = 3;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
+    EXPECT_EQ(sd_event_run(loop, 0), 0);
+    EXPECT_EQ(served, 1);
+    closeStopPipe(pipe);
+    sd_event_unref(loop);
 }

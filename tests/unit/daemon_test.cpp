@@ -8,6 +8,7 @@
  */
 
 #include "morrow/morrow.hpp"
+#include "morrow/morrow_client.hpp"
 #include "morrow/morrow_server.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
@@ -15,6 +16,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/host_service.hpp"
+#include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/notify_socket.hpp"
 #include "tests/support/record.hpp"
@@ -298,7 +300,7 @@ class Daemon : public testing::Test
     /** Waits until the main thread is held. */
     void awaitHeld()
     {
-        ASSERT_TRUE(held.try_acquire_for(std::chrono::seconds(30)));
+        ASSERT_TRUE(held.try_acquire_for(record::patience()));
     }
 
     /** Lets the held main thread go on. */
@@ -359,6 +361,11 @@ class Daemon : public testing::Test
     std::function<bool()> hold;
     std::counting_semaphore<> held{0};
     std::counting_semaphore<> go{0};
+};
+
+/** The initialisation alone, on the test's own thread. */
+class Initialisation : public testing::Test
+{
 };
 
 /** The signals that a thread blocks. */
@@ -549,6 +556,61 @@ TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
     awaitHeld();
     EXPECT_EQ(story().back(), "sleep 100 ms");
     EXPECT_EQ(init_state, 3U);
+}
+
+TEST_F(Daemon, InitialisationCountsItsSteps)
+{
+    uint32_t whenTheClientStarts = 0;
+    uint32_t whenTheBusIsReady = 0;
+    record::when("log 4 morrow_client: morrow_dbus_client_init - Enter",
+                 [&]
+                 {
+                     whenTheClientStarts = init_state;
+                 });
+    record::when("log 4 morrow_signal: Entry [set_dbus_ready]",
+                 [&]
+                 {
+                     whenTheBusIsReady = init_state;
+                 });
+    start();
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Initialization successful\n"));
+    EXPECT_EQ(whenTheClientStarts, 1U);
+    EXPECT_EQ(whenTheBusIsReady, 1U);
+    EXPECT_EQ(init_state, 3U);
+}
+
+TEST_F(Initialisation, WithoutTheSignalSideGives2AndBeginsAnew)
+{
+    const limits::NoNewThreads none;
+    EXPECT_EQ(morrow_init(), 2U);
+    EXPECT_EQ(init_state, 0U);
+    EXPECT_EQ(record::count("log 4 morrow_client: morrow_dbus_client_init - "
+                            "Enter\n"),
+              0);
+}
+
+TEST_F(Initialisation, GoesOnWithTheBusSidesWhenTheSignalSideIsUp)
+{
+    const Broker broker;
+    init_state = 1;
+    EXPECT_EQ(morrow_init(), 0U);
+    EXPECT_EQ(init_state, 3U);
+    EXPECT_EQ(record::count("log 4 morrow_signal: Entry "
+                            "[morrow_init_signal]\n"),
+              0);
+    EXPECT_EQ(morrow_dbus_client::get_instance().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(), 0);
+}
+
+TEST_F(Initialisation, HasNothingToDoWhenAllIsUp)
+{
+    for (const uint32_t step : {2U, 3U})
+    {
+        init_state = step;
+        EXPECT_EQ(morrow_init(), 0U);
+        EXPECT_EQ(init_state, 3U);
+    }
+    EXPECT_EQ(record::texts(), Texts(2, "log 4 morrow: Entry [morrow_init]\n"));
 }
 
 TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
@@ -884,7 +946,7 @@ TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
                 });
             start();
             (void)record::waitFor("never");
-            std::_Exit(1);
+            leave(1);
         },
         testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
 }

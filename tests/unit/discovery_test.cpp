@@ -6,6 +6,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/state_watch.hpp"
 #include "tests/support/story.hpp"
 #include "tests/unit/discovery_story.hpp"
 
@@ -19,6 +20,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -299,6 +301,26 @@ TEST_F(Scan, RecordsAndNotifiesADeviceThatIsThere)
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Scan, SpeaksThenRecordsThenNotifies)
+{
+    DriverFiles::makeClassEntry(0);
+    std::size_t whenSpoken = 1;
+    std::vector<std::string> whenNotified;
+    record::when("log 4 morrow: Found i3c device",
+                 [&whenSpoken]
+                 {
+                     whenSpoken = i3c_device_map.size();
+                 });
+    record::when("log 4 morrow: Entry [morrow_i3c_device_do_notify]",
+                 [&whenNotified]
+                 {
+                     whenNotified = i3c_device_map + i3c_discovered_map;
+                 });
+    scan_i3c_device(controller0, entry0);
+    EXPECT_EQ(whenSpoken, 0U);
+    EXPECT_THAT(whenNotified, ElementsAre(node0, controller0));
 }
 
 TEST_F(Scan, MissingClassEntryIsSilent)
@@ -584,19 +606,6 @@ TEST_F(Notify, AnswerOfOneByteIsLoggedAndEndsAtOnce)
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
-TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
-{
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    Texts meanwhile;
-    record::when("log 4 morrow_server: createEndpointObject - Enter",
-                 [&meanwhile]
-                 {
-                     meanwhile = i3c_device_notify_map;
-                 });
-    morrow_i3c_device_do_notify(node0);
-    EXPECT_THAT(meanwhile, ElementsAre(node0));
-}
-
 TEST_F(NotifyOnTheBus, SlotFollowsTheTableOfIds)
 {
     expectPublished({fake::answer(0x1D)}, 0x1D, 0);
@@ -632,7 +641,87 @@ TEST_F(NotifyOnTheBus, WrongAnswerIsPublishedWithTheIdOfTheLastAttempt)
                     1);
 }
 
+TEST_F(NotifyOnTheBus, IdOfSlot0SetsIt)
+{
+    expectPublished({wrongCommand(0xDD), fake::answer(0x1D)}, 0x1D, 0);
+}
+
+TEST_F(NotifyOnTheBus, IdsNextToThoseOfTheTableKeepTheSlot)
+{
+    for (const uint8_t eid : {0x1E, 0x9E, 0x5E, 0xDE})
+    {
+        expectPublished({wrongCommand(0x9D), fake::answer(eid)}, eid, 1);
+    }
+}
+
+TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
+{
+    std::vector<std::string> recorded;
+    record::when("log 4 morrow_server: createEndpointObject - Enter",
+                 [&recorded]
+                 {
+                     recorded = i3c_device_notify_map;
+                 });
+    fake::endpoints[node0] = {fake::answer(0x9D)};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_THAT(recorded, ElementsAre(node0));
+}
+
 // Full discovery
+
+TEST_F(FullDiscovery,
+       ListsAreEmptiedAfterTheIdsWereAskedForAndBeforeWithdrawing)
+{
+    i3c_device_map = {"left over"};
+    i3c_discovered_map = {"left over"};
+    i3c_device_notify_map = {"left over"};
+    const auto entries = []
+    {
+        return i3c_device_map.size() + i3c_discovered_map.size() +
+               i3c_device_notify_map.size();
+    };
+    std::size_t whenAsked = 0;
+    std::size_t whenWithdrawing = 3;
+    record::when("getShmId /dev/i3c-mctp-1",
+                 [&]
+                 {
+                     whenAsked = entries();
+                 });
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
+                 [&]
+                 {
+                     whenWithdrawing = entries();
+                 });
+    discover();
+    EXPECT_EQ(whenAsked, 3U);
+    EXPECT_EQ(whenWithdrawing, 0U);
+}
+
+TEST_F(FullDiscovery, SaysWhatFollowsBeforeItDoes)
+{
+    const StateWatch retry("log 4 morrow: Retry discovering i3c devices");
+    const StateWatch partial("log 4 morrow: Start partial discovery");
+    const StateWatch complete("log 4 morrow: Discovery complete");
+    driver.comesUp(controller0);
+    driver.comesUp(controller1);
+    for (const auto& [answers, watch] :
+         {std::pair{0, &retry}, std::pair{1, &partial},
+          std::pair{2, &complete}})
+    {
+        if (answers > 0)
+        {
+            fake::endpoints[node0] = {fake::answer(0x1D)};
+        }
+        if (answers > 1)
+        {
+            fake::endpoints[node1] = {fake::answer(0x9D)};
+        }
+        daemon_state = MORROW_ON_EVENT;
+        discover();
+        EXPECT_EQ(watch->seen(), MORROW_ON_EVENT);
+        EXPECT_NE(daemon_state, MORROW_ON_EVENT);
+    }
+}
 
 TEST_F(FullDiscovery, BothAnsweringIsTheWholeStory)
 {
@@ -999,6 +1088,24 @@ TEST_F(PowerOffCleanup, IdsOf0AreRemoved)
     cleanUp();
     EXPECT_EQ(record::count("removeLock 0"), 1);
     EXPECT_EQ(record::count("removeShm 0"), 1);
+}
+
+TEST_F(PowerOffCleanup, CancelsTheRetryFirstAndGoesIdleLast)
+{
+    int32_t whenWithdrawing = -1;
+    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
+                 [&whenWithdrawing]
+                 {
+                     whenWithdrawing = wait_ticks;
+                 });
+    const StateWatch lastUnbind("log 4 morrow: Failed to open sysfs file for "
+                                "fff11000.i3c");
+    DriverFiles::removeUnbindFile();
+    wait_ticks = 10;
+    daemon_state = MORROW_OFF_EVENT;
+    cleanUp();
+    EXPECT_EQ(whenWithdrawing, 0);
+    EXPECT_EQ(lastUnbind.seen(), MORROW_OFF_EVENT);
 }
 
 TEST_F(PowerOffCleanup, CancelsAPendingRetry)

@@ -6,6 +6,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
+#include "tests/support/state_watch.hpp"
 #include "tests/unit/discovery_story.hpp"
 
 #include <algorithm>
@@ -423,6 +424,20 @@ TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
     expectRetryInTenSeconds();
+}
+
+TEST_F(PartialDiscovery, SaysWhatFollowsBeforeItDoes)
+{
+    const StateWatch retries(retry.front());
+    const StateWatch completes(complete.front());
+    firstAnswered();
+    redo();
+    EXPECT_EQ(retries.seen(), MORROW_PARTIAL_DISCOVERY_EVENT);
+    i3c_device_notify_map = {node0, node0};
+    i3c_device_map = {node0};
+    daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
+    redo();
+    EXPECT_EQ(completes.seen(), MORROW_PARTIAL_DISCOVERY_EVENT);
 }
 
 TEST_F(PartialDiscovery, NothingNotifiedAtAllIsTriedAgainInTenSeconds)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow/morrow_signal.hpp"
 #include "tests/support/fake_platform.hpp"
+#include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
@@ -13,6 +14,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -351,6 +353,51 @@ TEST_F(Signal, FaultHandlerResetsTheDispositionAndReturns)
     EXPECT_EQ(record::count(stopped), 0);
 }
 
+TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
+{
+    start();
+    struct sigaction handler
+    {
+    };
+    ASSERT_EQ(sigaction(SIGTERM, nullptr, &handler), 0);
+    signal(SIGUSR1, SIG_IGN);
+    const auto before = story().size();
+    handler.sa_handler(SIGUSR1);
+    const auto told = story();
+    EXPECT_EQ(
+        Texts(told.begin() + static_cast<std::ptrdiff_t>(before), told.end()),
+        Texts{"log 4 morrow_signal: Entry [get_instance]\n"});
+    EXPECT_FALSE(isDefault(SIGUSR1));
+    EXPECT_FALSE(isDefault(SIGSEGV));
+    EXPECT_EQ(record::count("log 4 morrow_signal: Got signal Stopping "
+                            "MORROW\n"),
+              0);
+}
+
+TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    signal.set_dbus_ready();
+    std::vector<int> states;
+    for (const char* text :
+         {"log 4 morrow_signal: Got signal Stopping MORROW",
+          "log 4 morrow_signal: Stopping Dbus",
+          "log 4 morrow_server: stop_morrow_dbus_server - Enter",
+          "log 4 morrow_signal: Stopped MORROW"})
+    {
+        record::when(text,
+                     [&signal, &states]
+                     {
+                         states.push_back(signal.get_stop_state());
+                     });
+    }
+    sendSignal(SIGTERM);
+    ASSERT_TRUE(record::waitFor(stopped));
+    signal.wait_stop();
+    EXPECT_THAT(states, ElementsAre(0, 1, 1, 2));
+}
+
 TEST_F(Signal, DestructorLogsItsEntry)
 {
     EXPECT_EXIT(
@@ -359,7 +406,7 @@ TEST_F(Signal, DestructorLogsItsEntry)
             (void)std::atexit(
                 []
                 {
-                    std::_Exit(
+                    leave(
                         record::texts().back() ==
                                 "log 4 morrow_signal: Entry [~morrow_signal]\n"
                             ? 42
@@ -380,11 +427,11 @@ TEST_F(Signal, SemaphoreThatCannotBeDestroyedIsLogged)
             (void)std::atexit(
                 []
                 {
-                    std::_Exit(record::texts().back() ==
-                                       "log 4 morrow_signal: Failed to "
-                                       "destroy semaphore\n"
-                                   ? 42
-                                   : 1);
+                    leave(record::texts().back() ==
+                                  "log 4 morrow_signal: Failed to "
+                                  "destroy semaphore\n"
+                              ? 42
+                              : 1);
                 });
             start();
             sendSignal(SIGTERM);
@@ -408,8 +455,8 @@ TEST_F(Signal, ThreadThatWasNotJoinedEndsTheProcess)
 TEST_F(Signal, SemaphoreIsPrivateAndBeginsAt0)
 {
     start();
-    EXPECT_EQ(fake::lastSemaphoreShared, 0);
-    EXPECT_EQ(fake::lastSemaphoreValue, 0U);
+    EXPECT_EQ(fake::lastSemaphore().shared, 0);
+    EXPECT_EQ(fake::lastSemaphore().value, 0U);
 }
 
 TEST_F(Signal, OneHandlerServesAllThree)
@@ -417,20 +464,6 @@ TEST_F(Signal, OneHandlerServesAllThree)
     start();
     EXPECT_EQ(handlerOf(SIGSEGV), handlerOf(SIGTERM));
     EXPECT_EQ(handlerOf(SIGBUS), handlerOf(SIGTERM));
-}
-
-TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
-{
-    start();
-    signal(SIGUSR1, SIG_IGN);
-    handlerOf(SIGTERM)(SIGUSR1);
-    EXPECT_EQ(story().back(), "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_EQ(handlerOf(SIGUSR1), SIG_IGN);
-    // Time enough for a signal thread that was woken up.
-    (void)poll(nullptr, 0, 100);
-    EXPECT_EQ(record::count("log 4 morrow_signal: Got signal Stopping "
-                            "MORROW\n"),
-              0);
 }
 
 TEST_F(Signal, WaitThatIsInterruptedEndsAsIfPosted)
@@ -498,10 +531,14 @@ TEST_F(Signal, SemaphoreThatWasNeverMadeIsNotDestroyed)
 {
     EXPECT_EXIT(
         {
+            fake::onSemaphoreDestroy = []
+            {
+                std::_Exit(1);
+            };
             (void)std::atexit(
                 []
                 {
-                    std::_Exit(fake::semaphoresDestroyed == 0 ? 42 : 1);
+                    std::_Exit(42);
                 });
             morrow_signal::get_instance();
             std::exit(0);

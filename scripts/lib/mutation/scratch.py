@@ -1,0 +1,243 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A copy of the tree with a build of its own, in which one mutant after the
+other is planted, built and tried. The tree that is worked in is never touched.
+"""
+
+import json
+import os
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+from .precompiled import PrecompiledHeader
+
+# Neither belongs to what is built.
+LEFT_OUT = {".git", "__pycache__"}
+
+# How long tests may take: this many times what they take on a clean tree, and
+# this many seconds more.
+PATIENCE = 10
+GRACE_SECONDS = 15
+
+# How long a test waits for an event: most of what a mutant keeps from
+# happening is waited for in vain.
+EVENT_SECONDS = 5
+
+# A compiler that needs longer than this has met a mutant that never ends.
+BUILD_SECONDS = 300
+
+
+class ScratchError(Exception):
+    """What keeps a scratch copy from being used, as one line."""
+
+
+class Scratch:
+    """Used by one thread at a time."""
+
+    def __init__(self, original, place):
+        self.original = original
+        self.tree = place / "tree"
+        self.build = place / "build"
+        self.precompiled = PrecompiledHeader(self.tree, place)
+        self.programs = {}
+        self.processes = set()
+        self.stopped = False
+
+    def prepare(self):
+        """Copies what is new, builds it, and runs the tests on it."""
+        self._copy()
+        self._configure()
+        self.programs = self._unit_tests()
+        self._precompile()
+        for program in self.programs.values():
+            if not self._make(program):
+                raise ScratchError(f"{program.name}: does not build: {self._log()}")
+            started = time.monotonic()
+            failed = program.failing_test(self, BUILD_SECONDS)
+            if failed:
+                raise ScratchError(
+                    f"{program.name}: {failed} fails without any mutant: mend that first"
+                )
+            program.limit = PATIENCE * (time.monotonic() - started) + GRACE_SECONDS
+
+    def try_out(self, mutant, order):
+        """Plants a mutant, runs the test programs in this order until one
+        fails, and takes it out again. Gives the outcome and who killed it."""
+        file = self.tree / mutant.path
+        original = file.read_text()
+        file.write_text(mutant.text)
+        try:
+            for name in order:
+                program = self.programs[name]
+                if not self._make(program):
+                    return "not compiling", ""
+                failed = program.failing_test(self, program.limit)
+                if failed == TIMED_OUT:
+                    return "timed out", name
+                if failed:
+                    return "killed", f"{name}: {failed}"
+            return "survived", ""
+        finally:
+            file.write_text(original)
+
+    def run(self, command, limit, environment=None):
+        """Runs a command with all that it starts.
+        @return exit status and output; no status when it took too long"""
+        process = subprocess.Popen(
+            command,
+            cwd=self.build,
+            env={**os.environ, **(environment or {})},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            start_new_session=True,
+            text=True,
+            errors="replace",
+        )
+        self.processes.add(process)
+        try:
+            if self.stopped:
+                end_session(process)
+            output, _ = process.communicate(timeout=limit)
+            return process.returncode, output
+        except subprocess.TimeoutExpired:
+            end_session(process)
+            process.communicate()
+            return None, ""
+        finally:
+            self.processes.discard(process)
+
+    def stop(self):
+        """Ends what runs, from another thread."""
+        self.stopped = True
+        for process in list(self.processes):
+            end_session(process)
+
+    def _copy(self):
+        """Makes the copy equal to the original, touching only what differs."""
+        wanted = set(files_of(self.original))
+        for path in wanted:
+            content = (self.original / path).read_bytes()
+            copy = self.tree / path
+            if not copy.is_file() or copy.read_bytes() != content:
+                copy.parent.mkdir(parents=True, exist_ok=True)
+                copy.write_bytes(content)
+                copy.chmod((self.original / path).stat().st_mode)
+        if self.tree.is_dir():
+            for path in set(files_of(self.tree)) - wanted:
+                (self.tree / path).unlink()
+
+    def _configure(self):
+        self.build.mkdir(parents=True, exist_ok=True)
+        if (self.build / "build.ninja").exists():
+            return
+        self.precompiled.write_compiler()
+        # A warning is no error: whether tests see a fault is the question.
+        status, output = self.run(
+            ["meson", "setup", str(self.build), str(self.tree)]
+            + ["-Doptimization=0", "-Ddebug=false", "-Dwerror=false"],
+            BUILD_SECONDS,
+            {"CXX": str(self.precompiled.compiler)},
+        )
+        if status != 0:
+            (self.build / "build.ninja").unlink(missing_ok=True)
+            raise ScratchError(f"meson setup fails: {last_line(output)}")
+
+    def _unit_tests(self):
+        status, output = self.run(["ninja", "build.ninja"], BUILD_SECONDS)
+        if status != 0:
+            raise ScratchError(f"meson fails: {last_line(output)}")
+        files = {
+            target["id"]: [os.path.relpath(file, self.build) for file in target["filename"]]
+            for target in self._told_by_meson("targets")
+        }
+        programs = {
+            test["name"]: Program(test, [f for id in test["depends"] for f in files[id]])
+            for test in self._told_by_meson("tests")
+            if any(suite.endswith(":unit") for suite in test["suite"])
+            and any(part.startswith("tests/unit/") for part in test["cmd"])
+        }
+        if not programs:
+            raise ScratchError("meson knows no unit tests: are gtest and gmock there?")
+        return programs
+
+    def _precompile(self):
+        """Needs the generated headers, and so a first build."""
+        first = next(iter(self.programs.values()))
+        if self.precompiled.is_current() or not self._make(first):
+            return
+        status, output = self.run(self.precompiled.command(self.build), BUILD_SECONDS)
+        if status != 0:
+            raise ScratchError(f"the headers do not compile: {last_line(output)}")
+
+    def _told_by_meson(self, what):
+        file = self.build / "meson-info" / f"intro-{what}.json"
+        return json.loads(file.read_text())
+
+    def _make(self, program):
+        status, self.output = self.run(
+            ["ninja", "-j1"] + program.targets, BUILD_SECONDS
+        )
+        return status == 0
+
+    def _log(self):
+        log = self.build / "mutate.log"
+        log.write_text(self.output)
+        return f"see {log}"
+
+
+TIMED_OUT = "timed out"
+
+
+class Program:
+    """A unit test program, as Meson runs it."""
+
+    def __init__(self, test, targets):
+        self.name = test["name"]
+        self.command = test["cmd"] + ["--jobs=4", "--fail-fast"]
+        self.environment = {
+            **test["env"],
+            "TEST_PATIENCE_SECONDS": str(EVENT_SECONDS),
+        }
+        self.targets = targets
+        self.limit = None
+
+    def failing_test(self, scratch, limit):
+        """The first test that fails, empty when all pass."""
+        status, output = scratch.run(self.command, limit, self.environment)
+        if status is None:
+            return TIMED_OUT
+        for line in output.splitlines():
+            if line.startswith("not ok "):
+                return line.split(" - ", 1)[-1]
+        return "" if status == 0 else f"exit status {status}"
+
+
+def files_of(tree):
+    """The paths of a tree's files, below it; without builds."""
+    for directory, names, files in os.walk(tree):
+        below = Path(directory).relative_to(tree)
+        names[:] = [
+            name
+            for name in names
+            if name not in LEFT_OUT
+            and not (below == Path(".") and name.startswith("build"))
+        ]
+        for name in files:
+            path = below / name
+            if (Path(directory) / name).is_file():
+                yield path
+
+
+def end_session(process):
+    """Ends a process that leads a session, with all that it started."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass  # it has ended by itself
+
+
+def last_line(output):
+    lines = output.strip().splitlines()
+    return lines[-1] if lines else "without a word"
