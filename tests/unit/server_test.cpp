@@ -867,34 +867,33 @@ TEST_F(Registry, WaitsForTheMutex)
 }
 
 /** Expects an operation, of which this is the first line, to wait for the
- *  mutex. */
-void expectWaitsForTheMutex(const std::string& enters,
-                            const std::function<void()>& operation)
+ *  mutex.
+ *  @param meanwhile  called while it waits */
+void expectWaitsForTheMutex(
+    const std::string& enters, const std::function<void()>& operation,
+    const std::function<void()>& meanwhile = [] {})
 {
     std::unique_lock lock(server_mutex);
     auto done = std::async(std::launch::async, operation);
     ASSERT_TRUE(record::waitFor(enters));
     EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
+    meanwhile();
     lock.unlock();
     done.get();
 }
 
-/** Whether another thread than the calling one gets the mutex in the end. */
-bool othersGetTheMutex()
+/** Whether another thread than the calling one can have the mutex now. */
+bool othersCanHaveTheMutex()
 {
-    return record::waitUntil(
-        []
-        {
-            return std::async(std::launch::async,
-                              []
-                              {
-                                  const std::unique_lock lock(server_mutex,
-                                                              std::try_to_lock);
-                                  return lock.owns_lock();
-                              })
-                .get();
-        });
+    return std::async(std::launch::async,
+                      []
+                      {
+                          const std::unique_lock lock(server_mutex,
+                                                      std::try_to_lock);
+                          return lock.owns_lock();
+                      })
+        .get();
 }
 
 TEST_F(Registry, LogsItsExitsWithTheMutexFree)
@@ -907,7 +906,9 @@ TEST_F(Registry, LogsItsExitsWithTheMutexFree)
         record::when("log 4 morrow_server: " + name + " - Exit",
                      [&free]
                      {
-                         free.push_back(othersGetTheMutex());
+                         // The server's thread may have it for a while.
+                         free.push_back(
+                             record::waitUntil(othersCanHaveTheMutex));
                      });
     }
     EXPECT_EQ(publish(0, 8), 0);
@@ -928,11 +929,47 @@ TEST_F(Registry, WithdrawalWaitsForTheMutex)
 
 TEST_F(Registry, UnloadingWaitsForTheMutex)
 {
-    expectWaitsForTheMutex("log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                           []
-                           {
-                               server().UnloadDBusObjects();
-                           });
+    EXPECT_EQ(publish(0, 8), 0);
+    observer.catchUp();
+    const auto announced = observer.seen().size();
+    std::size_t seenMeanwhile = 0;
+    expectWaitsForTheMutex(
+        "log 4 morrow_server: UnloadDBusObjects - Enter\n",
+        []
+        {
+            server().UnloadDBusObjects();
+        },
+        [&]
+        {
+            seenMeanwhile = observer.seen().size();
+        });
+    EXPECT_EQ(seenMeanwhile, announced);
+}
+
+TEST_F(Registry, UnloadingIsDoneWhenItLogsItsExit)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    std::vector<std::string> left{"not looked at"};
+    record::when("log 4 morrow_server: UnloadDBusObjects - Exit",
+                 [&left]
+                 {
+                     left = busctl::managedObjects(manager0);
+                 });
+    server().UnloadDBusObjects();
+    EXPECT_THAT(left, IsEmpty());
+}
+
+TEST_F(Registry, WithdrawsUnderTheMutex)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    bool free = true;
+    record::when("trace 4 morrow_server: deleteAllEndpointObject - EID 8",
+                 [&free]
+                 {
+                     free = othersCanHaveTheMutex();
+                 });
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_FALSE(free);
 }
 
 TEST_F(Registry, RequestsAreNotServedWhileTheMutexIsHeld)
