@@ -122,7 +122,7 @@ extern "C" int sd_bus_wait(sd_bus* bus, uint64_t microseconds)
 {
     if (watching)
     {
-        record::add("waits %" PRIu64 " us for a message", microseconds);
+        record::add("waits %" PRIu64 " us for the bus", microseconds);
     }
     return next(sd_bus_wait, "sd_bus_wait")(bus, microseconds);
 }

@@ -9,12 +9,12 @@
  *
  *     adds the match RULE
  *     adds the manager PATH
+ *     waits N us for the bus
+ *     waits N us for an answer     (0 is the library's default)
+ *     finds nothing more to do
  *     lets go of the bus
  *     lets go of the match RULE
  *     lets go of the manager PATH
- *     waits 1000 us for a message
- *     finds nothing more to do
- *     waits 0 us for an answer          (0 is the library's default)
  *
  * A test program that uses it exports its own symbols, so that the wrapper's
  * library finds them first.

@@ -15,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +39,6 @@ int brokenSleeps = 0;
 std::atomic<int> errnoOfLog{0};
 std::atomic<int> semaphoreInitError{0};
 std::atomic<int> semaphoreDestroyError{0};
-std::atomic<int> semaphoresDestroyed{0};
 std::function<void()> onSemaphoreDestroy;
 std::function<void()> onVendorRead;
 
@@ -290,7 +288,6 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
 
 extern "C" int sem_destroy(sem_t* semaphore)
 {
-    ++fake::semaphoresDestroyed;
     if (fake::onSemaphoreDestroy)
     {
         fake::onSemaphoreDestroy();

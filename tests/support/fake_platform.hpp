@@ -81,9 +81,6 @@ extern std::atomic<int> semaphoreInitError;
 /** The same for destroying one. */
 extern std::atomic<int> semaphoreDestroyError;
 
-/** How often a semaphore was to be destroyed. */
-extern std::atomic<int> semaphoresDestroyed;
-
 /** How a semaphore was made and how often it has been destroyed since. */
 struct Semaphore
 {

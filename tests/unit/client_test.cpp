@@ -12,7 +12,6 @@
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
-#include "tests/support/waiting_thread.hpp"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -28,6 +27,7 @@
 #include <future>
 #include <iterator>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -301,6 +301,14 @@ TEST_F(ClientStart, SubscribesToPowerStateThenToResetCauseThenFillsItsMaps)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
+TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
+{
+    bus_spy::failSubscriptions(ENOBUFS);
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(record::count(threadExits), 1);
+}
+
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
 {
     EXPECT_EQ(morrow_dbus_client_init(), 0);
@@ -484,29 +492,16 @@ TEST_F(ClientStart, WatchesTheBusAndThePipeForInputAlone)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
-TEST_F(ClientStart, SemaphoreIsPrivateAndGoesTwice)
-{
-    const int before = fake::semaphoresDestroyed;
-    EXPECT_EQ(morrow_dbus_client_init(), 0);
-    EXPECT_EQ(fake::lastSemaphore().shared, 0);
-    EXPECT_EQ(fake::lastSemaphore().value, 0U);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
-    fake::semaphoreDestroyError = EINVAL;
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
-}
-
 TEST_F(ClientStart, WithoutAPipeOrAThreadTheSemaphoreGoes)
 {
-    const int before = fake::semaphoresDestroyed;
     {
         const limits::NoNewDescriptors none;
         EXPECT_EQ(morrow_dbus_client_init(), 1);
     }
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_dbus_client_init(), 1);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+    EXPECT_EQ(fake::semaphore(&clientReadySemaphore).destroyed, 1);
 }
 
 TEST_F(ClientStart, StopWithoutAThreadLeavesThePipeOpen)
@@ -534,19 +529,6 @@ TEST_F(ClientStart, ProcessThatEndsWithoutAStopIsAborted)
             std::exit(0);
         },
         testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
-{
-    bus_spy::failSubscriptions(EPERM);
-    EXPECT_EQ(morrow_dbus_client_init(), 0);
-    ASSERT_TRUE(record::waitFor(starting));
-    EXPECT_EQ(record::textsOf(threadOf(initialised)),
-              Texts{"log 4 morrow_client: morrowClientDBusHandler - Enter\n"} +
-                  fillsItsMaps +
-                  Texts({"log 4 morrow_client: createMorrowEventLoop - Enter\n",
-                         initialised, starting}));
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
 // The maps
@@ -1155,6 +1137,25 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
     EXPECT_FALSE(free);
 }
 
+TEST_F(PowerSignals, NextOneIsWaitedForAMillisecond)
+{
+    record::when(resetPath, bus_spy::watchThisThread);
+    control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(record::waitFor("waits 1000 us for the bus"));
+    auto waits = threadStory();
+    std::erase_if(waits,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("waits ");
+                  });
+    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(Client, ServingSignalsAlwaysEndsWith0)
+{
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
+}
+
 TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
 {
     auto watched = event_loop::watchedBy(clientEvent);
@@ -1185,25 +1186,6 @@ TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
     EXPECT_THAT(told, Contains("trace 4 morrow_client: "
                                "signalHandler_internalpowerstate:Power state "
                                "is PreStandby\n"));
-}
-
-TEST_F(PowerSignals, NextOneIsWaitedForAMillisecond)
-{
-    record::when(resetPath, bus_spy::watchThisThread);
-    control.changes(HostControl::resetCause, {});
-    ASSERT_TRUE(record::waitFor("waits 1000 us for a message"));
-    auto waits = threadStory();
-    std::erase_if(waits,
-                  [](const auto& text)
-                  {
-                      return !text.starts_with("waits ");
-                  });
-    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for a message"));
-}
-
-TEST_F(Client, ServingSignalsAlwaysEndsWith0)
-{
-    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
 }
 
 TEST_F(PowerSignals, WarmResetSetsTheFlags)
@@ -1362,27 +1344,6 @@ TEST_F(PowerSignals, InvalidatedPropertiesAreNotRead)
     EXPECT_TRUE(flagsAreSet());
 }
 
-TEST_F(PowerSignals, EachRowGoesBeforeThoseBelowIt)
-{
-    const Texts rows{"S0InReset",    "PreStandby",     "StateS6",
-                     "StateS5Early", "StateS5S3Mbusy", "StateS5",
-                     "S5OnPending",  "OffPendingS0",   "Unknown"};
-    Texts expected;
-    std::vector<Change> changes;
-    for (std::size_t upper = 0; upper < rows.size(); ++upper)
-    {
-        for (std::size_t lower = upper + 1; lower < rows.size(); ++lower)
-        {
-            const std::string value = "." + rows[lower] + "." + rows[upper];
-            changes.push_back({"InternalPowerState", value});
-            expected =
-                expected + tellsPowerState(value) + recognises(rows[upper]);
-        }
-    }
-    control.changes(HostControl::powerState, changes);
-    EXPECT_EQ(handled(), Texts{powerPath} + expected);
-}
-
 TEST_F(PowerSignals, LeaveTheDaemonStateAlone)
 {
     daemon_state = 77;
@@ -1393,17 +1354,6 @@ TEST_F(PowerSignals, LeaveTheDaemonStateAlone)
     (void)handledResets();
     EXPECT_TRUE(flagsAreSet());
     EXPECT_EQ(shared_word::load(daemon_state), 77U);
-}
-
-TEST_F(PowerSignals, WaitAMillisecondForTheNextOne)
-{
-    record::when(resetPath,
-                 []
-                 {
-                     bus_spy::watchThisThread();
-                 });
-    (void)handled();
-    EXPECT_TRUE(record::waitFor("waits 1000 us for a message"));
 }
 
 // The handlers on their own, for what the bus never delivers to them
@@ -1593,11 +1543,19 @@ TEST_F(ClientStop, SecondWaitsForTheFirst)
     {
         return client().stop_morrow_dbus_client();
     };
-    // The client's handler waits for the mutex, and the first stop for it.
-    std::unique_lock lock(clientBusMutex);
+    // A handler takes its time, and the first stop waits for it.
+    const std::string handles =
+        "log 1 morrow_client: signalHandler_warmreset:Path:"
+        "[/xyz/openbmc_project/control/host0/reset_cause]\n";
+    std::binary_semaphore go{0};
+    record::when(handles,
+                 [&go]
+                 {
+                     go.acquire();
+                 });
     HostControl control;
     control.changes(HostControl::resetCause, {});
-    ASSERT_TRUE(waiting_thread::forAMutex(threadOf(starting)));
+    ASSERT_TRUE(record::waitFor(handles));
     auto first = std::async(std::launch::async, stop);
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
@@ -1608,7 +1566,7 @@ TEST_F(ClientStop, SecondWaitsForTheFirst)
         "log 4 morrow_client: stop_morrow_dbus_client - Enter\n", 2));
     EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
-    lock.unlock();
+    go.release();
     EXPECT_EQ(first.get(), 0);
     EXPECT_EQ(second.get(), 1);
     EXPECT_EQ(record::count("log 1 morrow_client: stop_morrow_dbus_client "
@@ -1680,6 +1638,12 @@ TEST_F(ClientStop, EndsTheSubscriptions)
               0);
 }
 
+TEST_F(ClientStop, SemaphoreThatCannotBeDestroyedIsIgnored)
+{
+    fake::semaphoreDestroyError = EINVAL;
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+}
+
 TEST_F(ClientStop, LeavesThePipeClosedWithoutNumbers)
 {
     const auto before = clientSignalPipe;
@@ -1687,25 +1651,6 @@ TEST_F(ClientStop, LeavesThePipeClosedWithoutNumbers)
     EXPECT_EQ(clientSignalPipe, closedStopPipe);
     EXPECT_EQ(fcntl(before[0], F_GETFD), -1);
     EXPECT_EQ(fcntl(before[1], F_GETFD), -1);
-}
-
-TEST_F(ClientStop, PipeWithoutAByteIsPassedOver)
-{
-    // A pipe without a writer is readable, but there is nothing to read.
-    ASSERT_EQ(close(clientSignalPipe[1]), 0);
-    HostControl control;
-    control.changes(HostControl::powerState, {});
-    ASSERT_TRUE(record::waitUntil(
-        [this]
-        {
-            return !threadStory().empty();
-        }));
-    EXPECT_THAT(threadStory(), ElementsAre(StartsWith(
-                                   "log 1 morrow_client: "
-                                   "signalHandler_internalpowerstate:Path:")));
-    const auto reader = "/proc/self/fd/" + std::to_string(clientSignalPipe[0]);
-    clientSignalPipe[1] = open(reader.c_str(), O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
 // When the broker goes

@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow/event_source.hpp"
 #include "morrow/morrow.hpp"
-#include "morrow/morrow_client.hpp"
-#include "morrow/morrow_server.hpp"
 #include "morrow/morrow_signal.hpp"
 #include "morrow/power_state.hpp"
 #include "morrow/stop_pipe.hpp"
-#include "tests/support/broker.hpp"
 #include "tests/support/fake_platform.hpp"
-#include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
 
@@ -76,10 +72,6 @@ class StateAction : public testing::Test
 
 /** Whole passes of a daemon without bus sides. */
 class StatePass : public testing::Test
-{
-};
-
-class MorrowInit : public testing::Test
 {
 };
 
@@ -540,69 +532,6 @@ TEST_F(StatePass, SleepAfterAFailedReadIsTakenUpAgainAfterASignal)
     EXPECT_THAT(std::vector<std::string>(told.end() - 3, told.end()),
                 ElementsAre("log 2 morrow: Failed to get current powerevent\n",
                             "sleep 1000 ms", "sleep 500 ms"));
-}
-
-// Bringing everything up
-
-TEST_F(MorrowInit, WithoutASignalSideGives2AndBeginsAnewInTheNextCall)
-{
-    const limits::NoNewThreads none;
-    daemon_state = MORROW_SLEEP_EVENT;
-    for (std::size_t call = 1; call <= 2; ++call)
-    {
-        EXPECT_EQ(morrow_init(), 2U);
-        EXPECT_EQ(init_state, 0U);
-        EXPECT_EQ(story().back(),
-                  "log 4 morrow: Signal handler init failed [2]\n");
-        EXPECT_EQ(record::count("log 4 morrow_signal: Entry "
-                                "[register_signal]\n"),
-                  call);
-    }
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_EQ(record::count("log 4 morrow_client: morrow_dbus_client_init - "
-                            "Enter\n"),
-              0);
-}
-
-TEST_F(MorrowInit, WithTheSignalSideUpStartsTheBusSidesAlone)
-{
-    const Broker broker;
-    init_state = 1;
-    daemon_state = MORROW_SLEEP_EVENT;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(
-        story(),
-        ElementsAre(
-            "log 4 morrow: Entry [morrow_init]\n",
-            "log 4 morrow_client: morrow_dbus_client_init - Enter\n",
-            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
-            "log 4 morrow_client: morrow_dbus_client_init - Exit\n",
-            "log 4 morrow_server: morrow_dbus_server_init - Enter\n",
-            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
-            "log 4 morrow_server: morrow_dbus_server_init - Exit\n",
-            "log 4 morrow_signal: Entry [get_instance]\n",
-            "log 4 morrow_signal: Entry [morrow_signal]\n",
-            "log 4 morrow_signal: Entry [set_dbus_ready]\n"));
-    EXPECT_EQ(morrow_dbus_client::get_instance().stop_morrow_dbus_client(), 0);
-    EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(), 0);
-}
-
-TEST_F(MorrowInit, WithTheBusSidesUpIsComplete)
-{
-    init_state = 2;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
-}
-
-TEST_F(MorrowInit, WhenCompleteDoesNothing)
-{
-    init_state = 3;
-    EXPECT_EQ(morrow_init(), 0U);
-    EXPECT_EQ(init_state, 3U);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry [morrow_init]\n"));
 }
 
 // The sources of an event loop

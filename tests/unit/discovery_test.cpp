@@ -606,19 +606,6 @@ TEST_F(Notify, AnswerOfOneByteIsLoggedAndEndsAtOnce)
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
-TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
-{
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    Texts meanwhile;
-    record::when("log 4 morrow_server: createEndpointObject - Enter",
-                 [&meanwhile]
-                 {
-                     meanwhile = i3c_device_notify_map;
-                 });
-    morrow_i3c_device_do_notify(node0);
-    EXPECT_THAT(meanwhile, ElementsAre(node0));
-}
-
 TEST_F(NotifyOnTheBus, SlotFollowsTheTableOfIds)
 {
     expectPublished({fake::answer(0x1D)}, 0x1D, 0);
@@ -665,6 +652,19 @@ TEST_F(NotifyOnTheBus, IdsNextToThoseOfTheTableKeepTheSlot)
     {
         expectPublished({wrongCommand(0x9D), fake::answer(eid)}, eid, 1);
     }
+}
+
+TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
+{
+    std::vector<std::string> recorded;
+    record::when("log 4 morrow_server: createEndpointObject - Enter",
+                 [&recorded]
+                 {
+                     recorded = i3c_device_notify_map;
+                 });
+    fake::endpoints[node0] = {fake::answer(0x9D)};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_THAT(recorded, ElementsAre(node0));
 }
 
 // Full discovery

@@ -25,6 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -534,29 +535,16 @@ TEST_F(ServerStart, BusThatCannotBeReachedIsLogged)
         testing::ExitedWithCode(42), "");
 }
 
-TEST_F(ServerStart, SemaphoreIsPrivateAndGoesTwice)
-{
-    const int before = fake::semaphoresDestroyed;
-    EXPECT_EQ(morrow_dbus_server_init(), 0);
-    EXPECT_EQ(fake::lastSemaphore().shared, 0);
-    EXPECT_EQ(fake::lastSemaphore().value, 0U);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
-    fake::semaphoreDestroyError = EINVAL;
-    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
-}
-
 TEST_F(ServerStart, WithoutAPipeOrAThreadTheSemaphoreGoes)
 {
-    const int before = fake::semaphoresDestroyed;
     {
         const limits::NoNewDescriptors none;
         EXPECT_EQ(morrow_dbus_server_init(), 1);
     }
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 1);
+    EXPECT_EQ(fake::semaphore(&serverReadySemaphore).destroyed, 1);
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_dbus_server_init(), 4);
-    EXPECT_EQ(fake::semaphoresDestroyed, before + 2);
+    EXPECT_EQ(fake::semaphore(&serverReadySemaphore).destroyed, 1);
 }
 
 TEST_F(ServerStart, StopWithoutAThreadLeavesThePipeOpen)
@@ -879,34 +867,33 @@ TEST_F(Registry, WaitsForTheMutex)
 }
 
 /** Expects an operation, of which this is the first line, to wait for the
- *  mutex. */
-void expectWaitsForTheMutex(const std::string& enters,
-                            const std::function<void()>& operation)
+ *  mutex.
+ *  @param meanwhile  called while it waits */
+void expectWaitsForTheMutex(
+    const std::string& enters, const std::function<void()>& operation,
+    const std::function<void()>& meanwhile = [] {})
 {
     std::unique_lock lock(server_mutex);
     auto done = std::async(std::launch::async, operation);
     ASSERT_TRUE(record::waitFor(enters));
     EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
+    meanwhile();
     lock.unlock();
     done.get();
 }
 
-/** Whether another thread than the calling one gets the mutex in the end. */
-bool othersGetTheMutex()
+/** Whether another thread than the calling one can have the mutex now. */
+bool othersCanHaveTheMutex()
 {
-    return record::waitUntil(
-        []
-        {
-            return std::async(std::launch::async,
-                              []
-                              {
-                                  const std::unique_lock lock(server_mutex,
-                                                              std::try_to_lock);
-                                  return lock.owns_lock();
-                              })
-                .get();
-        });
+    return std::async(std::launch::async,
+                      []
+                      {
+                          const std::unique_lock lock(server_mutex,
+                                                      std::try_to_lock);
+                          return lock.owns_lock();
+                      })
+        .get();
 }
 
 TEST_F(Registry, LogsItsExitsWithTheMutexFree)
@@ -919,7 +906,9 @@ TEST_F(Registry, LogsItsExitsWithTheMutexFree)
         record::when("log 4 morrow_server: " + name + " - Exit",
                      [&free]
                      {
-                         free.push_back(othersGetTheMutex());
+                         // The server's thread may have it for a while.
+                         free.push_back(
+                             record::waitUntil(othersCanHaveTheMutex));
                      });
     }
     EXPECT_EQ(publish(0, 8), 0);
@@ -940,11 +929,47 @@ TEST_F(Registry, WithdrawalWaitsForTheMutex)
 
 TEST_F(Registry, UnloadingWaitsForTheMutex)
 {
-    expectWaitsForTheMutex("log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                           []
-                           {
-                               server().UnloadDBusObjects();
-                           });
+    EXPECT_EQ(publish(0, 8), 0);
+    observer.catchUp();
+    const auto announced = observer.seen().size();
+    std::size_t seenMeanwhile = 0;
+    expectWaitsForTheMutex(
+        "log 4 morrow_server: UnloadDBusObjects - Enter\n",
+        []
+        {
+            server().UnloadDBusObjects();
+        },
+        [&]
+        {
+            seenMeanwhile = observer.seen().size();
+        });
+    EXPECT_EQ(seenMeanwhile, announced);
+}
+
+TEST_F(Registry, UnloadingIsDoneWhenItLogsItsExit)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    std::vector<std::string> left{"not looked at"};
+    record::when("log 4 morrow_server: UnloadDBusObjects - Exit",
+                 [&left]
+                 {
+                     left = busctl::managedObjects(manager0);
+                 });
+    server().UnloadDBusObjects();
+    EXPECT_THAT(left, IsEmpty());
+}
+
+TEST_F(Registry, WithdrawsUnderTheMutex)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    bool free = true;
+    record::when("trace 4 morrow_server: deleteAllEndpointObject - EID 8",
+                 [&free]
+                 {
+                     free = othersCanHaveTheMutex();
+                 });
+    EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
+    EXPECT_FALSE(free);
 }
 
 TEST_F(Registry, RequestsAreNotServedWhileTheMutexIsHeld)
@@ -1032,54 +1057,6 @@ TEST_F(Registry, PublishingWaitsForTheMutex)
         });
 }
 
-/** Expects another thread to get the mutex when this is logged. */
-void expectTheMutexIsFreeAt(const std::string& text,
-                            const std::function<void()>& operation)
-{
-    bool free = false;
-    record::when(text,
-                 [&free]
-                 {
-                     std::thread(
-                         [&free]
-                         {
-                             // The server's own thread may have it meanwhile.
-                             free = record::waitUntil(
-                                 []
-                                 {
-                                     return server_mutex.try_lock();
-                                 });
-                             if (free)
-                             {
-                                 server_mutex.unlock();
-                             }
-                         })
-                         .join();
-                 });
-    operation();
-    EXPECT_TRUE(free) << text;
-}
-
-TEST_F(Registry, ExitIsLoggedWithoutTheMutex)
-{
-    expectTheMutexIsFreeAt("log 4 morrow_server: createEndpointObject - Exit",
-                           []
-                           {
-                               (void)publish(0, 8);
-                           });
-    expectTheMutexIsFreeAt(
-        "log 4 morrow_server: deleteAllEndpointObject - Exit",
-        []
-        {
-            (void)server().deleteAllEndpointObject(0);
-        });
-    expectTheMutexIsFreeAt("log 4 morrow_server: UnloadDBusObjects - Exit",
-                           []
-                           {
-                               server().UnloadDBusObjects();
-                           });
-}
-
 // The interface, as a client sees it
 
 TEST_F(Interface, AnnouncesDefaultsThenEachValueByName)
@@ -1137,14 +1114,14 @@ TEST_F(Registry, WaitsAMillisecondForTheNextRequest)
     ASSERT_TRUE(
         record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
     (void)busctl::managedObjects(manager0);
-    ASSERT_TRUE(record::waitFor("waits 1000 us for a message"));
+    ASSERT_TRUE(record::waitFor("waits 1000 us for the bus"));
     auto waits = record::textsOf(thread);
     std::erase_if(waits,
                   [](const auto& text)
                   {
                       return !text.starts_with("waits ");
                   });
-    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for a message"));
+    EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
 }
 
 TEST_F(Registry, ServingRequestsAlwaysEndsWith0)
@@ -1513,6 +1490,46 @@ TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
     EXPECT_EQ(stop.get(), 0);
 }
 
+/** Whether a thread waits in a system call. */
+bool isAsleep(pid_t thread)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) +
+                         "/status");
+    for (std::string line; std::getline(status, line);)
+    {
+        if (line.starts_with("State:"))
+        {
+            return line.find("S (sleeping)") != std::string::npos;
+        }
+    }
+    return false;
+}
+
+TEST_F(ServerStop, PublicationThatWaitedForTheMutexFindsTheBusGone)
+{
+    const auto thread = threadOf(initialised);
+    std::unique_lock lock(server_mutex);
+    auto published = std::async(std::launch::async,
+                                []
+                                {
+                                    return publish(0, 8);
+                                });
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: createEndpointObject - Enter\n"));
+    ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
+    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
+                                "sd_event_loop returned\n"));
+    // It has given the bus up and waits for the mutex.
+    ASSERT_TRUE(record::waitUntil(
+        [thread]
+        {
+            return isAsleep(thread);
+        }));
+    lock.unlock();
+    EXPECT_EQ(published.get(), 1);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
 TEST_F(ServerStop, PublicationUnderWayLetsGoOfTheBusBeforeTheMutexIsFree)
 {
     const auto thread = threadOf(initialised);
@@ -1647,68 +1664,32 @@ TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
     EXPECT_TRUE(record::waitFor("NameOwnerChanged gone"));
 }
 
+TEST_F(ServerStop, SemaphoreThatCannotBeDestroyedIsIgnored)
+{
+    fake::semaphoreDestroyError = EINVAL;
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+}
+
 TEST_F(ServerStop, WithdrawsTheEndpointsWhenThePipeIsClosed)
 {
-    const int destroyed = fake::semaphoresDestroyed;
     bool closed = false;
     bool threadEnded = false;
-    int destroyedSince = -1;
+    int destroyed = 0;
     record::when("log 4 morrow_server: UnloadDBusObjects - Enter",
                  [&]
                  {
                      closed = serverSignalPipe == closedStopPipe;
                      threadEnded = record::count(threadExits) == 1;
-                     destroyedSince = fake::semaphoresDestroyed - destroyed;
+                     destroyed =
+                         fake::semaphore(&serverReadySemaphore).destroyed;
                  });
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
     EXPECT_TRUE(closed);
     EXPECT_TRUE(threadEnded);
-    EXPECT_EQ(destroyedSince, 1);
-}
-
-TEST_F(ServerStop, PipeWithoutAByteIsPassedOver)
-{
-    ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
-                                "Starting sd_event_loop\n"));
-    // A pipe without a writer is readable, but there is nothing to read.
-    ASSERT_EQ(close(serverSignalPipe[1]), 0);
-    const auto before = record::texts().size();
-    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
-    EXPECT_EQ(record::texts().size(), before);
-    const auto reader = "/proc/self/fd/" + std::to_string(serverSignalPipe[0]);
-    serverSignalPipe[1] = open(reader.c_str(), O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_EQ(destroyed, 2);
 }
 
 // When the broker goes
-
-TEST_F(Server, WaitsAMillisecondForTheNextMessageUnderTheMutex)
-{
-    record::when("log 4 morrow_server: morrowProcessSig - signal: 7",
-                 []
-                 {
-                     bus_spy::watchThisThread();
-                 });
-    const uint8_t byte = 7;
-    ASSERT_EQ(write(serverSignalPipe[1], &byte, 1), 1);
-    ASSERT_TRUE(
-        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
-    bool free = true;
-    record::when("waits 1000 us for a message",
-                 [&free]
-                 {
-                     std::thread(
-                         [&free]
-                         {
-                             free = server_mutex.try_lock();
-                         })
-                         .join();
-                 });
-    EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
-    ASSERT_TRUE(record::waitFor("waits 1000 us for a message"));
-    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
-    EXPECT_FALSE(free);
-}
 
 TEST_F(Server, RequestIsServedUntilNothingIsLeft)
 {
