@@ -12,6 +12,7 @@
 #include "tests/support/story.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -302,6 +303,29 @@ TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
     EXPECT_EQ(record::count(threadExits), 1);
+}
+
+TEST_F(ClientStart, ReturnsBetweenTheLineOfReadinessAndTheStartOfTheLoop)
+{
+    std::size_t returnedBefore = 1;
+    bool returnedAfter = false;
+    record::when(initialised,
+                 [&returnedBefore]
+                 {
+                     // Time enough for what must not happen yet.
+                     (void)poll(nullptr, 0, 100);
+                     returnedBefore = record::count(initExits);
+                 });
+    record::when("log 4 morrow_client: createMorrowEventLoop - Starting "
+                 "sd_event_loop",
+                 [&returnedAfter]
+                 {
+                     returnedAfter = record::waitFor(initExits);
+                 });
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(returnedBefore, 0U);
+    EXPECT_TRUE(returnedAfter);
 }
 
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
@@ -1384,21 +1408,22 @@ TEST_F(ClientStop, SecondWaitsForTheFirst)
     {
         return client().stop_morrow_dbus_client();
     };
-    // The client's handler waits for the mutex, and the first stop for it.
-    std::unique_lock lock(clientBusMutex);
-    HostControl control;
-    control.changes(HostControl::resetCause, {});
+    // The first waits for the client's thread, which is held as it stops.
+    std::promise<void> go;
+    record::when("log 1 morrow_client: morrowProcessSig - signal: 1",
+                 [held = go.get_future().share()]
+                 {
+                     held.wait();
+                 });
     auto first = std::async(std::launch::async, stop);
-    ASSERT_TRUE(record::waitFor(
-        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
-    EXPECT_EQ(first.wait_for(std::chrono::milliseconds(100)),
-              std::future_status::timeout);
+    ASSERT_TRUE(
+        record::waitFor("log 1 morrow_client: morrowProcessSig - signal: 1\n"));
     auto second = std::async(std::launch::async, stop);
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_client: stop_morrow_dbus_client - Enter\n", 2));
     EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
-    lock.unlock();
+    go.set_value();
     EXPECT_EQ(first.get(), 0);
     EXPECT_EQ(second.get(), 1);
     EXPECT_EQ(record::count("log 1 morrow_client: stop_morrow_dbus_client "

@@ -2,12 +2,16 @@
 #include "morrow/event_source.hpp"
 #include "morrow/morrow.hpp"
 #include "morrow/power_state.hpp"
+#include "morrow/shared_bus.hpp"
 #include "morrow/stop_pipe.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -503,4 +507,48 @@ TEST(WatchInput, SourceIsServedUntilItsOwnerGoes)
     EXPECT_EQ(served, 1);
     closeStopPipe(pipe);
     sd_event_unref(loop);
+}
+
+// The shared pointer to a bus
+
+TEST(SharedBus, IsSharedAndExchangedByManyAtATime)
+{
+    SharedBus bus;
+    std::atomic<int> living{0};
+    const auto make = [&living]
+    {
+        ++living;
+        // What is pointed to does not matter, only who owns it.
+        const std::shared_ptr<void> owner(nullptr,
+                                          [&living](void*)
+                                          {
+                                              --living;
+                                          });
+        return SharedBus::Pointer(owner, nullptr);
+    };
+    std::atomic<bool> finished{false};
+    std::vector<std::thread> sharers;
+    for (int number = 0; number < 2; ++number)
+    {
+        sharers.emplace_back(
+            [&]
+            {
+                while (!finished)
+                {
+                    const auto share = bus.share();
+                }
+            });
+    }
+    for (int round = 0; round < 20000; ++round)
+    {
+        (void)bus.exchange(make());
+    }
+    finished = true;
+    for (auto& sharer : sharers)
+    {
+        sharer.join();
+    }
+    EXPECT_EQ(living, 1);
+    EXPECT_EQ(bus.exchange({}).use_count(), 1);
+    EXPECT_EQ(living, 0);
 }
