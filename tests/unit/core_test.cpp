@@ -527,27 +527,22 @@ TEST(SharedBus, IsSharedAndExchangedByManyAtATime)
         return SharedBus::Pointer(owner, nullptr);
     };
     std::atomic<bool> finished{false};
-    std::vector<std::thread> sharers;
-    for (int number = 0; number < 2; ++number)
+    const auto share = [&bus, &finished]
     {
-        sharers.emplace_back(
-            [&]
-            {
-                while (!finished)
-                {
-                    const auto share = bus.share();
-                }
-            });
-    }
+        while (!finished)
+        {
+            const auto mine = bus.share();
+        }
+    };
+    std::thread first(share);
+    std::thread second(share);
     for (int round = 0; round < 20000; ++round)
     {
         (void)bus.exchange(make());
     }
     finished = true;
-    for (auto& sharer : sharers)
-    {
-        sharer.join();
-    }
+    first.join();
+    second.join();
     EXPECT_EQ(living, 1);
     EXPECT_EQ(bus.exchange({}).use_count(), 1);
     EXPECT_EQ(living, 0);

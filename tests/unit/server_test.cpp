@@ -1406,12 +1406,19 @@ TEST_F(ServerStop, PublicationThatWaitedForTheMutexFindsTheBusGone)
                                 {
                                     return publish(0, 8);
                                 });
-    ASSERT_TRUE(
-        record::waitFor("log 4 morrow_server: createEndpointObject - Enter\n"));
+    const std::string enters =
+        "log 4 morrow_server: createEndpointObject - Enter\n";
+    ASSERT_TRUE(record::waitFor(enters));
+    // It waits for the mutex, and gets it first.
+    ASSERT_TRUE(record::waitUntil(
+        [&enters]
+        {
+            return isAsleep(threadOf(enters));
+        }));
     ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
     ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
                                 "sd_event_loop returned\n"));
-    // It has given the bus up and waits for the mutex.
+    // The server's thread has given the bus up and waits for the mutex, too.
     ASSERT_TRUE(record::waitUntil(
         [thread]
         {
