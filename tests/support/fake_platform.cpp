@@ -15,7 +15,9 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,6 +75,38 @@ Semaphore lastSemaphore()
     auto& all = Semaphores::all();
     const std::lock_guard lock(all.mutex);
     return all.known.at(all.last);
+}
+
+Semaphore semaphoreWithin(const void* object, std::size_t size)
+{
+    const auto* const bytes = static_cast<const std::byte*>(object);
+    auto& all = Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    const auto found =
+        std::find_if(all.known.begin(), all.known.end(),
+                     [bytes, size](const auto& entry)
+                     {
+                         const auto* const address =
+                             static_cast<const std::byte*>(
+                                 static_cast<const void*>(entry.first));
+                         return address >= bytes && address < bytes + size;
+                     });
+    return found == all.known.end() ? Semaphore{-1, 0, -1} : found->second;
+}
+
+namespace
+{
+
+// The daemon sets dispositions in a signal handler, too.
+std::array<int, 64> signals;
+std::atomic<std::size_t> signalsTaken;
+
+} // namespace
+
+std::vector<int> signalsSet()
+{
+    return {signals.begin(),
+            signals.begin() + static_cast<std::ptrdiff_t>(signalsTaken)};
 }
 
 Attempt answer(uint8_t eid)
@@ -270,6 +304,27 @@ Function* realFunction(const char* name)
 }
 
 } // namespace
+
+using Handler = void(int);
+
+namespace
+{
+
+Handler* realSignal(int number, Handler* handler)
+{
+    static auto* const function =
+        realFunction<Handler*(int, Handler*)>("signal");
+    return function(number, handler);
+}
+
+} // namespace
+
+extern "C" Handler* signal(int number, Handler* handler) noexcept
+{
+    const auto index = fake::signalsTaken.fetch_add(1);
+    fake::signals.at(index) = number;
+    return realSignal(number, handler);
+}
 
 extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
 {

@@ -12,6 +12,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -94,6 +95,13 @@ Semaphore semaphore(const sem_t* address);
 
 /** The same of the one that was made last. */
 Semaphore lastSemaphore();
+
+/** What became of the semaphore that is somewhere in an object of this size.
+ *  Any thread. */
+Semaphore semaphoreWithin(const void* object, std::size_t size);
+
+/** The signals whose disposition was set, in order. */
+std::vector<int> signalsSet();
 
 /** Called on the thread that destroys a semaphore, before it does. */
 extern std::function<void()> onSemaphoreDestroy;

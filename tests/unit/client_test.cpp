@@ -14,6 +14,7 @@
 #include "tests/support/story.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -307,6 +308,29 @@ TEST_F(ClientStart, SubscriptionsThatFailAreIgnored)
     EXPECT_EQ(morrow_dbus_client_init(), 0);
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
     EXPECT_EQ(record::count(threadExits), 1);
+}
+
+TEST_F(ClientStart, ReturnsBetweenTheLineOfReadinessAndTheStartOfTheLoop)
+{
+    std::size_t returnedBefore = 1;
+    bool returnedAfter = false;
+    record::when(initialised,
+                 [&returnedBefore]
+                 {
+                     // Time enough for what must not happen yet.
+                     (void)poll(nullptr, 0, 100);
+                     returnedBefore = record::count(initExits);
+                 });
+    record::when("log 4 morrow_client: createMorrowEventLoop - Starting "
+                 "sd_event_loop",
+                 [&returnedAfter]
+                 {
+                     returnedAfter = record::waitFor(initExits);
+                 });
+    EXPECT_EQ(morrow_dbus_client_init(), 0);
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
+    EXPECT_EQ(returnedBefore, 0U);
+    EXPECT_TRUE(returnedAfter);
 }
 
 TEST_F(ClientStart, PipeDoesNotOutliveAnExec)
@@ -1543,30 +1567,22 @@ TEST_F(ClientStop, SecondWaitsForTheFirst)
     {
         return client().stop_morrow_dbus_client();
     };
-    // A handler takes its time, and the first stop waits for it.
-    const std::string handles =
-        "log 1 morrow_client: signalHandler_warmreset:Path:"
-        "[/xyz/openbmc_project/control/host0/reset_cause]\n";
-    std::binary_semaphore go{0};
-    record::when(handles,
-                 [&go]
+    // The first waits for the client's thread, which is held as it stops.
+    std::promise<void> go;
+    record::when("log 1 morrow_client: morrowProcessSig - signal: 1",
+                 [held = go.get_future().share()]
                  {
-                     go.acquire();
+                     held.wait();
                  });
-    HostControl control;
-    control.changes(HostControl::resetCause, {});
-    ASSERT_TRUE(record::waitFor(handles));
     auto first = std::async(std::launch::async, stop);
-    ASSERT_TRUE(record::waitFor(
-        "log 4 morrow_client: stop_morrow_dbus_client - Enter\n"));
-    EXPECT_EQ(first.wait_for(std::chrono::milliseconds(100)),
-              std::future_status::timeout);
+    ASSERT_TRUE(
+        record::waitFor("log 1 morrow_client: morrowProcessSig - signal: 1\n"));
     auto second = std::async(std::launch::async, stop);
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_client: stop_morrow_dbus_client - Enter\n", 2));
     EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
-    go.release();
+    go.set_value();
     EXPECT_EQ(first.get(), 0);
     EXPECT_EQ(second.get(), 1);
     EXPECT_EQ(record::count("log 1 morrow_client: stop_morrow_dbus_client "

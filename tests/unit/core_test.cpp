@@ -3,12 +3,16 @@
 #include "morrow/morrow.hpp"
 #include "morrow/morrow_signal.hpp"
 #include "morrow/power_state.hpp"
+#include "morrow/shared_bus.hpp"
 #include "morrow/stop_pipe.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -560,4 +564,43 @@ TEST(WatchInput, SourceIsServedUntilItsOwnerGoes)
     EXPECT_EQ(served, 1);
     closeStopPipe(pipe);
     sd_event_unref(loop);
+}
+
+// The shared pointer to a bus
+
+TEST(SharedBus, IsSharedAndExchangedByManyAtATime)
+{
+    SharedBus bus;
+    std::atomic<int> living{0};
+    const auto make = [&living]
+    {
+        ++living;
+        // What is pointed to does not matter, only who owns it.
+        const std::shared_ptr<void> owner(nullptr,
+                                          [&living](void*)
+                                          {
+                                              --living;
+                                          });
+        return SharedBus::Pointer(owner, nullptr);
+    };
+    std::atomic<bool> finished{false};
+    const auto share = [&bus, &finished]
+    {
+        while (!finished)
+        {
+            const auto mine = bus.share();
+        }
+    };
+    std::thread first(share);
+    std::thread second(share);
+    for (int round = 0; round < 20000; ++round)
+    {
+        (void)bus.exchange(make());
+    }
+    finished = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(living, 1);
+    EXPECT_EQ(bus.exchange({}).use_count(), 1);
+    EXPECT_EQ(living, 0);
 }

@@ -996,6 +996,52 @@ TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAllTheSame)
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
+// What is on the bus
+
+/** Endpoints from before, on two networks. */
+class WithEndpoints : public WithFiles
+{
+  protected:
+    WithEndpoints()
+    {
+        EXPECT_EQ(morrow_dbus_server_init(), 0);
+        for (const uint32_t network : {0U, 1U})
+        {
+            EXPECT_EQ(morrow_dbus_server::get_instance().createEndpointObject(
+                          network, 8, {}, 1, 0, node0),
+                      0);
+        }
+    }
+
+    ~WithEndpoints() override
+    {
+        EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(),
+                  0);
+    }
+
+    static void expectNetwork0WithdrawnAlone()
+    {
+        EXPECT_THAT(busctl::managedObjects("/xyz/openbmc_project/mctp/0"),
+                    IsEmpty());
+        EXPECT_THAT(busctl::managedObjects("/xyz/openbmc_project/mctp/1"),
+                    ElementsAre("/xyz/openbmc_project/mctp/1/8"));
+    }
+
+    Broker broker;
+};
+
+TEST_F(WithEndpoints, FullDiscoveryWithdrawsThoseOfItsNetwork)
+{
+    EXPECT_EQ(full_discovery(), 0);
+    expectNetwork0WithdrawnAlone();
+}
+
+TEST_F(WithEndpoints, PowerOffWithdrawsThoseOfItsNetwork)
+{
+    EXPECT_EQ(power_off_cleanup(), 0);
+    expectNetwork0WithdrawnAlone();
+}
+
 // Power-off cleanup
 
 TEST_F(PowerOffCleanup, IsTheWholeStory)

@@ -13,6 +13,7 @@
 #include "tests/support/story.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -32,6 +34,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <variant>
 #include <vector>
@@ -275,6 +278,33 @@ TEST_F(ServerStart, CanPublishBeforeItHasItsObjectManagers)
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
+TEST_F(ServerStart, ReturnsBetweenTheLineOfReadinessAndTheStartOfTheLoop)
+{
+    std::size_t returnedBefore = 1;
+    bool returnedAfter = false;
+    record::when(
+        initialised,
+        [&returnedBefore]
+        {
+            // Time enough for what must not happen yet.
+            (void)poll(nullptr, 0, 100);
+            returnedBefore = record::count(
+                "log 4 morrow_server: morrow_dbus_server_init - Exit\n");
+        });
+    record::when(
+        "log 4 morrow_server: createMorrowEventLoop - Starting "
+        "sd_event_loop",
+        [&returnedAfter]
+        {
+            returnedAfter = record::waitFor(
+                "log 4 morrow_server: morrow_dbus_server_init - Exit\n");
+        });
+    EXPECT_EQ(morrow_dbus_server_init(), 0);
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_EQ(returnedBefore, 0U);
+    EXPECT_TRUE(returnedAfter);
+}
+
 TEST_F(ServerStart, PipeDoesNotOutliveAnExec)
 {
     EXPECT_EQ(morrow_dbus_server_init(), 0);
@@ -294,6 +324,7 @@ TEST_F(ServerStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
     std::vector<int> destroyedAtExits;
     for (const char* exit :
          {"log 4 morrow_server: morrow_dbus_server_init - Exit",
+          "log 4 morrow_server: UnloadDBusObjects - Enter",
           "log 4 morrow_server: stop_morrow_dbus_server - Exit"})
     {
         record::when(exit,
@@ -308,7 +339,7 @@ TEST_F(ServerStart, SemaphoreLastsUntilTheLoopIsReadyAndIsDestroyedTwice)
     EXPECT_EQ(whenReady.value, 0U);
     EXPECT_EQ(whenReady.destroyed, 0);
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
-    EXPECT_THAT(destroyedAtExits, ElementsAre(1, 2));
+    EXPECT_THAT(destroyedAtExits, ElementsAre(1, 2, 2));
 }
 
 TEST_F(ServerStart, WithoutASemaphoreEndsWith1)
@@ -381,6 +412,20 @@ TEST_F(ServerStart, AgainWhileTheThreadRunsEndsTheProcess)
     leave(happened && !returned ? 42 : 1);
 }
 
+/** How many sockets this process has. */
+std::ptrdiff_t sockets()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::count_if(begin(all), end(all),
+                         [](const auto& entry)
+                         {
+                             std::error_code gone;
+                             return read_symlink(entry.path(), gone)
+                                 .string()
+                                 .starts_with("socket:");
+                         });
+}
+
 TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
 {
     auto other = sdbusplus::bus::new_system();
@@ -389,6 +434,7 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
     ASSERT_GE(sd_bus_request_name(owner, "xyz.openbmc_project.mctp", 0), 0);
     EXPECT_EXIT(
         {
+            const auto before = sockets();
             std::thread(
                 []
                 {
@@ -396,6 +442,8 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
                 })
                 .detach();
             const bool ended = record::waitFor(threadExits);
+            // Nor does the connection stay.
+            const bool closed = sockets() == before;
             const bool logged =
                 record::count(
                     "log 1 morrow_server: morrowDBusMgrHandler "
@@ -407,7 +455,8 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
                               "Exit\n") != 0;
             // Nothing can be published without the name.
             const bool published = publish(0, 8) != 1;
-            leave(ended && logged && !returned && !published ? 42 : 1);
+            leave(ended && closed && logged && !returned && !published ? 42
+                                                                       : 1);
         },
         testing::ExitedWithCode(42), "");
     sd_bus_flush_close_unref(owner);
@@ -1470,6 +1519,37 @@ TEST_F(ServerStop, SecondWaitsForTheFirst)
               1);
 }
 
+TEST_F(ServerStop, LetsGoOfTheLoopsManagersUnderTheMutex)
+{
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 1",
+                 bus_spy::watchThisThread);
+    bool free = true;
+    record::when("lets go of the manager " + manager0,
+                 [&free]
+                 {
+                     free = othersCanHaveTheMutex();
+                 });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_FALSE(free);
+}
+
+TEST_F(ServerStop, HasLeftTheBusWhenItLogsItsExit)
+{
+    bool left = false;
+    record::when("log 4 morrow_server: stop_morrow_dbus_server - Exit",
+                 [&left]
+                 {
+                     left = record::waitUntil(
+                         []
+                         {
+                             return !busctl::hasOwner(
+                                 "xyz.openbmc_project.mctp");
+                         });
+                 });
+    EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    EXPECT_TRUE(left);
+}
+
 TEST_F(ServerStop, LetsGoOfItsObjectsUnderTheMutex)
 {
     record::when("log 4 morrow_server: morrowProcessSig - signal: 1",
@@ -1514,12 +1594,19 @@ TEST_F(ServerStop, PublicationThatWaitedForTheMutexFindsTheBusGone)
                                 {
                                     return publish(0, 8);
                                 });
-    ASSERT_TRUE(
-        record::waitFor("log 4 morrow_server: createEndpointObject - Enter\n"));
+    const std::string enters =
+        "log 4 morrow_server: createEndpointObject - Enter\n";
+    ASSERT_TRUE(record::waitFor(enters));
+    // It waits for the mutex, and gets it first.
+    ASSERT_TRUE(record::waitUntil(
+        [&enters]
+        {
+            return isAsleep(threadOf(enters));
+        }));
     ASSERT_EQ(write(serverSignalPipe[1], "\1", 1), 1);
     ASSERT_TRUE(record::waitFor("log 4 morrow_server: createMorrowEventLoop - "
                                 "sd_event_loop returned\n"));
-    // It has given the bus up and waits for the mutex.
+    // The server's thread has given the bus up and waits for the mutex, too.
     ASSERT_TRUE(record::waitUntil(
         [thread]
         {

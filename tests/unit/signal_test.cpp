@@ -118,6 +118,12 @@ TEST_F(Signal, SecondSetUpKeepsTheThread)
     EXPECT_EQ(record::count(threadEnters), 1);
 }
 
+TEST_F(Signal, HandlersAreInstalledForTermThenSegvThenBus)
+{
+    start();
+    EXPECT_THAT(fake::signalsSet(), ElementsAre(SIGTERM, SIGSEGV, SIGBUS));
+}
+
 TEST_F(Signal, SecondSetUpInstallsTheHandlersAgain)
 {
     start();
@@ -166,6 +172,19 @@ TEST_F(Signal, SemaphoreThatCannotBeMadeIsLoggedAndNothingStarted)
     EXPECT_TRUE(isDefault(SIGTERM));
     fake::semaphoreInitError = 0;
     start();
+}
+
+TEST_F(Signal, SemaphoreThatCouldNotBeMadeIsMadeTheNextTime)
+{
+    auto& signal = morrow_signal::get_instance();
+    fake::semaphoreInitError = ENOSYS;
+    EXPECT_EQ(morrow_init_signal(), 2U);
+    EXPECT_EQ(fake::semaphoreWithin(&signal, sizeof(signal)).shared, -1);
+    fake::semaphoreInitError = 0;
+    start();
+    const auto made = fake::semaphoreWithin(&signal, sizeof(signal));
+    EXPECT_EQ(made.shared, 0);
+    EXPECT_EQ(made.value, 0U);
 }
 
 TEST_F(Signal, SemaphoreIsNotMadeASecondTime)
@@ -372,6 +391,20 @@ TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
     EXPECT_EQ(record::count("log 4 morrow_signal: Got signal Stopping "
                             "MORROW\n"),
               0);
+}
+
+TEST_F(Signal, BusSidesAreReadyOnlyAfterThatWasLogged)
+{
+    start();
+    auto& signal = morrow_signal::get_instance();
+    record::when("log 4 morrow_signal: Entry [set_dbus_ready]",
+                 [&signal]
+                 {
+                     signal.post_stop();
+                     ASSERT_TRUE(record::waitFor(stopped));
+                 });
+    signal.set_dbus_ready();
+    EXPECT_EQ(record::count("log 4 morrow_signal: Stopping Dbus\n"), 0);
 }
 
 TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
