@@ -148,7 +148,9 @@ int LineEditor::readKey(wchar_t& key)
         {
             decoding = {};
         }
-        else if (used != incomplete)
+        // A Ctrl-D from before the prompt had the terminal comes as a null,
+        // which is nothing that anybody types.
+        else if (used != incomplete && key != L'\0')
         {
             return 1;
         }

@@ -28,7 +28,6 @@
 #include <future>
 #include <iterator>
 #include <mutex>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <type_traits>
