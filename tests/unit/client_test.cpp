@@ -40,6 +40,7 @@
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::StartsWith;
 using namespace telling;
@@ -430,6 +431,7 @@ TEST_F(ClientStart, WithoutABusRunsItsLoopAllTheSameAndStops)
     EXPECT_THAT(story.at(1),
                 StartsWith("log 1 morrow_client: morrowClientDBusHandler "
                            "-Error: sd_bus_default_system: "));
+    EXPECT_THAT(story.at(1), EndsWith("\n"));
     EXPECT_EQ(Texts(story.begin() + 2, story.end()),
               fillsItsMaps + Texts({"log 4 morrow_client: "
                                     "createMorrowEventLoop - Enter\n",

@@ -108,6 +108,13 @@ TEST(StateValues, AreNumberedAsGiven)
     EXPECT_EQ(MORROW_SLEEP_EVENT, 4U);
 }
 
+TEST(HostStates, AreSpelledAsTheHostSpellsThem)
+{
+    EXPECT_STREQ(hostStateRunning,
+                 "xyz.openbmc_project.State.Host.HostState.Running");
+    EXPECT_STREQ(hostStateOff, "xyz.openbmc_project.State.Host.HostState.Off");
+}
+
 // Reading the CPU vendor
 
 TEST_F(ProbeCpuVendor, LogsAndTracesWhatItReads)

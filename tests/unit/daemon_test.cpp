@@ -25,6 +25,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): pthread_kill
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -228,6 +229,44 @@ const Texts stopsAgainAndLeaves{
     "trace 4 morrow: Exit [main]\n",
 };
 
+/** Lets a thread pass when it has been opened, once for each time. Who waits
+ *  takes signals meanwhile, also where the thread sanitizer holds them back
+ *  until a thread enters a call that it knows to wait: a semaphore of the
+ *  standard library's is none. */
+class Gate
+{
+  public:
+    Gate()
+    {
+        sem_init(&semaphore, 0, 0);
+    }
+
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    Gate(Gate&&) = delete;
+    Gate& operator=(Gate&&) = delete;
+
+    ~Gate()
+    {
+        sem_destroy(&semaphore);
+    }
+
+    void open()
+    {
+        sem_post(&semaphore);
+    }
+
+    void pass()
+    {
+        while (sem_wait(&semaphore) != 0)
+        {
+        }
+    }
+
+  private:
+    sem_t semaphore{};
+};
+
 /** Runs the daemon on a thread of its own. SIGTERM goes to the daemon's
  *  threads alone, as it does where there are no others. */
 class Daemon : public testing::Test
@@ -306,7 +345,7 @@ class Daemon : public testing::Test
     /** Lets the held main thread go on. */
     void release()
     {
-        go.release();
+        go.open();
     }
 
     /** The main thread's events from its n-th on. */
@@ -354,13 +393,13 @@ class Daemon : public testing::Test
             }
         }
         held.release();
-        go.acquire();
+        go.pass();
     }
 
     std::mutex mutex;
     std::function<bool()> hold;
     std::counting_semaphore<> held{0};
-    std::counting_semaphore<> go{0};
+    Gate go;
 };
 
 /** The initialisation alone, on the test's own thread. */
@@ -1217,23 +1256,20 @@ TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
                 Not(Contains(HasSubstr("Interrupted system call"))));
 }
 
-TEST_F(Daemon, OnlyTheBusThreadsBlockTermination)
+TEST_F(Daemon, OnlyTheBusThreadsBlockTerminationAndNothingElse)
 {
     startToDiscovery();
     constexpr uint64_t termination = 1ULL << (SIGTERM - 1);
-    EXPECT_NE(blockedBy(threadOf("log 4 morrow_client: morrowClientDBusHandler "
-                                 "- Enter\n")) &
-                  termination,
-              0U);
-    EXPECT_NE(blockedBy(threadOf("log 4 morrow_server: morrowDBusMgrHandler - "
-                                 "Enter\n")) &
-                  termination,
-              0U);
+    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_client: morrowClientDBusHandler "
+                                 "- Enter\n")),
+              termination);
+    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_server: morrowDBusMgrHandler - "
+                                 "Enter\n")),
+              termination);
     EXPECT_EQ(blockedBy(threadOf("log 4 morrow_signal: Entry "
-                                 "[signal_thread_fn]\n")) &
-                  termination,
+                                 "[signal_thread_fn]\n")),
               0U);
-    EXPECT_EQ(blockedBy(daemonThread) & termination, 0U);
+    EXPECT_EQ(blockedBy(daemonThread), 0U);
 }
 
 // The log
