@@ -1233,7 +1233,8 @@ TEST_F(PowerSignals, WarmResetSetsTheFlags)
 
 TEST_F(PowerSignals, OtherResetCausesAreIgnored)
 {
-    for (const char* cause : {"a.ColdReset", "WarmReset", "a.warmreset"})
+    for (const char* cause :
+         {"a.ColdReset", "WarmReset", "a.warmreset", "a.WarmRese"})
     {
         behind = record::textsOf(thread).size();
         control.changes(HostControl::resetCause, {{"ResetCause", cause}});
