@@ -669,34 +669,6 @@ TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
 
 // Full discovery
 
-TEST_F(FullDiscovery,
-       ListsAreEmptiedAfterTheIdsWereAskedForAndBeforeWithdrawing)
-{
-    i3c_device_map = {"left over"};
-    i3c_discovered_map = {"left over"};
-    i3c_device_notify_map = {"left over"};
-    const auto entries = []
-    {
-        return i3c_device_map.size() + i3c_discovered_map.size() +
-               i3c_device_notify_map.size();
-    };
-    std::size_t whenAsked = 0;
-    std::size_t whenWithdrawing = 3;
-    record::when("getShmId /dev/i3c-mctp-1",
-                 [&]
-                 {
-                     whenAsked = entries();
-                 });
-    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
-                 [&]
-                 {
-                     whenWithdrawing = entries();
-                 });
-    discover();
-    EXPECT_EQ(whenAsked, 3U);
-    EXPECT_EQ(whenWithdrawing, 0U);
-}
-
 TEST_F(FullDiscovery, SaysWhatFollowsBeforeItDoes)
 {
     const StateWatch retry("log 4 morrow: Retry discovering i3c devices");
