@@ -65,8 +65,6 @@ LineEditor::LineEditor(const CommandTable& commands,
     el_set(el, EL_EDITOR, "emacs");
     el_set(el, EL_HIST, ::history, typedLines.get());
     el_set(el, EL_GETCFN, onKey);
-    el_set(el, EL_ADDFN, "complete", "Complete a word", onTab);
-    el_set(el, EL_BIND, "^I", "complete", nullptr);
 }
 
 LineEditor::~LineEditor() = default;
@@ -121,7 +119,9 @@ int LineEditor::onKey(editline* editor, wchar_t* key)
     return of(editor).readKey(*key);
 }
 
-/** @return 1 with a key; 0 at the end of the input, or to break off */
+/** Tab is served here: a function of the editor's own would cost memory that
+ *  the editor never gives back.
+ *  @return 1 with a key; 0 at the end of the input, or to break off */
 int LineEditor::readKey(wchar_t& key)
 {
     constexpr auto incomplete = static_cast<std::size_t>(-2);
@@ -152,17 +152,16 @@ int LineEditor::readKey(wchar_t& key)
         // which is nothing that anybody types.
         else if (used != incomplete && key != L'\0')
         {
-            return 1;
+            if (key != L'\t')
+            {
+                return 1;
+            }
+            complete();
         }
     }
 }
 
-unsigned char LineEditor::onTab(editline* editor, int /*key*/)
-{
-    return of(editor).complete();
-}
-
-unsigned char LineEditor::complete()
+void LineEditor::complete()
 {
     const auto* const line = el_line(editor.get());
     const auto cursor = static_cast<std::size_t>(line->cursor - line->buffer);
@@ -171,17 +170,18 @@ unsigned char LineEditor::complete()
     const auto completion = commands.complete(text, cursor);
     if (completion.candidates.empty())
     {
-        return CC_REFRESH_BEEP;
+        el_beep(editor.get());
+        return;
     }
     const auto more = completion.extension(cursor);
     if (more.empty())
     {
         writeAbove(listed(completion.candidates));
-        return CC_NORM;
+        return;
     }
     // A line that is full stays as it is.
     static_cast<void>(el_insertstr(editor.get(), more.c_str()));
-    return CC_REFRESH;
+    el_set(editor.get(), EL_REFRESH);
 }
 
 void LineEditor::write(const std::string& text)

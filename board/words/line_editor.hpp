@@ -49,11 +49,10 @@ class LineEditor : public Lines
 
     static LineEditor& of(editline* editor);
     static int onKey(editline* editor, wchar_t* key);
-    static unsigned char onTab(editline* editor, int key);
     static const char* prompt(editline* editor);
 
     int readKey(wchar_t& key);
-    unsigned char complete();
+    void complete();
     void writeAbove(const std::string& text);
     [[nodiscard]] std::size_t rowOfCursor() const;
     void remember(const std::string& line);
