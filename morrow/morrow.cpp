@@ -210,23 +210,24 @@ void unbindControllers()
     }
 }
 
+/** What the platform gives for each device node, asked in their order. */
+std::vector<int> idsOfBothNodes(int (*idOf)(const std::string&))
+{
+    std::vector<int> ids;
+    ids.reserve(i3cControllers.size());
+    for (const auto& controller : i3cControllers)
+    {
+        ids.push_back(idOf(controller.deviceNode));
+    }
+    return ids;
+}
+
 /** Destroys the locks and shared memory of both nodes, withdraws all
  *  endpoints and unbinds both controllers. */
 void tearDown(morrow_dbus_server& server)
 {
-    std::array<int, i3cControllers.size()> lockIds{};
-    std::array<int, i3cControllers.size()> shmIds{};
-    std::transform(i3cControllers.begin(), i3cControllers.end(),
-                   lockIds.begin(),
-                   [](const I3cController& controller)
-                   {
-                       return acquireLock(controller.deviceNode);
-                   });
-    std::transform(i3cControllers.begin(), i3cControllers.end(), shmIds.begin(),
-                   [](const I3cController& controller)
-                   {
-                       return getShmId(controller.deviceNode);
-                   });
+    const auto lockIds = idsOfBothNodes(acquireLock);
+    const auto shmIds = idsOfBothNodes(getShmId);
     forgetDevices();
     (void)server.deleteAllEndpointObject(i3cNetwork); // the network is valid
     sleepFor(pollInterval);
