@@ -80,7 +80,7 @@ void SavedTimeline::finish()
     follower.reset();
     if (failure)
     {
-        throw *failure;
+        throw Error(failure->what());
     }
 }
 

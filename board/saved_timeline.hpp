@@ -21,7 +21,7 @@ class SaveFile
 {
   public:
     /** @throws Error when it cannot be opened */
-    explicit SaveFile(std::filesystem::path path);
+    explicit SaveFile(std::filesystem::path name);
 
     /** @brief Write all of a text.
      *  @throws Error when that fails, e.g. because the disk is full */
@@ -42,7 +42,7 @@ class SavedTimeline
 {
   public:
     /** @param timeline outlives this */
-    SavedTimeline(Timeline& timeline, SaveFile file);
+    SavedTimeline(Timeline& timeline, SaveFile target);
 
     /** @brief Write what is still to be written, after closing the timeline.
      *  @throws Error the first failure, if there was any */

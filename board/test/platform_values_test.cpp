@@ -14,7 +14,6 @@ namespace
 {
 
 using namespace board;
-using testing::HasSubstr;
 
 /** What the platform's own library makes of the values. */
 class Values : public testing::Test

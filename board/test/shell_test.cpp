@@ -311,6 +311,7 @@ class Terminal
     {
         arguments.insert(arguments.begin(), BOARD_PROGRAM);
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (auto& argument : arguments)
         {
             pointers.push_back(argument.data());

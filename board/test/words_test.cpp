@@ -22,12 +22,12 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 /** A table of patterns that do nothing. */
 CommandTable tableOf(const std::vector<std::string>& patterns)
 {
     std::vector<Command> commands;
+    commands.reserve(patterns.size());
     for (const auto& pattern : patterns)
     {
         commands.push_back({Pattern(pattern), "helps.", {}});
