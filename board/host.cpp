@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace board
 {
@@ -130,7 +131,7 @@ Host::Host(Timeline& timeline, const std::string& address,
     thread.run(
         [&](sd_event* loop)
         {
-            control = sd::connect(address);
+            announce(loop);
             if (isThere)
             {
                 serve(loop);
@@ -146,6 +147,15 @@ Host::~Host()
             service.reset();
             control.reset();
         });
+}
+
+void Host::announce(sd_event* loop)
+{
+    auto bus = sd::connect(address);
+    // Attached, so that what the broker sends is taken.
+    sd::check(sd_bus_attach_event(bus.get(), loop, SD_EVENT_PRIORITY_NORMAL),
+              "cannot serve the host's control objects");
+    control = std::move(bus);
 }
 
 void Host::serve(sd_event* loop)
@@ -290,7 +300,7 @@ void Host::comes()
         [this](sd_event* loop)
         {
             leave();
-            control = sd::connect(address);
+            announce(loop);
             serve(loop);
         });
 }

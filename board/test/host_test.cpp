@@ -138,6 +138,16 @@ TEST_F(SimulatedHost, ComesBackAfterTheBroker)
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
+TEST(Host, IsAcceptedByTheBrokerOnBothConnectionsFromTheBeginning)
+{
+    Timeline timeline;
+    const Bus bus(timeline, POLICY_FILE);
+    Client client;
+    const auto before = client.connections();
+    const Host host(timeline, Bus::address(), "Off");
+    EXPECT_EQ(client.connections(), before + 2);
+}
+
 TEST(Host, CanComeLate)
 {
     Timeline timeline;
