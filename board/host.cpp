@@ -24,6 +24,8 @@ const std::string statePrefix = "xyz.openbmc_project.State.Host.HostState.";
 const std::string controlPath = "/xyz/openbmc_project/control/host0/";
 const std::string controlInterface = "xyz.openbmc_project.Control.Host.";
 
+constexpr std::size_t mostWaiting = 1000;
+
 std::string pathOf(ControlObject object)
 {
     return controlPath + (object == ControlObject::powerState
@@ -375,11 +377,15 @@ void Host::sends(const ControlMessage& message, std::size_t times)
     thread.run(
         [&](sd_event*)
         {
-            for (std::size_t sent = 0; sent < times; ++sent)
+            for (std::size_t sent = 1; sent <= times; ++sent)
             {
                 send(message, what);
+                // What waits to be sent is bounded, the number asked for not.
+                if (sent % mostWaiting == 0 || sent == times)
+                {
+                    sd::check(sd_bus_flush(control.get()), what);
+                }
             }
-            sd::check(sd_bus_flush(control.get()), what);
         });
 }
 
