@@ -172,12 +172,12 @@ bool end(const std::vector<pid_t>& processes)
 }
 
 constexpr auto staying = "echo 'dlog 4 324 morrow:1:here'\n"
-                         "trap '' TERM INT\n"
+                         "trap '' TERM INT QUIT\n"
                          "while :; do sleep 0.01; done";
 
 TEST(BoardProgram, LeavesNothingBehindWhenInterrupted)
 {
-    for (const auto number : {SIGINT, SIGTERM, SIGHUP})
+    for (const auto number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
     {
         const auto arguments = playing(staying);
         const auto before = surroundings();
