@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -47,6 +48,17 @@ bool wantsColour()
            (refused == nullptr || *refused == '\0');
 }
 
+/** A reader that is gone and a file that is full are failed writes, which are
+ *  told or do not matter; the board goes on. */
+void keepGoingOnFailedWrites()
+{
+    for (const auto number : {SIGPIPE, SIGXFSZ})
+    {
+        // Fails for no such number.
+        static_cast<void>(std::signal(number, SIG_IGN));
+    }
+}
+
 int status(board::Status status)
 {
     return static_cast<int>(status);
@@ -57,6 +69,7 @@ int status(board::Status status)
 int main(int argc, char** argv)
 try
 {
+    keepGoingOnFailedWrites();
     board::ProgramOptions options;
     options.board.installation = board::Installation::ofThisProgram();
     options.style.colour = wantsColour();

@@ -185,6 +185,10 @@ TEST(BoardProgram, LeavesNothingBehindWhenInterrupted)
         ASSERT_TRUE(program.reads("here"));
         const auto children = childrenOf(program.id());
         EXPECT_EQ(children.size(), 2U); // the broker and the daemon
+        for (const auto meaningless : {SIGUSR1, SIGPIPE, SIGXFSZ})
+        {
+            program.signal(meaningless);
+        }
         program.signal(number);
         EXPECT_EQ(program.end(), 130);
         EXPECT_EQ(lastLine(program.output),
