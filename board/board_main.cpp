@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <sstream>
+#include <string>
 
 namespace
 {
@@ -40,6 +42,16 @@ constexpr auto notes =
     "  echo 'help' | morrow-board --shell\n"
     "  morrow-board --daemon build/morrow/morrow --policy "
     "packaging/dbus/xyz.openbmc_project.mctp.conf\n";
+
+/** Refuses a name that is empty, e.g. that of a variable that is not set. */
+CLI::Validator named()
+{
+    return {[](const std::string& name) -> std::string
+            {
+                return name.empty() ? "the name of a file is missing" : "";
+            },
+            ""};
+}
 
 bool wantsColour()
 {
@@ -78,21 +90,24 @@ try
     app.footer(notes);
     app.add_option("--daemon", options.board.installation.daemon,
                    "the daemon to run, instead of the installed one")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     app.add_option("--policy", options.board.installation.policy,
                    "its bus policy, instead of the installed one")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     auto* const play = app.add_option(
         "--play", options.play,
         "play the story in this file instead, or on standard input: -");
-    play->type_name("FILE");
+    play->type_name("FILE")->check(named());
     app.add_flag("--shell", options.shell,
                  "drive the board by hand instead: a prompt, or commands from "
                  "a pipe")
         ->excludes(play);
     app.add_option("--save", options.save,
                    "save the timeline in this file, an event a line, as JSON")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");
     try
