@@ -37,6 +37,45 @@ TEST(BoardProgram, RefusesWrongUsage)
 {
     Program program({"--nonsense"});
     EXPECT_EQ(program.end(), 2);
+    EXPECT_THAT(program.output, HasSubstr("--nonsense\\x1b[2J"));
+    EXPECT_THAT(program.output, Not(HasSubstr("\033")));
+}
+
+TEST(BoardProgram, RefusesNamesThatAreEmpty)
+{
+    for (const auto* option : {"--play", "--save", "--daemon", "--policy"})
+    {
+        Program program({option, ""});
+        EXPECT_EQ(program.end(), 2) << option;
+        EXPECT_THAT(program.output,
+                    HasSubstr(std::string(option) + ": the name of a file is "
+                                                    "missing\n"));
+    }
+}
+
+TEST(BoardProgram, KeepsAnEarlierTimelineWhenThereIsNoStoryToPlay)
+{
+    const auto arguments = playing("exit 0");
+    const std::string file(std::string(scriptDirectory) + "/kept");
+    std::ofstream(file) << "note kept\n";
+    const auto refusal = [&](const std::string& story)
+    {
+        auto all = arguments;
+        all.insert(all.end(), {"--save", file, "--play", story});
+        Program program(all);
+        EXPECT_EQ(program.end(), 1);
+        std::string text;
+        std::getline(std::ifstream(file), text);
+        EXPECT_EQ(text, "note kept");
+        return program.output;
+    };
+    EXPECT_EQ(refusal("/no/such.board"),
+              "morrow-board: cannot open the story /no/such.board: No such "
+              "file or directory\n");
+    EXPECT_EQ(refusal(std::string(scriptDirectory) + "/./kept"),
+              "morrow-board: cannot save the timeline in " + file +
+                  ": it is the story that is played; name another file with "
+                  "--save\n");
 }
 
 TEST(BoardProgram, SaysWhatIsMissing)
