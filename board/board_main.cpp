@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/plain_text.hpp"
 #include "board/program.hpp"
 
 #include <CLI/CLI.hpp>
@@ -76,6 +77,18 @@ int status(board::Status status)
     return static_cast<int>(status);
 }
 
+/** Shows the help that was asked for, or what is wrong with the usage. */
+board::Status refuse(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream help;
+    std::ostringstream wrong;
+    const auto isHelp = app.exit(error, help, wrong) == 0;
+    static_cast<void>(std::fputs(help.str().c_str(), stdout));
+    static_cast<void>(
+        std::fputs(board::withoutControls(wrong.str()).c_str(), stderr));
+    return isHelp ? board::Status::asTold : board::Status::wrongUsage;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -116,13 +129,13 @@ try
     }
     catch (const CLI::ParseError& error)
     {
-        return status(app.exit(error) == 0 ? board::Status::asTold
-                                           : board::Status::wrongUsage);
+        return status(refuse(app, error));
     }
     return status(run(options));
 }
 catch (const std::exception& error)
 {
-    static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", error.what()));
+    const auto line = board::withoutControls(error.what(), "\t");
+    static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", line.c_str()));
     return status(board::Status::differed);
 }

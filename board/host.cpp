@@ -2,6 +2,7 @@
 #include "board/host.hpp"
 
 #include "board/error.hpp"
+#include "board/plain_text.hpp"
 #include "board/sample_value.hpp"
 
 #include <algorithm>
@@ -329,8 +330,8 @@ void Host::neverAnswers()
 void Host::answersWithError(const std::string& name, const std::string& message)
 {
     refuseUnless(sd_bus_interface_name_is_valid(name.c_str()) > 0,
-                 "cannot answer with the error \"" + name +
-                     "\": it is no D-Bus error name such as "
+                 "cannot answer with the error " + inQuotes(name) +
+                     ": it is no D-Bus error name such as "
                      "org.freedesktop.DBus.Error.Failed");
     setAnswer({Answer::Kind::error, name, message});
 }
@@ -338,8 +339,8 @@ void Host::answersWithError(const std::string& name, const std::string& message)
 void Host::answersWithType(const std::string& signature)
 {
     refuseUnless(isCompleteType(signature),
-                 "cannot answer with the type \"" + signature +
-                     "\": it is no D-Bus type such as u, o or as");
+                 "cannot answer with the type " + inQuotes(signature) +
+                     ": it is no D-Bus type such as u, o or as");
     setAnswer({Answer::Kind::otherType, signature});
 }
 
@@ -363,13 +364,14 @@ void Host::isReset(const std::string& cause, std::size_t times)
 void Host::sends(const ControlMessage& message, std::size_t times)
 {
     refuseUnless(isSignature(message.body),
-                 "cannot send a body of the types \"" + message.body +
-                     "\": they are no D-Bus signature such as sa{sv}as");
+                 "cannot send a body of the types " + inQuotes(message.body) +
+                     ": they are no D-Bus signature such as sa{sv}as");
     for (const auto& property : message.properties)
     {
         refuseUnless(isCompleteType(property.type),
-                     "cannot send a property of the type \"" + property.type +
-                         "\": it is no D-Bus type such as u, o or as");
+                     "cannot send a property of the type " +
+                         inQuotes(property.type) +
+                         ": it is no D-Bus type such as u, o or as");
     }
     const auto what = "cannot send " + message.interface + "." +
                       message.member + " from " + pathOf(message.object);

@@ -2,6 +2,7 @@
 #include "board/program.hpp"
 
 #include "board/interruption.hpp"
+#include "board/plain_text.hpp"
 #include "board/sandbox.hpp"
 #include "board/saved_timeline.hpp"
 #include "board/story.hpp"
@@ -61,9 +62,8 @@ void show(const Verdict& verdict, const PrintStyle& style)
 {
     const std::string colour(verdict.status == Status::asTold ? "\033[1;32m"
                                                               : "\033[1;31m");
-    to(stdout)(
-        (style.colour ? colour + verdict.line + "\033[0m" : verdict.line) +
-        "\n");
+    const auto line = withoutControls(verdict.line, "\t");
+    to(stdout)((style.colour ? colour + line + "\033[0m" : line) + "\n");
 }
 
 /** Whether saving would overwrite the story itself, by whatever name. */

@@ -35,7 +35,7 @@ TEST(BoardProgram, ExplainsItself)
 
 TEST(BoardProgram, RefusesWrongUsage)
 {
-    Program program({"--nonsense"});
+    Program program({"--nonsense\033[2J"});
     EXPECT_EQ(program.end(), 2);
     EXPECT_THAT(program.output, HasSubstr("--nonsense\\x1b[2J"));
     EXPECT_THAT(program.output, Not(HasSubstr("\033")));
@@ -89,6 +89,19 @@ TEST(BoardProgram, SaysWhatIsMissing)
     EXPECT_EQ(policy.end(), 1);
     EXPECT_THAT(lastLine(policy.output),
                 HasSubstr("cannot find the bus policy /no/such/policy"));
+}
+
+TEST(BoardProgram, ShowsNamesWithoutTheirControlCharacters)
+{
+    Program story({"--play", "/no\n\033/story"});
+    EXPECT_EQ(story.end(), 1);
+    EXPECT_EQ(story.output,
+              "morrow-board: cannot open the story /no\\x0a\\x1b/story: No "
+              "such file or directory\n");
+    Program daemon({"--daemon", "/no\a/daemon", "--policy", POLICY_FILE});
+    EXPECT_EQ(daemon.end(), 1);
+    EXPECT_THAT(lastLine(daemon.output),
+                HasSubstr("cannot find the daemon /no\\x07/daemon: "));
 }
 
 TEST(BoardProgram, TellsWhatDifferedFromTheStory)

@@ -23,6 +23,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 /** A table of patterns that do nothing. */
 CommandTable tableOf(const std::vector<std::string>& patterns)
@@ -231,6 +232,12 @@ TEST(CommandTable, HelpKeepsToShortLines)
     {
         EXPECT_LE(line.size(), 105U) << line;
     }
+}
+
+TEST(CommandTable, QuotesNoMoreOfAWordThanCanBeRead)
+{
+    EXPECT_THAT(refusal(std::string(100'000, 'x')),
+                StartsWith('"' + std::string(64, 'x') + "...\" is not "));
 }
 
 TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)

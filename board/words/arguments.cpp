@@ -4,6 +4,7 @@
 #include "board/behaviours.hpp"
 #include "board/error.hpp"
 #include "board/i3c_driver.hpp"
+#include "board/plain_text.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -122,7 +123,7 @@ unsigned numberOrThrow(std::string_view kind, const std::string& word,
     const auto value = numberOf(word, greatest);
     if (!value)
     {
-        throw Error("\"" + word + "\" is no " + std::string(kind) + ": " +
+        throw Error(inQuotes(word) + " is no " + std::string(kind) + ": " +
                     meaningOf(kind));
     }
     return *value;
