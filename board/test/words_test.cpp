@@ -5,6 +5,7 @@
 #include "board/words/commands.hpp"
 #include "board/words/script.hpp"
 
+#include <csignal>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -291,6 +292,22 @@ TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
           "quit"})
     {
         EXPECT_NO_THROW(static_cast<void>(allCommands().understand(line)))
+            << line;
+    }
+}
+
+TEST(CommandTable, KnowsTheEndsOfAProcess)
+{
+    const auto end = endOf("0x0f");
+    EXPECT_EQ(end.status, 15);
+    EXPECT_EQ(end.signal, 0);
+    EXPECT_EQ(endOf("000").status, 0);
+    EXPECT_EQ(endOf("SIGKILL").signal, SIGKILL);
+    EXPECT_EQ(endOf("SIGKILL").status, -1);
+    for (const auto* line : {"expect exit SIGNONE", "expect exit SIG",
+                             "expect exit KILL", "expect exit 256"})
+    {
+        EXPECT_THROW(static_cast<void>(allCommands().understand(line)), Error)
             << line;
     }
 }

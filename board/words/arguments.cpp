@@ -48,9 +48,28 @@ bool isNumber(std::string_view word)
 }
 
 /** An exit status, or the name of the signal that ended the process. */
+std::optional<event::Exited> parseEnd(std::string_view word)
+{
+    constexpr int noStatus = -1;
+    constexpr int noSignal = 0;
+    if (const auto status = numberOf(word, greatestStatus))
+    {
+        return event::Exited{static_cast<int>(*status), noSignal};
+    }
+    for (int number = 1; number < NSIG; ++number)
+    {
+        const auto* const name = sigabbrev_np(number);
+        if (name != nullptr && word == std::string("SIG") + name)
+        {
+            return event::Exited{noStatus, number};
+        }
+    }
+    return {};
+}
+
 bool isEnd(std::string_view word)
 {
-    return isNumber<greatestStatus>(word) || word.starts_with("SIG");
+    return parseEnd(word).has_value();
 }
 
 /** States of the host are; so a command that is mistyped is none. */
@@ -172,6 +191,16 @@ int levelOf(const std::string& word)
 std::size_t countOf(const std::string& word)
 {
     return numberOrThrow("COUNT", word, greatestCount);
+}
+
+event::Exited endOf(const std::string& word)
+{
+    const auto end = parseEnd(word);
+    if (!end)
+    {
+        throw Error(inQuotes(word) + " is no END: " + meaningOf("END"));
+    }
+    return *end;
 }
 
 } // namespace board::words
