@@ -26,6 +26,7 @@ struct Deleter
 using Bus = std::unique_ptr<sd_bus, Deleter<sd_bus_flush_close_unref>>;
 using Slot = std::unique_ptr<sd_bus_slot, Deleter<sd_bus_slot_unref>>;
 using Message = std::unique_ptr<sd_bus_message, Deleter<sd_bus_message_unref>>;
+using Creds = std::unique_ptr<sd_bus_creds, Deleter<sd_bus_creds_unref>>;
 using Loop = std::unique_ptr<sd_event, Deleter<sd_event_unref>>;
 using Source =
     std::unique_ptr<sd_event_source, Deleter<sd_event_source_disable_unref>>;

@@ -186,7 +186,8 @@ std::vector<Command> daemonCommands()
              session.lookFrom(before);
          }},
         {Pattern("daemon stop"),
-         "SIGTERM, again when its bus name is gone; wait for its end.",
+         "SIGTERM, again when its bus name is gone (a second later if it\n"
+         "has none); wait for its end.",
          [](Session& session, const Values&)
          {
              static_cast<void>(session.board().stopDaemon(session.limit()));
