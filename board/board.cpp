@@ -4,6 +4,7 @@
 #include "board/error.hpp"
 #include "board/sandbox.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <utility>
 
@@ -170,9 +171,13 @@ void Board::setLogLevel(int level)
     runDaemon.setVariable("DLOG_LEVEL", std::to_string(level));
 }
 
-event::Exited Board::stopDaemon(Timeline::Limit limit)
+/** Sends SIGTERM and waits until the daemon has taken it, as far as that can be
+ *  seen: it gives its name up then. */
+void Board::terminateOnce(Timeline::Limit limit)
 {
+    constexpr Timeline::Limit moment = std::chrono::seconds(1);
     const auto from = record.size();
+    const auto hasName = privateBus.hasDaemonsName(runDaemon.process());
     runDaemon.terminate();
     const auto sawFirst = [](const Event& event)
     {
@@ -180,13 +185,40 @@ event::Exited Board::stopDaemon(Timeline::Limit limit)
         return event.as<event::Exited>() != nullptr ||
                (name != nullptr && name->owner.empty());
     };
-    static_cast<void>(record.waitFor("giving up of the daemon's bus name",
-                                     sawFirst, limit, from));
+    try
+    {
+        static_cast<void>(
+            record.waitFor("giving up of the daemon's bus name", sawFirst,
+                           hasName ? limit : std::min(limit, moment), from));
+    }
+    catch (const WaitFailed&)
+    {
+        if (hasName)
+        {
+            throw;
+        }
+    }
+}
+
+event::Exited Board::stopDaemon(Timeline::Limit limit)
+try
+{
+    if (!runDaemon.running())
+    {
+        throw Error("cannot stop the daemon: it does not run");
+    }
+    terminateOnce(limit);
     if (runDaemon.running())
     {
         runDaemon.terminate();
     }
     return runDaemon.awaitExit(limit);
+}
+catch (const WaitFailed& failure)
+{
+    throw WaitFailed(std::string(failure.what()) +
+                     "; \"daemon term\" sends it another SIGTERM, \"daemon "
+                     "kill\" ends it");
 }
 
 Event Board::await(const std::string& what, const Timeline::Predicate& matches,

@@ -108,7 +108,9 @@ class Board
 
     /** @brief Stop the daemon as its service manager does: SIGTERM, and again
      *         when its bus name is gone (two at the very same time would be
-     *         one to the kernel); wait for its end.
+     *         one to the kernel), or a moment later when it has no name; wait
+     *         for its end.
+     *  @throws Error when it does not run
      *  @throws WaitFailed when the limit passes: it hangs */
     event::Exited stopDaemon(Timeline::Limit limit = usualLimit);
 
@@ -137,6 +139,8 @@ class Board
     static constexpr Timeline::Limit usualLimit = std::chrono::seconds(20);
 
   private:
+    void terminateOnce(Timeline::Limit limit);
+
     Timeline& record;
     Kernel simulatedKernel;
     Bus privateBus;

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/plain_text.hpp"
 #include "board/program.hpp"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <sstream>
+#include <string>
 
 namespace
 {
@@ -40,6 +44,16 @@ constexpr auto notes =
     "  morrow-board --daemon build/morrow/morrow --policy "
     "packaging/dbus/xyz.openbmc_project.mctp.conf\n";
 
+/** Refuses a name that is empty, e.g. that of a variable that is not set. */
+CLI::Validator named()
+{
+    return {[](const std::string& name) -> std::string
+            {
+                return name.empty() ? "the name of a file is missing" : "";
+            },
+            ""};
+}
+
 bool wantsColour()
 {
     const auto* const refused = std::getenv("NO_COLOR");
@@ -47,9 +61,32 @@ bool wantsColour()
            (refused == nullptr || *refused == '\0');
 }
 
+/** A reader that is gone and a file that is full are failed writes, which are
+ *  told or do not matter; the board goes on. */
+void keepGoingOnFailedWrites()
+{
+    for (const auto number : {SIGPIPE, SIGXFSZ})
+    {
+        // Fails for no such number.
+        static_cast<void>(std::signal(number, SIG_IGN));
+    }
+}
+
 int status(board::Status status)
 {
     return static_cast<int>(status);
+}
+
+/** Shows the help that was asked for, or what is wrong with the usage. */
+board::Status refuse(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream help;
+    std::ostringstream wrong;
+    const auto isHelp = app.exit(error, help, wrong) == 0;
+    static_cast<void>(std::fputs(help.str().c_str(), stdout));
+    static_cast<void>(
+        std::fputs(board::withoutControls(wrong.str()).c_str(), stderr));
+    return isHelp ? board::Status::asTold : board::Status::wrongUsage;
 }
 
 } // namespace
@@ -57,6 +94,7 @@ int status(board::Status status)
 int main(int argc, char** argv)
 try
 {
+    keepGoingOnFailedWrites();
     board::ProgramOptions options;
     options.board.installation = board::Installation::ofThisProgram();
     options.style.colour = wantsColour();
@@ -65,21 +103,24 @@ try
     app.footer(notes);
     app.add_option("--daemon", options.board.installation.daemon,
                    "the daemon to run, instead of the installed one")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     app.add_option("--policy", options.board.installation.policy,
                    "its bus policy, instead of the installed one")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     auto* const play = app.add_option(
         "--play", options.play,
         "play the story in this file instead, or on standard input: -");
-    play->type_name("FILE");
+    play->type_name("FILE")->check(named());
     app.add_flag("--shell", options.shell,
                  "drive the board by hand instead: a prompt, or commands from "
                  "a pipe")
         ->excludes(play);
     app.add_option("--save", options.save,
                    "save the timeline in this file, an event a line, as JSON")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named());
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");
     try
@@ -88,13 +129,13 @@ try
     }
     catch (const CLI::ParseError& error)
     {
-        return status(app.exit(error) == 0 ? board::Status::asTold
-                                           : board::Status::wrongUsage);
+        return status(refuse(app, error));
     }
     return status(run(options));
 }
 catch (const std::exception& error)
 {
-    static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", error.what()));
+    const auto line = board::withoutControls(error.what(), "\t");
+    static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", line.c_str()));
     return status(board::Status::differed);
 }

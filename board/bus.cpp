@@ -350,6 +350,24 @@ void Bus::comesBack()
         });
 }
 
+bool Bus::hasDaemonsName(pid_t process) const
+try
+{
+    const auto bus = sd::connect(address());
+    sd_bus_creds* made = nullptr;
+    pid_t owner = 0;
+    if (sd_bus_get_name_creds(bus.get(), service, SD_BUS_CREDS_PID, &made) < 0)
+    {
+        return false;
+    }
+    const sd::Creds creds(made);
+    return sd_bus_creds_get_pid(made, &owner) >= 0 && owner == process;
+}
+catch (const Error&)
+{
+    return false; // nobody owns a name where no broker is
+}
+
 std::vector<EndpointObject> Bus::endpoints() const
 {
     const auto bus = sd::connect(address());

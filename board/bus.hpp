@@ -9,6 +9,8 @@
 #include "board/timeline.hpp"
 #include "board/vocabulary.hpp"
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -61,6 +63,10 @@ class Bus
      *         ordered by path: a client's GetManagedObjects.
      *  @throws Error when the daemon does not answer */
     [[nodiscard]] std::vector<EndpointObject> endpoints() const;
+
+    /** @brief Whether this process owns the daemon's name now; none does when
+     *         the broker has died. */
+    [[nodiscard]] bool hasDaemonsName(pid_t process) const;
 
     /** @brief Another peer owns the daemon's name, also instead of a daemon
      *         that lets itself be replaced.

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/bus.hpp"
+#include "board/plain_text.hpp"
 
 namespace board
 {
@@ -24,7 +25,7 @@ BusDeed takingTheName(Arguments& arguments)
     const auto word = arguments.textOr("for-good");
     if (word != "for-good" && word != "replaceable")
     {
-        arguments.refuse('"' + word + R"(" is not "replaceable")");
+        arguments.refuse(inQuotes(word) + R"( is not "replaceable")");
     }
     return [replaceable = word == "replaceable"](Bus& bus)
     {

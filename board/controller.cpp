@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/controller.hpp"
 
+#include "board/plain_text.hpp"
+
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -127,7 +129,7 @@ ClassEntry classEntryOf(Arguments& arguments)
             return entry;
         }
     }
-    arguments.refuse('"' + word + "\" is no kind of class entry");
+    arguments.refuse(inQuotes(word) + " is no kind of class entry");
 }
 
 Openers openersOf(Arguments& arguments)
@@ -139,7 +141,7 @@ Openers openersOf(Arguments& arguments)
     const auto word = arguments.text();
     if (word != "writers")
     {
-        arguments.refuse('"' + word + R"(" is not "writers")");
+        arguments.refuse(inQuotes(word) + R"( is not "writers")");
     }
     return Openers::writers;
 }
@@ -247,7 +249,7 @@ DriverDeed fileDeed(DriverFile file, Arguments& arguments)
     }
     if (how != "refuses")
     {
-        arguments.refuse('"' + how + "\" is none of these");
+        arguments.refuse(inQuotes(how) + " is none of these");
     }
     const auto error = arguments.errnoValue();
     return [file, error](DriverFiles& files)

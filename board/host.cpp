@@ -2,11 +2,13 @@
 #include "board/host.hpp"
 
 #include "board/error.hpp"
+#include "board/plain_text.hpp"
 #include "board/sample_value.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace board
 {
@@ -22,6 +24,8 @@ const std::string statePrefix = "xyz.openbmc_project.State.Host.HostState.";
 
 const std::string controlPath = "/xyz/openbmc_project/control/host0/";
 const std::string controlInterface = "xyz.openbmc_project.Control.Host.";
+
+constexpr std::size_t mostWaiting = 1000;
 
 std::string pathOf(ControlObject object)
 {
@@ -130,7 +134,7 @@ Host::Host(Timeline& timeline, const std::string& address,
     thread.run(
         [&](sd_event* loop)
         {
-            control = sd::connect(address);
+            announce(loop);
             if (isThere)
             {
                 serve(loop);
@@ -146,6 +150,15 @@ Host::~Host()
             service.reset();
             control.reset();
         });
+}
+
+void Host::announce(sd_event* loop)
+{
+    auto bus = sd::connect(address);
+    // Attached, so that what the broker sends is taken.
+    sd::check(sd_bus_attach_event(bus.get(), loop, SD_EVENT_PRIORITY_NORMAL),
+              "cannot serve the host's control objects");
+    control = std::move(bus);
 }
 
 void Host::serve(sd_event* loop)
@@ -290,7 +303,7 @@ void Host::comes()
         [this](sd_event* loop)
         {
             leave();
-            control = sd::connect(address);
+            announce(loop);
             serve(loop);
         });
 }
@@ -317,8 +330,8 @@ void Host::neverAnswers()
 void Host::answersWithError(const std::string& name, const std::string& message)
 {
     refuseUnless(sd_bus_interface_name_is_valid(name.c_str()) > 0,
-                 "cannot answer with the error \"" + name +
-                     "\": it is no D-Bus error name such as "
+                 "cannot answer with the error " + inQuotes(name) +
+                     ": it is no D-Bus error name such as "
                      "org.freedesktop.DBus.Error.Failed");
     setAnswer({Answer::Kind::error, name, message});
 }
@@ -326,8 +339,8 @@ void Host::answersWithError(const std::string& name, const std::string& message)
 void Host::answersWithType(const std::string& signature)
 {
     refuseUnless(isCompleteType(signature),
-                 "cannot answer with the type \"" + signature +
-                     "\": it is no D-Bus type such as u, o or as");
+                 "cannot answer with the type " + inQuotes(signature) +
+                     ": it is no D-Bus type such as u, o or as");
     setAnswer({Answer::Kind::otherType, signature});
 }
 
@@ -351,13 +364,14 @@ void Host::isReset(const std::string& cause, std::size_t times)
 void Host::sends(const ControlMessage& message, std::size_t times)
 {
     refuseUnless(isSignature(message.body),
-                 "cannot send a body of the types \"" + message.body +
-                     "\": they are no D-Bus signature such as sa{sv}as");
+                 "cannot send a body of the types " + inQuotes(message.body) +
+                     ": they are no D-Bus signature such as sa{sv}as");
     for (const auto& property : message.properties)
     {
         refuseUnless(isCompleteType(property.type),
-                     "cannot send a property of the type \"" + property.type +
-                         "\": it is no D-Bus type such as u, o or as");
+                     "cannot send a property of the type " +
+                         inQuotes(property.type) +
+                         ": it is no D-Bus type such as u, o or as");
     }
     const auto what = "cannot send " + message.interface + "." +
                       message.member + " from " + pathOf(message.object);
@@ -365,11 +379,15 @@ void Host::sends(const ControlMessage& message, std::size_t times)
     thread.run(
         [&](sd_event*)
         {
-            for (std::size_t sent = 0; sent < times; ++sent)
+            for (std::size_t sent = 1; sent <= times; ++sent)
             {
                 send(message, what);
+                // What waits to be sent is bounded, the number asked for not.
+                if (sent % mostWaiting == 0 || sent == times)
+                {
+                    sd::check(sd_bus_flush(control.get()), what);
+                }
             }
-            sd::check(sd_bus_flush(control.get()), what);
         });
 }
 

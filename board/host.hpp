@@ -137,6 +137,7 @@ class Host
         std::string message{}; //!< the error's
     };
 
+    void announce(sd_event* loop);
     void serve(sd_event* loop);
     void leave();
     void change(const std::string& text);

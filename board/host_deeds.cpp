@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/host.hpp"
+#include "board/plain_text.hpp"
 
 #include <array>
 #include <utility>
@@ -34,7 +35,7 @@ const NamedObject& objectOf(Arguments& arguments)
             return known;
         }
     }
-    arguments.refuse('"' + word + R"(" is neither "power" nor "reset")");
+    arguments.refuse(inQuotes(word) + R"( is neither "power" nor "reset")");
 }
 
 /** The words that are left as one text. */

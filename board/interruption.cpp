@@ -11,7 +11,7 @@ namespace board
 namespace
 {
 
-// Only this object sends it, to its own thread.
+// Wakes this object's thread for its end. From anybody else it means nothing.
 constexpr int leave = SIGUSR1;
 
 } // namespace
@@ -20,7 +20,7 @@ Interruption::Interruption(Timeline& timeline, CtrlC ctrlC) :
     timeline(timeline), ctrlC(ctrlC)
 {
     sigemptyset(&signals);
-    for (const auto number : {SIGINT, SIGTERM, SIGHUP, leave})
+    for (const auto number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, leave})
     {
         sigaddset(&signals, number);
     }
@@ -28,18 +28,27 @@ Interruption::Interruption(Timeline& timeline, CtrlC ctrlC) :
     thread = std::thread(
         [this]
         {
-            int number = 0;
-            while (sigwait(&signals, &number) == 0 && number != leave)
-            {
-                take(number);
-            }
+            listen();
         });
 }
 
 Interruption::~Interruption()
 {
+    leaving = true;
     pthread_kill(thread.native_handle(), leave);
     thread.join();
+}
+
+void Interruption::listen()
+{
+    int number = 0;
+    while (sigwait(&signals, &number) == 0 && !leaving)
+    {
+        if (number != leave)
+        {
+            take(number);
+        }
+    }
 }
 
 void Interruption::take(int signal)

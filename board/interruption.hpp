@@ -11,8 +11,8 @@
 namespace board
 {
 
-/** Ctrl-C, a hangup or SIGTERM breaks off the timeline's waits, so that the
- *  board is taken apart in order.
+/** Ctrl-C, a hangup, SIGQUIT or SIGTERM breaks off the timeline's waits, so
+ * that the board is taken apart in order.
  *
  *  At a prompt, Ctrl-C breaks off what is being done and no more: goOn() then
  *  makes an end of the interruption.
@@ -47,12 +47,14 @@ class Interruption
     void goOn();
 
   private:
+    void listen();
     void take(int signal);
 
     Timeline& timeline;
     const CtrlC ctrlC;
     Wakeup came;
     std::atomic<bool> ending = false;
+    std::atomic<bool> leaving = false;
     sigset_t signals{};
     std::thread thread;
 };

@@ -2,6 +2,7 @@
 #include "board/platform_values.hpp"
 
 #include "board/error.hpp"
+#include "board/plain_text.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -22,8 +23,8 @@ fs::path pathOf(const std::string& key)
     if (key.empty() || key == "." || key == ".." ||
         key.find('/') != std::string::npos)
     {
-        throw Error("cannot set the platform value \"" + key +
-                    "\": a key is a plain file name, e.g. " + cpuVendor);
+        throw Error("cannot set the platform value " + inQuotes(key) +
+                    ": a key is a plain file name, e.g. " + cpuVendor);
     }
     return directory / key;
 }

@@ -2,6 +2,7 @@
 #include "board/printer.hpp"
 
 #include "board/packet_text.hpp"
+#include "board/plain_text.hpp"
 
 #include <algorithm>
 #include <array>
@@ -320,30 +321,6 @@ std::string milliseconds(Time at)
                                     static_cast<long long>(at.count() / 1000),
                                     static_cast<long long>(at.count() % 1000)));
     return text.data();
-}
-
-/** Another program's output is shown, not obeyed: what would move the cursor,
- *  set a title or end the text is written in hexadecimal. */
-std::string withoutControls(const std::string& text)
-{
-    constexpr std::string_view digits = "0123456789abcdef";
-    constexpr unsigned char firstVisible = 0x20;
-    constexpr unsigned char rubout = 0x7F;
-    std::string visible;
-    for (const auto letter : text)
-    {
-        const auto byte = static_cast<unsigned char>(letter);
-        if ((byte >= firstVisible && byte != rubout) || letter == '\n' ||
-            letter == '\t')
-        {
-            visible += letter;
-            continue;
-        }
-        visible += "\\x";
-        visible += digits[byte >> 4U];
-        visible += digits[byte & 0xFU];
-    }
-    return visible;
 }
 
 /** Continuation lines begin in the column of the first. */

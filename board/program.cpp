@@ -2,6 +2,7 @@
 #include "board/program.hpp"
 
 #include "board/interruption.hpp"
+#include "board/plain_text.hpp"
 #include "board/sandbox.hpp"
 #include "board/saved_timeline.hpp"
 #include "board/story.hpp"
@@ -15,10 +16,12 @@
 
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace board
@@ -59,15 +62,32 @@ void show(const Verdict& verdict, const PrintStyle& style)
 {
     const std::string colour(verdict.status == Status::asTold ? "\033[1;32m"
                                                               : "\033[1;31m");
-    to(stdout)(
-        (style.colour ? colour + verdict.line + "\033[0m" : verdict.line) +
-        "\n");
+    const auto line = withoutControls(verdict.line, "\t");
+    to(stdout)((style.colour ? colour + line + "\033[0m" : line) + "\n");
+}
+
+/** Whether saving would overwrite the story itself, by whatever name. */
+bool isStory(const std::filesystem::path& save, const std::string& play)
+{
+    std::error_code none; // what is not there is no story
+    return std::filesystem::is_regular_file(save, none) &&
+           std::filesystem::equivalent(save, play == "-" ? "/dev/stdin" : play,
+                                       none);
 }
 
 std::optional<SaveFile> saveFileOf(const ProgramOptions& options)
 {
-    return options.save.empty() ? std::nullopt
-                                : std::optional<SaveFile>(options.save);
+    if (options.save.empty())
+    {
+        return {};
+    }
+    if (!options.play.empty() && isStory(options.save, options.play))
+    {
+        throw Error("cannot save the timeline in " + options.save +
+                    ": it is the story that is played; name another file with "
+                    "--save");
+    }
+    return SaveFile(options.save);
 }
 
 std::optional<words::Script> scriptOf(const ProgramOptions& options)
@@ -113,9 +133,10 @@ std::string byScript(words::Session& session, const words::Script& script)
 
 Status run(const ProgramOptions& options)
 {
-    // Files are opened before the sandbox hides what the user sees.
-    auto file = saveFileOf(options);
+    // Files are opened before the sandbox hides what the user sees; that of an
+    // earlier timeline is emptied only once there is a story to play.
     const auto script = scriptOf(options);
+    auto file = saveFileOf(options);
     const auto prompts = options.shell && isTerminal();
     sandbox::enter();
     Timeline timeline;

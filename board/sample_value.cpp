@@ -19,16 +19,43 @@ bool isBasic(char type)
            texts.find(type) != std::string_view::npos;
 }
 
-std::size_t completeLength(std::string_view signature);
+// What a D-Bus signature may be: bytes, and arrays or structs in each other.
+constexpr std::size_t longestSignature = 255;
+constexpr unsigned deepest = 32;
+
+/** How many containers a type is in. A dict entry counts as a struct. */
+struct Nesting
+{
+    unsigned arrays = 0;
+    unsigned structs = 0;
+
+    [[nodiscard]] Nesting inArray() const
+    {
+        return {arrays + 1, structs};
+    }
+
+    [[nodiscard]] Nesting inStruct() const
+    {
+        return {arrays, structs + 1};
+    }
+
+    [[nodiscard]] bool isTooDeep() const
+    {
+        return arrays > deepest || structs > deepest;
+    }
+};
+
+std::size_t completeLength(std::string_view signature, Nesting nesting = {});
 
 /** @return the length of the bracketed types up to the closing bracket and
  *          with it; 0 when there are none or no bracket */
-std::size_t structLength(std::string_view signature)
+std::size_t structLength(std::string_view signature, Nesting nesting)
 {
     std::size_t length = 1;
     while (length < signature.size() && signature[length] != ')')
     {
-        const auto member = completeLength(signature.substr(length));
+        const auto member =
+            completeLength(signature.substr(length), nesting.inStruct());
         if (member == 0)
         {
             return 0;
@@ -40,13 +67,13 @@ std::size_t structLength(std::string_view signature)
 }
 
 /** @return the length of "{", a basic type, a type and "}"; 0 otherwise */
-std::size_t entryLength(std::string_view signature)
+std::size_t entryLength(std::string_view signature, Nesting nesting)
 {
     if (signature.size() < 2 || !isBasic(signature[1]))
     {
         return 0;
     }
-    const auto value = completeLength(signature.substr(2));
+    const auto value = completeLength(signature.substr(2), nesting.inStruct());
     const auto length = 2 + value;
     return value != 0 && length < signature.size() && signature[length] == '}'
                ? length + 1
@@ -54,21 +81,22 @@ std::size_t entryLength(std::string_view signature)
 }
 
 /** @return the length of the first complete type; 0 when there is none */
-std::size_t completeLength(std::string_view signature)
+std::size_t completeLength(std::string_view signature, Nesting nesting)
 {
-    if (signature.empty())
+    if (signature.empty() || nesting.isTooDeep())
     {
         return 0;
     }
     if (signature.front() == '(')
     {
-        return structLength(signature);
+        return structLength(signature, nesting);
     }
     if (signature.front() == 'a')
     {
         const auto rest = signature.substr(1);
-        const auto element =
-            rest.starts_with('{') ? entryLength(rest) : completeLength(rest);
+        const auto element = rest.starts_with('{')
+                                 ? entryLength(rest, nesting.inArray())
+                                 : completeLength(rest, nesting.inArray());
         return element == 0 ? 0 : element + 1;
     }
     return isBasic(signature.front()) || signature.front() == 'v' ? 1 : 0;
@@ -127,11 +155,16 @@ int appendOne(sd_bus_message* message, std::string_view type,
 
 bool isCompleteType(std::string_view signature)
 {
-    return !signature.empty() && completeLength(signature) == signature.size();
+    return !signature.empty() && signature.size() <= longestSignature &&
+           completeLength(signature) == signature.size();
 }
 
 bool isSignature(std::string_view signature)
 {
+    if (signature.size() > longestSignature)
+    {
+        return false;
+    }
     while (!signature.empty())
     {
         const auto length = completeLength(signature);

@@ -11,7 +11,8 @@ namespace board
 {
 
 /** @brief Whether this is the signature of exactly one complete type, file
- *         descriptors excepted, e.g. "u" or "a{sv}". */
+ *         descriptors excepted, e.g. "u" or "a{sv}", within D-Bus's limits:
+ *         255 bytes, 32 arrays and 32 structs in each other. */
 [[nodiscard]] bool isCompleteType(std::string_view signature);
 
 /** @brief Whether this is a sequence of such types, e.g. "" or "sa{sv}as". */

@@ -26,6 +26,7 @@ struct Deleter
 using Bus = std::unique_ptr<sd_bus, Deleter<sd_bus_flush_close_unref>>;
 using Slot = std::unique_ptr<sd_bus_slot, Deleter<sd_bus_slot_unref>>;
 using Message = std::unique_ptr<sd_bus_message, Deleter<sd_bus_message_unref>>;
+using Creds = std::unique_ptr<sd_bus_creds, Deleter<sd_bus_creds_unref>>;
 using Loop = std::unique_ptr<sd_event, Deleter<sd_event_unref>>;
 using Source =
     std::unique_ptr<sd_event_source, Deleter<sd_event_source_disable_unref>>;
@@ -57,7 +58,9 @@ inline int check(int result, const std::string& what)
     return result;
 }
 
-/** @brief A connection of one's own to the bus at an address. */
+/** @brief A connection of one's own to the bus at an address, which the broker
+ *         has accepted: one that is still to say who it is would be closed
+ *         after the broker's limit, when nobody drives it meanwhile. */
 inline Bus connect(const std::string& address)
 {
     const auto what = "cannot connect to the bus at " + address;
@@ -67,6 +70,8 @@ inline Bus connect(const std::string& address)
     check(sd_bus_set_address(made, address.c_str()), what);
     check(sd_bus_set_bus_client(made, 1), what);
     check(sd_bus_start(made), what);
+    const char* name = nullptr;
+    check(sd_bus_get_unique_name(made, &name), what); // waits for it
     return bus;
 }
 

@@ -2,6 +2,7 @@
 #include "board/vocabulary.hpp"
 
 #include "board/error.hpp"
+#include "board/plain_text.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -14,11 +15,6 @@ namespace board
 {
 namespace
 {
-
-std::string quoted(const std::string& word)
-{
-    return '"' + word + '"';
-}
 
 /** A phrase as it is said, e.g. "late MS [BEHAVIOUR...]". */
 std::string shape(const Phrase& phrase)
@@ -76,7 +72,7 @@ std::uint64_t Arguments::number(Range range)
     const auto value = parse(word);
     if (!value || *value < range.least || *value > range.most)
     {
-        refuse(quoted(word) + " is no number from " +
+        refuse(inQuotes(word) + " is no number from " +
                std::to_string(range.least) + " to " +
                std::to_string(range.most));
     }
@@ -100,7 +96,7 @@ int Arguments::errnoValue()
             return value;
         }
     }
-    refuse(quoted(word) + " is no errno name such as EIO");
+    refuse(inQuotes(word) + " is no errno name such as EIO");
 }
 
 Words Arguments::until(const std::string& word)
@@ -123,13 +119,13 @@ void Arguments::end() const
 {
     if (left())
     {
-        refuse(quoted(words[next]) + " is too much");
+        refuse(inQuotes(words[next]) + " is too much");
     }
 }
 
 void Arguments::refuse(const std::string& why) const
 {
-    throw Error("cannot understand " + quoted(phrase.name) + ": " + why +
+    throw Error("cannot understand " + inQuotes(phrase.name) + ": " + why +
                 "; say " + shape(phrase));
 }
 
@@ -143,7 +139,7 @@ void refuseUnknown(const std::string& subject, const Words& words,
     }
     throw Error((words.empty()
                      ? "no " + subject + " given"
-                     : "unknown " + subject + " " + quoted(words.front())) +
+                     : "unknown " + subject + " " + inQuotes(words.front())) +
                 "; there are: " + known);
 }
 

@@ -39,6 +39,22 @@ class Client
         return error.error.name == nullptr ? "" : error.error.name;
     }
 
+    /** @brief How many peers the broker has accepted. */
+    std::size_t connections()
+    {
+        char** names = nullptr;
+        sd::check(sd_bus_list_names(bus.get(), &names, nullptr), "list names");
+        std::size_t count = 0;
+        for (auto** name = names; *name != nullptr; ++name)
+        {
+            const std::unique_ptr<char, void (*)(void*)> owner(*name,
+                                                               std::free);
+            count += **name == ':' ? 1 : 0;
+        }
+        std::free(names);
+        return count;
+    }
+
     std::string hostState()
     {
         char* text = nullptr;

@@ -138,6 +138,16 @@ TEST_F(SimulatedHost, ComesBackAfterTheBroker)
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
+TEST(Host, IsAcceptedByTheBrokerOnBothConnectionsFromTheBeginning)
+{
+    Timeline timeline;
+    const Bus bus(timeline, POLICY_FILE);
+    Client client;
+    const auto before = client.connections();
+    const Host host(timeline, Bus::address(), "Off");
+    EXPECT_EQ(client.connections(), before + 2);
+}
+
 TEST(Host, CanComeLate)
 {
     Timeline timeline;
@@ -184,6 +194,36 @@ TEST_F(SimulatedHost, AnswersWithOtherTypes)
     {
         EXPECT_THROW(host.answersWithType(type), Error) << type;
     }
+}
+
+TEST_F(SimulatedHost, AnswersWithTypesWithinTheBussLimitsOnly)
+{
+    const auto arrays = [](std::size_t depth)
+    {
+        return std::string(depth, 'a') + "y";
+    };
+    const auto structs = [](std::size_t depth)
+    {
+        return std::string(depth, '(') + "y" + std::string(depth, ')');
+    };
+    const auto members = [](std::size_t length)
+    {
+        return "(" + std::string(length - 2, 'y') + ")";
+    };
+    // A signature of 255 bytes is one that the client's own library refuses.
+    for (const auto& type : {arrays(32), structs(32), members(254)})
+    {
+        host.answersWithType(type);
+        EXPECT_EQ(client.hostStateType(), type);
+    }
+    for (const auto& type : {arrays(33), structs(33), members(256),
+                             arrays(1'000'000), structs(1'000'000)})
+    {
+        EXPECT_THROW(host.answersWithType(type), Error) << type.size();
+    }
+    EXPECT_TRUE(isCompleteType(members(255)));
+    EXPECT_TRUE(isSignature(std::string(255, 'y')));
+    EXPECT_FALSE(isSignature(std::string(256, 'y')));
 }
 
 TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)

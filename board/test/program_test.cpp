@@ -35,8 +35,47 @@ TEST(BoardProgram, ExplainsItself)
 
 TEST(BoardProgram, RefusesWrongUsage)
 {
-    Program program({"--nonsense"});
+    Program program({"--nonsense\033[2J"});
     EXPECT_EQ(program.end(), 2);
+    EXPECT_THAT(program.output, HasSubstr("--nonsense\\x1b[2J"));
+    EXPECT_THAT(program.output, Not(HasSubstr("\033")));
+}
+
+TEST(BoardProgram, RefusesNamesThatAreEmpty)
+{
+    for (const auto* option : {"--play", "--save", "--daemon", "--policy"})
+    {
+        Program program({option, ""});
+        EXPECT_EQ(program.end(), 2) << option;
+        EXPECT_THAT(program.output,
+                    HasSubstr(std::string(option) + ": the name of a file is "
+                                                    "missing\n"));
+    }
+}
+
+TEST(BoardProgram, KeepsAnEarlierTimelineWhenThereIsNoStoryToPlay)
+{
+    const auto arguments = playing("exit 0");
+    const std::string file(std::string(scriptDirectory) + "/kept");
+    std::ofstream(file) << "note kept\n";
+    const auto refusal = [&](const std::string& story)
+    {
+        auto all = arguments;
+        all.insert(all.end(), {"--save", file, "--play", story});
+        Program program(all);
+        EXPECT_EQ(program.end(), 1);
+        std::string text;
+        std::getline(std::ifstream(file), text);
+        EXPECT_EQ(text, "note kept");
+        return program.output;
+    };
+    EXPECT_EQ(refusal("/no/such.board"),
+              "morrow-board: cannot open the story /no/such.board: No such "
+              "file or directory\n");
+    EXPECT_EQ(refusal(std::string(scriptDirectory) + "/./kept"),
+              "morrow-board: cannot save the timeline in " + file +
+                  ": it is the story that is played; name another file with "
+                  "--save\n");
 }
 
 TEST(BoardProgram, SaysWhatIsMissing)
@@ -50,6 +89,19 @@ TEST(BoardProgram, SaysWhatIsMissing)
     EXPECT_EQ(policy.end(), 1);
     EXPECT_THAT(lastLine(policy.output),
                 HasSubstr("cannot find the bus policy /no/such/policy"));
+}
+
+TEST(BoardProgram, ShowsNamesWithoutTheirControlCharacters)
+{
+    Program story({"--play", "/no\n\033/story"});
+    EXPECT_EQ(story.end(), 1);
+    EXPECT_EQ(story.output,
+              "morrow-board: cannot open the story /no\\x0a\\x1b/story: No "
+              "such file or directory\n");
+    Program daemon({"--daemon", "/no\a/daemon", "--policy", POLICY_FILE});
+    EXPECT_EQ(daemon.end(), 1);
+    EXPECT_THAT(lastLine(daemon.output),
+                HasSubstr("cannot find the daemon /no\\x07/daemon: "));
 }
 
 TEST(BoardProgram, TellsWhatDifferedFromTheStory)
@@ -172,12 +224,12 @@ bool end(const std::vector<pid_t>& processes)
 }
 
 constexpr auto staying = "echo 'dlog 4 324 morrow:1:here'\n"
-                         "trap '' TERM INT\n"
+                         "trap '' TERM INT QUIT\n"
                          "while :; do sleep 0.01; done";
 
 TEST(BoardProgram, LeavesNothingBehindWhenInterrupted)
 {
-    for (const auto number : {SIGINT, SIGTERM, SIGHUP})
+    for (const auto number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
     {
         const auto arguments = playing(staying);
         const auto before = surroundings();
@@ -185,6 +237,10 @@ TEST(BoardProgram, LeavesNothingBehindWhenInterrupted)
         ASSERT_TRUE(program.reads("here"));
         const auto children = childrenOf(program.id());
         EXPECT_EQ(children.size(), 2U); // the broker and the daemon
+        for (const auto meaningless : {SIGUSR1, SIGPIPE, SIGXFSZ})
+        {
+            program.signal(meaningless);
+        }
         program.signal(number);
         EXPECT_EQ(program.end(), 130);
         EXPECT_EQ(lastLine(program.output),

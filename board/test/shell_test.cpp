@@ -135,6 +135,44 @@ TEST(Shell, RunsTheDaemonAndAwaitsWhatItDoes)
               HasSubstr("\nThe daemon does not run.\n")));
 }
 
+TEST(Shell, StopsADaemonThatHasNoBusName)
+{
+    EXPECT_THAT(
+        saidTo({"daemon stop", "daemon start", "await ready", "daemon stop",
+                "expect exit 0x00", "expect exit 000", "daemon stop"},
+               patient),
+        AllOf(HasSubstr("> daemon stop\ncannot stop the daemon: it does not "
+                        "run\n"),
+              HasSubstr("daemon   ended with status 0\n"),
+              Not(HasSubstr("the daemon ended with")),
+              EndsWith("> daemon stop\ncannot stop the daemon: it does not "
+                       "run\nThe board has ended; nothing is left behind.\n")));
+}
+
+TEST(Shell, SaysHowToEndADaemonThatDoesNotStop)
+{
+    EXPECT_THAT(
+        saidTo({"limit 200", "daemon start", "await log here", "daemon stop"},
+               "trap '' TERM\n"
+               "echo 'dlog 4 324 morrow:1:here'\n"
+               "while :; do sleep 0.01; done"),
+        AllOf(HasSubstr("\nno end of the daemon within 200 ms; it "
+                        "hangs: "),
+              HasSubstr("; \"daemon term\" sends it another SIGTERM, "
+                        "\"daemon kill\" ends it\n")));
+}
+
+TEST(Shell, AwaitsOnFromWhereItWasWhenAStartIsRefused)
+{
+    EXPECT_THAT(saidTo({"daemon start", "await log one", "daemon start",
+                        "limit 500", "await log two"},
+                       "printf 'dlog 4 324 morrow:1:one\\ndlog 4 324 "
+                       "morrow:1:two\\n'\n"
+                       "while :; do sleep 0.01; done"),
+                AllOf(HasSubstr("\ncannot start the daemon: it runs already\n"),
+                      Not(HasSubstr("no log record"))));
+}
+
 TEST(Shell, AwaitsInOrderFromTheEndOfTheLastAwait)
 {
     const auto said =

@@ -5,6 +5,7 @@
 #include "board/words/commands.hpp"
 #include "board/words/script.hpp"
 
+#include <csignal>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 /** A table of patterns that do nothing. */
 CommandTable tableOf(const std::vector<std::string>& patterns)
@@ -233,6 +235,12 @@ TEST(CommandTable, HelpKeepsToShortLines)
     }
 }
 
+TEST(CommandTable, QuotesNoMoreOfAWordThanCanBeRead)
+{
+    EXPECT_THAT(refusal(std::string(100'000, 'x')),
+                StartsWith('"' + std::string(64, 'x') + "...\" is not "));
+}
+
 TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
 {
     for (const auto* line :
@@ -284,6 +292,22 @@ TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
           "quit"})
     {
         EXPECT_NO_THROW(static_cast<void>(allCommands().understand(line)))
+            << line;
+    }
+}
+
+TEST(CommandTable, KnowsTheEndsOfAProcess)
+{
+    const auto end = endOf("0x0f");
+    EXPECT_EQ(end.status, 15);
+    EXPECT_EQ(end.signal, 0);
+    EXPECT_EQ(endOf("000").status, 0);
+    EXPECT_EQ(endOf("SIGKILL").signal, SIGKILL);
+    EXPECT_EQ(endOf("SIGKILL").status, -1);
+    for (const auto* line : {"expect exit SIGNONE", "expect exit SIG",
+                             "expect exit KILL", "expect exit 256"})
+    {
+        EXPECT_THROW(static_cast<void>(allCommands().understand(line)), Error)
             << line;
     }
 }

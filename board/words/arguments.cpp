@@ -4,6 +4,7 @@
 #include "board/behaviours.hpp"
 #include "board/error.hpp"
 #include "board/i3c_driver.hpp"
+#include "board/plain_text.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -47,9 +48,28 @@ bool isNumber(std::string_view word)
 }
 
 /** An exit status, or the name of the signal that ended the process. */
+std::optional<event::Exited> parseEnd(std::string_view word)
+{
+    constexpr int noStatus = -1;
+    constexpr int noSignal = 0;
+    if (const auto status = numberOf(word, greatestStatus))
+    {
+        return event::Exited{static_cast<int>(*status), noSignal};
+    }
+    for (int number = 1; number < NSIG; ++number)
+    {
+        const auto* const name = sigabbrev_np(number);
+        if (name != nullptr && word == std::string("SIG") + name)
+        {
+            return event::Exited{noStatus, number};
+        }
+    }
+    return {};
+}
+
 bool isEnd(std::string_view word)
 {
-    return isNumber<greatestStatus>(word) || word.starts_with("SIG");
+    return parseEnd(word).has_value();
 }
 
 /** States of the host are; so a command that is mistyped is none. */
@@ -122,7 +142,7 @@ unsigned numberOrThrow(std::string_view kind, const std::string& word,
     const auto value = numberOf(word, greatest);
     if (!value)
     {
-        throw Error("\"" + word + "\" is no " + std::string(kind) + ": " +
+        throw Error(inQuotes(word) + " is no " + std::string(kind) + ": " +
                     meaningOf(kind));
     }
     return *value;
@@ -171,6 +191,16 @@ int levelOf(const std::string& word)
 std::size_t countOf(const std::string& word)
 {
     return numberOrThrow("COUNT", word, greatestCount);
+}
+
+event::Exited endOf(const std::string& word)
+{
+    const auto end = parseEnd(word);
+    if (!end)
+    {
+        throw Error(inQuotes(word) + " is no END: " + meaningOf("END"));
+    }
+    return *end;
 }
 
 } // namespace board::words

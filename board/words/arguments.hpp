@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/event.hpp"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -30,6 +32,7 @@ namespace board::words
 [[nodiscard]] std::chrono::milliseconds millisecondsOf(const std::string& word);
 [[nodiscard]] int levelOf(const std::string& word);
 [[nodiscard]] std::size_t countOf(const std::string& word);
+[[nodiscard]] event::Exited endOf(const std::string& word);
 ///@}
 
 } // namespace board::words

@@ -168,7 +168,7 @@ std::vector<Command> waiting()
          "The next await counts only what happens after this.",
          [](Session& session, const Values&)
          {
-             session.lookFromNow();
+             session.lookFrom(session.board().timeline().size());
          }},
         {Pattern("limit MS"),
          "An await, and daemon stop, last no longer; 20000 at the beginning.",

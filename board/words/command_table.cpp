@@ -2,6 +2,7 @@
 #include "board/words/command_table.hpp"
 
 #include "board/error.hpp"
+#include "board/plain_text.hpp"
 #include "board/words/arguments.hpp"
 
 #include <algorithm>
@@ -19,11 +20,6 @@ void addOnce(std::vector<std::string>& list, std::string text)
     {
         list.push_back(std::move(text));
     }
-}
-
-std::string quoted(std::string_view text)
-{
-    return "\"" + std::string(text) + "\"";
 }
 
 /** A list of what is possible, kinds with their meaning. */
@@ -134,12 +130,12 @@ std::string CommandTable::whyNot(std::string_view line) const
     const auto possible = inWords(elementsAfter(line, fitting));
     if (fitting == words.size())
     {
-        return quoted(line.substr(words.front().begin)) +
+        return inQuotes(line.substr(words.front().begin)) +
                " is not all; after it: " + possible;
     }
     const auto where =
-        fitting == 0 ? "" : " after " + quoted(words[fitting - 1].text);
-    return quoted(words[fitting].text) + " is not possible" + where +
+        fitting == 0 ? "" : " after " + inQuotes(words[fitting - 1].text);
+    return inQuotes(words[fitting].text) + " is not possible" + where +
            "; possible: " + (possible.empty() ? "nothing more" : possible);
 }
 

@@ -180,12 +180,14 @@ std::vector<Command> daemonCommands()
         {Pattern("daemon start"), "Start the daemon.",
          [](Session& session, const Values&)
          {
-             // What an earlier one did is no answer to any await after this.
-             session.lookFromNow();
+             const auto before = session.board().timeline().size();
              session.board().daemon().start();
+             // What an earlier one did is no answer to any await after this.
+             session.lookFrom(before);
          }},
         {Pattern("daemon stop"),
-         "SIGTERM, again when its bus name is gone; wait for its end.",
+         "SIGTERM, again when its bus name is gone (a second later if it\n"
+         "has none); wait for its end.",
          [](Session& session, const Values&)
          {
              static_cast<void>(session.board().stopDaemon(session.limit()));

@@ -62,7 +62,7 @@ std::string inWords(const event::Exited& end)
                            : std::string("SIG") + name;
 }
 
-void expectExit(Session& session, const std::string& expected)
+void expectExit(Session& session, const event::Exited& expected)
 {
     const auto events = lastRun(session);
     const auto found = std::find_if(events.begin(), events.end(),
@@ -76,11 +76,11 @@ void expectExit(Session& session, const std::string& expected)
                                 ? "the daemon has not ended"
                                 : "the daemon was never started");
     }
-    const auto end = inWords(*found->as<event::Exited>());
-    if (end != expected)
+    const auto& end = *found->as<event::Exited>();
+    if (end.status != expected.status || end.signal != expected.signal)
     {
-        throw NotAsExpected("the daemon ended with " + end + ", not " +
-                            expected);
+        throw NotAsExpected("the daemon ended with " + inWords(end) + ", not " +
+                            inWords(expected));
     }
 }
 
@@ -121,7 +121,7 @@ std::vector<Command> expectations()
          "this signal, e.g. 0 or SIGKILL.",
          [](Session& session, const Values& values)
          {
-             expectExit(session, values[0]);
+             expectExit(session, endOf(values[0]));
          }},
         {Pattern("expect no log TEXT"),
          "Fail if it has logged a record with this in its text since its\n"

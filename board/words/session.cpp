@@ -58,9 +58,9 @@ void Session::await(const std::string& what, const Timeline::Predicate& matches)
     from = theBoard.await(what, matches, from, longest).index + 1;
 }
 
-void Session::lookFromNow()
+void Session::lookFrom(std::size_t index)
 {
-    from = theBoard.timeline().size();
+    from = index;
 }
 
 void Session::setLimit(Timeline::Limit limit)

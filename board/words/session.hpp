@@ -54,8 +54,9 @@ class Session
      *  @throws WaitFailed when the limit passes or no daemon runs */
     void await(const std::string& what, const Timeline::Predicate& matches);
 
-    /** @brief Let the next await count only what happens from now on. */
-    void lookFromNow();
+    /** @brief Let the next await count only what happens from this entry of
+     *         the timeline on. */
+    void lookFrom(std::size_t index);
 
     /** @brief How long an await lasts at most. */
     void setLimit(Timeline::Limit limit);

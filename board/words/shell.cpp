@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/words/shell.hpp"
 
+#include "board/plain_text.hpp"
+
 #include <exception>
 
 namespace board::words
@@ -27,7 +29,7 @@ void runLine(Session& session, const std::string& line)
     }
     catch (const std::exception& error)
     {
-        session.say(std::string(error.what()) + "\n");
+        session.say(withoutControls(error.what(), "\t") + "\n");
     }
 }
 
