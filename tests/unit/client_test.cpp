@@ -10,6 +10,7 @@
 #include "tests/support/hung_up_pipe.hpp"
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
+#include "tests/support/mutex_look.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
 
@@ -1148,12 +1149,7 @@ TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInOneCall)
                  "state is PreStandby",
                  [&free]
                  {
-                     std::thread(
-                         [&free]
-                         {
-                             free = clientBusMutex.try_lock();
-                         })
-                         .join();
+                     free = isFreeForAnother(clientBusMutex);
                  });
     lock.unlock();
     EXPECT_THAT(handled(),
@@ -1174,6 +1170,20 @@ TEST_F(PowerSignals, NextOneIsWaitedForAMillisecond)
                       return !text.starts_with("waits ");
                   });
     EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(PowerSignals, MutexIsKeptInTheWaitForTheNextOne)
+{
+    record::when(resetPath, bus_spy::watchThisThread);
+    bool free = true;
+    record::when("waits 1000 us for the bus",
+                 [&free]
+                 {
+                     free = isFreeForAnother(clientBusMutex);
+                 });
+    control.changes(HostControl::resetCause, {});
+    ASSERT_TRUE(record::waitFor("finds nothing more to do"));
+    EXPECT_FALSE(free);
 }
 
 TEST_F(Client, ServingSignalsAlwaysEndsWith0)

@@ -9,6 +9,7 @@
 #include "tests/support/hung_up_pipe.hpp"
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
+#include "tests/support/mutex_look.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
 
@@ -1171,6 +1172,25 @@ TEST_F(Registry, WaitsAMillisecondForTheNextRequest)
                       return !text.starts_with("waits ");
                   });
     EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(Registry, MutexIsKeptInTheWaitForTheNextRequest)
+{
+    // A byte that is ignored, to get hold of the thread.
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 7",
+                 bus_spy::watchThisThread);
+    ASSERT_EQ(write(serverSignalPipe[1], "\7", 1), 1);
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    bool free = true;
+    record::when("waits 1000 us for the bus",
+                 [&free]
+                 {
+                     free = isFreeForAnother(server_mutex);
+                 });
+    (void)busctl::managedObjects(manager0);
+    ASSERT_TRUE(record::waitFor("finds nothing more to do"));
+    EXPECT_FALSE(free);
 }
 
 TEST_F(Registry, ServingRequestsAlwaysEndsWith0)
