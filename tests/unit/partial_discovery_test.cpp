@@ -382,6 +382,21 @@ TEST_F(PartialDiscovery, UnopenableBindFileLeavesTheScanToWhatIsThere)
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
+TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAllTheSame)
+{
+    firstAnswered();
+    DriverFiles::refuseBindWrites();
+    redo();
+    expectStoryEndsWith(
+        Texts{"sleep 2000 ms"} + Texts(31, "sleep 100 ms") +
+        Texts{"setLockPermission /dev/i3c-mctp-1",
+              "setShmPermission /dev/i3c-mctp-1",
+              "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+              "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n"} +
+        retry);
+    expectRetryInTenSeconds();
+}
+
 TEST_F(PartialDiscovery, NodeThatNeverOpensIsWaitedForInSilence)
 {
     firstAnswered();
