@@ -279,6 +279,17 @@ TEST_F(PartialDiscovery, EveryEntryOfTheControllerLeavesTheLists)
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
+TEST_F(PartialDiscovery, ControllerLeavesItsListWhateverNodeItWasFoundUnder)
+{
+    // As after a discovery that found the second controller as node 0.
+    i3c_device_map = {node0};
+    i3c_discovered_map = {controller1};
+    i3c_device_notify_map = {node0};
+    redo();
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
+    EXPECT_THAT(i3c_discovered_map, IsEmpty());
+}
+
 TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
 {
     firstAnswered();
