@@ -867,13 +867,6 @@ TEST_F(ReadsHostState, ReadsLeaveNoDescriptorBehind)
     EXPECT_EQ(descriptors(), before);
 }
 
-TEST_F(ReadsHostState, LeavesTheConnectionOfTheClientAlone)
-{
-    const auto start = threadStory().size();
-    EXPECT_EQ(getcurrentpowerstate(), 0);
-    EXPECT_EQ(threadStory().size(), start);
-}
-
 TEST_F(ReadsHostState, RunningLeavesFlagsThatAreSet)
 {
     power_down_pending = 1;
@@ -1648,21 +1641,6 @@ TEST_F(ClientStop, LogsTheByteBeforeTheLoopEndsAndEndsItWellMeant)
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
     EXPECT_EQ(whenLogged, -ENODATA);
     EXPECT_EQ(whenEnded, 0);
-}
-
-TEST_F(ClientStop, EndsTheSubscriptions)
-{
-    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
-    power_down_pending = 0;
-    HostControl control;
-    control.changes(HostControl::powerState,
-                    {{"InternalPowerState", "a.StateS5"}});
-    EXPECT_EQ(power_down_pending, 0);
-    EXPECT_EQ(record::count("log 1 morrow_client: "
-                            "signalHandler_internalpowerstate:Path:"
-                            "[/xyz/openbmc_project/control/host0/"
-                            "internal_power_state]\n"),
-              0);
 }
 
 TEST_F(ClientStop, SemaphoreThatCannotBeDestroyedIsIgnored)

@@ -245,21 +245,6 @@ TEST_F(Signal, HandlerLeavesErrnoAlone)
     fake::errnoOfLog = 0;
 }
 
-TEST_F(Signal, StopStateIs1WhileStopping)
-{
-    start();
-    auto& signal = morrow_signal::get_instance();
-    EXPECT_EQ(signal.get_stop_state(), 0);
-    sendSignal(SIGTERM);
-    EXPECT_TRUE(record::waitUntil(
-        [&]
-        {
-            return signal.get_stop_state() != 0;
-        }));
-    ASSERT_TRUE(record::waitFor(stopped));
-    EXPECT_EQ(signal.get_stop_state(), 2);
-}
-
 TEST_F(Signal, BusSidesThatWereNeverStartedAreStoppedAllTheSame)
 {
     start();
