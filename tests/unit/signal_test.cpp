@@ -36,6 +36,8 @@ Texts story()
 
 constexpr const char* threadEnters =
     "log 4 morrow_signal: Entry [signal_thread_fn]\n";
+constexpr const char* gotSignal =
+    "log 4 morrow_signal: Got signal Stopping MORROW\n";
 constexpr const char* stopped = "log 4 morrow_signal: Stopped MORROW\n";
 
 /** Sends this process a signal; the kernel picks the thread. */
@@ -325,6 +327,9 @@ TEST_F(Signal, SecondPassWaitsForASecondTermination)
             signal.signal_thread_fn();
         });
     ASSERT_TRUE(record::waitFor(threadEnters, 2));
+    // Time enough for what must not happen yet.
+    (void)poll(nullptr, 0, 100);
+    EXPECT_EQ(record::count(gotSignal), 1);
     EXPECT_EQ(record::count(stopped), 1);
     sendSignal(SIGTERM);
     second.join();
