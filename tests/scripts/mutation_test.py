@@ -10,7 +10,7 @@ TOP = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(TOP / "scripts" / "lib"))
 
 # pylint: disable=wrong-import-position
-from mutation.explained import ListError, entries_of, key_of
+from mutation.explained import ListError, entries_of, key_of, refuse_ambiguous
 from mutation.faults import mutants_of
 
 SOURCE = "morrow/some.cpp"
@@ -148,14 +148,36 @@ class ExplainedMutants(unittest.TestCase):
     def test_are_pairs_of_lines(self):
         with self.assertRaisesRegex(ListError, "a line with - and one with \\+"):
             entries_of(self.LIST.replace("+;\n-h", "-h"), "list")
+        with self.assertRaisesRegex(ListError, "a line with - and one with \\+"):
+            entries_of(self.LIST.replace("+;\n```", "+;\n@@ 1 of 2 @@\n```"), "list")
+
+    def test_say_which_of_several_places_they_mean(self):
+        mutants = mutants_of({SOURCE: in_function("g();\nh();\ng();")})
+        mutants = [mutant for mutant in mutants if mutant.kind == "step"]
+        second = self.LIST.replace("-g();", "@@ 2 of 2 @@\n-g();")
+        entries = entries_of(second, "list")
+        refuse_ambiguous(entries, mutants, "list")
+        explained = {entry.key for entry in entries}
+        self.assertEqual(
+            [key_of(mutant) in explained for mutant in mutants],
+            [False, True, True],
+        )
+
+    def test_that_could_mean_several_places_are_refused(self):
+        mutants = mutants_of({SOURCE: in_function("g();\nh();\ng();")})
+        for text in (self.LIST, self.LIST.replace("-g();", "@@ 1 of 3 @@\n-g();")):
+            with self.assertRaisesRegex(ListError, "^list:\\d+: `g\\(\\);` is there 2"):
+                refuse_ambiguous(entries_of(text, "list"), mutants, "list")
 
     def test_of_this_tree_are_all_there(self):
         texts = {
             str(path.relative_to(TOP)): path.read_text()
             for path in (TOP / "morrow").glob("*.[ch]pp")
         }
-        keys = {key_of(mutant) for mutant in mutants_of(texts)}
+        mutants = mutants_of(texts)
+        keys = {key_of(mutant) for mutant in mutants}
         entries = entries_of((TOP / "docs" / "mutants.md").read_text(), "mutants.md")
+        refuse_ambiguous(entries, mutants, "mutants.md")
         self.assertEqual([e.before for e in entries if e.key not in keys], [])
 
 

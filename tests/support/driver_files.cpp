@@ -108,6 +108,13 @@ void DriverFiles::removeUnbindFile()
     putAside("unbind");
 }
 
+void DriverFiles::refuseBindWrites()
+{
+    const std::string file = std::string(driver) + "bind";
+    fs::remove(file);
+    fs::create_symlink("/dev/full", file);
+}
+
 void DriverFiles::restoreBindFile()
 {
     putBack("bind");

@@ -42,6 +42,9 @@ class DriverFiles
     static void removeBindFile();
     static void removeUnbindFile();
 
+    /** Lets the bind file be opened, but refuses what is written to it. */
+    static void refuseBindWrites();
+
     /** Puts a file back that was taken away. */
     static void restoreBindFile();
     static void restoreUnbindFile();

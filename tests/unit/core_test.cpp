@@ -389,6 +389,16 @@ TEST_F(TransitionRules, OffWhileRunningIsAwaitedGivesOffToo)
     EXPECT_EQ(await_host_running, 1);
 }
 
+TEST_F(TransitionRules, OffWithAPowerDownAloneGivesOffToo)
+{
+    power_down_pending = 1;
+    current_host_state = hostStateOff;
+    apply_transition_rules();
+    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
+    EXPECT_EQ(power_down_pending, 1);
+    EXPECT_THAT(story(), ElementsAre(enters, changesToOff));
+}
+
 TEST_F(TransitionRules, OffDoesNotLeaveSleep)
 {
     daemon_state = MORROW_SLEEP_EVENT;

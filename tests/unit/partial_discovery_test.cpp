@@ -279,6 +279,17 @@ TEST_F(PartialDiscovery, EveryEntryOfTheControllerLeavesTheLists)
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
+TEST_F(PartialDiscovery, ControllerLeavesItsListWhateverNodeItWasFoundUnder)
+{
+    // As after a discovery that found the second controller as node 0.
+    i3c_device_map = {node0};
+    i3c_discovered_map = {controller1};
+    i3c_device_notify_map = {node0};
+    redo();
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
+    EXPECT_THAT(i3c_discovered_map, IsEmpty());
+}
+
 TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
 {
     firstAnswered();
@@ -380,6 +391,21 @@ TEST_F(PartialDiscovery, UnopenableBindFileLeavesTheScanToWhatIsThere)
     EXPECT_EQ(record::count("sleep 100 ms"), 0);
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAllTheSame)
+{
+    firstAnswered();
+    DriverFiles::refuseBindWrites();
+    redo();
+    expectStoryEndsWith(
+        Texts{"sleep 2000 ms"} + Texts(31, "sleep 100 ms") +
+        Texts{"setLockPermission /dev/i3c-mctp-1",
+              "setShmPermission /dev/i3c-mctp-1",
+              "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+              "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n"} +
+        retry);
+    expectRetryInTenSeconds();
 }
 
 TEST_F(PartialDiscovery, NodeThatNeverOpensIsWaitedForInSilence)

@@ -9,6 +9,7 @@
 #include "tests/support/hung_up_pipe.hpp"
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
+#include "tests/support/mutex_look.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
 
@@ -395,21 +396,22 @@ TEST_F(ServerStart, AgainWhileTheThreadRunsEndsTheProcess)
         testing::KilledBySignal(SIGABRT), "");
 }
 
+/** Whether start-up has not returned, looked at for as long as a return would
+ *  take. */
+bool stillWaits(const std::future<int32_t>& started)
+{
+    return started.wait_for(std::chrono::milliseconds(100)) ==
+           std::future_status::timeout;
+}
+
 /** Starts the server and, when `seen` has been logged, ends the process: with
  *  42 when starting has not returned. */
 [[noreturn]] void startAndExpectNoReturn(const std::string& seen)
 {
-    std::thread(
-        []
-        {
-            morrow_dbus_server_init();
-        })
-        .detach();
+    const auto started =
+        std::async(std::launch::async, morrow_dbus_server_init);
     const bool happened = record::waitFor(seen);
-    const bool returned =
-        record::count("log 4 morrow_server: morrow_dbus_server_init - "
-                      "Exit\n") != 0;
-    leave(happened && !returned ? 42 : 1);
+    leave(happened && stillWaits(started) ? 42 : 1);
 }
 
 /** How many sockets this process has. */
@@ -435,12 +437,8 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
     EXPECT_EXIT(
         {
             const auto before = sockets();
-            std::thread(
-                []
-                {
-                    morrow_dbus_server_init();
-                })
-                .detach();
+            const auto started =
+                std::async(std::launch::async, morrow_dbus_server_init);
             const bool ended = record::waitFor(threadExits);
             // Nor does the connection stay.
             const bool closed = sockets() == before;
@@ -450,13 +448,10 @@ TEST_F(ServerStart, NeverReturnsWhileAnotherHoldsTheNameForItself)
                     "-Error:sd_bus_request_name: "
                     "org.freedesktop.DBus.Error.FileExists: File exists\n") ==
                 1;
-            const bool returned =
-                record::count("log 4 morrow_server: morrow_dbus_server_init - "
-                              "Exit\n") != 0;
+            const bool waits = stillWaits(started);
             // Nothing can be published without the name.
             const bool published = publish(0, 8) != 1;
-            leave(ended && closed && logged && !returned && !published ? 42
-                                                                       : 1);
+            leave(ended && closed && logged && waits && !published ? 42 : 1);
         },
         testing::ExitedWithCode(42), "");
     sd_bus_flush_close_unref(owner);
@@ -1171,6 +1166,25 @@ TEST_F(Registry, WaitsAMillisecondForTheNextRequest)
                       return !text.starts_with("waits ");
                   });
     EXPECT_EQ(waits, Texts(waits.size(), "waits 1000 us for the bus"));
+}
+
+TEST_F(Registry, MutexIsKeptInTheWaitForTheNextRequest)
+{
+    // A byte that is ignored, to get hold of the thread.
+    record::when("log 4 morrow_server: morrowProcessSig - signal: 7",
+                 bus_spy::watchThisThread);
+    ASSERT_EQ(write(serverSignalPipe[1], "\7", 1), 1);
+    ASSERT_TRUE(
+        record::waitFor("log 4 morrow_server: morrowProcessSig - signal: 7\n"));
+    bool free = true;
+    record::when("waits 1000 us for the bus",
+                 [&free]
+                 {
+                     free = isFreeForAnother(server_mutex);
+                 });
+    (void)busctl::managedObjects(manager0);
+    ASSERT_TRUE(record::waitFor("finds nothing more to do"));
+    EXPECT_FALSE(free);
 }
 
 TEST_F(Registry, ServingRequestsAlwaysEndsWith0)

@@ -2,7 +2,9 @@
 """The list of mutants that no test can tell from the daemon, with reasons.
 
 An entry is known by the file, the function and the text of the lines, not by
-their numbers, so that it lasts as long as what it speaks of.
+their numbers, so that it lasts as long as what it speaks of. Where a function
+has the same text in several places, it says which one it means and of how
+many, so that no place is excused by the reason of another.
 """
 
 import re
@@ -10,7 +12,10 @@ from dataclasses import dataclass
 
 from .faults import squeezed
 
+PLACE = re.compile(r"^@@ (?P<number>\d+) of (?P<places>\d+) @@$")
 HEADING = re.compile(r"^## `(?P<path>[^`]+)`(?:, `(?P<function>[^`]+)`)?$")
+
+SHAPE = "a fault is a line with - and one with +"
 
 
 @dataclass
@@ -21,10 +26,16 @@ class Entry:
     after: str
     reason: str
     line: int
+    number: int = 1
+    places: int = 1
+
+    @property
+    def text(self):
+        return (self.path, self.function, self.before, self.after)
 
     @property
     def key(self):
-        return (self.path, self.function, self.before, self.after)
+        return (*self.text, self.number, self.places)
 
 
 class ListError(Exception):
@@ -32,12 +43,27 @@ class ListError(Exception):
 
 
 def key_of(mutant):
-    return (mutant.path, mutant.function, mutant.before, mutant.after)
+    text = (mutant.path, mutant.function, mutant.before, mutant.after)
+    return (*text, mutant.number, mutant.places)
+
+
+def refuse_ambiguous(entries, mutants, name):
+    """Raises an error for an entry that fits several places without telling
+    them apart."""
+    places = {key_of(mutant)[:4]: mutant.places for mutant in mutants}
+    for entry in entries:
+        number = places.get(entry.text, 1)
+        if number > 1 and entry.places != number:
+            raise ListError(
+                f"{name}:{entry.line}: `{entry.before}` is there {number} times: "
+                f"put @@ 1 of {number} @@ or another number above the fault"
+            )
 
 
 def entries_of(text, name):
     """Reads a list: a heading for each function, below it the faults as
-    two-line diffs; a reason stands behind those that share it."""
+    two-line diffs, the line `@@ N of M @@` above those that are the N-th of M
+    places alike; a reason stands behind those that share it."""
     entries = []
     unexplained = []
     place = None
@@ -56,10 +82,12 @@ def entries_of(text, name):
         heading = HEADING.match(line)
         if diff is not None:
             if line.startswith("```"):
-                add_diff(diff, place, unexplained, entries, f"{name}:{number}")
+                faults = faults_of(diff, place, name, number)
+                unexplained += faults
+                entries += faults
                 diff = None
-            else:
-                diff.append(line)
+            elif line.strip():
+                diff.append((number, line))
         elif heading:
             give_reason()
             if unexplained:
@@ -79,14 +107,21 @@ def entries_of(text, name):
     return entries
 
 
-def add_diff(lines, place, unexplained, entries, where):
-    line = int(where.rsplit(":", 1)[1])
-    pairs = [text for text in lines if text.strip()]
-    for before, after in zip(pairs[::2], pairs[1::2]):
-        if before[0] != "-" or after[0] != "+":
-            raise ListError(f"{where}: a fault is a line with - and one with +")
-        entry = Entry(*place, squeezed(before[1:]), squeezed(after[1:]), "", line)
-        unexplained.append(entry)
-        entries.append(entry)
-    if len(pairs) % 2 or not pairs:
-        raise ListError(f"{where}: a fault is a line with - and one with +")
+def faults_of(lines, heading, name, end):
+    """The entries of one diff that ends in line `end`, without their reason."""
+    found = []
+    place = {}
+    lines = iter(lines)
+    for number, line in lines:
+        if match := PLACE.match(line):
+            place = {key: int(value) for key, value in match.groupdict().items()}
+            continue
+        _, after = next(lines, (0, " "))
+        if line[0] != "-" or after[0] != "+":
+            raise ListError(f"{name}:{number}: {SHAPE}")
+        texts = squeezed(line[1:]), squeezed(after[1:])
+        found.append(Entry(*heading, *texts, "", number, **place))
+        place = {}
+    if place or not found:
+        raise ListError(f"{name}:{end}: {SHAPE}")
+    return found

@@ -65,6 +65,9 @@ class Mutant:
             + fault.replacement
             + source.text[fault.end : last]
         )
+        # Which of the places with this text in this function, from 1, and of
+        # how many.
+        self.number, self.places = 1, 1
 
 
 def squeezed(text):
@@ -80,7 +83,20 @@ def mutants_of(texts):
     for source in sources:
         if source.path.endswith(".hpp"):
             shared.update(names_declared(source))
-    return [mutant for source in sources for mutant in mutants_in(source, shared)]
+    return numbered(
+        [mutant for source in sources for mutant in mutants_in(source, shared)]
+    )
+
+
+def numbered(mutants):
+    alike = {}
+    for mutant in mutants:
+        text = (mutant.path, mutant.function, mutant.before, mutant.after)
+        alike.setdefault(text, []).append(mutant)
+    for places in alike.values():
+        for number, mutant in enumerate(places, 1):
+            mutant.number, mutant.places = number, len(places)
+    return mutants
 
 
 def mutants_in(source, shared):
