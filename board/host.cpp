@@ -121,10 +121,10 @@ void appendBody(sd_bus_message* made, const ControlMessage& message,
 
 } // namespace
 
-Host::Host(Timeline& timeline, const std::string& address,
-           const std::string& state, bool isThere) :
+Host::Host(Timeline& timeline, std::string address, const std::string& state,
+           bool isThere) :
     timeline(timeline),
-    address(address), current(statePrefix + state)
+    address(std::move(address)), current(statePrefix + state)
 {
     timeline.record(event::HostState{current});
     if (!isThere)

@@ -63,8 +63,8 @@ class Host
      *  @param address the bus
      *  @param isThere whether the service is there from the beginning
      *  @throws Error when the name cannot be had */
-    Host(Timeline& timeline, const std::string& address,
-         const std::string& state, bool isThere = true);
+    Host(Timeline& timeline, std::string address, const std::string& state,
+         bool isThere = true);
 
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
