@@ -28,7 +28,7 @@ CONTAINS = re.compile(
     r" '[^']*', '[^']*', d\)\}"
 )
 REFERENCE = re.compile(r"\$\{([^}@]+)\}")
-OPTION = re.compile(r"-D([\w-]+)=([\w-]+)")
+OPTION = re.compile(r"-D([\w-]+)=([\w${}-]+)")
 
 # What BitBake and the classes define.
 GIVEN = {"BP", "PN", "SOLIBS", "datadir", "libdir", "libexecdir",
@@ -100,13 +100,20 @@ class Tree:
         return Path(self.options["prefix"]["value"], self.options[option]["value"])
 
 
+def choices_of(option, text):
+    """What an option takes; any text, if it is a text's."""
+    if option["type"] == "boolean":
+        return ["true", "false"]
+    return option.get("choices", [text])
+
+
 def option_faults(recipe, tree):
     for value in recipe.all_values():
         for name, choice in OPTION.findall(value):
             option = tree.options.get(name)
             if option is None:
                 yield f"-D{name}: no such option"
-            elif choice not in option.get("choices", [choice]):
+            elif choice not in choices_of(option, choice):
                 yield f"-D{name}={choice}: no such choice"
 
 

@@ -30,8 +30,15 @@ COMPATIBLE_HOST = "(aarch64|x86_64).*-linux"
 
 DEPENDS = "systemd"
 
-# The simulated board and the tests are for the developer's desk.
-EXTRA_OEMESON = "-Drelease=true -Dboard=disabled -Dtests=disabled"
+# The simulated board and the tests are for the developer's desk, as are errors
+# of what a newer compiler warns of.
+EXTRA_OEMESON = " \
+    -Drelease=true \
+    -Dwerror=false \
+    -Dboard=disabled \
+    -Dtests=disabled \
+    -Dsystemd_unit_dir=${systemd_system_unitdir} \
+"
 
 # vendor-libraries: the board's own platform libraries, which the recipe that
 # MORROW_PLATFORM_LIBRARIES names provides; where they have names of their own,
