@@ -54,6 +54,38 @@ def does_its_job(world):
     expect(world.service.endpoints() is None, "its bus name is still there")
 
 
+def is_restricted(world):
+    """The restrictions are in force, and are none that systemd passed over"""
+    world.service.start()
+    process = world.service.process()
+
+    def read(name):
+        return world.machine.run("cat", f"/proc/{process}/{name}").stdout
+
+    status = dict(line.split(":\t", 1) for line in read("status").splitlines())
+    for field, value in (
+        ("CapEff", "0" * 16), ("CapBnd", "0" * 16), ("NoNewPrivs", "1"),
+        ("Seccomp", "2"), ("Uid", "0\t0\t0\t0"),
+    ):  # fmt: skip
+        expect(status[field] == value, f"{field} is {status[field]}")
+    mounts = {}
+    for line in read("mountinfo").splitlines():
+        words = line.split()
+        mounts[words[4]] = words[5].split(",")[0]  # a later one covers another
+    for place, access in (
+        ("/", "ro"), ("/run", "ro"), ("/sys/bus", "ro"),
+        ("/sys/bus/platform/drivers/silvaco-i3c-master", "rw"), ("/dev", "rw"),
+    ):  # fmt: skip
+        expect(mounts.get(place) == access, f"{place} is {mounts.get(place)}")
+    for namespace, own in (("net", True), ("uts", True), ("ipc", False)):
+        names = [
+            world.machine.run("readlink", f"/proc/{who}/ns/{namespace}").stdout
+            for who in (process, 1)
+        ]
+        expect((names[0] != names[1]) == own, f"its {namespace} namespace: {names}")
+    world.service.stop_cleanly()
+
+
 def tells_where_it_logs(world):
     """Its records reach the journal with level, file and line"""
     cursor = world.machine.now()
@@ -117,12 +149,21 @@ def stops_when_idle(world):
 def stops_while_starting(world):
     """A stop is clean while the daemon starts"""
     for _ in range(10):
+        cursor = world.machine.now()
         world.service.systemctl("start", "--no-block", UNIT)
-        wait_for("process", world.service.process)
-        # So that it stays in its start, which takes a second.
+        # The last that it says before the second for which its start lasts.
+        wait_for(
+            "sign of the start",
+            lambda since=cursor: any(
+                "Server Initialization Completed" in str(record.get("MESSAGE"))
+                for record in world.service.own_records(since)
+            ),
+        )
+        # So that it stays there.
         world.service.systemctl("kill", "--signal=STOP", UNIT)
         if world.service.state() == "activating":
             break
+        world.service.systemctl("kill", "--signal=CONT", UNIT)
         world.service.systemctl("stop", UNIT)
         world.service.systemctl("reset-failed", UNIT)
     expect(world.service.state() == "activating", "it gets ready too quickly")
@@ -307,6 +348,7 @@ STORIES = (
     stops_with_hung_host_state,
     gets_ready,
     does_its_job,
+    is_restricted,
     tells_where_it_logs,
     others_may_only_read,
     stops_when_idle,
