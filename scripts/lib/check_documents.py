@@ -6,9 +6,9 @@ Usage: check_documents.py [DIRECTORY]
 
 In the tree (this one, if no DIRECTORY is given) each relative link of a
 Markdown file leads to a file and, if it goes on with #..., to a heading; each
-`scripts/...` is a script; and the README's table of options has Meson's
-options, all of them and no others. Prints a line for each that is not so and
-fails then.
+`scripts/...` is a script; and the tables of options in docs/building.md have
+Meson's options, all of them and no others. Prints a line for each that is not
+so and fails then.
 """
 
 import re
@@ -19,7 +19,7 @@ LINK = re.compile(r"\[[^\]]*\]\((?!https?:)([^)#\s]*)(#[^)\s]*)?\)")
 SCRIPT = re.compile(r"(?<![\w/.])scripts/[\w./-]*[\w-]")
 CODE = re.compile(r"^    .*$|`[^`\n]*`", re.MULTILINE)
 OPTION = re.compile(r"^option\('(\w+)'", re.MULTILINE)
-OPTION_ROW = re.compile(r"^\| `-D(\w+)` \|", re.MULTILINE)
+OPTION_ROW = re.compile(r"^\| `(\w+)` \|", re.MULTILINE)
 
 
 def documents_of(tree):
@@ -72,7 +72,7 @@ def check(tree):
     for document in documents_of(tree):
         text = document.read_text(encoding="utf-8")
         wrong = [*wrong_links(document, text), *wrong_scripts(tree, text)]
-        if document == tree / "README.md":
+        if document == tree / "docs/building.md":
             wrong += wrong_options(tree, text)
         lines += [f"{document.relative_to(tree)} {what}" for what in wrong]
     return lines

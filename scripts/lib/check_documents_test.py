@@ -11,14 +11,17 @@ import check_documents
 README = """# Thing
 
 See [the guide](docs/guide.md), [its end](docs/guide.md#the-end),
-[below](#options), [the web](https://example.org/none.md) and `scripts/run`.
+[below](#below), [the web](https://example.org/none.md) and `scripts/run`.
 `[this](is.md)` is code.
 
-## Options
+## Below
+"""
+
+BUILDING = """# Building
 
 | Option | Meaning |
 |---|---|
-| `-Dboard` | the board |
+| `board` | the board |
 """
 
 
@@ -29,6 +32,7 @@ class CheckDocuments(unittest.TestCase):
         self.tree = Path(directory.name)
         self.write("README.md", README)
         self.write("docs/guide.md", "# Guide\n\n## The end\n")
+        self.write("docs/building.md", BUILDING)
         self.write("scripts/run", "")
         self.write("meson_options.txt", "option('board', type: 'feature')\n")
 
@@ -66,13 +70,15 @@ class CheckDocuments(unittest.TestCase):
     def test_option_that_is_not_told(self):
         self.write("meson_options.txt", "option('board')\noption('tests')\n")
         self.finds(
-            "README.md does not tell the option tests of meson_options.txt"
+            "docs/building.md does not tell the option tests of"
+            " meson_options.txt"
         )
 
     def test_option_that_there_is_not(self):
         self.write("meson_options.txt", "")
         self.finds(
-            "README.md tells the option board, which meson_options.txt has not"
+            "docs/building.md tells the option board, which meson_options.txt"
+            " has not"
         )
 
     def test_what_a_build_has_does_not_count(self):
