@@ -54,7 +54,7 @@ DEPENDS += "${@bb.utils.contains('PACKAGECONFIG', 'system-sdbusplus', '', 'pytho
 
 PACKAGECONFIG ??= "system-sdbusplus"
 
-SYSTEMD_SERVICE:${PN} = "morrow.service"
+SYSTEMD_SERVICE:${PN} = "morrow.service morrow-return.service"
 
 PACKAGES =+ "${PN}-platform"
 
@@ -63,6 +63,7 @@ FILES:${PN} += " \
     ${libdir}/morrow/libsdbusplus.so.1 \
     ${datadir}/dbus-1/system.d/xyz.openbmc_project.mctp.conf \
     ${systemd_system_unitdir}/morrow.service \
+    ${systemd_system_unitdir}/morrow-return.service \
 "
 FILES:${PN}-platform = "${libdir}/libplatform-*${SOLIBS}"
 
