@@ -239,7 +239,10 @@ virtual_image() {
             rm -r "${root:?}/$unit"
         }
     done
-    ln -sfn "/lib/systemd/system/$broker.service" "$root/etc/systemd/system/dbus.service"
+    # dbus-daemon's own unit has the name already.
+    [ "$broker" = dbus-daemon ] ||
+        ln -sfn "/lib/systemd/system/$broker.service" \
+            "$root/etc/systemd/system/dbus.service"
     enable_unit "$root" morrow.service
     for unit in "${masked[@]}"; do
         ln -sfn /dev/null "$root/etc/systemd/system/$unit"

@@ -6,7 +6,8 @@ import signal
 import sys
 from pathlib import Path
 
-from .guest import GuestError
+from . import figures
+from .guest import Guest, GuestError
 from .player import Player
 from .words import NotUnderstood, Story
 
@@ -20,7 +21,12 @@ def main():
     try:
         stories = [Story(path) for path in arguments.stories]
         player.prepare()
-        return shell(player) if arguments.shell else tell(player, stories, arguments)
+        if arguments.shell:
+            return shell(player)
+        status = tell(player, stories, arguments)
+        if arguments.figures:
+            show_figures(player)
+        return status
     except (NotUnderstood, GuestError) as error:
         print(f"virtual-bmc: {error}", file=sys.stderr)
         return 1
@@ -35,6 +41,7 @@ def parse():
     parser.add_argument("--cpu", default="max")
     parser.add_argument("--jobs", type=int, default=4)
     parser.add_argument("--shell", action="store_true")
+    parser.add_argument("--figures", action="store_true")
     parser.add_argument("stories", nargs="*")
     return parser.parse_args()
 
@@ -52,17 +59,22 @@ def tell(player, stories, arguments):
     player.play_all(stories, arguments.jobs, show)
     for outcome in failed:
         print(f"\n{outcome.name}: what happened at the end")
-        print("\n".join(outcome.shown))
+        print("\n".join(outcome.shown), flush=True)
     for outcome in failed:
         print(f"Not as told: {outcome.failure}", file=sys.stderr)
+    # After what stands on standard error, also where both go into one file.
+    sys.stderr.flush()
     print(f"virtual-bmc: {len(stories) - len(failed)} passed, {len(failed)} failed")
     return 1 if failed else 0
 
 
+def show_figures(player):
+    for name, value in figures.measure(player):
+        print(f"  {name:<32} {value:>10}")
+
+
 def shell(player):
     """Gives the terminal a shell on a board that has booted."""
-    from .guest import Guest
-
     with Guest(player.files, None, lambda _: None, lambda _: None, player.cpu) as guest:
         guest.resume(player.state)
         guest.run("systemctl start --no-block board-shell")
