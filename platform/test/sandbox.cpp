@@ -37,11 +37,20 @@ void enterSandbox()
 {
     const auto user = ::geteuid();
     const auto group = ::getegid();
-    check(::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC),
-          "cannot make namespaces (does the machine allow user namespaces?)");
-    writeFile("/proc/self/setgroups", "deny");
-    mapToRoot("/proc/self/uid_map", user);
-    mapToRoot("/proc/self/gid_map", group);
+    constexpr int trees = CLONE_NEWNS | CLONE_NEWIPC;
+    if (::unshare(CLONE_NEWUSER | trees) == 0)
+    {
+        writeFile("/proc/self/setgroups", "deny");
+        mapToRoot("/proc/self/uid_map", user);
+        mapToRoot("/proc/self/gid_map", group);
+    }
+    else
+    {
+        // An emulator's thread stands in the way of a user namespace; root
+        // needs none.
+        check(::unshare(trees), "cannot make namespaces (does the machine "
+                                "allow user namespaces?)");
+    }
     check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr),
           "cannot make the mounts private");
     check(::mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, nullptr),

@@ -90,7 +90,8 @@ virtual_build() {
 configure_virtual() {
     local options=(
         --prefix=/usr --libdir=lib -Dboard=disabled -Dtests=disabled
-        -Dvirtual-board=true -Dsystemd_unit_dir=/usr/lib/systemd/system
+        -Dvirtual-board=true -Drelease=true
+        -Dsystemd_unit_dir=/usr/lib/systemd/system
     )
     if [ -e "$1/build.ninja" ]; then
         meson configure "$1" "${options[@]}"

@@ -12,6 +12,9 @@
 
 #include <string>
 
+// The contract is what a library shows, whatever else it hides.
+#pragma GCC visibility push(default)
+
 /** Looks the device's lock up; never creates one.
  *  @return the lock's id, -1 when there is none. */
 int acquireLock(const std::string& device);
@@ -33,3 +36,5 @@ void setLockPermission(const std::string& device);
 /** Creates the device's shared memory when it is missing and gives it the
  *  platform's permissions. */
 void setShmPermission(const std::string& device);
+
+#pragma GCC visibility pop

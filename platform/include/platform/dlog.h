@@ -19,6 +19,9 @@
 #ifndef PLATFORM_DLOG_H
 #define PLATFORM_DLOG_H
 
+/* The contract is what a library shows, whatever else it hides. */
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C"
 {
@@ -49,5 +52,7 @@ extern "C"
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop
 
 #endif

@@ -7,6 +7,9 @@
 
 #include <stdint.h> /* NOLINT(modernize-deprecated-headers): read by C too */
 
+/* The contract is what a library shows, whatever else it hides. */
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C"
 {
@@ -28,5 +31,7 @@ extern "C"
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop
 
 #endif

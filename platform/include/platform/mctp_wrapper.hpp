@@ -16,6 +16,9 @@
 #include <cstdint>
 #include <string>
 
+// The contract is what a library shows, whatever else it hides.
+#pragma GCC visibility push(default)
+
 /** An MCTP network's number; 0 is the only one in use. */
 enum _mctp_wrapper_network_id_ : uint32_t;
 
@@ -94,5 +97,7 @@ class mctp_wrapper_ep
 };
 
 static_assert(sizeof(mctp_wrapper_ep) == 8);
+
+#pragma GCC visibility pop
 
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
