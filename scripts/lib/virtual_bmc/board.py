@@ -1,0 +1,134 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A virtual board as a story sees it: what can be told to it, what can be
+awaited of it and asked of it. Times are in seconds."""
+
+import errno
+import json
+import shlex
+
+from .timeline import UNIT, WaitFailed
+
+SERVICE = "xyz.openbmc_project.mctp"
+OBJECTS = "/xyz/openbmc_project/mctp/"
+CONTROLLERS = ["fff10000.i3c", "fff11000.i3c"]
+
+USUAL_LIMIT = 20
+
+
+class Differs(Exception):
+    """Something is otherwise than the story tells, in one line."""
+
+
+class Board:
+    """For one story, on one thread."""
+
+    def __init__(self, guest, timeline):
+        self.guest = guest
+        self.timeline = timeline
+        self.limit = USUAL_LIMIT
+        # From where the next await looks at what comes from each source.
+        self.first = {}
+        self.since = 0
+
+    # What is told to it.
+
+    def run(self, command, may_fail=False):
+        """Runs a command as root and gives its Answer."""
+        answer = self.guest.run(command)
+        if answer.status != 0 and not may_fail:
+            raise Differs(f"{command}: {answer.output.strip() or answer.status}")
+        return answer
+
+    def tell_host(self, *words):
+        """In the words of the simulated board's host."""
+        self.run("/usr/libexec/board/tell-host " + shlex.join(words))
+
+    def set(self, controller, name, value):
+        """Sets one of the settings of the kernel module."""
+        self.run(f"echo {value} >{_setting(controller, name)}")
+
+    def start(self):
+        """Starts the daemon, and does not wait. What was before is no answer to
+        any later await."""
+        self.since = self.run(f"systemctl start --no-block {UNIT}").began
+
+    def look_from_now(self):
+        """The next await counts only what happens after this."""
+        self.since = self.run("true").ended
+
+    # What is awaited of it.
+
+    def await_event(self, what, source, matches):
+        """Waits for an event from one source, from the end of the last await of
+        that source on; what has happened since counts."""
+        first, event = self.timeline.wait_for(
+            what,
+            lambda event: event.source == source and matches(event),
+            self.first.get(source, 0),
+            self.since,
+            self.limit,
+        )
+        self.first[source] = first + 1
+        return event
+
+    def await_unit(self, name, value):
+        """Waits until a property of the daemon's unit has this value."""
+        command = (
+            f"for i in {{1..{int(self.limit * 10)}}}; do "
+            f'[ "$(systemctl show {UNIT} -P {name})" = {shlex.quote(value)} ] && exit; '
+            "sleep 0.1; done; exit 1"
+        )
+        if self.guest.run(f"({command})", self.limit * 3).status != 0:
+            raise WaitFailed(
+                f"{name} is {self.unit(name)} after {self.limit:g} s, not {value}"
+            )
+
+    # What is asked of it.
+
+    def unit(self, name):
+        """A property of the daemon's unit."""
+        return self.run(f"systemctl show {UNIT} -P {name}").output.strip()
+
+    def counter(self, controller, name):
+        """What the kernel module has counted at a controller."""
+        return int(self.run(f"cat {_setting(controller, name)}").output)
+
+    def endpoints(self):
+        """The ids of the endpoints that a client reads on the bus now."""
+        eids = set()
+        for network in range(3):
+            command = (
+                f"busctl --json=short call {SERVICE} {OBJECTS}{network} "
+                "org.freedesktop.DBus.ObjectManager GetManagedObjects"
+            )
+            objects = json.loads(self.run(command).output)["data"][0]
+            eids |= {int(path.rsplit("/", 1)[1]) for path in objects}
+        return eids
+
+    def events(self, *kinds):
+        """What has happened so far of these kinds."""
+        return [event for event in self.timeline.sorted() if event.kind in kinds]
+
+    def finish(self):
+        """Gives what has happened time to be told."""
+        self.run("journalctl --sync")
+        self.run("sleep 0.3")
+
+
+def controller_of(text):
+    """0 or 1."""
+    if text not in ("0", "1"):
+        raise ValueError(f'"{text}" is no controller: 0 or 1')
+    return int(text)
+
+
+def errno_of(text):
+    """The number of an error's name."""
+    value = getattr(errno, text, None)
+    if value is None:
+        raise ValueError(f'"{text}" is no error, such as EIO')
+    return value
+
+
+def _setting(controller, name):
+    return f"/sys/devices/platform/{CONTROLLERS[controller]}/board/{name}"

@@ -1,0 +1,134 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the daemon did, in an order that two boards have to agree on.
+
+Of a saved timeline two orders are taken. In one is what the main thread did: its
+log, its writes to the driver's files with their results, the nodes that it
+opened and the packets that crossed them. In the other is what the bus saw. They
+are not compared with each other, since a client of the bus sees a thing some
+time after it happened.
+
+How often the daemon goes round while nothing changes is a matter of time, and a
+packet's tag one of chance; so what is repeated at once counts as done once, and
+tags are left out. So is the closing of a node: a file system in user space, which
+the simulated one is, hears of it after it has happened.
+"""
+
+import difflib
+import itertools
+import json
+import os
+import sys
+
+# Up to this level the virtual board's service logs.
+LEVEL = 4
+
+# What other files log on the main thread begins with one of these.
+MAIN_THREAD = (
+    "createEndpointObject",
+    "deleteAllEndpointObject",
+    "GetProperty",
+    "readproperty",
+)
+
+# The longest round of the daemon, in events.
+LONGEST_ROUND = 40
+
+TAG = 0x07
+
+
+def events_of(path):
+    """What happened since the daemon began to speak."""
+    with open(path, encoding="utf-8") as file:
+        events = [json.loads(line) for line in file]
+    return list(itertools.dropwhile(lambda event: event["event"] != "log", events))
+
+
+def main_thread(events):
+    """What the main thread did, as lines."""
+    return squeezed(list(filter(None, map(_done, events))))
+
+
+def bus(events):
+    """What the bus saw, as lines."""
+    return squeezed(list(filter(None, map(_seen, events))))
+
+
+def _error(event):
+    return f": {os.strerror(event['error'])}" if event["error"] else ""
+
+
+def _done(event):
+    match event["event"]:
+        case "log" if event["level"] <= LEVEL:
+            if event["file"] == "morrow" or event["text"].startswith(MAIN_THREAD):
+                return f"log     {event['text']}"
+        case "driver_write":
+            return f"driver  {event['file']} {event['controller']}{_error(event)}"
+        case "node_opened":
+            return f"node    open {event['node']}{_error(event)}"
+        case "packet":
+            way = ">" if event["to_endpoint"] else "<"
+            data = bytearray(event["bytes"])
+            data[3] &= ~TAG
+            return f"mctp    {event['node']} {way} {data.hex(' ')}{_error(event)}"
+    return None
+
+
+def _seen(event):
+    match event["event"]:
+        case "name_owner" if event["name"] == "xyz.openbmc_project.mctp":
+            return f"bus     the name is {'taken' if event['owner'] else 'free'}"
+        case "endpoint_added":
+            return f"bus     + {event['path']}"
+        case "endpoint_removed":
+            return f"bus     - {event['path']}"
+        case "endpoint_changed":
+            return f"bus     {event['path']} changed {event['property']}"
+    return None
+
+
+def squeezed(lines):
+    """The lines without what repeats at once what stands before it."""
+    kept = []
+    for line in lines:
+        kept.append(line)
+        _drop_repeated_end(kept)
+    return kept
+
+
+def _drop_repeated_end(kept):
+    for size in range(1, min(LONGEST_ROUND, len(kept) // 2) + 1):
+        if kept[-size:] == kept[-2 * size : -size]:
+            del kept[-size:]
+            return
+
+
+def differences(simulated, virtual):
+    """How the second timeline differs from the first, as lines of a diff; none
+    when they agree."""
+    found = []
+    for order in (main_thread, bus):
+        found += difflib.unified_diff(
+            order(simulated), order(virtual), "simulated", "virtual", n=5, lineterm=""
+        )
+    return found
+
+
+def main(simulated, virtual, *stories):
+    """Compares two directories of saved timelines; gives the exit status."""
+    differing = 0
+    for story in stories:
+        lines = differences(
+            events_of(f"{simulated}/{story}.jsonl"), events_of(f"{virtual}/{story}.jsonl")
+        )
+        print(f"  {story:<28} {'differs' if lines else 'agrees'}")
+        for line in lines:
+            print(f"    {line}")
+        differing += bool(lines)
+    agreeing = len(stories) - differing
+    print(f"compare-boards: {agreeing} agree, {differing} differ")
+    return 1 if differing else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -1,0 +1,93 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the daemon takes on a virtual board: memory, time and processor.
+
+It runs as it is shipped, with the log level of its unit. Sizes are those of any
+ARM64 system; times are those of an emulator, which is some ten times slower
+than a small board and shares its computer with others.
+"""
+
+import concurrent.futures
+import re
+
+from .board import Board
+from .timeline import UNIT, Timeline
+
+MEASURED_SECONDS = 60
+
+DROP_IN = "/etc/systemd/system/morrow.service.d/board.conf"
+
+
+def measure(player):
+    """Gives rows of a name and a value."""
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        off = pool.submit(_measured, player, "figures-off", _with_host_off)
+        on = pool.submit(_measured, player, "figures-on", _with_host_on)
+        return on.result() + off.result()
+
+
+def _measured(player, name, measure_on):
+    timeline = Timeline()
+    with player.machine(name, timeline) as guest:
+        guest.resume(player.state)
+        board = Board(guest, timeline)
+        board.run(f"rm {DROP_IN} && systemctl daemon-reload")
+        return measure_on(board)
+
+
+def _with_host_off(board):
+    board.run(f"systemctl start {UNIT}")
+    return [("CPU over a minute, host off", _percent(_processor_over_a_minute(board)))]
+
+
+def _with_host_on(board):
+    board.run(f"systemctl start {UNIT}")
+    ready = _microseconds(board, "ActiveEnterTimestampMonotonic") - _microseconds(
+        board, "ExecMainStartTimestampMonotonic"
+    )
+    began = board.run("/usr/libexec/board/tell-host goes-to Running").began
+    published = board.await_event(
+        "announcement of the second endpoint",
+        "bus",
+        lambda event: event.kind == "endpoint_added"
+        and event.facts["path"].endswith("/157"),
+    )
+    rows = [
+        ("start to READY=1", f"{ready / 1e6:.2f} s"),
+        ("Running to the second object", f"{(published.at - began) / 1e6:.2f} s"),
+    ]
+    rows += _memory(board)
+    rows.append(("CPU over a minute, host on", _percent(_processor_over_a_minute(board))))
+    security = board.run(f"systemd-analyze security --no-pager {UNIT}").output
+    exposure = re.search(r"exposure level for .*: ([\d.]+)", security)
+    rows.append(("systemd-analyze security", exposure[1] if exposure else "unknown"))
+    return rows
+
+
+def _memory(board):
+    process = board.unit("MainPID")
+    rollup = board.run(f"cat /proc/{process}/smaps_rollup").output
+    status = board.run(f"cat /proc/{process}/status").output
+    return [
+        ("resident", _kilobytes(rollup, "Rss")),
+        ("of this, private and dirty", _kilobytes(rollup, "Private_Dirty")),
+        ("stack of the main thread", _kilobytes(status, "VmStk")),
+    ]
+
+
+def _kilobytes(text, name):
+    return re.search(name + r":\s+(\d+)", text)[1] + " kB"
+
+
+def _microseconds(board, name):
+    return int(board.unit(name))
+
+
+def _processor_over_a_minute(board):
+    """Nanoseconds."""
+    before = int(board.unit("CPUUsageNSec"))
+    board.guest.run(f"sleep {MEASURED_SECONDS}", MEASURED_SECONDS * 3)
+    return int(board.unit("CPUUsageNSec")) - before
+
+
+def _percent(nanoseconds):
+    return f"{nanoseconds / (MEASURED_SECONDS * 1e9) * 100:.1f} %"

@@ -1,0 +1,222 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A virtual machine with three lines out of it: commands, journal and bus.
+
+A machine begins by booting, or as the copy of one that has booted: `save` keeps
+a machine's whole state in a file, and any number of machines can go on from
+there. What the machine says is handed to whoever made it, line by line, on
+threads of this module. A machine ends with its `with` block, and with the
+process, whatever becomes of that.
+"""
+
+import json
+import os
+import select
+import shlex
+import socket
+import subprocess
+import threading
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+MEMORY_MB = 512
+PROCESSORS = 2
+
+# From power-on to the first answer, on a machine that is busy with others.
+BOOT_SECONDS = 120
+
+# How long a command may take: some wait for the service manager.
+COMMAND_SECONDS = 60
+
+# Authentication of pointers and scalable vectors are slow in emulation.
+SLOW_FEATURES = ",pauth=off,sve=off"
+
+
+class GuestError(Exception):
+    """What went wrong with the machine itself, as one line."""
+
+
+@dataclass
+class Answer:
+    """What became of a command. Times of day in the machine, in microseconds."""
+
+    status: int
+    began: int
+    ended: int
+    output: str
+
+
+class Line:
+    """One of the lines out of the machine: our end and QEMU's."""
+
+    def __init__(self, name, number):
+        self.name = name
+        self.number = number
+        self.ours, self.theirs = socket.socketpair()
+
+    def arguments(self):
+        return [
+            "-chardev",
+            f"socket,id={self.name},fd={self.theirs.fileno()}",
+            "-device",
+            f"virtserialport,chardev={self.name},nr={self.number}",
+        ]
+
+
+class Guest:
+    """Used by one thread, which has to live as long as the machine."""
+
+    def __init__(self, files, console, on_journal, on_bus, cpu="max"):
+        """files: a directory with Image and initrd; console: where to log what
+        the machine prints, or None for the terminal."""
+        self.files = Path(files)
+        self.console = console
+        self.cpu = cpu
+        self.commands = Line("commands", 1)
+        self.listeners = [(Line("journal", 2), on_journal), (Line("bus", 3), on_bus)]
+        self.monitor_line = Line("monitor", 0)
+        self.process = None
+        self.received = b""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+        for line in [self.commands, self.monitor_line] + [l for l, _ in self.listeners]:
+            line.ours.close()
+
+    def boot(self, *parameters):
+        """Switches the machine on, with these parameters for its kernel."""
+        kernel = ["console=ttyAMA0", "panic=-1", "quiet", "loglevel=4", *parameters]
+        self._start(["-append", " ".join(kernel)])
+        if self._read_line(BOOT_SECONDS) != "ready":
+            raise GuestError("the machine does not speak our language")
+
+    def resume(self, state):
+        """Goes on from a state that another machine has saved."""
+        self._start(["-append", "", "-incoming", f"exec:cat {shlex.quote(str(state))}"])
+        while self._monitor("query-status")["status"] == "inmigrate":
+            time.sleep(0.02)
+        self._monitor("cont")
+
+    def save(self, state):
+        """Keeps the machine's state in a file. The machine stands still then."""
+        self._monitor("stop")
+        self._monitor("migrate-set-parameters", {"max-bandwidth": 1 << 40})
+        self._monitor("migrate", {"uri": f"exec:cat >{shlex.quote(str(state))}"})
+        while True:
+            status = self._monitor("query-migrate")["status"]
+            if status == "completed":
+                return
+            if status in ("failed", "cancelled"):
+                raise GuestError(f"the machine's state cannot be saved: {status}")
+            time.sleep(0.05)
+
+    def run(self, command, limit=COMMAND_SECONDS):
+        """Runs a command in the machine, as root, and gives its Answer."""
+        self.commands.ours.sendall(command.encode() + b"\n")
+        fields = self._read_line(limit, command).split()
+        status, began, ended, size = (int(field) for field in fields)
+        output = self._read(size, limit, command)
+        return Answer(status, began, ended, output.decode(errors="replace"))
+
+    def wait(self):
+        """Waits until the machine is switched off."""
+        self.process.wait()
+
+    def resident_kb(self):
+        """What the machine takes of this computer's memory."""
+        status = Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
+        return int(status.split("VmRSS:")[1].split()[0])
+
+    def _start(self, beginning):
+        ends = [self.commands, self.monitor_line] + [line for line, _ in self.listeners]
+        arguments = [
+            # It ends with this process, however that ends.
+            *("setpriv", "--pdeathsig", "KILL"),
+            "qemu-system-aarch64",
+            *("-M", "virt", "-accel", "tcg,thread=multi"),
+            *("-cpu", self.cpu + (SLOW_FEATURES if self.cpu == "max" else "")),
+            *("-smp", str(PROCESSORS), "-m", str(MEMORY_MB)),
+            *("-kernel", str(self.files / "Image")),
+            *("-initrd", str(self.files / "initrd")),
+            *("-display", "none", "-nic", "none", "-no-reboot"),
+            *("-serial", f"file:{self.console}" if self.console else "mon:stdio"),
+            *("-chardev", f"socket,id=qmp,fd={self.monitor_line.theirs.fileno()}"),
+            *("-mon", "chardev=qmp,mode=control"),
+            *("-device", "virtio-serial-device"),
+            *self.commands.arguments(),
+            *(word for line, _ in self.listeners for word in line.arguments()),
+            *beginning,
+        ]
+        self.process = subprocess.Popen(
+            arguments,
+            pass_fds=[line.theirs.fileno() for line in ends],
+            stdin=subprocess.DEVNULL if self.console else None,
+            stderr=subprocess.PIPE if self.console else None,
+        )
+        for line in ends:
+            line.theirs.close()
+        for line, on_line in self.listeners:
+            threading.Thread(target=_listen, args=(line, on_line), daemon=True).start()
+
+    def _monitor(self, command, arguments=None):
+        """Asks QEMU for something; it speaks one JSON object a line."""
+        if not hasattr(self, "monitor"):
+            self.monitor = self.monitor_line.ours.makefile("rw", encoding="utf-8")
+            self._monitor("qmp_capabilities")
+        request = {"execute": command}
+        if arguments:
+            request["arguments"] = arguments
+        self.monitor.write(json.dumps(request) + "\n")
+        self.monitor.flush()
+        for text in self.monitor:
+            answer = json.loads(text)
+            if "error" in answer:
+                raise GuestError(f"QEMU refuses {command}: {answer['error']['desc']}")
+            if "return" in answer:
+                return answer["return"]
+        raise GuestError(f"QEMU ended while asked to {command}")
+
+    def _read_line(self, limit, command=None):
+        while b"\n" not in self.received:
+            self._receive(limit, command)
+        line, self.received = self.received.split(b"\n", 1)
+        return line.decode()
+
+    def _read(self, size, limit, command):
+        while len(self.received) < size:
+            self._receive(limit, command)
+        data, self.received = self.received[:size], self.received[size:]
+        return data
+
+    def _receive(self, limit, command):
+        what = f'the command "{command}"' if command else "the machine's start"
+        if not select.select([self.commands.ours], [], [], limit)[0]:
+            raise GuestError(f"{what} took longer than {limit} s{self._last_words()}")
+        data = self.commands.ours.recv(65536)
+        if not data:
+            raise GuestError(f"the machine ended during {what}{self._last_words()}")
+        self.received += data
+
+    def _last_words(self):
+        """What QEMU and the machine's console said at the end."""
+        words = ""
+        if self.process.poll() is not None and self.process.stderr:
+            words = self.process.stderr.read().decode(errors="replace").strip()
+        if self.console and os.path.exists(self.console):
+            text = Path(self.console).read_text(encoding="utf-8", errors="replace")
+            words += "\n" + "\n".join(text.split("\n")[-20:])
+        return f": {words.strip()}" if words.strip() else ""
+
+
+def _listen(line, on_line):
+    with line.ours.makefile("r", encoding="utf-8", errors="replace") as text:
+        try:
+            for one in text:
+                on_line(one)
+        except OSError:
+            return  # the machine has ended

@@ -1,0 +1,117 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Plays stories, each on a machine of its own.
+
+A story begins on a board that has just booted, with the daemon not yet started:
+one machine boots and keeps its state, and each story goes on from a copy of it.
+A story whose first word is `boot` begins by switching a machine on.
+"""
+
+import concurrent.futures
+import hashlib
+import subprocess
+import time
+from dataclasses import dataclass
+
+from .board import Board, Differs
+from .guest import Guest, GuestError
+from .printer import lines_of
+from .timeline import Timeline
+
+# How much of what happened is shown when a story went otherwise.
+SHOWN = 60
+
+BOOT = "boot"
+
+
+@dataclass
+class Outcome:
+    name: str
+    seconds: float
+    failure: str
+    shown: list
+
+
+class Player:
+    """files: a directory with Image and initrd; place: a directory for what the
+    machines leave behind, and for the state to go on from."""
+
+    def __init__(self, files, place, cpu):
+        self.files = files
+        self.place = place
+        self.cpu = cpu
+        self.state = None
+
+    def machine(self, name, timeline):
+        """A machine that is still to be switched on."""
+        console = self.place / f"{name}.console"
+        console.unlink(missing_ok=True)
+        return Guest(
+            self.files, console, timeline.take_journal, timeline.take_bus, self.cpu
+        )
+
+    def prepare(self):
+        """Makes the state that stories go on from, unless it is there."""
+        self.state = self.place / f"state-{self._key()}"
+        if self.state.exists():
+            return
+        for old in self.place.glob("state-*"):
+            old.unlink()
+        new = self.state.with_suffix(".new")
+        with self.machine("prepare", Timeline()) as guest:
+            guest.boot("systemd.unit=board.target", "board.hold")
+            guest.run("rm /run/board/hold")
+            guest.save(new)
+        new.rename(self.state)
+
+    def play(self, story):
+        """Gives the Outcome."""
+        began = time.monotonic()
+        timeline = Timeline()
+        failure = ""
+        try:
+            with self.machine(story.name, timeline) as guest:
+                self._begin(guest, story)
+                story.play(Board(guest, timeline))
+        except (Differs, GuestError) as error:
+            failure = str(error)
+        self._keep(story.name, timeline)
+        shown = self._lines(timeline)[-SHOWN:] if failure else []
+        return Outcome(story.name, time.monotonic() - began, failure, shown)
+
+    def play_all(self, stories, jobs, on_outcome):
+        """Plays them, so many at the same time."""
+        with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+            played = [pool.submit(self.play, story) for story in stories]
+            for one in concurrent.futures.as_completed(played):
+                on_outcome(one.result())
+
+    def _begin(self, guest, story):
+        first = story.lines[0]
+        if first.text.split()[0] == BOOT:
+            guest.boot(
+                "systemd.unit=multi-user.target",
+                "systemd.wants=board.target",
+                f"systemd.setenv=HOST_STATE={first.values[0]}",
+            )
+        else:
+            guest.resume(self.state)
+
+    def _key(self):
+        qemu = ["qemu-system-aarch64", "--version"]
+        version = subprocess.run(qemu, capture_output=True, check=True).stdout
+        digest = hashlib.sha256(version + self.cpu.encode())
+        digest.update((self.files / "initrd").read_bytes())
+        digest.update(str((self.files / "Image").resolve()).encode())
+        return digest.hexdigest()[:16]
+
+    def _keep(self, name, timeline):
+        events = timeline.sorted()
+        path = self.place / f"{name}.jsonl"
+        with path.open("w", encoding="utf-8") as file:
+            for event in events:
+                file.write(event.as_json(events[0].at) + "\n")
+
+    @staticmethod
+    def _lines(timeline):
+        events = timeline.sorted()
+        return lines_of(events, events[0].at) if events else []
