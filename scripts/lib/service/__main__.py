@@ -214,6 +214,20 @@ class Telling:
         print(text, flush=True)
 
 
+@contextlib.contextmanager
+def in_memory(directory):
+    """What is written below it is gone afterwards."""
+    made = not Path(directory).exists()
+    Path(directory).mkdir(parents=True, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", directory], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "--recursive", "--lazy", directory], check=True)
+        if made:
+            Path(directory).rmdir()
+
+
 def main(lower, upper, log_path, *words):
     chosen = [s for s in STORIES if not words or any(w in s.__name__ for w in words)]
     if not chosen:
@@ -222,12 +236,9 @@ def main(lower, upper, log_path, *words):
     with (
         open(log_path, "w", encoding="utf-8") as log,
         tempfile.TemporaryDirectory(prefix="morrow-service-") as scratch,
+        in_memory(scratch),
+        in_memory("/run/systemd/nspawn"),
     ):
-        # Its mounts go with the namespace, and what the containers' program
-        # leaves in memory too.
-        for place in (scratch, "/run/systemd/nspawn"):
-            Path(place).mkdir(parents=True, exist_ok=True)
-            subprocess.run(["mount", "-t", "tmpfs", "tmpfs", place], check=True)
         tellings = [
             Telling(broker, chosen, (Path(upper), Path(lower)), Path(scratch), log)
             for broker in BROKERS
@@ -237,7 +248,6 @@ def main(lower, upper, log_path, *words):
             thread.start()
         for thread in threads:
             thread.join()
-        subprocess.run(["umount", "--recursive", "--lazy", scratch], check=True)
     passed = sum(telling.passed for telling in tellings)
     failed = sum(telling.failed for telling in tellings)
     print(f"{passed} stories passed, {failed} failed")
