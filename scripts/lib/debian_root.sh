@@ -10,12 +10,12 @@ debian_release=bookworm
 debian_cache=${XDG_CACHE_HOME:-$HOME/.cache}/morrow
 
 # debian_root NAME KEY MMDEBSTRAP_ARGUMENT...: makes the root unless the cache
-# has one that is less than a week old. Sets `root` to its archive. Where the
-# arguments say less than what the root depends on, the key says the rest; the
-# cache keeps one root of each name.
+# has one of this name and key that is less than a week old. Sets `root` to its
+# archive. The key says all that the root depends on; the cache keeps one root
+# of each name.
 debian_root() {
     local name=$1 key
-    key=$(printf '%s\n' "${@:2}" | sha256sum)
+    key=$(sha256sum <<<"$debian_release $2")
     shift 2
     root=$debian_cache/$name-${key:0:12}.tar
     mkdir -p "$debian_cache"
