@@ -77,6 +77,11 @@ class Story:
             if line.strip() and not line.strip().startswith("#"):
                 self.lines.append(self._understand(number, line.strip()))
 
+    @property
+    def boots(self):
+        """Whether it begins by switching a machine on."""
+        return bool(self.lines) and self.lines[0].word.run is boot
+
     def _understand(self, number, line):
         words = line.split()
         for known in WORDS:
@@ -118,7 +123,7 @@ def limit(board, milliseconds):
 @word("from now")
 def from_now(board):
     """The next await counts only what happens after this."""
-    board.look_from_now()
+    board.look_from(board.run("true").ended)
 
 
 @word("host WORD...")
@@ -338,7 +343,7 @@ def expect_no_log(board, text):
     """Fails if it has logged a record with this in its text."""
     board.finish()
     for event in board.events("log"):
-        if event.at >= board.since and text in event.facts["text"]:
+        if event.at >= board.started and text in event.facts["text"]:
             raise Differs(f'the daemon has logged "{event.facts["text"]}"')
 
 
@@ -381,16 +386,15 @@ def allowed(board, *command):
 
 @word("daemon restart")
 def daemon_restart(board):
-    """Restarts the service, and waits until it is ready again."""
-    board.look_from_now()
-    board.run(f"systemctl restart {UNIT}")
+    """Restarts the service and waits until it is ready. What the old daemon did
+    until it was gone is no answer to any later await."""
+    board.look_from(board.run(f"systemctl restart {UNIT}").ended)
 
 
 @word("broker restart")
 def broker_restart(board):
     """Restarts the bus, and waits until it is there again."""
-    board.look_from_now()
-    board.run("systemctl restart dbus.service")
+    board.look_from(board.run("systemctl restart dbus.service").began)
 
 
 @word("await unit NAME VALUE")
