@@ -7,6 +7,7 @@ A pattern's words in capitals stand for values; TEXT is the rest of the line,
 and a last word with dots any number of words.
 """
 
+import os
 import shlex
 from dataclasses import dataclass
 from pathlib import Path
@@ -361,6 +362,16 @@ def boot(_board, _state):
 def run(board, *command):
     """Runs a command of the shell as root; fails with it."""
     board.run(" ".join(command))
+
+
+@word("fails ERRNO COMMAND...")
+def fails(board, error, *command):
+    """Runs a command of the shell as root, which has to fail and say this."""
+    answer = board.run(" ".join(command), may_fail=True)
+    if answer.status == 0:
+        raise Differs("it did not fail")
+    if os.strerror(errno_of(error)) not in answer.output:
+        raise Differs(f"it failed otherwise: {answer.output.strip()}")
 
 
 @word("refused COMMAND...")
