@@ -77,26 +77,14 @@ virtual_build() {
         mv "$virtual/arm64.ini.new" "$virtual/arm64.ini"
     fi
     if ! {
-        configure_virtual "$build" &&
+        { [ -e "$build/build.ninja" ] ||
+            meson setup "$build" "$top" --cross-file "$virtual/arm64.ini"; } &&
             meson compile -C "$build" &&
             rm -rf "$installed" &&
             DESTDIR=$installed meson install -C "$build" --no-rebuild --strip
     } >"$log" 2>&1; then
         tail -n 40 "$log" >&2
         fail "the build failed: the end of ${log#"$top/"} stands above"
-    fi
-}
-
-configure_virtual() {
-    local options=(
-        --prefix=/usr --libdir=lib -Dboard=disabled -Dtests=disabled
-        -Dvirtual-board=true -Drelease=true
-        -Dsystemd_unit_dir=/usr/lib/systemd/system
-    )
-    if [ -e "$1/build.ninja" ]; then
-        meson configure "$1" "${options[@]}"
-    else
-        meson setup "$1" "$top" --cross-file "$virtual/arm64.ini" "${options[@]}"
     fi
 }
 
@@ -117,6 +105,17 @@ pkg_config_libdir = [
     root / 'usr/lib/aarch64-linux-gnu/pkgconfig',
     root / 'usr/share/pkgconfig',
     ]
+
+[built-in options]
+prefix = '/usr'
+libdir = 'lib'
+
+[project options]
+board = 'disabled'
+release = true
+systemd_unit_dir = '/usr/lib/systemd/system'
+tests = 'disabled'
+virtual-board = true
 
 [host_machine]
 system = 'linux'

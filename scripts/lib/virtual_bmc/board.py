@@ -9,10 +9,15 @@ import shlex
 from .timeline import UNIT, WaitFailed
 
 SERVICE = "xyz.openbmc_project.mctp"
-OBJECTS = "/xyz/openbmc_project/mctp/"
+# All endpoints are in the first network.
+OBJECTS = "/xyz/openbmc_project/mctp/0"
 CONTROLLERS = ["fff10000.i3c", "fff11000.i3c"]
 
 USUAL_LIMIT = 20
+
+# How long before it is seen on the bus a thing may have happened, in
+# microseconds; the machine may be busy.
+BUS_DELAY = 100_000
 
 
 class Differs(Exception):
@@ -26,9 +31,12 @@ class Board:
         self.guest = guest
         self.timeline = timeline
         self.limit = USUAL_LIMIT
-        # From where the next await looks at what comes from each source.
-        self.first = {}
+        # From where the next await looks: a time, whose source, and for each
+        # source the number of an event.
         self.since = 0
+        self.since_source = None
+        self.first = {}
+        self.started = 0
 
     # What is told to it.
 
@@ -50,25 +58,30 @@ class Board:
     def start(self):
         """Starts the daemon, and does not wait. What was before is no answer to
         any later await."""
-        self.since = self.run(f"systemctl start --no-block {UNIT}").began
+        self.started = self.run(f"systemctl start --no-block {UNIT}").began
+        self.look_from(self.started)
 
-    def look_from_now(self):
-        """The next await counts only what happens after this."""
-        self.since = self.run("true").ended
+    def look_from(self, time):
+        """The next await counts only what happens at or after this time."""
+        self.since = time
+        self.since_source = None
 
     # What is awaited of it.
 
     def await_event(self, what, source, matches):
-        """Waits for an event from one source, from the end of the last await of
-        that source on; what has happened since counts."""
-        first, event = self.timeline.wait_for(
+        """Waits for an event from one source, from the end of the last await on;
+        what has happened since counts."""
+        after_bus = self.since_source == "bus" and source != "bus"
+        number, event = self.timeline.wait_for(
             what,
             lambda event: event.source == source and matches(event),
             self.first.get(source, 0),
-            self.since,
+            self.since - (BUS_DELAY if after_bus else 0),
             self.limit,
         )
-        self.first[source] = first + 1
+        self.first[source] = number + 1
+        self.since = max(self.since, event.at)
+        self.since_source = source
         return event
 
     def await_unit(self, name, value):
@@ -95,15 +108,12 @@ class Board:
 
     def endpoints(self):
         """The ids of the endpoints that a client reads on the bus now."""
-        eids = set()
-        for network in range(3):
-            command = (
-                f"busctl --json=short call {SERVICE} {OBJECTS}{network} "
-                "org.freedesktop.DBus.ObjectManager GetManagedObjects"
-            )
-            objects = json.loads(self.run(command).output)["data"][0]
-            eids |= {int(path.rsplit("/", 1)[1]) for path in objects}
-        return eids
+        answer = self.run(
+            f"busctl --json=short call {SERVICE} {OBJECTS} "
+            "org.freedesktop.DBus.ObjectManager GetManagedObjects"
+        )
+        objects = json.loads(answer.output)["data"][0]
+        return {int(path.rsplit("/", 1)[1]) for path in objects}
 
     def events(self, *kinds):
         """What has happened so far of these kinds."""

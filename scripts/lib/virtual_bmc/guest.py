@@ -20,7 +20,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 MEMORY_MB = 512
-PROCESSORS = 2
+PROCESSORS = 1
 
 # From power-on to the first answer, on a machine that is busy with others.
 BOOT_SECONDS = 120

@@ -7,6 +7,7 @@ A pattern's words in capitals stand for values; TEXT is the rest of the line,
 and a last word with dots any number of words.
 """
 
+import os
 import shlex
 from dataclasses import dataclass
 from pathlib import Path
@@ -77,6 +78,11 @@ class Story:
             if line.strip() and not line.strip().startswith("#"):
                 self.lines.append(self._understand(number, line.strip()))
 
+    @property
+    def boots(self):
+        """Whether it begins by switching a machine on."""
+        return bool(self.lines) and self.lines[0].word.run is boot
+
     def _understand(self, number, line):
         words = line.split()
         for known in WORDS:
@@ -118,7 +124,7 @@ def limit(board, milliseconds):
 @word("from now")
 def from_now(board):
     """The next await counts only what happens after this."""
-    board.look_from_now()
+    board.look_from(board.run("true").ended)
 
 
 @word("host WORD...")
@@ -338,7 +344,7 @@ def expect_no_log(board, text):
     """Fails if it has logged a record with this in its text."""
     board.finish()
     for event in board.events("log"):
-        if event.at >= board.since and text in event.facts["text"]:
+        if event.at >= board.started and text in event.facts["text"]:
             raise Differs(f'the daemon has logged "{event.facts["text"]}"')
 
 
@@ -356,6 +362,16 @@ def boot(_board, _state):
 def run(board, *command):
     """Runs a command of the shell as root; fails with it."""
     board.run(" ".join(command))
+
+
+@word("fails ERRNO COMMAND...")
+def fails(board, error, *command):
+    """Runs a command of the shell as root, which has to fail and say this."""
+    answer = board.run(" ".join(command), may_fail=True)
+    if answer.status == 0:
+        raise Differs("it did not fail")
+    if os.strerror(errno_of(error)) not in answer.output:
+        raise Differs(f"it failed otherwise: {answer.output.strip()}")
 
 
 @word("refused COMMAND...")
@@ -381,16 +397,15 @@ def allowed(board, *command):
 
 @word("daemon restart")
 def daemon_restart(board):
-    """Restarts the service, and waits until it is ready again."""
-    board.look_from_now()
-    board.run(f"systemctl restart {UNIT}")
+    """Restarts the service and waits until it is ready. What the old daemon did
+    until it was gone is no answer to any later await."""
+    board.look_from(board.run(f"systemctl restart {UNIT}").ended)
 
 
 @word("broker restart")
 def broker_restart(board):
     """Restarts the bus, and waits until it is there again."""
-    board.look_from_now()
-    board.run("systemctl restart dbus.service")
+    board.look_from(board.run("systemctl restart dbus.service").began)
 
 
 @word("await unit NAME VALUE")
