@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # what common.sh, stages.sh and arm64.sh set
 #
 # What a virtual board boots: Debian's kernel for virtual machines, our module
 # for it, and an initial RAM disk that is the whole system. To be sourced after
