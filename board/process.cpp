@@ -113,7 +113,7 @@ void becomeChild(const Prepared& prepared)
     becomeChild(prepared);
     const auto error = errno;
     // If nobody reads it, nobody is left to be told.
-    static_cast<void>(write(failure.get(), &error, sizeof(error)));
+    static_cast<void>(write(failure.get(), &error, sizeof(error)) > 0);
     _exit(cannotRun);
 }
 

@@ -153,7 +153,7 @@ int enterUserNamespace()
     if (refused == 0)
     {
         // A helper that is gone shows in its status below.
-        static_cast<void>(write(left.get(), "", 1));
+        static_cast<void>(write(left.get(), "", 1) == 1);
     }
     left.reset();
     if (!succeeded(helper) && refused == 0)

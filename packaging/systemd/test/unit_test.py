@@ -14,6 +14,7 @@ import unittest
 from pathlib import Path
 
 UNIT = Path(os.environ["UNIT"])
+RETURN_UNIT = Path(os.environ["RETURN_UNIT"])
 DAEMON = Path(os.environ["DAEMON"])
 INSTALLED_DAEMON = os.environ["INSTALLED_DAEMON"]
 
@@ -63,6 +64,12 @@ class Unit(unittest.TestCase):
 
     def test_is_understood_by_systemd_without_a_complaint(self):
         done = self.verify(UNIT.read_text())
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+    def test_of_its_return_is_understood_too(self):
+        shutil.copy(RETURN_UNIT, self.root)
+        self.verify(UNIT.read_text())
+        done = analyze("verify", "--man=no", self.root / RETURN_UNIT.name)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_would_be_complained_about_with_a_misspelt_setting(self):

@@ -177,17 +177,27 @@ class Selection(unittest.TestCase):
             done.stdout,
         )
 
+    def installed(self, *options):
+        """What the project installs, with these options set anew."""
+        target = self.root / "target"
+        for command in (
+            ["configure", self.root / "out", *options],
+            ["install", "-C", self.root / "out", "--destdir", target],
+        ):
+            done = run("meson", *map(str, command))
+            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        files = [str(p.relative_to(target)) for p in target.rglob("*") if p.is_file()]
+        shutil.rmtree(target)
+        return files
+
     def test_installs_beside_a_project_only_what_it_needs_to_run(self):
         self.assert_bundled("pkg-config finds no sdbusplus", "--prefix=/usr",
                             "--libdir=lib")  # fmt: skip
         self.build_and_start()
-        target = self.root / "target"
-        done = run("meson", "install", "-C", str(self.root / "out"),
-                   "--destdir", str(target))  # fmt: skip
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertEqual(self.installed(), ["usr/lib/libsdbusplus.so.1"])
         self.assertEqual(
-            [str(p.relative_to(target)) for p in target.rglob("*") if p.is_file()],
-            ["usr/lib/libsdbusplus.so.1"],
+            self.installed("-Dsdbusplus:private_libdir=own"),
+            ["usr/lib/own/libsdbusplus.so.1"],
         )
 
 
