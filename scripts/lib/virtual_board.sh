@@ -16,7 +16,7 @@ virtual_kernel() {
     arm64_base
     key=$({
         echo "$arm64"
-        cat "$top/scripts/lib/virtual_board.sh"
+        declare -f unpack_kernel
     } | key_of)
     stage kernel "$key" unpack_kernel
     kernel=$staged
@@ -44,6 +44,7 @@ virtual_module() {
     key=$({
         echo "$kernel"
         cat "$top"/board/kernel-module/*
+        declare -f build_module
     } | key_of)
     stage module "$key" build_module
     module=$staged
@@ -160,8 +161,8 @@ left_out=(
 virtual_base() {
     local key
     key=$({
-        echo "$arm64"
-        cat "$top/scripts/lib/virtual_board.sh"
+        echo "$arm64" "${left_out[@]}"
+        declare -f pack_base archive
     } | key_of)
     stage base "$key" pack_base
     base=$staged
