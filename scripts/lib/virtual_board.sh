@@ -116,7 +116,7 @@ board = 'disabled'
 release = true
 systemd_unit_dir = '/usr/lib/systemd/system'
 tests = 'disabled'
-virtual-board = true
+virtual_board = true
 
 [host_machine]
 system = 'linux'
