@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # what common.sh, stages.sh and arm64.sh set
 #
 # What a virtual board boots: Debian's kernel for virtual machines, our module
 # for it, and an initial RAM disk that is the whole system. To be sourced after
@@ -16,7 +16,7 @@ virtual_kernel() {
     arm64_base
     key=$({
         echo "$arm64"
-        cat "$top/scripts/lib/virtual_board.sh"
+        declare -f unpack_kernel
     } | key_of)
     stage kernel "$key" unpack_kernel
     kernel=$staged
@@ -44,6 +44,7 @@ virtual_module() {
     key=$({
         echo "$kernel"
         cat "$top"/board/kernel-module/*
+        declare -f build_module
     } | key_of)
     stage module "$key" build_module
     module=$staged
@@ -115,7 +116,7 @@ board = 'disabled'
 release = true
 systemd_unit_dir = '/usr/lib/systemd/system'
 tests = 'disabled'
-virtual-board = true
+virtual_board = true
 
 [host_machine]
 system = 'linux'
@@ -160,8 +161,8 @@ left_out=(
 virtual_base() {
     local key
     key=$({
-        echo "$arm64"
-        cat "$top/scripts/lib/virtual_board.sh"
+        echo "$arm64" "${left_out[@]}"
+        declare -f pack_base archive
     } | key_of)
     stage base "$key" pack_base
     base=$staged

@@ -271,11 +271,11 @@ def await_withdrawn(board, eid):
     _await_object(board, "endpoint_removed", "withdrawal", eid)
 
 
-def _await_write(board, file, controller):
+def _await_write(board, file, controller, error=0):
     name = CONTROLLERS[controller_of(controller)]
-    wanted = {"file": file, "controller": name, "error": 0}
+    wanted = {"file": file, "controller": name, "error": error}
     board.await_event(
-        f"{file} of {name}",
+        f"{file} of {name}" + (f": {os.strerror(error)}" if error else ""),
         "kernel",
         lambda event: event.kind == "driver_write" and event.facts == wanted,
     )
@@ -393,6 +393,12 @@ def allowed(board, *command):
     """Fails unless an ordinary user may run this command."""
     command = shlex.quote(" ".join(command))
     board.run(f"setpriv --reuid=1000 --regid=1000 --clear-groups bash -c {command}")
+
+
+@word("await failed-bind CONTROLLER ERRNO")
+def await_failed_bind(board, controller, error):
+    """Waits until a bind of this controller has failed with this error."""
+    _await_write(board, "bind", controller, errno_of(error))
 
 
 @word("daemon restart")
