@@ -222,6 +222,7 @@ def start_dbus_broker(test, file):
              "dbus-broker-launch", "--scope=system", f"--config-file={file}"],
             env={**os.environ, "LISTEN_FDS": "1"},
             pass_fds=[listening.fileno()],
+            stderr=subprocess.DEVNULL,  # it misses the journal at its end
         )  # fmt: skip
     test.addCleanup(broker.wait)
     test.addCleanup(broker.terminate)

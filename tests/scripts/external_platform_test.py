@@ -130,7 +130,10 @@ class ExternalPlatform(unittest.TestCase):
         )
         self.assertFalse((self.build / "board/morrow-board").exists())
 
-    def test_the_summary_says_so(self):
+    def test_the_summary_says_what_was_chosen(self):
+        self.assertRegex(
+            self.configured.stdout, r"sdbusplus +: bundled \(asked for\)"
+        )
         self.assertIn(
             "external (platform-log, platform-hal, platform-lock, platform-mctp)",
             self.configured.stdout,

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What can be said of the unit without a running systemd.
+"""What can be said of the units without a running systemd.
 
-Run by meson test, which says in the environment what it has built and where
-that is installed.
+Run by meson test, which says in the environment what it has built.
 """
 
+import json
 import os
 import shutil
 import subprocess
@@ -16,7 +16,8 @@ from pathlib import Path
 UNIT = Path(os.environ["UNIT"])
 RETURN_UNIT = Path(os.environ["RETURN_UNIT"])
 DAEMON = Path(os.environ["DAEMON"])
-INSTALLED_DAEMON = os.environ["INSTALLED_DAEMON"]
+INSTALLED = json.loads(Path(os.environ["INSTALLED"]).read_text())
+INSTALLED_DAEMON = INSTALLED[str(DAEMON)]
 
 # So that nothing depends on which broker this machine has, or whether it has
 # one that systemd starts.
@@ -51,30 +52,32 @@ class Unit(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.root = Path(directory.name)
 
-    def verify(self, text):
-        """Has systemd read it, with the daemon that is built in place of the
-        installed one."""
+    def complaints(self, text):
+        """What systemd says of our units when it reads them, with the daemon
+        that is built in place of the installed one."""
         (self.root / "dbus.service").write_text(BROKER)
-        unit = self.root / "morrow.service"
-        unit.write_text(text.replace(INSTALLED_DAEMON, str(DAEMON)))
-        return analyze("verify", "--man=no", unit)
+        shutil.copy(RETURN_UNIT, self.root)
+        (self.root / UNIT.name).write_text(text.replace(INSTALLED_DAEMON, str(DAEMON)))
+        done = analyze(
+            "verify", "--man=no", "--recursive-errors=no",
+            self.root / UNIT.name, self.root / RETURN_UNIT.name,
+        )  # fmt: skip
+        # It says more, of other units of this machine.
+        return [line for line in done.stderr.splitlines() if "morrow" in line]
 
     def test_starts_the_daemon_where_it_is_installed(self):
         self.assertIn(["ExecStart", INSTALLED_DAEMON], settings())
 
     def test_is_understood_by_systemd_without_a_complaint(self):
-        done = self.verify(UNIT.read_text())
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
-
-    def test_of_its_return_is_understood_too(self):
-        shutil.copy(RETURN_UNIT, self.root)
-        self.verify(UNIT.read_text())
-        done = analyze("verify", "--man=no", self.root / RETURN_UNIT.name)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertEqual(self.complaints(UNIT.read_text()), [])
 
     def test_would_be_complained_about_with_a_misspelt_setting(self):
-        done = self.verify(UNIT.read_text() + "\n[Service]\nProtectSytem=yes\n")
-        self.assertIn("Unknown key 'ProtectSytem'", done.stderr)
+        said = self.complaints(UNIT.read_text() + "\n[Service]\nProtectSytem=yes\n")
+        self.assertIn("Unknown key 'ProtectSytem'", " ".join(said))
+
+    def test_would_be_complained_about_without_its_daemon(self):
+        said = self.complaints(UNIT.read_text().replace(INSTALLED_DAEMON, "/no/such"))
+        self.assertIn("/no/such is not executable", " ".join(said))
 
     def test_leaves_an_exposure_of_at_most_1_1(self):
         done = analyze("security", "--offline=true", "--threshold=11", UNIT)

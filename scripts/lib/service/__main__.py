@@ -23,7 +23,7 @@ from pathlib import Path
 
 from service.board import Board
 from service.machine import ENVIRONMENT, Failed, Machine, wait_for
-from service.service import Service
+from service.service import UNIT, Service
 from service.stories import STORIES
 
 # The unit that each broker comes with.
@@ -73,7 +73,7 @@ class World:
         self.service = Service(machine)
 
     def make_well(self):
-        self.service.systemctl("stop", "morrow.service")
+        self.service.systemctl("stop", UNIT)
         self.service.systemctl("reset-failed")
         self.board.reconnect()
         self.board.tell(*WELL)
@@ -95,7 +95,7 @@ class World:
     @contextlib.contextmanager
     def drop_in(self, *lines):
         """Settings for the service, as by systemctl edit."""
-        directory = "/run/systemd/system/morrow.service.d"
+        directory = f"/run/systemd/system/{UNIT}.d"
         text = "\n".join(("[Service]", *lines, ""))
         self.machine.write(f"{directory}/story.conf", text)
         self.service.systemctl("daemon-reload")
@@ -142,11 +142,6 @@ def write_settings(root, broker):
     alias.symlink_to(BROKERS[broker])
 
 
-def set_up(machine):
-    machine.write("/run/platform/io/CPU_VENDOR", "0\n")
-    machine.run("systemctl", "enable", "--quiet", "morrow.service")
-
-
 def tell(story, world):
     """Tells one story.
     @return why it did not go as told, or None"""
@@ -184,10 +179,10 @@ class Telling:
         layers = (settings, *self.layers)
         try:
             with (
-                Machine(scratch.name, layers, scratch, self.log) as machine,
+                Machine(scratch.name, layers, [UNIT], scratch, self.log) as machine,
                 Board(machine, self.log) as board,
             ):
-                set_up(machine)
+                machine.write("/run/platform/io/CPU_VENDOR", "0\n")
                 world = World(machine, board)
                 while not self.waiting.empty():
                     with contextlib.suppress(queue.Empty):
@@ -219,6 +214,20 @@ class Telling:
         print(text, flush=True)
 
 
+@contextlib.contextmanager
+def in_memory(directory):
+    """What is written below it is gone afterwards."""
+    made = not Path(directory).exists()
+    Path(directory).mkdir(parents=True, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", directory], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "--recursive", "--lazy", directory], check=True)
+        if made:
+            Path(directory).rmdir()
+
+
 def main(lower, upper, log_path, *words):
     chosen = [s for s in STORIES if not words or any(w in s.__name__ for w in words)]
     if not chosen:
@@ -227,12 +236,9 @@ def main(lower, upper, log_path, *words):
     with (
         open(log_path, "w", encoding="utf-8") as log,
         tempfile.TemporaryDirectory(prefix="morrow-service-") as scratch,
+        in_memory(scratch),
+        in_memory("/run/systemd/nspawn"),
     ):
-        # Its mounts go with the namespace, and what the containers' program
-        # leaves in memory too.
-        for place in (scratch, "/run/systemd/nspawn"):
-            Path(place).mkdir(parents=True, exist_ok=True)
-            subprocess.run(["mount", "-t", "tmpfs", "tmpfs", place], check=True)
         tellings = [
             Telling(broker, chosen, (Path(upper), Path(lower)), Path(scratch), log)
             for broker in BROKERS
@@ -242,7 +248,6 @@ def main(lower, upper, log_path, *words):
             thread.start()
         for thread in threads:
             thread.join()
-        subprocess.run(["umount", "--recursive", "--lazy", scratch], check=True)
     passed = sum(telling.passed for telling in tellings)
     failed = sum(telling.failed for telling in tellings)
     print(f"{passed} stories passed, {failed} failed")

@@ -69,12 +69,14 @@ class Machine:
 
     To be made in a mount namespace that is thrown away."""
 
-    def __init__(self, name, layers, scratch, log):
+    def __init__(self, name, layers, units, scratch, log):
         """@param layers the directories that make its root, the upper first
+        @param units what is enabled before it boots
         @param scratch a directory for it alone
         @param log a file for what it prints"""
         self.name = name
         self.layers = layers
+        self.units = units
         self.root = scratch / "root"
         self.log = log
         self.cgroups = []
@@ -82,12 +84,7 @@ class Machine:
         self.leader = None
 
     def __enter__(self):
-        self.root.mkdir()
-        layers = ":".join(map(str, self.layers))
-        subprocess.run(
-            ["mount", "-t", "overlay", "-o", f"lowerdir={layers}", "overlay", self.root],
-            check=True,
-        )
+        self._mount()
         command = [
             "systemd-nspawn", "--quiet", "--boot", "--console=pipe",
             f"--directory={self.root}", "--volatile=overlay",
@@ -114,6 +111,20 @@ class Machine:
             self.__exit__()
             raise
         return self
+
+    def _mount(self):
+        upper, work = self.root.with_name("upper"), self.root.with_name("work")
+        for directory in (self.root, upper, work):
+            directory.mkdir()
+        layers = ":".join(map(str, self.layers))
+        options = f"lowerdir={layers},upperdir={upper},workdir={work}"
+        subprocess.run(
+            ["mount", "-t", "overlay", "-o", options, "overlay", self.root], check=True
+        )
+        subprocess.run(
+            ["systemctl", "--quiet", f"--root={self.root}", "enable", *self.units],
+            check=True,
+        )
 
     def __exit__(self, *_):
         # The second one does not wait for the services in it: there is nothing

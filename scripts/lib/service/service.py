@@ -47,13 +47,6 @@ class Service:
     def await_active(self, limit=30):
         wait_for("active service", lambda: self.state() == "active", limit)
 
-    def await_inactive(self, limit=70):
-        wait_for(
-            "end of the service",
-            lambda: self.state() in ("inactive", "failed"),
-            limit,
-        )
-
     def stop_cleanly(self, status=(CLD_EXITED, "0")):
         """Stops it, and looks at how it went."""
         cursor = self.machine.now()

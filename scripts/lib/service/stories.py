@@ -14,6 +14,14 @@ INTERFACE = "xyz.openbmc_project.mctp.Endpoint"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 
 
+def starts_at_boot(world):
+    """It is started at boot, in an order that systemd can keep"""
+    texts = [str(r.get("MESSAGE")) for r in world.machine.journal("--boot")]
+    expect(any(f"Started {UNIT}" in text for text in texts), "it was not started")
+    cycles = [text for text in texts if "ordering cycle" in text]
+    expect(not cycles, f"systemd had to break a cycle: {cycles}")
+
+
 def gets_ready(world):
     """It starts, and is ready when it says so"""
     cursor = world.machine.now()
@@ -190,6 +198,25 @@ def stops_while_start_hangs(world):
         world.board.tell("bus name-given-up")
 
 
+def starts_when_the_name_is_free(world):
+    """A start that does not get the bus name fails and is tried again"""
+    world.board.tell("bus name-taken")
+    try:
+        world.service.systemctl("start", "--no-block", UNIT)
+        wait_for(
+            "failure of the start",
+            lambda: world.service.properties()["Result"] == "timeout",
+            60,
+        )
+        shown = world.service.properties()
+        ended = (shown["ExecMainCode"], shown["ExecMainStatus"])
+        expect(ended == INTERRUPTED, f"it ended with {ended}")
+    finally:
+        world.board.tell("bus name-given-up")
+    world.service.await_active(60)
+    world.service.stop_cleanly()
+
+
 def stops_in_discovery(world):
     """A stop is clean in the middle of a discovery"""
     world.service.start()
@@ -286,6 +313,14 @@ def _expect_new_life(world, before, cursor):
     world.service.stop_cleanly()
 
 
+def leaves_before_the_broker(world):
+    """Where both are stopped, as at a shutdown, it can still say goodbye"""
+    world.service.start()
+    cursor = world.machine.now()
+    world.service.systemctl("stop", "dbus.service")
+    world.service.expect_clean_end(cursor)
+
+
 def comes_back_when_killed(world):
     """It is started again when it was killed, whatever was started before"""
     world.service.start()
@@ -345,7 +380,9 @@ def can_be_turned_up(world):
 STORIES = (
     is_quiet,
     comes_back_when_killed,
+    starts_when_the_name_is_free,
     stops_with_hung_host_state,
+    starts_at_boot,
     gets_ready,
     does_its_job,
     is_restricted,
@@ -357,6 +394,7 @@ STORIES = (
     stops_in_discovery,
     restarts,
     waits_for_no_host_state,
+    leaves_before_the_broker,
     follows_restarted_broker,
     follows_killed_broker,
     follows_broker_that_is_wanted_at_once,
