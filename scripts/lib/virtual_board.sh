@@ -212,13 +212,16 @@ masked=(
     dpkg-db-backup.timer
 )
 
-# enable_unit ROOT UNIT: what `systemctl enable` does in a running system.
-enable_unit() {
-    local root=$1 unit=$2 by wanted_by
-    read -ra wanted_by < <(sed -n 's/^WantedBy=//p' "$root/usr/lib/systemd/system/$unit")
-    for by in "${wanted_by[@]}"; do
-        mkdir -p "$root/etc/systemd/system/$by.wants"
-        ln -sfn "/lib/systemd/system/$unit" "$root/etc/systemd/system/$by.wants/$unit"
+# enable_units ROOT: what `systemctl enable` does in a running system, for the
+# units that were installed.
+enable_units() {
+    local root=$1 unit by wanted_by
+    for unit in "$root"/usr/lib/systemd/system/morrow*.service; do
+        read -ra wanted_by < <(sed -n 's/^WantedBy=//p' "$unit")
+        for by in "${wanted_by[@]}"; do
+            mkdir -p "$root/etc/systemd/system/$by.wants"
+            ln -sfn "${unit#"$root/usr"}" "$root/etc/systemd/system/$by.wants"
+        done
     done
 }
 
@@ -244,7 +247,7 @@ virtual_image() {
     [ "$broker" = dbus-daemon ] ||
         ln -sfn "/lib/systemd/system/$broker.service" \
             "$root/etc/systemd/system/dbus.service"
-    enable_unit "$root" morrow.service
+    enable_units "$root"
     for unit in "${masked[@]}"; do
         ln -sfn /dev/null "$root/etc/systemd/system/$unit"
     done

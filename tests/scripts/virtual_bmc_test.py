@@ -77,6 +77,14 @@ class Journal(unittest.TestCase):
         )
         self.assertEqual(event.facts, {"text": "READY=1"})
 
+    def test_takes_no_skipped_start_for_one(self):
+        event = journal(
+            MESSAGE="morrow.service was skipped because of an unmet condition check.",
+            UNIT="morrow.service",
+            MESSAGE_ID="39f53479d3a045ac8e11786248231fbf",
+        )
+        self.assertEqual(event.kind, "unit")
+
     def test_says_nothing_of_others_and_of_what_is_cut_off(self):
         self.assertIsNone(journal(MESSAGE="x", _SYSTEMD_UNIT="other.service"))
         self.assertIsNone(journal(_TRANSPORT="kernel", MESSAGE="usb 1-1: new"))

@@ -98,7 +98,8 @@ def event_of_journal(line):
     if "DLOG_LEVEL" in record:
         return _of_daemon(at, record, text)
     if record.get("UNIT") == UNIT:
-        if record.get("MESSAGE_ID") == UNIT_STARTED:
+        # It says so, too, of a start that a condition has skipped.
+        if record.get("MESSAGE_ID") == UNIT_STARTED and text.startswith("Started"):
             return Event(at, "journal", "notified", {"text": "READY=1"})
         return Event(at, "journal", "unit", {"text": text})
     if record.get("_SYSTEMD_UNIT") == UNIT:

@@ -414,6 +414,13 @@ def broker_restart(board):
     board.look_from(board.run("systemctl restart dbus.service").began)
 
 
+@word("broker kill")
+def broker_kill(board):
+    """Kills the broker; who wants the bus next gets another one."""
+    command = "systemctl kill --kill-whom=main --signal=KILL dbus.service"
+    board.look_from(board.run(command).began)
+
+
 @word("await unit NAME VALUE")
 def await_unit(board, name, value):
     """Waits until a property of the daemon's unit has this value."""
