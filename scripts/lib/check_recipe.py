@@ -32,7 +32,7 @@ OPTION = re.compile(r"-D([\w-]+)=([\w${}-]+)")
 
 # What BitBake and the classes define.
 GIVEN = {"BP", "PN", "SOLIBS", "datadir", "libdir", "libexecdir",
-         "systemd_system_unitdir"}  # fmt: skip
+         "nonarch_libdir", "systemd_system_unitdir"}  # fmt: skip
 
 
 def statements(text):
@@ -138,6 +138,7 @@ def file_faults(recipe, tree):
     places = {
         "${libexecdir}": tree.directory("libexecdir"),
         "${libdir}": tree.directory("libdir"),
+        "${nonarch_libdir}": tree.directory("prefix") / "lib",
         "${datadir}": tree.directory("datadir"),
     }
     for name, values in recipe.values.items():

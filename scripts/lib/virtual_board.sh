@@ -148,12 +148,14 @@ virtual_packages() {
 # What a board does without: what programs are built with, what installs
 # packages, and other languages and character sets.
 left_out=(
-    boot/* kernel usr/include usr/share/doc usr/share/man usr/share/locale
-    usr/share/perl* usr/lib/*/perl* usr/bin/perl* usr/lib/*/gconv usr/lib/gcc
-    usr/share/i18n usr/share/zoneinfo usr/share/bash-completion var/lib/dpkg
-    usr/bin/dpkg* usr/bin/apt* usr/lib/apt usr/share/pkgconfig
-    usr/lib/*/pkgconfig usr/lib/*/cmake usr/lib/udev/hwdb.d usr/share/dpkg
-    usr/lib/*/lib{asan,tsan,lsan,ubsan,hwasan,gomp,itm,gtest,gmock}*
+    'boot/*' kernel usr/include usr/share/doc usr/share/man usr/share/locale
+    'usr/share/perl*' 'usr/lib/*/perl*' 'usr/bin/perl*' 'usr/lib/*/gconv'
+    usr/lib/gcc usr/share/i18n usr/share/zoneinfo usr/share/bash-completion
+    var/lib/dpkg 'usr/bin/dpkg*' 'usr/bin/apt*' usr/lib/apt usr/share/pkgconfig
+    'usr/lib/*/pkgconfig' 'usr/lib/*/cmake' usr/lib/udev/hwdb.d usr/share/dpkg
+    'usr/lib/*/libasan*' 'usr/lib/*/libtsan*' 'usr/lib/*/liblsan*'
+    'usr/lib/*/libubsan*' 'usr/lib/*/libhwasan*' 'usr/lib/*/libgomp*'
+    'usr/lib/*/libitm*' 'usr/lib/*/libgtest*' 'usr/lib/*/libgmock*'
 )
 
 # virtual_base: sets `base` to a directory with base.cpio.zst, the board's

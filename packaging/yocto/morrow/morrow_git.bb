@@ -65,7 +65,10 @@ FILES:${PN} += " \
     ${systemd_system_unitdir}/morrow.service \
     ${systemd_system_unitdir}/morrow-return.service \
 "
-FILES:${PN}-platform = "${libdir}/libplatform-*${SOLIBS}"
+FILES:${PN}-platform = " \
+    ${libdir}/libplatform-*${SOLIBS} \
+    ${nonarch_libdir}/tmpfiles.d/morrow-platform.conf \
+"
 
 # The bundled wrapper's library is the daemon's own, found by no one else.
 PRIVATE_LIBS:${PN} = "${@bb.utils.contains('PACKAGECONFIG', 'system-sdbusplus', '', 'libsdbusplus.so.1', d)}"
