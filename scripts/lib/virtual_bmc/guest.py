@@ -84,9 +84,7 @@ class Guest:
         return self
 
     def __exit__(self, *_):
-        if self.process:
-            self.process.kill()
-            self.process.wait()
+        self.end()
         for line in [self.commands, self.monitor_line] + [l for l, _ in self.listeners]:
             line.ours.close()
 
@@ -124,6 +122,12 @@ class Guest:
         status, began, ended, size = (int(field) for field in fields)
         output = self._read(size, limit, command)
         return Answer(status, began, ended, output.decode(errors="replace"))
+
+    def end(self):
+        """Ends the machine at once; from any thread, and more than once."""
+        if self.process:
+            self.process.kill()
+            self.process.wait()
 
     def wait(self):
         """Waits until the machine is switched off."""
