@@ -33,8 +33,8 @@ debian_root() {
 }
 
 # in_fresh_root NETWORK INPUT OUTPUT COMMAND...: runs the command in a copy of
-# `root`, in /work, with the files of the directory INPUT. What it leaves in
-# /work/out arrives in the directory OUTPUT. NETWORK: online or offline.
+# `root`, in /build, with the files of the directory INPUT. What it leaves in
+# /build/out arrives in the directory OUTPUT. NETWORK: online or offline.
 in_fresh_root() {
     local network=$1 input=$2 output=$3
     shift 3
