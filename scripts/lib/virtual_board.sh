@@ -151,7 +151,7 @@ left_out=(
     boot/* kernel usr/include usr/share/doc usr/share/man usr/share/locale
     usr/share/perl* usr/lib/*/perl* usr/bin/perl* usr/lib/*/gconv usr/lib/gcc
     usr/share/i18n usr/share/zoneinfo usr/share/bash-completion var/lib/dpkg
-    usr/bin/dpkg* usr/bin/apt* usr/lib/apt usr/share/pkgconfig
+    usr/bin/dpkg* usr/bin/apt* usr/lib/apt usr/share/pkgconfig usr/src
     usr/lib/*/pkgconfig usr/lib/*/cmake usr/lib/udev/hwdb.d usr/share/dpkg
     usr/lib/*/lib{asan,tsan,lsan,ubsan,hwasan,gomp,itm,gtest,gmock}*
 )
