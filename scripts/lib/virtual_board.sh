@@ -153,7 +153,7 @@ left_out=(
     usr/lib/gcc usr/share/i18n usr/share/zoneinfo usr/share/bash-completion
     var/lib/dpkg 'usr/bin/dpkg*' 'usr/bin/apt*' usr/lib/apt usr/share/pkgconfig
     'usr/lib/*/pkgconfig' 'usr/lib/*/cmake' usr/lib/udev/hwdb.d usr/share/dpkg
-    'usr/lib/*/libasan*' 'usr/lib/*/libtsan*' 'usr/lib/*/liblsan*'
+    usr/src 'usr/lib/*/libasan*' 'usr/lib/*/libtsan*' 'usr/lib/*/liblsan*'
     'usr/lib/*/libubsan*' 'usr/lib/*/libhwasan*' 'usr/lib/*/libgomp*'
     'usr/lib/*/libitm*' 'usr/lib/*/libgtest*' 'usr/lib/*/libgmock*'
 )

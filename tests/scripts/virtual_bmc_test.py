@@ -193,6 +193,12 @@ class Awaits(unittest.TestCase):
         self.timeline.add(Event(1_990_000, "kernel", "device_up", {"controller": 1}))
         self.play("await published 29\nawait up 1")
 
+    def test_end_with_the_machine(self):
+        self.board.limit = 60
+        self.timeline.end()
+        with self.assertRaisesRegex(Differs, "the machine was ended"):
+            self.play("await published 29")
+
     def test_tell_endpoints_apart(self):
         self.add(1, 129)
         with self.assertRaises(Differs):

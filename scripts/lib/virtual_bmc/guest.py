@@ -8,6 +8,7 @@ threads of this module. A machine ends with its `with` block, and with the
 process, whatever becomes of that.
 """
 
+import contextlib
 import json
 import os
 import select
@@ -75,6 +76,7 @@ class Guest:
         self.commands = Line("commands", 1)
         self.listeners = [(Line("journal", 2), on_journal), (Line("bus", 3), on_bus)]
         self.monitor_line = Line("monitor", 0)
+        self.monitor = None
         self.process = None
         self.received = b""
 
@@ -82,9 +84,7 @@ class Guest:
         return self
 
     def __exit__(self, *_):
-        if self.process:
-            self.process.kill()
-            self.process.wait()
+        self.end()
         for line in [self.commands, self.monitor_line] + [l for l, _ in self.listeners]:
             line.ours.close()
 
@@ -122,6 +122,12 @@ class Guest:
         status, began, ended, size = (int(field) for field in fields)
         output = self._read(size, limit, command)
         return Answer(status, began, ended, output.decode(errors="replace"))
+
+    def end(self):
+        """Ends the machine at once; from any thread, and more than once."""
+        if self.process:
+            self.process.kill()
+            self.process.wait()
 
     def wait(self):
         """Waits until the machine is switched off."""
@@ -165,21 +171,25 @@ class Guest:
 
     def _monitor(self, command, arguments=None):
         """Asks QEMU for something; it speaks one JSON object a line."""
-        if not hasattr(self, "monitor"):
+        if not self.monitor:
             self.monitor = self.monitor_line.ours.makefile("rw", encoding="utf-8")
             self._monitor("qmp_capabilities")
         request = {"execute": command}
         if arguments:
             request["arguments"] = arguments
-        self.monitor.write(json.dumps(request) + "\n")
-        self.monitor.flush()
-        for text in self.monitor:
-            answer = json.loads(text)
-            if "error" in answer:
-                raise GuestError(f"QEMU refuses {command}: {answer['error']['desc']}")
-            if "return" in answer:
-                return answer["return"]
-        raise GuestError(f"QEMU ended while asked to {command}")
+        try:
+            self.monitor.write(json.dumps(request) + "\n")
+            self.monitor.flush()
+            for text in self.monitor:
+                answer = json.loads(text)
+                if "error" in answer:
+                    reason = answer["error"]["desc"]
+                    raise GuestError(f"QEMU refuses {command}: {reason}")
+                if "return" in answer:
+                    return answer["return"]
+        except OSError:
+            pass  # it has ended, like one that closes the line
+        raise GuestError(f"QEMU ended while asked to {command}{self._last_words()}")
 
     def _read_line(self, limit, command=None):
         while b"\n" not in self.received:
@@ -205,7 +215,9 @@ class Guest:
     def _last_words(self):
         """What QEMU and the machine's console said at the end."""
         words = ""
-        if self.process.poll() is not None and self.process.stderr:
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.process.wait(1)
+        if self.process.returncode is not None and self.process.stderr:
             words = self.process.stderr.read().decode(errors="replace").strip()
         if self.console and os.path.exists(self.console):
             text = Path(self.console).read_text(encoding="utf-8", errors="replace")

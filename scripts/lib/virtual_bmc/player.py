@@ -38,14 +38,17 @@ class Player:
         self.place = place
         self.cpu = cpu
         self.state = None
+        self.machines = []
 
     def machine(self, name, timeline):
         """A machine that is still to be switched on."""
         console = self.place / f"{name}.console"
         console.unlink(missing_ok=True)
-        return Guest(
+        machine = Guest(
             self.files, console, timeline.take_journal, timeline.take_bus, self.cpu
         )
+        self.machines.append((machine, timeline))
+        return machine
 
     def prepare(self):
         """Makes the state that stories go on from, unless it is there."""
@@ -79,10 +82,17 @@ class Player:
     def play_all(self, stories, jobs, on_outcome):
         """Plays them, so many at the same time, and first what takes longest."""
         stories = sorted(stories, key=lambda story: not story.boots)
-        with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        pool = concurrent.futures.ThreadPoolExecutor(jobs)
+        try:
             played = [pool.submit(self.play, story) for story in stories]
             for one in concurrent.futures.as_completed(played):
                 on_outcome(one.result())
+        finally:
+            # There is something to end only where this was interrupted.
+            pool.shutdown(wait=False, cancel_futures=True)
+            for machine, timeline in self.machines:
+                timeline.end()
+                machine.end()
 
     def _begin(self, guest, story):
         if story.boots:

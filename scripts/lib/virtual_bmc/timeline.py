@@ -47,6 +47,13 @@ class Timeline:
     def __init__(self):
         self.changed = threading.Condition()
         self.events = []
+        self.ended = False
+
+    def end(self):
+        """Nothing happens any more: breaks off all waits."""
+        with self.changed:
+            self.ended = True
+            self.changed.notify_all()
 
     def add(self, event):
         if event:
@@ -72,6 +79,8 @@ class Timeline:
                     if event.at >= since and matches(event):
                         return first, event
                     first += 1
+                if self.ended:
+                    raise WaitFailed(f"no {what}: the machine was ended")
                 left = deadline - time.monotonic()
                 if left <= 0:
                     raise WaitFailed(f"no {what} within {limit:g} s")
