@@ -1,0 +1,105 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Servers of endpoint objects on a bus of their own, and peers that ask them.
+
+There is no board here: it has two endpoints, and what is measured are counts
+that no board has. Both servers are told in the same words, by lines.
+"""
+
+import os
+import subprocess
+import tempfile
+from pathlib import Path
+
+CONFIGURATION = """<busconfig>
+  <type>system</type>
+  <auth>EXTERNAL</auth>
+  <listen>{address}</listen>
+  <limit name="max_replies_per_connection">100000</limit>
+  <limit name="max_connections_per_user">1000</limit>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="signal"/>
+    <allow receive_requested_reply="true"/>
+  </policy>
+</busconfig>
+"""
+
+
+class PrivateBus:
+    """A real broker of system type, until the end of the with statement."""
+
+    def __init__(self):
+        self.directory = tempfile.TemporaryDirectory(prefix="bench-bus-")
+        here = Path(self.directory.name)
+        self.address = f"unix:path={here}/socket"
+        configuration = here / "bus.conf"
+        configuration.write_text(CONFIGURATION.format(address=self.address))
+        self.broker = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--print-address"],
+            stdout=subprocess.PIPE, text=True,
+        )  # fmt: skip
+        self.broker.stdout.readline()  # it listens now
+        self.environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address}
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.broker.terminate()
+        self.broker.wait()
+        self.directory.cleanup()
+
+
+class Server:
+    """A server on such a bus, until the end of the with statement."""
+
+    def __init__(self, program, bus):
+        environment = dict(bus.environment)
+        if program.libraries:
+            environment["LD_LIBRARY_PATH"] = str(program.libraries)
+        self.process = subprocess.Popen(
+            [program.path, *program.arguments],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL, env=environment, text=True,
+        )  # fmt: skip
+        self.withdraw()  # answered when it is up
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.process.stdin.close()
+        self.process.wait()
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def publish(self, count):
+        """Publishes so many endpoints.
+        @return nanoseconds on the clock, and of the processor"""
+        return self._tell(f"publish {count}")
+
+    def withdraw(self):
+        """Withdraws them all; as above."""
+        return self._tell("withdraw")
+
+    def _tell(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+        wall, cpu = self.process.stdout.readline().split()
+        return int(wall), int(cpu)
+
+
+def ask(peers, environment, count, calls, method, path):
+    """Lets so many peers ask so often. @return the seconds that it took"""
+    done = subprocess.run(
+        [peers, str(count), str(calls), method, path],
+        env=environment, capture_output=True, text=True, check=True, timeout=300,
+    )  # fmt: skip
+    return float(done.stdout)
