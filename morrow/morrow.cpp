@@ -8,6 +8,7 @@
 #include "power_state.hpp"
 #include "shared_word.hpp"
 #include "sleep.hpp"
+#include "thread_stacks.hpp"
 
 #include <platform/device_lock.hpp>
 #include <platform/hal.h>
@@ -118,13 +119,20 @@ void waitBefore(uint32_t next, int32_t ticks)
     enterState(MORROW_WAIT_EVENT);
 }
 
+/** The initialisation, with stacks that fit for the threads that it starts. */
+uint32_t initialiseOnce()
+{
+    const SmallThreadStacks stacks;
+    return morrow_init();
+}
+
 /** Repeats the initialisation once a second until it is complete. The sleep
  *  follows the successful call too: start-up takes a second at least. */
 void initialise()
 {
     while (init_state != 3)
     {
-        if (morrow_init() != 0)
+        if (initialiseOnce() != 0)
         {
             MORROW_LOG(logging::progress, "%s\n", "Initialization failed");
         }

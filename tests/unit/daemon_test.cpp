@@ -35,6 +35,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -53,10 +54,14 @@
 /** The daemon's main function. */
 int morrow_main();
 
+using testing::AllOf;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Lt;
 using testing::Not;
 using namespace telling;
 
@@ -686,11 +691,15 @@ TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
 {
     std::optional<limits::NoNewThreads> none;
     fake::onSleep = {};
-    record::when("log 4 morrow: Common Morrow",
-                 [&none]
-                 {
-                     none.emplace();
-                 });
+    // Anew in each attempt, since each sets the stacks' size for itself.
+    for (int attempt = 0; attempt < 2; ++attempt)
+    {
+        record::when("log 4 morrow: Entry [morrow_init]",
+                     [&none]
+                     {
+                         none.emplace();
+                     });
+    }
     // The third attempt can start its thread.
     fake::onSleep = [&none, sleeps = 0](int64_t) mutable
     {
@@ -766,6 +775,64 @@ TEST_F(Daemon, TellsTheManagerThatItIsReadyAndNothingElse)
     stop();
     EXPECT_EQ(exitStatus, 0);
     EXPECT_EQ(manager.received(), "");
+}
+
+/** Takes the attributes of threads, gives the size of their stacks and ends
+ *  the attributes. */
+std::size_t stackSize(pthread_attr_t attributes)
+{
+    std::size_t size = 0;
+    EXPECT_EQ(pthread_attr_getstacksize(&attributes, &size), 0);
+    EXPECT_EQ(pthread_attr_destroy(&attributes), 0);
+    return size;
+}
+
+/** What threads without a size of their own are started with. */
+std::size_t defaultStackSize()
+{
+    pthread_attr_t attributes;
+    EXPECT_EQ(pthread_getattr_default_np(&attributes), 0);
+    return stackSize(attributes);
+}
+
+/** What the thread that asks was started with. */
+std::size_t ownStackSize()
+{
+    pthread_attr_t attributes;
+    EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+    return stackSize(attributes);
+}
+
+TEST_F(Daemon, GivesItsThreadsStacksThatSuffice)
+{
+    std::vector<std::size_t> sizes(3);
+    record::when("log 4 morrow_signal: Entry [signal_thread_fn]",
+                 [&]
+                 {
+                     sizes[0] = ownStackSize();
+                 });
+    record::when("log 4 morrow_client: morrowClientDBusHandler - Enter",
+                 [&]
+                 {
+                     sizes[1] = ownStackSize();
+                 });
+    record::when("log 4 morrow_server: morrowDBusMgrHandler - Enter",
+                 [&]
+                 {
+                     sizes[2] = ownStackSize();
+                 });
+    startToDiscovery();
+    stop(); // now each has been looked at
+    // With room for thread-local variables, of which sanitizers have many.
+    EXPECT_THAT(sizes, Each(AllOf(Ge(std::size_t{256} * 1024),
+                                  Lt(std::size_t{4} * 1024 * 1024))));
+}
+
+TEST_F(Daemon, LeavesTheStacksOfThreadsThatItDoesNotStartAlone)
+{
+    const auto before = defaultStackSize();
+    startToDiscovery();
+    EXPECT_EQ(defaultStackSize(), before);
 }
 
 TEST_F(Daemon, StartUpThatIsCompleteIsNotDoneAgain)
