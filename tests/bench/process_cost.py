@@ -48,17 +48,19 @@ def stacks_kib(pid):
     return {"reserved": reserved, "used": used}
 
 
-def syscalls(pid, seconds):
-    """Its system calls for so long, by name."""
+def syscalls(pid, meanwhile):
+    """Its system calls while a function runs, by name."""
     tracer = subprocess.Popen(
         ["strace", "-f", "-c", "-U", "name,calls", "-p", str(pid)],
         stderr=subprocess.PIPE,
         stdout=subprocess.DEVNULL,
         text=True,
     )
-    time.sleep(seconds)
-    tracer.send_signal(signal.SIGINT)
-    table = tracer.communicate()[1]
+    try:
+        meanwhile()
+    finally:
+        tracer.send_signal(signal.SIGINT)
+        table = tracer.communicate()[1]
     rows = re.findall(r"^\s*([a-z_][a-z_0-9]*)\s+(\d+)\s*$", table, re.MULTILINE)
     counts = {name: int(calls) for name, calls in rows if name != "total"}
     if not counts:
