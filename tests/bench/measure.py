@@ -188,6 +188,9 @@ def memory(tools, program, is_daemon):
 
 
 def measure_memory(table, tools, options):
+    # What was just installed and is not on the disk yet counts as dirty where
+    # it is mapped.
+    os.sync()
     for flavour, name in FLAVOURS.items():
         daemon, floor = tools.daemon(flavour), tools.floor(flavour)
         results = rounds(
