@@ -32,7 +32,10 @@ constexpr auto logSource = logging::sourceName();
 constexpr uint64_t drainWait = 1000;
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
-constexpr const char* hostStateKey = "currenthoststate";
+
+// Whole strings, so that reading the host's state makes none in each pass.
+const std::string hostStateKey = "currenthoststate";
+const std::string hostStateProperty = "CurrentHostState";
 
 /** Serialises stops: the second SIGTERM may come while the first stop still
  *  works. */
@@ -399,7 +402,7 @@ int morrow_dbus_client::GetProperty(const std::string& key,
             auto call =
                 bus.new_method_call(entry->second.service, entry->second.object,
                                     propertiesInterface, "Get");
-            call.append(std::string(entry->second.interface), property);
+            call.append(entry->second.interface, property);
             auto reply = bus.call(call);
             reply.read(value);
             // A wrapper that raises error replies never gets here with one.
@@ -429,7 +432,7 @@ int getcurrentpowerstate()
 {
     auto& client = morrow_dbus_client::get_instance();
     MORROW_LOG(logging::pass, "Entry [%s]\n", __func__);
-    if (client.GetProperty(hostStateKey, "CurrentHostState", readproperty) != 0)
+    if (client.GetProperty(hostStateKey, hostStateProperty, readproperty) != 0)
     {
         MORROW_LOG(logging::failure, "%s\n", "Failed to set read property");
         return 1;
