@@ -5,6 +5,8 @@
  * environment once, so the log's tests run this program anew for each case.
  */
 
+#include "tests/support/heap.hpp"
+
 #include <platform/dlog.h>
 
 #include <sys/time.h>
@@ -71,6 +73,18 @@ void sayUnprintable(Arguments&)
     dmctp_trace(11, nowhere, 1U, "%s", nowhere);
 }
 
+/** Ends the program with status 4 if a hidden record takes from the heap. */
+void sayHidden(Arguments&)
+{
+    const auto before = heap::allocationsOfThisThread();
+    dlog_printf(11, module, "%s:%u:%s %d", "morrow", 1U, "hidden", 7);
+    dmctp_trace(11, "morrow", 1U, "%s %d", "hidden", 7);
+    if (heap::allocationsOfThisThread() != before)
+    {
+        std::exit(4);
+    }
+}
+
 /** Ends the program with status 3 unless errno is left as it was. */
 void sayWithErrno(Arguments&)
 {
@@ -117,6 +131,7 @@ const std::map<std::string, std::function<void(Arguments&)>> commands{
     {"without-place", sayWithoutPlace},
     {"change-level", changeLevel},
     {"unprintable", sayUnprintable},
+    {"hidden", sayHidden},
     {"with-errno", sayWithErrno},
     {"from-handler", sayFromHandler},
 };

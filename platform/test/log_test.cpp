@@ -242,6 +242,11 @@ TEST_F(Log, DoesNotLookAtAHiddenRecord)
     EXPECT_THAT(say({"unprintable"}, {{"DLOG_LEVEL", "10"}}), IsEmpty());
 }
 
+TEST_F(Log, TakesNothingFromTheHeapForAHiddenRecord)
+{
+    EXPECT_THAT(say({"hidden"}, {{"DLOG_LEVEL", "10"}}), IsEmpty());
+}
+
 TEST_F(Log, LeavesErrno)
 {
     EXPECT_THAT(say({"with-errno"}), ElementsAre("dlog 1 324 morrow:1:kept\n",

@@ -6,6 +6,7 @@
 #include "tests/support/bus_spy.hpp"
 #include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
+#include "tests/support/heap.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/hung_up_pipe.hpp"
 #include "tests/support/leave.hpp"
@@ -23,6 +24,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -744,6 +746,16 @@ TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
         EXPECT_EQ(power_down_pending, 1) << text;
         EXPECT_EQ(await_host_running, 1) << text;
     }
+}
+
+TEST_F(ReadsHostState, AllocatesForTheValueAndTheCopiesOfTheCallbackAlone)
+{
+    host.goesTo("Running");
+    EXPECT_EQ(getcurrentpowerstate(), 0); // the first one makes room
+    const auto before = heap::allocationsOfThisThread();
+    EXPECT_EQ(getcurrentpowerstate(), 0);
+    // The value, then copies of it, of the key and of the property's name.
+    EXPECT_EQ(heap::allocationsOfThisThread() - before, 4);
 }
 
 TEST_F(ReadsHostState, ErrorReplyIsABusError)

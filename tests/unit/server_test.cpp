@@ -6,6 +6,7 @@
 #include "tests/support/bus_spy.hpp"
 #include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
+#include "tests/support/heap.hpp"
 #include "tests/support/hung_up_pipe.hpp"
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
@@ -32,7 +33,6 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -49,71 +49,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using namespace telling;
-
-namespace
-{
-
-/** Allocations of this size and more fail. */
-std::atomic<std::size_t> refusedFrom{SIZE_MAX};
-
-/** Refuses memory for as long as it lives. */
-class NoMemoryFrom
-{
-  public:
-    explicit NoMemoryFrom(std::size_t size)
-    {
-        refusedFrom = size;
-    }
-
-    NoMemoryFrom(const NoMemoryFrom&) = delete;
-    NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
-    NoMemoryFrom(NoMemoryFrom&&) = delete;
-    NoMemoryFrom& operator=(NoMemoryFrom&&) = delete;
-
-    ~NoMemoryFrom()
-    {
-        refusedFrom = SIZE_MAX;
-    }
-};
-
-} // namespace
-
-// Not inlined: the compiler would take what it then sees for a mismatch.
-// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
-
-[[gnu::noinline]] void* operator new(std::size_t size,
-                                     const std::nothrow_t& /*tag*/) noexcept
-{
-    return size < refusedFrom ? std::malloc(size) : nullptr;
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    if (void* memory = operator new(size, std::nothrow))
-    {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory,
-                                       std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory,
-                                       const std::nothrow_t& /*tag*/) noexcept
-{
-    std::free(memory);
-}
-
-// NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
 namespace
 {
@@ -747,7 +682,7 @@ TEST_F(Registry, PropertiesThatCannotBeBuiltEndWithoutAnExitLine)
     const std::vector<uint8_t> types(large);
     const auto start = here();
     {
-        const NoMemoryFrom none(large);
+        const heap::NoMemoryFrom none(large);
         EXPECT_EQ(server().createEndpointObject(0, 8, types, 1, 2, "node"), 6);
     }
     EXPECT_THAT(
@@ -761,7 +696,7 @@ TEST_F(Registry, PropertiesThatCannotBeBuiltEndWithoutAnExitLine)
 TEST_F(Registry, ObjectWithoutMemoryIsRememberedAsNoneAndReportedAsCreated)
 {
     {
-        const NoMemoryFrom none(sizeof(endpoint_object));
+        const heap::NoMemoryFrom none(sizeof(endpoint_object));
         EXPECT_EQ(publish(0, 8), 0);
     }
     EXPECT_EQ(record::count("log 4 morrow_server: createEndpointObject "
@@ -778,7 +713,7 @@ TEST_F(Registry, ObjectWithoutMemoryIsRememberedAsNoneAndReportedAsCreated)
 TEST_F(Registry, UnloadingPassesOverAnObjectThatIsNone)
 {
     {
-        const NoMemoryFrom none(sizeof(endpoint_object));
+        const heap::NoMemoryFrom none(sizeof(endpoint_object));
         EXPECT_EQ(publish(0, 8), 0);
     }
     server().UnloadDBusObjects();
@@ -1057,14 +992,14 @@ TEST_F(Registry, PropertiesAreBuiltBeforeTheNetworkIsLookedAt)
 {
     constexpr std::size_t large = 1U << 20U;
     const std::vector<uint8_t> types(large);
-    const NoMemoryFrom none(large);
+    const heap::NoMemoryFrom none(large);
     EXPECT_EQ(server().createEndpointObject(3, 8, types, 1, 2, "node"), 6);
 }
 
 TEST_F(Registry, ObjectThatIsNoneGivesWayToTheNext)
 {
     {
-        const NoMemoryFrom none(sizeof(endpoint_object));
+        const heap::NoMemoryFrom none(sizeof(endpoint_object));
         EXPECT_EQ(publish(0, 8), 0);
     }
     EXPECT_EQ(publish(0, 8), 0);
