@@ -41,13 +41,16 @@ class Program:
 class Board:
     """A board, until the end of the with statement."""
 
-    def __init__(self, tools, program, host="Off", log_level=2, fast=None, log=None):
+    def __init__(self, tools, program, host="Off", log_level=2, fast=None, log=None,
+                 counted=False):
         """fast is what sleeps are divided by; log is a file for what the
-        program logs, which then never reaches the board."""
+        program logs, which then never reaches the board; counted is whether
+        allocations are, with fast only."""
         self.directory = tempfile.TemporaryDirectory(prefix="bench-board-")
         here = Path(self.directory.name)
         self.timeline = here / "timeline.jsonl"
         self.count = here / "sleeps"
+        self.allocated = here / "allocations"
         environment = {}
         if fast:
             environment = {
@@ -55,6 +58,9 @@ class Board:
                 "FAST_TIME": fast,
                 "FAST_TIME_COUNT": self.count,
             }
+        if counted:
+            environment["LD_PRELOAD"] = f"{tools.fast_time}:{tools.count_allocations}"
+            environment["COUNT_ALLOCATIONS"] = self.allocated
         wrapper = here / "program"
         wrapper.write_text(f"#!/bin/sh\n{program.command(environment, log)}\n")
         wrapper.chmod(0o755)
@@ -105,7 +111,11 @@ class Board:
 
     def sleeps(self):
         """How often the program has slept; with fast only."""
-        return struct.unpack("=Q", self.count.read_bytes())[0]
+        return _number_in(self.count)
+
+    def allocations(self):
+        """How often it has taken from the heap; where that is counted."""
+        return _number_in(self.allocated)
 
     def wait_sleeps(self, number):
         """Waits until the program has slept so often again."""
@@ -156,3 +166,7 @@ class Board:
             self.output.seek(0)
             tail = "".join(self.output.readlines()[-20:])
             raise RuntimeError(f"waited in vain for {what}; the board says:\n{tail}")
+
+
+def _number_in(file):
+    return struct.unpack("=Q", file.read_bytes())[0]

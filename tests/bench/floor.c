@@ -18,7 +18,7 @@
  *    raises two flags.
  *  - With --off, a pass sleeps 100 ms, removes two nodes and writes two names
  *    into the unbind file, as the withdrawal of a host that is off does;
- * without it, a pass sleeps a second.
+ *    without it, a pass sleeps a second.
  *
  * Errors end it: there is nothing to measure then.
  */
@@ -79,7 +79,6 @@ static int onPowerState(sd_bus_message* message, void* key,
 {
     const char* name = NULL;
     const char* value = NULL;
-    logPath(message);
     (void)sd_bus_message_skip(message, "s");
     (void)sd_bus_message_enter_container(message, 'a', "{sv}");
     while (sd_bus_message_enter_container(message, 'e', "sv") > 0)
@@ -95,6 +94,7 @@ static int onPowerState(sd_bus_message* message, void* key,
         }
         (void)sd_bus_message_exit_container(message);
     }
+    logPath(message);
     return 0;
 }
 

@@ -4,7 +4,8 @@
 
 Wants what scripts/bench builds, and is run by it. Programs take turns within a
 round, so that a machine that gets slower gets slower for all of them; medians
-of the rounds are what counts.
+of the rounds are what counts. Results that were saved earlier stay, but for the
+groups that are measured again.
 """
 
 import argparse
@@ -12,21 +13,24 @@ import contextlib
 import json
 import os
 import platform
+import re
 import signal
 import statistics
 import subprocess
 import sys
 import threading
 import time
+from functools import partial
 from pathlib import Path
 
 from board_session import Board, Program
 from process_cost import cpu_ns, memory_kib, stacks_kib, syscalls
 from servers import PrivateBus, Server, ask
-from table import Table, summary
+from table import Table
 
 FLAVOURS = {"os": "-Os", "o2": "-O2"}
 LOG_SHIPPED = 2
+LOG_DISCOVERY = 4
 LOG_ALL = 11
 COUNTS = [1, 16, 64, 256, 768]
 PAGE_KIB = os.sysconf("SC_PAGE_SIZE") // 1024
@@ -43,6 +47,7 @@ class Tools:
         self.root = root
         self.board = root / "board/board/morrow-board"
         self.fast_time = root / "os/tests/bench/libfast_time.so"
+        self.count_allocations = root / "os/tests/bench/libcount_allocations.so"
         self.peers = root / "o2/tests/bench/peers"
         self.policy = root / "os/stage/usr/share/dbus-1/system.d" / (
             "xyz.openbmc_project.mctp.conf"
@@ -129,6 +134,14 @@ class Passes:
                 )
             return sum(calls.values()) / calls["clock_nanosleep"]
 
+    def allocations(self, passes):
+        """Allocations of each of about so many, all threads and libraries."""
+        with self.going():
+            slept, counted = self.board.sleeps(), self.board.allocations()
+            self.board.wait_sleeps(passes)
+            slept = self.board.sleeps() - slept
+            return (self.board.allocations() - counted) / slept
+
 
 def measure_passes(table, tools, options):
     for flavour, name in FLAVOURS.items():
@@ -137,36 +150,43 @@ def measure_passes(table, tools, options):
             ("Off", "host off", 20, ["--off"]),
         ):
             daemon, floor = tools.daemon(flavour), tools.floor(flavour, *argument)
-            with contextlib.ExitStack() as stack:
 
+            def programs(stack, counted=False):
                 def passes(program, level):
-                    board = Board(tools, program, host, level, fast=fast)
+                    board = Board(tools, program, host, level, fast=fast, counted=counted)
                     stack.enter_context(board)
                     return Passes(board, program is daemon and host == "Running")
 
-                programs = {
+                return {
                     "floor": passes(floor, LOG_SHIPPED),
                     "daemon": passes(daemon, LOG_SHIPPED),
                     "logging": passes(daemon, LOG_ALL),
                 }
-                cpu = rounds(
-                    3 * options.runs,
-                    **{n: lambda p=p: p.cpu(options.passes) for n, p in programs.items()},
-                )
-                calls = rounds(
-                    min(options.runs, 5),
-                    **{n: lambda p=p: p.calls(options.passes) for n, p in programs.items()},
-                )
+
+            few = min(options.runs, 5)
+            with contextlib.ExitStack() as stack:
+                of = programs(stack)
+                cpu = rounds(3 * options.runs, **each(of, Passes.cpu, options.passes))
+                calls = rounds(few, **each(of, Passes.calls, options.passes))
+            with contextlib.ExitStack() as stack:
+                of = programs(stack, counted=True)
+                allocations = rounds(few, **each(of, Passes.allocations, options.passes))
             group = f"A pass, {name}"
             for label, unit, results, goal in (
                 ("processor", "µs", cpu, 1.15),
                 ("system calls", "calls", calls, 1.1),
+                ("allocations", "", allocations, None),
             ):
                 label = f"{label}, {what}"
                 table.add(group, label, unit, results["daemon"], results["floor"],
                           ratio_at_most=goal)  # fmt: skip
                 table.add(group, label + ", all logged", unit,
                           results["logging"], results["floor"])  # fmt: skip
+
+
+def each(programs, method, *arguments):
+    """The method of each program, to be called without arguments."""
+    return {name: partial(method, program, *arguments) for name, program in programs.items()}
 
 
 # Memory
@@ -238,7 +258,7 @@ def measure_sizes(table, tools, options):
 
 def times(tools, program, is_daemon):
     """One life, in real time; milliseconds."""
-    log_level = 4 if is_daemon else LOG_SHIPPED
+    log_level = LOG_DISCOVERY if is_daemon else LOG_SHIPPED
     with Board(tools, program, "Off", log_level) as board:
         board.start()
         started = board.wait(lambda event: event["event"] == "started")
@@ -247,7 +267,9 @@ def times(tools, program, is_daemon):
         since = board.now()
         board.tell("host power-state StateS5")
         sent = board.wait(lambda event: event["event"] == "control_signal", since)
-        seen = board.wait(lambda event: "Path:[" in event.get("text", ""), since)
+        # The daemon's last line before it sets them, the floor's after it.
+        line = "Power state is StateS5" if is_daemon else "Path:["
+        seen = board.wait(lambda event: line in event.get("text", ""), since)
         result["flags"] = (seen["at"] - sent["at"]) / 1000
         if is_daemon:
             result.update(discovery_and_stop(board))
@@ -255,19 +277,23 @@ def times(tools, program, is_daemon):
 
 
 def discovery_and_stop(board):
+    discovery = discovery_beyond_sleeps(board)
     since = board.now()
-    board.tell("host Running")
-    begun = board.wait(lambda event: event.get("text") == "Change State to ON", since)
-    done = board.wait(lambda event: event.get("text") == "Discovery complete", since)
     board.tell("daemon term")
     told = board.wait(lambda event: event["event"] == "signalled", since)
     gone = board.wait(
         lambda event: event["event"] == "endpoint_removed", board.seen.index(told), 2
     )
-    return {
-        "discovery": (done["at"] - begun["at"] - DISCOVERY_SLEEPS_US) / 1000,
-        "stop": (gone["at"] - told["at"]) / 1000,
-    }
+    return {"discovery": discovery, "stop": (gone["at"] - told["at"]) / 1000}
+
+
+def discovery_beyond_sleeps(board):
+    """Milliseconds of the full discovery of a host that comes up."""
+    since = board.now()
+    board.tell("host Running")
+    begun = board.wait(lambda event: event.get("text") == "Change State to ON", since)
+    done = board.wait(lambda event: event.get("text") == "Discovery complete", since)
+    return (done["at"] - begun["at"] - DISCOVERY_SLEEPS_US) / 1000
 
 
 def measure_times(table, tools, options):
@@ -280,7 +306,7 @@ def measure_times(table, tools, options):
     group = "Times, -Os"
     for key, what in (
         ("start", "start to READY=1 beyond the mandated second"),
-        ("flags", "power signal sent to its handler's line"),
+        ("flags", "power signal sent to its flags set"),
     ):
         table.add(group, what, "ms", column(results["daemon"], key),
                   column(results["floor"], key))  # fmt: skip
@@ -396,19 +422,27 @@ def publishing_under_flood(tools, program, peers):
     with PrivateBus() as bus, Server(program, bus) as server:
         server.publish(1)
         server.withdraw()
-        with endless_flood(tools, bus, peers):
+        with endless_flood(tools, bus.environment, peers):
             return server.publish(16)[0] / 1e6
 
 
+def discovery_under_flood(tools, daemon, peers):
+    """The same for a full discovery beyond its sleeps."""
+    with Board(tools, daemon, "Off", LOG_DISCOVERY) as board:
+        board.start()
+        with endless_flood(tools, board.environment(), peers):
+            return discovery_beyond_sleeps(board)
+
+
 @contextlib.contextmanager
-def endless_flood(tools, bus, peers):
+def endless_flood(tools, environment, peers):
     if not peers:
         yield
         return
     flood = subprocess.Popen(
         [tools.peers, str(peers), "0", "GetManagedObjects",
          "/xyz/openbmc_project/mctp/1"],
-        env=bus.environment,
+        env=environment,
     )  # fmt: skip
     limit = threading.Timer(FLOOD_LIMIT, flood.kill)
     limit.start()
@@ -424,9 +458,10 @@ def endless_flood(tools, bus, peers):
 def measure_floods(table, tools, options):
     daemon, floor = tools.daemon("os"), tools.floor("os")
     group = "Floods, -Os"
+    few = min(options.runs, 3)
     for count in (10, 1000, 100_000):
         results = rounds(
-            options.runs if count < 100_000 else min(options.runs, 3),
+            options.runs if count < 100_000 else few,
             floor=lambda: flood_of_signals(tools, floor, count),
             daemon=lambda: flood_of_signals(tools, daemon, count),
         )
@@ -456,8 +491,18 @@ def measure_floods(table, tools, options):
             floor=lambda: publishing_under_flood(tools, raw, peers),
             daemon=lambda: publishing_under_flood(tools, registry, peers),
         )
-        table.add(group, f"publishing 16 while {peers or 'no'} peers ask without end",
-                  "ms", results["daemon"], results["floor"])  # fmt: skip
+        table.add(group, f"publishing 16 while {asking(peers)}", "ms",
+                  results["daemon"], results["floor"])  # fmt: skip
+    for peers in (0, 1, 32):
+        results = [discovery_under_flood(tools, daemon, peers) for _ in range(few)]
+        table.add(group, f"full discovery beyond its sleeps while {asking(peers)}",
+                  "ms", results)  # fmt: skip
+
+
+def asking(peers):
+    if not peers:
+        return "nobody asks"
+    return f"{peers} peer{'s ask' if peers > 1 else ' asks'} for {FLOOD_LIMIT} s"
 
 
 # Growth
@@ -494,20 +539,23 @@ def power_cycle(board):
 # The whole
 
 
-def micro_benchmarks(tools):
+def micro_benchmarks(tools, flavour):
     done = subprocess.run(
-        [tools.root / "o2/tests/bench/micro", "--benchmark_format=json",
+        [tools.root / flavour / "tests/bench/micro", "--benchmark_format=json",
          "--benchmark_min_time=0.2"],
         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True,
     )  # fmt: skip
-    return json.loads(done.stdout)["benchmarks"]
+    benchmarks = json.loads(done.stdout)["benchmarks"]
+    return {benchmark["name"]: benchmark["cpu_time"] for benchmark in benchmarks}
 
 
 def measure_micro(table, tools, options):
-    runs = [micro_benchmarks(tools) for _ in range(options.runs)]
-    for number, benchmark in enumerate(runs[0]):
-        table.add("Pieces, -O2", benchmark["name"], "ns",
-                  [run[number]["cpu_time"] for run in runs])  # fmt: skip
+    results = rounds(
+        options.runs, **{flavour: partial(micro_benchmarks, tools, flavour) for flavour in FLAVOURS}
+    )
+    for flavour, name in FLAVOURS.items():
+        for piece in results[flavour][0]:
+            table.add(f"Pieces, {name}", piece, "ns", column(results[flavour], piece))
 
 
 GROUPS = {
@@ -536,18 +584,56 @@ def parse(arguments):
     return parser.parse_intermixed_args(arguments)
 
 
+def machine(tools):
+    """What the results are of."""
+    models = re.findall(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    commands = json.loads((tools.root / "os/compile_commands.json").read_text())
+    compiler = subprocess.run(
+        [commands[0]["command"].split()[0], "--version"],
+        capture_output=True, text=True, check=True,
+    )  # fmt: skip
+    return {
+        "processors": os.cpu_count(),
+        "model": models[0] if models else "unknown",
+        "kernel": platform.release(),
+        "machine": platform.machine(),
+        "compiler": compiler.stdout.split("\n")[0],
+    }
+
+
+def commit():
+    """What is measured, as git calls it."""
+    done = subprocess.run(
+        ["git", "-C", Path(__file__).parent, "describe", "--always", "--dirty"],
+        capture_output=True, text=True,
+    )  # fmt: skip
+    return done.stdout.strip() or "unknown"
+
+
+def earlier(options, of):
+    """The results that were saved of this machine; none if there are none."""
+    if options.json and options.json.exists():
+        saved = json.loads(options.json.read_text())
+        if saved["machine"] == of:
+            return saved
+    return {"machine": of, "sections": {}, "rows": []}
+
+
 def main():
     options = parse(sys.argv[1:])
     tools = Tools(options.root.resolve())
-    table = Table(lambda line: print(line, file=sys.stderr, flush=True))
+    results = earlier(options, machine(tools))
+    table = Table(results["rows"], lambda line: print(line, file=sys.stderr, flush=True))
     for name in options.groups or GROUPS:
+        how = {"runs": options.runs, "commit": commit(), "load": os.getloadavg()[0]}
+        table.begin(name)
         GROUPS[name](table, tools, options)
+        table.sort([*GROUPS])
+        results["sections"][name] = how
+        results["rows"] = table.as_json()
+        if options.json:  # at once, so that nothing is lost that comes before a failure
+            options.json.write_text(json.dumps(results, indent=2) + "\n")
     print(table.as_text())
-    if options.json:
-        machine = {"processors": os.cpu_count(), "kernel": platform.release(),
-                   "machine": platform.machine()}  # fmt: skip
-        results = {"machine": machine, "runs": options.runs, "rows": table.as_json()}
-        options.json.write_text(json.dumps(results, indent=2) + "\n")
 
 
 if __name__ == "__main__":

@@ -18,14 +18,6 @@ def cpu_ns(pid):
     return time.clock_gettime_ns(process_clock)
 
 
-def children(pid):
-    return [
-        int(child)
-        for task in Path(f"/proc/{pid}/task").iterdir()
-        for child in (task / "children").read_text().split()
-    ]
-
-
 def memory_kib(pid):
     """Private dirty memory and the proportional share (PSS)."""
     sizes = _sizes(Path(f"/proc/{pid}/smaps_rollup").read_text())

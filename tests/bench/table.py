@@ -1,40 +1,27 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Results: medians with their spread, ratios, and the table of them.
+"""Results: medians with their spread, ratios, and the tables of them.
 
-A measurement is a list of numbers, one a run; its spread is told by the first
-and the third quartile. Where the daemon stands beside a
-floor, both were measured in the same round of runs, and the ratio is that of
-the medians.
+A measurement is a list of numbers, one a run; what is kept of it is its median
+and its spread, told by the first and the third quartile. Where the daemon
+stands beside a floor, both were measured in the same round of runs, and the
+ratio is that of the medians.
 """
 
 import statistics
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass
 
 
 @dataclass
 class Row:
+    section: str
     group: str
     what: str
     unit: str
-    daemon: list
-    floor: list | None = None
-    goal: str = ""
+    daemon: dict
+    floor: dict | None = None
+    ratio: float | None = None
+    goal: str | None = None
     met: bool | None = None
-
-    @property
-    def ratio(self):
-        if not self.floor:
-            return None
-        below = statistics.median(self.floor)
-        return statistics.median(self.daemon) / below if below else None
-
-    def as_json(self):
-        return {
-            "group": self.group, "what": self.what, "unit": self.unit,
-            "daemon": summary(self.daemon),
-            "floor": summary(self.floor) if self.floor else None,
-            "ratio": self.ratio, "goal": self.goal or None, "met": self.met,
-        }  # fmt: skip
 
 
 def summary(values):
@@ -56,45 +43,76 @@ def quartiles(values):
 
 
 class Table:
-    """Rows in the order in which they were measured."""
+    """Rows in the order in which they were measured, by sections, the parts of
+    a measurement that can be made anew alone."""
 
-    def __init__(self, say=None):
-        self.rows = []
+    def __init__(self, rows=(), say=None):
+        self.rows = [Row(**row) for row in rows]
         self.say = say or (lambda line: None)
+        self.section = ""
 
-    def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None,
-            at_most=None, within=None):
-        """ratio_at_most and at_most are goals for the ratio and the daemon's
-        median; within is (goal as text, whether it is met)."""
-        row = Row(group, what, unit, daemon, floor)
+    def begin(self, section):
+        """What is added from now on is of this section, and all that it has."""
+        self.section = section
+        self.rows = [row for row in self.rows if row.section != section]
+
+    def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None, at_most=None):
+        """Adds a row of measurements; ratio_at_most and at_most are goals for
+        the ratio and the daemon's median."""
+        row = Row(self.section, group, what, unit, summary(daemon))
+        if floor:
+            row.floor = summary(floor)
+            below = row.floor["median"]
+            row.ratio = row.daemon["median"] / below if below else None
         if ratio_at_most is not None:
             row.goal = f"ratio ≤ {ratio_at_most:g}"
-            row.met = row.ratio <= ratio_at_most
+            row.met = row.ratio is not None and row.ratio <= ratio_at_most
         elif at_most is not None:
             row.goal = f"≤ {at_most:g} {unit}"
-            row.met = statistics.median(daemon) <= at_most
-        elif within is not None:
-            row.goal, row.met = within
+            row.met = row.daemon["median"] <= at_most
         self.rows.append(row)
         self.say(" ".join(_cells(row)))
 
+    def sort(self, sections):
+        """Into the order of sections, whenever each was measured."""
+        self.rows.sort(key=lambda row: sections.index(row.section))
+
     def as_json(self):
-        return [row.as_json() for row in self.rows]
+        return [asdict(row) for row in self.rows]
 
     def as_text(self):
         """As Markdown: read well in a terminal, and pasted as it is."""
         head = ["What", "Unit", "Daemon", "Floor", "Ratio", "Goal"]
-        lines = []
-        group = None
-        rows = [_cells(row) for row in self.rows]
-        widths = [max(map(len, column)) for column in zip(head, *rows)]
-        for row, cells in zip(self.rows, rows):
-            if row.group != group:
-                group = row.group
-                lines += ["", f"**{group}**", "", _line(head, widths),
-                          _line(["-" * width for width in widths], widths)]  # fmt: skip
-            lines.append(_line(cells, widths))
-        return "\n".join(lines[1:]) + "\n"
+        groups = {}
+        for row in self.rows:
+            groups.setdefault(row.group, []).append(_cells(row))
+        tables = [(group, head, rows) for group, rows in groups.items()]
+        return "\n".join(map(_table, [*tables, *self._flavours()]))
+
+    def _flavours(self):
+        """The one table of what was measured with -Os and with -O2."""
+        small = {(row.group, row.what): row for row in self.rows}
+        rows = []
+        for row in self.rows:
+            group = row.group.removesuffix(", -O2")
+            other = small.get((f"{group}, -Os", row.what))
+            if group == row.group or not other:
+                continue
+            below = other.daemon["median"]
+            rows.append([
+                f"{group}: {row.what}", row.unit, _spread(other.daemon), _spread(row.daemon),
+                f"{row.daemon['median'] / below:.2f}" if below else "",
+            ])  # fmt: skip
+        if rows:
+            yield "The daemon with -Os and with -O2", ["What", "Unit", "-Os", "-O2", "Ratio"], rows
+
+
+def _table(table):
+    title, head, rows = table
+    widths = [max(map(len, column)) for column in zip(head, *rows)]
+    lines = [f"**{title}**", "", _line(head, widths),
+             _line(["-" * width for width in widths], widths)]  # fmt: skip
+    return "\n".join(lines + [_line(row, widths) for row in rows]) + "\n"
 
 
 def _cells(row):
@@ -105,7 +123,7 @@ def _cells(row):
         _spread(row.daemon),
         _spread(row.floor) if row.floor else "",
         f"{row.ratio:.2f}" if row.ratio is not None else "",
-        row.goal + met,
+        (row.goal or "") + met,
     ]
 
 
@@ -122,6 +140,6 @@ def _number(value):
 
 
 def _spread(values):
-    middle = _number(statistics.median(values))
-    low, high = map(_number, quartiles(values))
+    middle = _number(values["median"])
+    low, high = map(_number, values["quartiles"])
     return middle if low == high else f"{middle} ({low}–{high})"
