@@ -1,0 +1,76 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""That results are kept, compared and written into a document as measured."""
+
+import json
+import tempfile
+import unittest
+from pathlib import Path
+
+import document
+from table import Table
+
+MACHINE = {"processors": 2, "model": "Core", "machine": "x86_64", "kernel": "6.1", "compiler": "g++ 12"}
+
+
+class Results(unittest.TestCase):
+    def setUp(self):
+        self.table = Table()
+        self.table.begin("passes")
+        self.table.add("A pass, -Os", "processor", "µs", [4, 1, 3, 2, 5], [2, 2, 2, 2, 2], ratio_at_most=1.5)
+        self.table.add("A pass, -O2", "processor", "µs", [6, 6, 6, 6, 6], [2, 2, 2, 2, 2], ratio_at_most=3)
+        self.table.begin("growth")
+        self.table.add("Growth, -Os", "growth", "KiB", [3.6], at_most=4)
+
+    def test_cells_are_medians_with_quartiles_and_their_ratio(self):
+        self.assertIn("| processor | µs   | 3 (2–4) | 2     | 1.50  | ratio ≤ 1.5 met |",
+                      self.table.as_text())  # fmt: skip
+
+    def test_goals_that_are_missed_say_so(self):
+        self.table.add("Growth, -Os", "more", "KiB", [4.5], at_most=4)
+        text = self.table.as_text()
+        self.assertIn("≤ 4 KiB met", text)
+        self.assertIn("≤ 4 KiB MISSED", text)
+
+    def test_both_flavours_are_compared_in_one_table(self):
+        last = self.table.as_text().split("**The daemon with -Os and with -O2**")[1]
+        self.assertIn("| A pass: processor | µs   | 3 (2–4) | 6   | 2.00  |", last)
+        self.assertNotIn("growth", last)
+
+    def test_a_section_that_is_measured_again_replaces_itself_in_its_place(self):
+        again = Table(json.loads(json.dumps(self.table.as_json())))
+        again.begin("passes")
+        again.add("A pass, -Os", "processor", "µs", [9])
+        again.sort(["passes", "growth"])
+        self.assertEqual([(row.what, row.daemon["median"]) for row in again.rows],
+                         [("processor", 9), ("growth", 3.6)])  # fmt: skip
+
+    def write(self, text):
+        with tempfile.TemporaryDirectory() as directory:
+            results = Path(directory) / "results.json"
+            how = {"runs": 5, "commit": "abc", "load": 0.25}
+            results.write_text(json.dumps({"machine": MACHINE, "sections": {"passes": how},
+                                           "rows": self.table.as_json()}))  # fmt: skip
+            written = Path(directory) / "document.md"
+            written.write_text(text)
+            document.main(results, written)
+            return written.read_text()
+
+    def test_a_document_gets_the_tables_between_its_marks_and_nothing_else_changes(self):
+        once = self.write(f"before\n{document.BEGIN}\nold\n{document.END}\nafter\n")
+        self.assertTrue(once.startswith(f"before\n{document.BEGIN}\n"))
+        self.assertTrue(once.endswith(f"{document.END}\nafter\n"))
+        self.assertNotIn("old", once)
+        self.assertIn("On 2 processors, Core (x86_64), Linux 6.1, built by g++ 12.", once)
+        self.assertIn("| passes | 5 | abc | 0.25 |", once)
+        self.assertIn(self.table.as_text(), once)
+        self.assertEqual(self.write(once), once)
+
+    def test_a_document_without_marks_is_left_alone(self):
+        with self.assertRaises(SystemExit) as ended:
+            self.write("before\nafter\n")
+        self.assertIn("document.md: the lines are missing", str(ended.exception))
+
+
+if __name__ == "__main__":
+    unittest.main()
