@@ -16,6 +16,12 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
+# Levels of the log: what is shown unless told, up to ordinary progress, and up
+# to what each pass says.
+LOG_SHIPPED = 2
+LOG_DISCOVERY = 4
+LOG_ALL = 11
+
 LIMIT = 60  # seconds; longer than anything takes that is awaited
 
 
@@ -41,7 +47,7 @@ class Program:
 class Board:
     """A board, until the end of the with statement."""
 
-    def __init__(self, tools, program, host="Off", log_level=2, fast=None, log=None,
+    def __init__(self, tools, program, host="Off", log_level=LOG_SHIPPED, fast=None, log=None,
                  counted=False):
         """fast is what sleeps are divided by; log is a file for what the
         program logs, which then never reaches the board; counted is whether
