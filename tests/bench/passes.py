@@ -7,7 +7,7 @@ import signal
 
 from board_session import LOG_ALL, LOG_SHIPPED, Board
 from process_cost import cpu_ns, syscalls
-from rounds import each, rounds
+from rounds import each, joined, rounds
 from tools import FLAVOURS
 
 
@@ -59,42 +59,62 @@ class Passes:
             return (self.board.allocations() - counted) / slept
 
 
+# How often everything is started anew: where a process's memory happens to lie
+# shows in what its passes take, and in all of them.
+BLOCKS = 3
+
+
+def block(tools, programs, host, fast, options):
+    """Rounds with processes of their own.
+    @return processor times and system calls"""
+    with contextlib.ExitStack() as stack:
+        of = going_programs(stack, tools, programs, host, fast)
+        cpu = rounds(options.runs, **each(of, Passes.cpu, options.passes))
+        return cpu, rounds(1, **each(of, Passes.calls, options.passes))
+
+
+def counted_allocations(tools, programs, host, fast, options):
+    """These are the same for each process: no blocks."""
+    with contextlib.ExitStack() as stack:
+        of = going_programs(stack, tools, programs, host, fast, counted=True)
+        return rounds(min(options.runs, 3), **each(of, Passes.allocations, options.passes))
+
+
+def going_programs(stack, tools, programs, host, fast, counted=False):
+    """The programs, by name, until the end of the stack."""
+    of = {}
+    for name, (program, level, publishes) in programs.items():
+        board = Board(tools, program, host, level, fast=fast, counted=counted)
+        stack.enter_context(board)
+        of[name] = Passes(board, publishes and host == "Running")
+    return of
+
+
 def measure_passes(table, tools, options):
     for flavour, name in FLAVOURS.items():
-        for host, what, fast, argument in (
+        for host, what, fast, arguments in (
             ("Running", "host on, idle", 100, []),
             ("Off", "host off", 20, ["--off"]),
         ):
-            daemon, floor = tools.daemon(flavour), tools.floor(flavour, *argument)
+            daemon = tools.daemon(flavour)
+            programs = {
+                "floor": (tools.floor(flavour, *arguments), LOG_SHIPPED, False),
+                "daemon": (daemon, LOG_SHIPPED, True),
+                "logging": (daemon, LOG_ALL, True),
+            }
+            of = (tools, programs, host, fast, options)
+            cpu, calls = map(joined, zip(*(block(*of) for _ in range(BLOCKS))))
+            add_rows(table, f"A pass, {name}", what, cpu, calls, counted_allocations(*of))
 
-            def programs(stack, counted=False):
-                def passes(program, level):
-                    board = Board(tools, program, host, level, fast=fast, counted=counted)
-                    stack.enter_context(board)
-                    return Passes(board, program is daemon and host == "Running")
 
-                return {
-                    "floor": passes(floor, LOG_SHIPPED),
-                    "daemon": passes(daemon, LOG_SHIPPED),
-                    "logging": passes(daemon, LOG_ALL),
-                }
-
-            few = min(options.runs, 5)
-            with contextlib.ExitStack() as stack:
-                of = programs(stack)
-                cpu = rounds(3 * options.runs, **each(of, Passes.cpu, options.passes))
-                calls = rounds(few, **each(of, Passes.calls, options.passes))
-            with contextlib.ExitStack() as stack:
-                of = programs(stack, counted=True)
-                allocations = rounds(few, **each(of, Passes.allocations, options.passes))
-            group = f"A pass, {name}"
-            for label, unit, results, goal in (
-                ("processor", "µs", cpu, 1.15),
-                ("system calls", "calls", calls, 1.1),
-                ("allocations", "", allocations, None),
-            ):
-                label = f"{label}, {what}"
-                table.add(group, label, unit, results["daemon"], results["floor"],
-                          ratio_at_most=goal)  # fmt: skip
-                table.add(group, label + ", all logged", unit,
-                          results["logging"], results["floor"])  # fmt: skip
+def add_rows(table, group, what, cpu, calls, allocations):
+    for results, label, unit, goal in (
+        (cpu, "processor", "µs", 1.15),
+        (calls, "system calls", "calls", 1.1),
+        (allocations, "allocations", "", None),
+    ):
+        label = f"{label}, {what}"
+        table.add(group, label, unit, results["daemon"], results["floor"],
+                  ratio_at_most=goal)  # fmt: skip
+        table.add(group, label + ", all logged", unit,
+                  results["logging"], results["floor"])  # fmt: skip

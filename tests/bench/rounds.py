@@ -8,7 +8,7 @@ from functools import partial
 
 def rounds(runs, **programs):
     """Runs each function once a round, another one first in each.
-    @return its results by its name"""
+    @return its results by its name, those of a round at the same index"""
     results = {name: [] for name in programs}
     order = list(programs.items())
     for _ in range(runs):
@@ -16,6 +16,11 @@ def rounds(runs, **programs):
             results[name].append(program())
         order.append(order.pop(0))
     return results
+
+
+def joined(blocks):
+    """The results of several blocks of rounds as those of one."""
+    return {name: [value for block in blocks for value in block[name]] for name in blocks[0]}
 
 
 def column(results, key):
