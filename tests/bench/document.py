@@ -31,7 +31,8 @@ def introduction(results):
 
 def main(results, document):
     text = document.read_text(encoding="utf-8")
-    if text.count(BEGIN) != 1 or text.count(END) != 1:
+    whole = text.count(BEGIN) == 1 and text.count(END) == 1
+    if not whole or text.index(BEGIN) > text.index(END):
         sys.exit(f"{document}: the lines are missing that say where results go:\n{BEGIN}\n{END}")
     before, rest = text.split(BEGIN)
     after = rest.split(END)[1]

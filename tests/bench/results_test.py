@@ -71,6 +71,11 @@ class Results(unittest.TestCase):
             self.write("before\nafter\n")
         self.assertIn("document.md: the lines are missing", str(ended.exception))
 
+    def test_a_document_with_its_marks_the_wrong_way_round_is_left_alone(self):
+        with self.assertRaises(SystemExit) as ended:
+            self.write(f"{document.END}\n{document.BEGIN}\n")
+        self.assertIn("document.md: the lines are missing", str(ended.exception))
+
 
 if __name__ == "__main__":
     unittest.main()
