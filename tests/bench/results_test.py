@@ -23,8 +23,37 @@ class Results(unittest.TestCase):
         self.table.add("Growth, -Os", "growth", "KiB", [3.6], at_most=4)
 
     def test_cells_are_medians_with_quartiles_and_their_ratio(self):
-        self.assertIn("| processor | µs   | 3 (2–4) | 2     | 1.50  | ratio ≤ 1.5 met |",
+        self.assertIn("| processor | µs   | 3 (2–4) | 2     | 1.50 (1.00–2.00) | ratio ≤ 1.5 met |",
                       self.table.as_text())  # fmt: skip
+
+    def test_a_ratio_is_the_median_of_the_ratios_of_each_round(self):
+        # The medians' ratio would be 2, and the goal missed.
+        self.table.add("Times", "slowing", "ms", [1, 2, 9], [1, 1, 9], ratio_at_most=1.5)
+        self.assertIn("| slowing | ms   | 2 (1.50–5.50) | 1 (1–5) | 1.00 (1.00–1.50) | ratio ≤ 1.5 met |",
+                      self.table.as_text())  # fmt: skip
+
+    def test_what_was_not_measured_in_the_same_rounds_is_not_compared(self):
+        with self.assertRaises(ValueError):
+            self.table.add("Times", "start", "ms", [1, 2], [1])
+
+    def test_there_is_no_ratio_to_nothing(self):
+        self.table.add("Memory", "in use", "KiB", [1, 2], [0, 2], ratio_at_most=1)
+        self.assertIsNone(self.table.rows[-1].ratio)
+        self.assertIs(self.table.rows[-1].met, False)
+
+    def test_a_missed_goal_has_the_digits_that_show_it(self):
+        self.table.add("Memory", "dirty", "KiB", [16004], [10000], ratio_at_most=1.6)
+        self.table.add("Size", "all", "KiB", [220.0425], at_most=220)
+        text = self.table.as_text()
+        self.assertIn("| 1.6004 | ratio ≤ 1.6 MISSED |", text)
+        self.assertIn("| 220.04 |", text)
+
+    def test_what_is_not_measured_says_so_and_is_not_compared(self):
+        self.table.add_unmeasured("A pass, -O2", "calls", "", at_most=5)
+        self.table.add("A pass, -Os", "calls", "", [4])
+        self.assertIn("not measured", self.table.as_text())
+        self.assertIsNone(self.table.rows[-2].met)
+        self.assertNotIn("A pass: calls", self.table.as_text())
 
     def test_goals_that_are_missed_say_so(self):
         self.table.add("Growth, -Os", "more", "KiB", [4.5], at_most=4)

@@ -3,8 +3,9 @@
 
 A measurement is a list of numbers, one a run; what is kept of it is its median
 and its spread, told by the first and the third quartile. Where the daemon
-stands beside a floor, both were measured in the same round of runs, and the
-ratio is that of the medians.
+stands beside a floor, both were measured in the same round of runs: there is a
+ratio of each round, and of these, too, median and spread are kept. Goals are
+for medians.
 """
 
 import statistics
@@ -17,10 +18,11 @@ class Row:
     group: str
     what: str
     unit: str
-    daemon: dict
+    daemon: dict | None  # None: not measured
     floor: dict | None = None
-    ratio: float | None = None
-    goal: str | None = None
+    ratio: dict | None = None
+    ratio_at_most: float | None = None
+    at_most: float | None = None
     met: bool | None = None
 
 
@@ -57,19 +59,27 @@ class Table:
         self.rows = [row for row in self.rows if row.section != section]
 
     def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None, at_most=None):
-        """Adds a row of measurements; ratio_at_most and at_most are goals for
-        the ratio and the daemon's median."""
-        row = Row(self.section, group, what, unit, summary(daemon))
+        """Adds a row of measurements, the floor's in the same rounds as the
+        daemon's; ratio_at_most and at_most are goals for the medians of the
+        ratio and of the daemon."""
+        row = Row(self.section, group, what, unit, summary(daemon),
+                  ratio_at_most=ratio_at_most, at_most=at_most)  # fmt: skip
         if floor:
             row.floor = summary(floor)
-            below = row.floor["median"]
-            row.ratio = row.daemon["median"] / below if below else None
+            pairs = list(zip(daemon, floor, strict=True))
+            if all(floor):
+                row.ratio = summary([above / below for above, below in pairs])
         if ratio_at_most is not None:
-            row.goal = f"ratio ≤ {ratio_at_most:g}"
-            row.met = row.ratio is not None and row.ratio <= ratio_at_most
+            row.met = row.ratio is not None and row.ratio["median"] <= ratio_at_most
         elif at_most is not None:
-            row.goal = f"≤ {at_most:g} {unit}"
             row.met = row.daemon["median"] <= at_most
+        self._append(row)
+
+    def add_unmeasured(self, group, what, unit, at_most=None):
+        """Adds a row that says so, rather than none."""
+        self._append(Row(self.section, group, what, unit, None, at_most=at_most))
+
+    def _append(self, row):
         self.rows.append(row)
         self.say(" ".join(_cells(row)))
 
@@ -96,7 +106,7 @@ class Table:
         for row in self.rows:
             group = row.group.removesuffix(", -O2")
             other = small.get((f"{group}, -Os", row.what))
-            if group == row.group or not other:
+            if group == row.group or not other or not row.daemon or not other.daemon:
                 continue
             below = other.daemon["median"]
             rows.append([
@@ -116,15 +126,24 @@ def _table(table):
 
 
 def _cells(row):
-    met = {None: "", True: " met", False: " MISSED"}[row.met]
     return [
         row.what,
         row.unit,
-        _spread(row.daemon),
+        _spread(row.daemon, row.at_most) if row.daemon else "not measured",
         _spread(row.floor) if row.floor else "",
-        f"{row.ratio:.2f}" if row.ratio is not None else "",
-        (row.goal or "") + met,
+        _spread(row.ratio, row.ratio_at_most, _ratio) if row.ratio else "",
+        _goal(row),
     ]
+
+
+def _goal(row):
+    if row.ratio_at_most is not None:
+        goal = f"ratio ≤ {row.ratio_at_most:g}"
+    elif row.at_most is not None:
+        goal = f"≤ {row.at_most:g} {row.unit}"
+    else:
+        return ""
+    return goal + {None: "", True: " met", False: " MISSED"}[row.met]
 
 
 def _line(cells, widths):
@@ -132,14 +151,33 @@ def _line(cells, widths):
     return "| " + " | ".join(padded) + " |"
 
 
-def _number(value):
+def _number(value, digits=None):
     if value == int(value) and abs(value) < 1e7:
         return str(int(value))
-    digits = 0 if abs(value) >= 1000 else 1 if abs(value) >= 10 else 2
+    if digits is None:
+        digits = _digits(value)
     return f"{value:.{digits}f}"
 
 
-def _spread(values):
-    middle = _number(values["median"])
-    low, high = map(_number, values["quartiles"])
+def _digits(value):
+    return 0 if abs(value) >= 1000 else 1 if abs(value) >= 10 else 2
+
+
+def _ratio(value, digits=2):
+    return f"{value:.{digits}f}"
+
+
+def _verdict(value, limit, text):
+    """The value, with as many digits as tell that it is above its limit."""
+    told = text(value)
+    digits = _digits(value)
+    while limit is not None and value > limit >= float(told) and digits < 9:
+        digits += 1
+        told = text(value, digits)
+    return told
+
+
+def _spread(values, limit=None, text=_number):
+    middle = _verdict(values["median"], limit, text)
+    low, high = map(text, values["quartiles"])
     return middle if low == high else f"{middle} ({low}–{high})"
