@@ -6,6 +6,7 @@ saves. The program gets what the board gives every daemon: its bus, its files,
 a notify socket and a pipe for what it logs.
 """
 
+import contextlib
 import json
 import os
 import shlex
@@ -16,13 +17,13 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
+from processes import LIMIT, ended
+
 # Levels of the log: what is shown unless told, up to ordinary progress, and up
 # to what each pass says.
 LOG_SHIPPED = 2
 LOG_DISCOVERY = 4
 LOG_ALL = 11
-
-LIMIT = 60  # seconds; longer than anything takes that is awaited
 
 
 @dataclass
@@ -88,9 +89,12 @@ class Board:
         return self
 
     def __exit__(self, *exception):
-        self.tell("quit")
-        self.shell.stdin.close()
-        self.shell.wait()
+        # A board that is gone already has been heard of elsewhere.
+        with contextlib.suppress(BrokenPipeError):
+            self.tell("quit")
+        with contextlib.suppress(BrokenPipeError):
+            self.shell.stdin.close()
+        ended(self.shell)
         if self.reader:
             self.reader.close()
         self.output.close()

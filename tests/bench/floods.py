@@ -8,6 +8,7 @@ import time
 
 from board_session import LOG_DISCOVERY, Board
 from process_cost import cpu_ns
+from processes import tied
 from rounds import column, rounds
 from servers import PrivateBus, Server, ask
 from times import discovery_beyond_sleeps
@@ -30,7 +31,7 @@ def flood_of_signals(tools, program, times_sent):
         cost = cpu_ns(board.pid)
         begun = time.monotonic()
         subprocess.run(
-            [tools.peers, "1", str(times_sent), "PropertiesChanged", POWER_STATE],
+            tied([tools.peers, "1", str(times_sent), "PropertiesChanged", POWER_STATE]),
             env=board.environment(), check=True, capture_output=True,
         )  # fmt: skip
         lines, last = 0, begun
@@ -83,8 +84,8 @@ def endless_flood(tools, environment, peers):
         yield
         return
     flood = subprocess.Popen(
-        [tools.peers, str(peers), "0", "GetManagedObjects",
-         "/xyz/openbmc_project/mctp/1"],
+        tied([tools.peers, str(peers), "0", "GetManagedObjects",
+              "/xyz/openbmc_project/mctp/1"]),
         env=environment,
     )  # fmt: skip
     limit = threading.Timer(FLOOD_LIMIT, flood.kill)

@@ -23,6 +23,7 @@ from memory import measure_memory
 from objects import measure_objects
 from passes import measure_passes
 from pieces import measure_micro
+from processes import end_in_order
 from sizes import measure_sizes
 from table import Table
 from times import measure_times
@@ -89,8 +90,16 @@ def earlier(options, of):
     return {"machine": of, "sections": {}, "rows": []}
 
 
+def save(results, file):
+    """Writes the whole file or, where that fails, none of it."""
+    beside = file.with_name(file.name + ".new")
+    beside.write_text(json.dumps(results, indent=2) + "\n")
+    beside.replace(file)
+
+
 def main():
     options = parse(sys.argv[1:])
+    end_in_order()
     tools = Tools(options.root.resolve())
     results = earlier(options, machine(tools))
     table = Table(results["rows"], lambda line: print(line, file=sys.stderr, flush=True))
@@ -102,7 +111,7 @@ def main():
         results["sections"][name] = how
         results["rows"] = table.as_json()
         if options.json:  # at once, so that nothing is lost that comes before a failure
-            options.json.write_text(json.dumps(results, indent=2) + "\n")
+            save(results, options.json)
     print(table.as_text())
 
 

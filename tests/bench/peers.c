@@ -8,7 +8,8 @@
  *
  * METHOD is GetArbitration, GetAll (both of the endpoint at PATH) or
  * GetManagedObjects (of the object manager at PATH). Prints the seconds that
- * all the calls together took. CALLS of 0 goes on until it is killed.
+ * all the calls together took. CALLS of 0 goes on until it is killed, or for a
+ * minute if nobody is left who would do so.
  *
  * With PropertiesChanged for METHOD, one peer sends that signal of the internal
  * power state at PATH so often, as fast as the bus takes it.
@@ -21,8 +22,14 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <time.h>
+#include <unistd.h>
 
 #define UNUSED __attribute__((unused))
+
+enum
+{
+    endlessSeconds = 60
+};
 
 static const char service[] = "xyz.openbmc_project.mctp";
 static const char endpointInterface[] = "xyz.openbmc_project.mctp.Endpoint";
@@ -127,6 +134,10 @@ int main(int argc, char** argv)
     calls = strtoul(argv[2], NULL, 10);
     method = argv[3];
     path = argv[4];
+    if (calls == 0)
+    {
+        (void)alarm(endlessSeconds); // nothing else has set one
+    }
 
     sd_bus** const buses = calloc(peers, sizeof(sd_bus*));
     checked(buses == NULL ? -12 : sd_event_new(&loop), "sd_event_new");

@@ -11,6 +11,8 @@ import subprocess
 import time
 from pathlib import Path
 
+from processes import tied
+
 
 def cpu_ns(pid):
     """Processor time of all its threads, user and system."""
@@ -43,7 +45,7 @@ def stacks_kib(pid):
 def syscalls(pid, meanwhile):
     """Its system calls while a function runs, by name."""
     tracer = subprocess.Popen(
-        ["strace", "-f", "-c", "-U", "name,calls", "-p", str(pid)],
+        tied(["strace", "-f", "-c", "-U", "name,calls", "-p", str(pid)]),
         stderr=subprocess.PIPE,
         stdout=subprocess.DEVNULL,
         text=True,

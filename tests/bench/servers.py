@@ -5,10 +5,14 @@ There is no board here: it has two endpoints, and what is measured are counts
 that no board has. Both servers are told in the same words, by lines.
 """
 
+import contextlib
 import os
+import select
 import subprocess
 import tempfile
 from pathlib import Path
+
+from processes import LIMIT, ended, tied
 
 CONFIGURATION = """<busconfig>
   <type>system</type>
@@ -40,7 +44,7 @@ class PrivateBus:
         configuration = here / "bus.conf"
         configuration.write_text(CONFIGURATION.format(address=self.address))
         self.broker = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={configuration}", "--print-address"],
+            tied(["dbus-daemon", f"--config-file={configuration}", "--print-address"]),
             stdout=subprocess.PIPE, text=True,
         )  # fmt: skip
         self.broker.stdout.readline()  # it listens now
@@ -51,7 +55,7 @@ class PrivateBus:
 
     def __exit__(self, *exception):
         self.broker.terminate()
-        self.broker.wait()
+        ended(self.broker)
         self.directory.cleanup()
 
 
@@ -62,10 +66,11 @@ class Server:
         environment = dict(bus.environment)
         if program.libraries:
             environment["LD_LIBRARY_PATH"] = str(program.libraries)
+        self.log = open(Path(bus.directory.name) / "server.log", "w+")
         self.process = subprocess.Popen(
-            [program.path, *program.arguments],
+            tied([program.path, *program.arguments]),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL, env=environment, text=True,
+            stderr=self.log, env=environment, text=True,
         )  # fmt: skip
         self.withdraw()  # answered when it is up
 
@@ -73,8 +78,10 @@ class Server:
         return self
 
     def __exit__(self, *exception):
-        self.process.stdin.close()
-        self.process.wait()
+        with contextlib.suppress(BrokenPipeError):
+            self.process.stdin.close()
+        ended(self.process)
+        self.log.close()
 
     @property
     def pid(self):
@@ -90,16 +97,23 @@ class Server:
         return self._tell("withdraw")
 
     def _tell(self, line):
-        self.process.stdin.write(line + "\n")
-        self.process.stdin.flush()
-        wall, cpu = self.process.stdout.readline().split()
-        return int(wall), int(cpu)
+        with contextlib.suppress(BrokenPipeError):
+            self.process.stdin.write(line + "\n")
+            self.process.stdin.flush()
+        answered = select.select([self.process.stdout], [], [], LIMIT)[0]
+        answer = self.process.stdout.readline() if answered else ""
+        if not answer:
+            self.log.seek(0)
+            tail = "".join(self.log.readlines()[-20:])
+            raise RuntimeError(f"the server did not answer \"{line}\"; its log says:\n{tail}")
+        wall, cpu = map(int, answer.split())
+        return wall, cpu
 
 
 def ask(peers, environment, count, calls, method, path):
     """Lets so many peers ask so often. @return the seconds that it took"""
     done = subprocess.run(
-        [peers, str(count), str(calls), method, path],
+        tied([peers, str(count), str(calls), method, path]),
         env=environment, capture_output=True, text=True, check=True, timeout=300,
     )  # fmt: skip
     return float(done.stdout)
