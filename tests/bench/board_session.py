@@ -48,10 +48,10 @@ class Program:
 class Board:
     """A board, until the end of the with statement."""
 
-    def __init__(self, tools, program, host="Off", log_level=LOG_SHIPPED, fast=None, log=None,
+    def __init__(self, tools, program, host="Off", log_level=LOG_SHIPPED, fast=None, own_log=False,
                  counted=False):
-        """fast is what sleeps are divided by; log is a file for what the
-        program logs, which then never reaches the board; counted is whether
+        """fast is what sleeps are divided by; own_log is whether the program
+        logs into a file, self.log, and never to the board; counted is whether
         allocations are, with fast only."""
         self.directory = tempfile.TemporaryDirectory(prefix="bench-board-")
         here = Path(self.directory.name)
@@ -68,8 +68,9 @@ class Board:
         if counted:
             environment["LD_PRELOAD"] = f"{tools.fast_time}:{tools.count_allocations}"
             environment["COUNT_ALLOCATIONS"] = self.allocated
+        self.log = here / "log" if own_log else None
         wrapper = here / "program"
-        wrapper.write_text(f"#!/bin/sh\n{program.command(environment, log)}\n")
+        wrapper.write_text(f"#!/bin/sh\n{program.command(environment, self.log)}\n")
         wrapper.chmod(0o755)
         self.output = open(here / "output", "w+")
         self.shell = subprocess.Popen(

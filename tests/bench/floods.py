@@ -14,45 +14,47 @@ from servers import PrivateBus, Server, ask
 from times import discovery_beyond_sleeps
 
 FLOOD_LIMIT = 5  # seconds that an endless flood lasts at most
+SIGNALS_LIMIT = 5  # seconds without a signal, after which none is expected
+MANY_SIGNALS = 100_000
+GROUP = "Floods, -Os"
 POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
 
 
-def lines_in(log):
-    with open(log, "rb") as file:
-        return file.read().count(b"Path:[")
-
-
 def flood_of_signals(tools, program, times_sent):
-    """Signals a second, and processor time for each."""
-    log = tools.root / "flood.log"
-    log.unlink(missing_ok=True)
-    with Board(tools, program, "Off", log=log) as board:
+    """How many were handled, how many a second, and processor time for each."""
+    with Board(tools, program, "Off", own_log=True) as board:
         board.start()
-        cost = cpu_ns(board.pid)
-        begun = time.monotonic()
-        subprocess.run(
-            tied([tools.peers, "1", str(times_sent), "PropertiesChanged", POWER_STATE]),
-            env=board.environment(), check=True, capture_output=True,
-        )  # fmt: skip
-        lines, last = 0, begun
-        while lines < times_sent:
-            time.sleep(0.005)
-            lines, before = lines_in(log), lines
-            now = time.monotonic()
-            last = now if lines != before else last
-            if now - last > 5:
-                raise RuntimeError(f"{lines} of {times_sent} signals arrived")
-        return {
-            "rate": times_sent / (time.monotonic() - begun),
-            "cpu": (cpu_ns(board.pid) - cost) / times_sent / 1000,
-        }
+        with open(board.log, "rb") as log:
+            cost = cpu_ns(board.pid)
+            begun, _ = ask(tools.peers, board.environment(), 1, times_sent,
+                           "PropertiesChanged", POWER_STATE)  # fmt: skip
+            handled, last = handled_signals(log, times_sent)
+            return {
+                "handled": handled,
+                "rate": handled / (last - begun),
+                "cpu": (cpu_ns(board.pid) - cost) / handled / 1000,
+            }
+
+
+def handled_signals(log, wanted):
+    """Reads on in a log until it has that many signals, or no more come.
+    @return how many, and when the last of them was seen"""
+    handled, rest, last = 0, b"", time.monotonic()
+    while handled < wanted and time.monotonic() - last < SIGNALS_LIMIT:
+        *lines, rest = (rest + log.read()).split(b"\n")
+        if found := sum(b"Path:[" in line for line in lines):
+            handled, last = handled + found, time.monotonic()
+        time.sleep(0.005)
+    if not handled:
+        raise RuntimeError(f"none of {wanted} signals was handled")
+    return handled, last
 
 
 def flood_of_calls(tools, program, peers, calls):
     with PrivateBus() as bus, Server(program, bus) as server:
         server.publish(2)
         cost = cpu_ns(server.pid)
-        seconds = ask(tools.peers, bus.environment, peers, calls, "GetArbitration",
+        _, seconds = ask(tools.peers, bus.environment, peers, calls, "GetArbitration",
                       "/xyz/openbmc_project/mctp/0/1")  # fmt: skip
         return {
             "rate": calls / seconds,
@@ -61,86 +63,141 @@ def flood_of_calls(tools, program, peers, calls):
 
 
 def publishing_under_flood(tools, program, peers):
-    """Milliseconds for 16 endpoints while so many peers never stop asking,
-    or until they are made to stop."""
+    """Milliseconds for 16 endpoints while so many peers never stop asking."""
     with PrivateBus() as bus, Server(program, bus) as server:
         server.publish(1)
         server.withdraw()
-        with endless_flood(tools, bus.environment, peers):
-            return server.publish(16)[0] / 1e6
+        with endless_flood(tools, bus.environment, peers) as flood:
+            return flood.outlived_by(server.publish(16)[0] / 1e6)
 
 
 def discovery_under_flood(tools, daemon, peers):
     """The same for a full discovery beyond its sleeps."""
     with Board(tools, daemon, "Off", LOG_DISCOVERY) as board:
         board.start()
-        with endless_flood(tools, board.environment(), peers):
-            return discovery_beyond_sleeps(board)
+        with endless_flood(tools, board.environment(), peers) as flood:
+            return flood.outlived_by(discovery_beyond_sleeps(board))
+
+
+class NoFlood:
+    """Peers that there are not."""
+
+    def outlived_by(self, milliseconds):
+        return {"took": milliseconds, "waited": False}
+
+
+class Flood:
+    """Peers that ask until they are made to stop."""
+
+    def __init__(self, process):
+        self.process = process
+        self.stopped = threading.Event()
+        self.limit = threading.Timer(FLOOD_LIMIT, self.stop)
+        self.limit.start()
+
+    def stop(self):
+        self.stopped.set()
+        self.process.kill()
+
+    def outlived_by(self, milliseconds):
+        """What was measured just now, and whether that has waited for the end
+        of the flood."""
+        waited = self.stopped.is_set()
+        if not waited and self.process.poll() is not None:
+            raise RuntimeError(f"peers stopped asking, with status {self.process.returncode}")
+        return {"took": milliseconds, "waited": waited}
 
 
 @contextlib.contextmanager
 def endless_flood(tools, environment, peers):
     if not peers:
-        yield
+        yield NoFlood()
         return
-    flood = subprocess.Popen(
+    process = subprocess.Popen(
         tied([tools.peers, str(peers), "0", "GetManagedObjects",
               "/xyz/openbmc_project/mctp/1"]),
-        env=environment,
+        env=environment, stdout=subprocess.PIPE,
     )  # fmt: skip
-    limit = threading.Timer(FLOOD_LIMIT, flood.kill)
-    limit.start()
-    time.sleep(0.5)
+    flood = None
     try:
-        yield
+        process.stdout.readline()  # all are connected now
+        time.sleep(0.5)
+        flood = Flood(process)
+        yield flood
     finally:
-        limit.cancel()
-        flood.kill()
-        flood.wait()
+        if flood:
+            flood.limit.cancel()
+        process.kill()
+        process.communicate()
 
 
 def measure_floods(table, tools, options):
-    daemon, floor = tools.daemon("os"), tools.floor("os")
-    group = "Floods, -Os"
     few = min(options.runs, 3)
-    for count in (10, 1000, 100_000):
+    measure_signals(table, tools, options.runs, few)
+    measure_calls(table, tools, options.runs)
+    measure_publishing(table, tools, options.runs)
+    measure_discovery(table, tools, few)
+
+
+def measure_signals(table, tools, runs, few):
+    daemon, floor = tools.daemon("os"), tools.floor("os")
+    for count in (10, 1000, MANY_SIGNALS):
         results = rounds(
-            options.runs if count < 100_000 else few,
+            few if count == MANY_SIGNALS else runs,
             floor=lambda: flood_of_signals(tools, floor, count),
             daemon=lambda: flood_of_signals(tools, daemon, count),
         )
+        add_both(table, f"{count} power signals, handled", "", results, "handled")
         if count > 10:
-            table.add(group, f"{count} power signals, each", "µs",
-                      column(results["daemon"], "cpu"),
-                      column(results["floor"], "cpu"))  # fmt: skip
-        table.add(group, f"{count} power signals, rate", "1/s",
-                  column(results["daemon"], "rate"),
-                  column(results["floor"], "rate"))  # fmt: skip
+            add_both(table, f"{count} power signals, each", "µs", results, "cpu")
+        if count == MANY_SIGNALS:  # fewer are over before anybody has looked
+            add_both(table, f"{count} power signals, rate", "1/s", results, "rate")
+
+
+def measure_calls(table, tools, runs):
     registry, raw = tools.registry("os"), tools.raw_server("os")
     for peers in (1, 32):
         results = rounds(
-            options.runs,
+            runs,
             floor=lambda: flood_of_calls(tools, raw, peers, 20_000),
             daemon=lambda: flood_of_calls(tools, registry, peers, 20_000),
         )
         asked = f"calls of {peers} peer{'s' if peers > 1 else ''}"
-        table.add(group, f"{asked}, each", "µs", column(results["daemon"], "cpu"),
-                  column(results["floor"], "cpu"))  # fmt: skip
-        table.add(group, f"{asked}, rate", "1/s",
-                  column(results["daemon"], "rate"),
-                  column(results["floor"], "rate"))  # fmt: skip
+        add_both(table, f"{asked}, each", "µs", results, "cpu")
+        add_both(table, f"{asked}, rate", "1/s", results, "rate")
+
+
+def measure_publishing(table, tools, runs):
+    registry, raw = tools.registry("os"), tools.raw_server("os")
     for peers in (0, 1, 32):
         results = rounds(
-            options.runs,
+            runs,
             floor=lambda: publishing_under_flood(tools, raw, peers),
             daemon=lambda: publishing_under_flood(tools, registry, peers),
         )
-        table.add(group, f"publishing 16 while {asking(peers)}", "ms",
-                  results["daemon"], results["floor"])  # fmt: skip
+        table.add(GROUP, f"publishing 16 while {asking(peers)}", "ms",
+                  column(results["daemon"], "took"), column(results["floor"], "took"),
+                  daemon_note=waited(results["daemon"]),
+                  floor_note=waited(results["floor"]))  # fmt: skip
+
+
+def measure_discovery(table, tools, runs):
+    daemon = tools.daemon("os")
     for peers in (0, 1, 32):
-        results = [discovery_under_flood(tools, daemon, peers) for _ in range(few)]
-        table.add(group, f"full discovery beyond its sleeps while {asking(peers)}",
-                  "ms", results)  # fmt: skip
+        results = [discovery_under_flood(tools, daemon, peers) for _ in range(runs)]
+        table.add(GROUP, f"full discovery beyond its sleeps while {asking(peers)}", "ms",
+                  column(results, "took"), daemon_note=waited(results))  # fmt: skip
+
+
+def add_both(table, what, unit, results, key):
+    table.add(GROUP, what, unit, column(results["daemon"], key),
+              column(results["floor"], key))  # fmt: skip
+
+
+def waited(results):
+    """What is to be said of those that were not over before the flood was."""
+    times = sum(column(results, "waited"))
+    return f"in {times} of {len(results)} not before the flood ended" if times else None
 
 
 def asking(peers):

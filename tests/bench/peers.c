@@ -7,9 +7,11 @@
  * Usage: peers PEERS CALLS METHOD [PATH]
  *
  * METHOD is GetArbitration, GetAll (both of the endpoint at PATH) or
- * GetManagedObjects (of the object manager at PATH). Prints the seconds that
- * all the calls together took. CALLS of 0 goes on until it is killed, or for a
- * minute if nobody is left who would do so.
+ * GetManagedObjects (of the object manager at PATH). Prints a line when all are
+ * connected and the first is about to send, with the seconds on the monotonic
+ * clock, and one with the seconds that all the calls together took. CALLS of 0
+ * goes on until it is killed, or for a minute if nobody is left who would do
+ * so.
  *
  * With PropertiesChanged for METHOD, one peer sends that signal of the internal
  * power state at PATH so often, as fast as the bus takes it.
@@ -121,6 +123,13 @@ static void ask(sd_bus** buses, unsigned long peers)
     checked(sd_event_loop(loop), "sd_event_loop");
 }
 
+/** Prints a line at once. */
+static void printSeconds(time_t seconds, long nanoseconds)
+{
+    (void)printf("%.6f\n", (double)seconds + (double)nanoseconds / 1e9);
+    (void)fflush(stdout);
+}
+
 int main(int argc, char** argv)
 {
     struct timespec begin;
@@ -150,6 +159,7 @@ int main(int argc, char** argv)
         checked(sd_bus_attach_event(buses[i], loop, 0), "sd_bus_attach_event");
     }
     (void)clock_gettime(CLOCK_MONOTONIC, &begin);
+    printSeconds(begin.tv_sec, begin.tv_nsec);
     if (strcmp(method, "PropertiesChanged") == 0)
     {
         sendSignals(buses[0]);
@@ -159,7 +169,6 @@ int main(int argc, char** argv)
         ask(buses, peers);
     }
     (void)clock_gettime(CLOCK_MONOTONIC, &end);
-    (void)printf("%.6f\n", (double)(end.tv_sec - begin.tv_sec) +
-                               (double)(end.tv_nsec - begin.tv_nsec) / 1e9);
+    printSeconds(end.tv_sec - begin.tv_sec, end.tv_nsec - begin.tv_nsec);
     return EXIT_SUCCESS;
 }

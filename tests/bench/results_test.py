@@ -48,6 +48,10 @@ class Results(unittest.TestCase):
         self.assertIn("| 1.6004 | ratio ≤ 1.6 MISSED |", text)
         self.assertIn("| 220.04 |", text)
 
+    def test_a_note_stands_behind_its_measurements(self):
+        self.table.add("Floods", "publishing", "ms", [5000], [1], daemon_note="in 1 of 1 too late")
+        self.assertIn("| 5000, in 1 of 1 too late | 1     |", self.table.as_text())
+
     def test_what_is_not_measured_says_so_and_is_not_compared(self):
         self.table.add_unmeasured("A pass, -O2", "calls", "", at_most=5)
         self.table.add("A pass, -Os", "calls", "", [4])

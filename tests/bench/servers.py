@@ -111,9 +111,12 @@ class Server:
 
 
 def ask(peers, environment, count, calls, method, path):
-    """Lets so many peers ask so often. @return the seconds that it took"""
+    """Lets so many peers ask so often.
+    @return when they began, on the monotonic clock, and the seconds that it
+    took"""
     done = subprocess.run(
         tied([peers, str(count), str(calls), method, path]),
         env=environment, capture_output=True, text=True, check=True, timeout=300,
     )  # fmt: skip
-    return float(done.stdout)
+    begun, took = map(float, done.stdout.split())
+    return begun, took

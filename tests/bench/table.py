@@ -26,13 +26,14 @@ class Row:
     met: bool | None = None
 
 
-def summary(values):
+def summary(values, note=None):
     return {
         "median": statistics.median(values),
         "quartiles": quartiles(values),
         "least": min(values),
         "most": max(values),
         "runs": len(values),
+        "note": note,
     }
 
 
@@ -58,14 +59,15 @@ class Table:
         self.section = section
         self.rows = [row for row in self.rows if row.section != section]
 
-    def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None, at_most=None):
+    def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None, at_most=None,
+            daemon_note=None, floor_note=None):
         """Adds a row of measurements, the floor's in the same rounds as the
         daemon's; ratio_at_most and at_most are goals for the medians of the
-        ratio and of the daemon."""
-        row = Row(self.section, group, what, unit, summary(daemon),
+        ratio and of the daemon. A note stands behind its measurements."""
+        row = Row(self.section, group, what, unit, summary(daemon, daemon_note),
                   ratio_at_most=ratio_at_most, at_most=at_most)  # fmt: skip
         if floor:
-            row.floor = summary(floor)
+            row.floor = summary(floor, floor_note)
             pairs = list(zip(daemon, floor, strict=True))
             if all(floor):
                 row.ratio = summary([above / below for above, below in pairs])
@@ -180,4 +182,5 @@ def _verdict(value, limit, text):
 def _spread(values, limit=None, text=_number):
     middle = _verdict(values["median"], limit, text)
     low, high = map(text, values["quartiles"])
-    return middle if low == high else f"{middle} ({low}–{high})"
+    spread = middle if low == high else f"{middle} ({low}–{high})"
+    return f"{spread}, {values['note']}" if values["note"] else spread
