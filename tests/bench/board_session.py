@@ -96,6 +96,7 @@ class Board:
         with contextlib.suppress(BrokenPipeError):
             self.shell.stdin.close()
         ended(self.shell)
+        self.events()  # up to the last one, for who still looks at them
         if self.reader:
             self.reader.close()
         self.output.close()

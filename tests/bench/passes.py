@@ -48,6 +48,8 @@ class Passes:
                 calls = syscalls(
                     self.board.pid, lambda: self.board.wait_sleeps(2 * passes)
                 )
+            if abs(calls.get("connect", 0) - calls["clock_nanosleep"]) > 2:
+                raise RuntimeError(f"not each pass sleeps once and asks once: {calls}")
             return sum(calls.values()) / calls["clock_nanosleep"]
 
     def allocations(self, passes):
@@ -57,6 +59,22 @@ class Passes:
             self.board.wait_sleeps(passes)
             slept = self.board.sleeps() - slept
             return (self.board.allocations() - counted) / slept
+
+
+# What a pass says that could not read the host's state, always shown.
+FAILED_READ = "Failed to get current powerevent"
+
+
+def reads_checked(board):
+    """What is to be done after the board's end: fails if a read has failed.
+    Such a pass sleeps a second time, and would count as two cheap ones."""
+
+    def check(kind, *_):
+        failed = sum(event.get("text") == FAILED_READ for event in board.seen)
+        if failed and kind is None:
+            raise RuntimeError(f"{failed} passes could not read the host's state")
+
+    return check
 
 
 # How often everything is started anew: where a process's memory happens to lie
@@ -85,6 +103,7 @@ def going_programs(stack, tools, programs, host, fast, counted=False):
     of = {}
     for name, (program, level, publishes) in programs.items():
         board = Board(tools, program, host, level, fast=fast, counted=counted)
+        stack.push(reads_checked(board))
         stack.enter_context(board)
         of[name] = Passes(board, publishes and host == "Running")
     return of
