@@ -51,6 +51,8 @@ def parse(arguments):
                         help="passes in a run (100)")  # fmt: skip
     parser.add_argument("--cycles", type=int, nargs="+", default=[10, 1000, 10_000],
                         help="power cycles after which growth is looked at")  # fmt: skip
+    parser.add_argument("--check", action="store_true",
+                        help="look at these arguments and measure nothing")  # fmt: skip
     parser.add_argument("--json", type=Path, help="where the results are saved")
     return parser.parse_intermixed_args(arguments)
 
@@ -99,6 +101,8 @@ def save(results, file):
 
 def main():
     options = parse(sys.argv[1:])
+    if options.check:
+        return
     end_in_order()
     tools = Tools(options.root.resolve())
     results = earlier(options, machine(tools))
