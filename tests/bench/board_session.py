@@ -35,14 +35,15 @@ class Program:
     arguments: list = field(default_factory=list)
 
     def command(self, environment, log):
-        """A shell's command; the shell becomes the program."""
+        """A shell's commands, by which the shell itself becomes the program
+        without another one in between: its start counts."""
         if self.libraries:
             environment = {"LD_LIBRARY_PATH": self.libraries, **environment}
-        words = ["exec", "env", "-u", "LD_LIBRARY_PATH"]
-        words += [f"{name}={value}" for name, value in environment.items()]
-        words += [str(self.path), *self.arguments]
+        lines = ["unset LD_LIBRARY_PATH"]
+        lines += [f"export {name}={shlex.quote(str(value))}" for name, value in environment.items()]
         redirected = f" 2>{shlex.quote(str(log))}" if log else ""
-        return shlex.join(words) + redirected
+        lines += [shlex.join(["exec", str(self.path), *self.arguments]) + redirected]
+        return "\n".join(lines)
 
 
 class Board:
