@@ -6,38 +6,19 @@
  * quickly. A sleep stays one system call, and everything else is as it was.
  *
  * Sleeps are counted, since a pass of the state loop has exactly one: the file
- * that FAST_TIME_COUNT names gets the number, as eight bytes of the machine's
- * own order, and has it at any time.
+ * that FAST_TIME_COUNT names has the number.
  */
 
+#include "shared_count.h"
+
 #include <errno.h>
-#include <fcntl.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
 
 static uint64_t uncounted;
 static uint64_t* count = &uncounted;
 static long divisor = 1;
-
-static void mapCount(const char* name)
-{
-    const int fd = open(name, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || ftruncate(fd, sizeof(*count)) != 0)
-    {
-        _exit(125); // who reads the count would wait for ever
-    }
-    void* const place =
-        mmap(NULL, sizeof(*count), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (place == MAP_FAILED)
-    {
-        _exit(125);
-    }
-    count = place;
-    (void)close(fd);
-}
 
 __attribute__((constructor)) static void prepare(void)
 {
@@ -49,7 +30,7 @@ __attribute__((constructor)) static void prepare(void)
     }
     if (name != NULL)
     {
-        mapCount(name);
+        count = mapCount(name);
     }
 }
 
