@@ -186,10 +186,15 @@ pack_base() {
     rm -r "$root"
 }
 
-# archive DIRECTORY: what is below it, as the kernel unpacks it.
+# archive DIRECTORY: what is below it, as the kernel unpacks it. The same files
+# give the same archive, whenever they were made: only so a machine's kept state
+# is found again.
 archive() {
-    (cd "$1" && find . | LC_ALL=C sort |
-        cpio --quiet -o -H newc -R 0:0 --reproducible)
+    (
+        cd "$1" || return
+        find . -exec touch --no-dereference --date=@0 {} +
+        find . | LC_ALL=C sort | cpio --quiet -o -H newc -R 0:0 --reproducible
+    )
 }
 
 # What a board of this kind does without, and takes time in emulation: links to

@@ -2,8 +2,8 @@
 """A virtual machine with three lines out of it: commands, journal and bus.
 
 A machine begins by booting, or as the copy of one that has booted: `save` keeps
-a machine's whole state in a file, and any number of machines can go on from
-there. What the machine says is handed to whoever made it, line by line, on
+a machine's whole state in a directory, and any number of machines can go on from
+there. They share the kept memory until they write to it. What the machine says is handed to whoever made it, line by line, on
 threads of this module. A machine ends with its `with` block, and with the
 process, whatever becomes of that.
 """
@@ -22,6 +22,10 @@ from pathlib import Path
 
 MEMORY_MB = 512
 PROCESSORS = 1
+
+# What a state's directory has.
+MEMORY = "memory"
+DEVICES = "devices"
 
 # From power-on to the first answer, on a machine that is busy with others.
 BOOT_SECONDS = 120
@@ -88,25 +92,31 @@ class Guest:
         for line in [self.commands, self.monitor_line] + [l for l, _ in self.listeners]:
             line.ours.close()
 
-    def boot(self, *parameters):
-        """Switches the machine on, with these parameters for its kernel."""
+    def boot(self, *parameters, state=None):
+        """Switches the machine on, with these parameters for its kernel. state:
+        the directory that its state is to be kept in, if it is."""
         kernel = ["console=ttyAMA0", "panic=-1", "quiet", "loglevel=4", *parameters]
-        self._start(["-append", " ".join(kernel)])
+        self._start(["-append", " ".join(kernel), *_memory(state, shared=True)])
         if self._read_line(BOOT_SECONDS) != "ready":
             raise GuestError("the machine does not speak our language")
 
     def resume(self, state):
-        """Goes on from a state that another machine has saved."""
-        self._start(["-append", "", "-incoming", f"exec:cat {shlex.quote(str(state))}"])
+        """Goes on from the state of another machine."""
+        incoming = f"exec:cat {shlex.quote(str(state / DEVICES))}"
+        self._start(["-incoming", "defer", *_memory(state, shared=False)])
+        self._leave_memory_where_it_is()
+        self._monitor("migrate-incoming", {"uri": incoming})
         while self._monitor("query-status")["status"] == "inmigrate":
-            time.sleep(0.02)
+            time.sleep(0.01)
         self._monitor("cont")
 
     def save(self, state):
-        """Keeps the machine's state in a file. The machine stands still then."""
+        """Keeps the state of a machine that was booted for it. The machine stands
+        still then."""
         self._monitor("stop")
-        self._monitor("migrate-set-parameters", {"max-bandwidth": 1 << 40})
-        self._monitor("migrate", {"uri": f"exec:cat >{shlex.quote(str(state))}"})
+        self._leave_memory_where_it_is()
+        uri = f"exec:cat >{shlex.quote(str(state / DEVICES))}"
+        self._monitor("migrate", {"uri": uri})
         while True:
             status = self._monitor("query-migrate")["status"]
             if status == "completed":
@@ -146,7 +156,7 @@ class Guest:
             "qemu-system-aarch64",
             *("-M", "virt", "-accel", "tcg,thread=multi"),
             *("-cpu", self.cpu + (SLOW_FEATURES if self.cpu == "max" else "")),
-            *("-smp", str(PROCESSORS), "-m", str(MEMORY_MB)),
+            *("-smp", str(PROCESSORS)),
             *("-kernel", str(self.files / "Image")),
             *("-initrd", str(self.files / "initrd")),
             *("-display", "none", "-nic", "none", "-no-reboot"),
@@ -168,6 +178,11 @@ class Guest:
             line.theirs.close()
         for line, on_line in self.listeners:
             threading.Thread(target=_listen, args=(line, on_line), daemon=True).start()
+
+    def _leave_memory_where_it_is(self):
+        """Memory in a file is not copied with the rest of the state."""
+        capability = {"capability": "x-ignore-shared", "state": True}
+        self._monitor("migrate-set-capabilities", {"capabilities": [capability]})
 
     def _monitor(self, command, arguments=None):
         """Asks QEMU for something; it speaks one JSON object a line."""
@@ -223,6 +238,18 @@ class Guest:
             text = Path(self.console).read_text(encoding="utf-8", errors="replace")
             words += "\n" + "\n".join(text.split("\n")[-20:])
         return f": {words.strip()}" if words.strip() else ""
+
+
+def _memory(state, shared):
+    """QEMU's arguments for memory that is kept with a state, or not at all. What
+    is written to memory that is not shared stays with the machine."""
+    if not state:
+        return ["-m", str(MEMORY_MB)]
+    return [
+        *("-m", str(MEMORY_MB), "-machine", "memory-backend=ram", "-object"),
+        f"memory-backend-file,id=ram,size={MEMORY_MB}M,mem-path={state / MEMORY},"
+        f"share={'on' if shared else 'off'}",
+    ]
 
 
 def _listen(line, on_line):

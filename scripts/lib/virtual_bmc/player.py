@@ -8,6 +8,7 @@ A story whose first word is `boot` begins by switching a machine on.
 
 import concurrent.futures
 import hashlib
+import shutil
 import subprocess
 import time
 from dataclasses import dataclass
@@ -56,10 +57,11 @@ class Player:
         if self.state.exists():
             return
         for old in self.place.glob("state-*"):
-            old.unlink()
+            shutil.rmtree(old)
         new = self.state.with_suffix(".new")
+        new.mkdir()
         with self.machine("prepare", Timeline()) as guest:
-            guest.boot("systemd.unit=board.target", "board.hold")
+            guest.boot("systemd.unit=board.target", "board.hold", state=new)
             guest.run("rm /run/board/hold")
             guest.save(new)
         new.rename(self.state)
