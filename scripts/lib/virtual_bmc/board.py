@@ -25,7 +25,8 @@ class Differs(Exception):
 
 
 class Board:
-    """For one story, on one thread."""
+    """For one story, on one thread. What is asked twice without anything told or
+    awaited between is looked at once."""
 
     def __init__(self, guest, timeline):
         self.guest = guest
@@ -37,11 +38,17 @@ class Board:
         self.since_source = None
         self.first = {}
         self.started = 0
+        self.seen = {}
 
     # What is told to it.
 
     def run(self, command, may_fail=False):
         """Runs a command as root and gives its Answer."""
+        self.seen = {}
+        return self._ask(command, may_fail)
+
+    def _ask(self, command, may_fail=False):
+        """Runs one that changes nothing."""
         answer = self.guest.run(command)
         if answer.status != 0 and not may_fail:
             raise Differs(f"{command}: {answer.output.strip() or answer.status}")
@@ -49,7 +56,7 @@ class Board:
 
     def tell_host(self, *words):
         """In the words of the simulated board's host."""
-        self.run("/usr/libexec/board/tell-host " + shlex.join(words))
+        self.run("tell_host " + shlex.join(words))
 
     def set(self, controller, name, value):
         """Sets one of the settings of the kernel module."""
@@ -71,6 +78,7 @@ class Board:
     def await_event(self, what, source, matches):
         """Waits for an event from one source, from the end of the last await on;
         what has happened since counts."""
+        self.seen = {}
         after_bus = self.since_source == "bus" and source != "bus"
         number, event = self.timeline.wait_for(
             what,
@@ -86,6 +94,7 @@ class Board:
 
     def await_unit(self, name, value):
         """Waits until a property of the daemon's unit has this value."""
+        self.seen = {}
         command = (
             f"for i in {{1..{int(self.limit * 10)}}}; do "
             f'[ "$(systemctl show {UNIT} -P {name})" = {shlex.quote(value)} ] && exit; '
@@ -100,15 +109,20 @@ class Board:
 
     def unit(self, name):
         """A property of the daemon's unit."""
-        return self.run(f"systemctl show {UNIT} -P {name}").output.strip()
+        if "unit" not in self.seen:
+            lines = self._ask(f"systemctl show {UNIT}").output.splitlines()
+            self.seen["unit"] = dict(line.partition("=")[::2] for line in lines)
+        if name not in self.seen["unit"]:
+            raise Differs(f"a service has no property {name}")
+        return self.seen["unit"][name]
 
     def counter(self, controller, name):
         """What the kernel module has counted at a controller."""
-        return int(self.run(f"cat {_setting(controller, name)}").output)
+        return int(self._ask(f"cat {_setting(controller, name)}").output)
 
     def endpoints(self):
         """The ids of the endpoints that a client reads on the bus now."""
-        answer = self.run(
+        answer = self._ask(
             f"busctl --json=short call {SERVICE} {OBJECTS} "
             "org.freedesktop.DBus.ObjectManager GetManagedObjects"
         )
@@ -121,8 +135,10 @@ class Board:
 
     def finish(self):
         """Gives what has happened time to be told."""
-        self.run("journalctl --sync")
-        self.run("sleep 0.3")
+        if "finished" not in self.seen:
+            self._ask("journalctl --sync")
+            self._ask("sleep 0.3")
+            self.seen["finished"] = True
 
 
 def controller_of(text):

@@ -96,7 +96,14 @@ class Guest:
         """Switches the machine on, with these parameters for its kernel. state:
         the directory that its state is to be kept in, if it is."""
         kernel = ["console=ttyAMA0", "panic=-1", "quiet", "loglevel=4", *parameters]
-        self._start(["-append", " ".join(kernel), *_memory(state, shared=True)])
+        self._start(
+            [
+                *("-kernel", str(self.files / "Image")),
+                *("-initrd", str(self.files / "initrd")),
+                *("-append", " ".join(kernel)),
+                *_memory(state, shared=True),
+            ]
+        )
         if self._read_line(BOOT_SECONDS) != "ready":
             raise GuestError("the machine does not speak our language")
 
@@ -157,8 +164,6 @@ class Guest:
             *("-M", "virt", "-accel", "tcg,thread=multi"),
             *("-cpu", self.cpu + (SLOW_FEATURES if self.cpu == "max" else "")),
             *("-smp", str(PROCESSORS)),
-            *("-kernel", str(self.files / "Image")),
-            *("-initrd", str(self.files / "initrd")),
             *("-display", "none", "-nic", "none", "-no-reboot"),
             *("-serial", f"file:{self.console}" if self.console else "mon:stdio"),
             *("-chardev", f"socket,id=qmp,fd={self.monitor_line.theirs.fileno()}"),

@@ -8,6 +8,7 @@ A story whose first word is `boot` begins by switching a machine on.
 
 import concurrent.futures
 import hashlib
+import json
 import shutil
 import subprocess
 import time
@@ -82,19 +83,35 @@ class Player:
         return Outcome(story.name, time.monotonic() - began, failure, shown)
 
     def play_all(self, stories, jobs, on_outcome):
-        """Plays them, so many at the same time, and first what takes longest."""
-        stories = sorted(stories, key=lambda story: not story.boots)
+        """Plays them, so many at the same time, and first what took longest when
+        it was played last."""
+        seconds = self._seconds()
+        # One that is not known may be the longest.
+        stories = sorted(stories, key=lambda story: -seconds.get(story.name, 3600))
         pool = concurrent.futures.ThreadPoolExecutor(jobs)
         try:
             played = [pool.submit(self.play, story) for story in stories]
             for one in concurrent.futures.as_completed(played):
-                on_outcome(one.result())
+                outcome = one.result()
+                seconds[outcome.name] = outcome.seconds
+                on_outcome(outcome)
+            self._seconds_file().write_text(json.dumps(seconds), encoding="ascii")
         finally:
             # There is something to end only where this was interrupted.
             pool.shutdown(wait=False, cancel_futures=True)
             for machine, timeline in self.machines:
                 timeline.end()
                 machine.end()
+
+    def _seconds_file(self):
+        return self.place / "seconds.json"
+
+    def _seconds(self):
+        """What each story took when it was played last."""
+        try:
+            return json.loads(self._seconds_file().read_text(encoding="ascii"))
+        except (OSError, ValueError):
+            return {}
 
     def _begin(self, guest, story):
         if story.boots:
