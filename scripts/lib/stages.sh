@@ -7,7 +7,8 @@
 # a hash of what it is made from; it is made under a temporary name and moved,
 # so that a stage is whole or is not there. To be sourced after common.sh.
 #
-# Everything below the cache's directory may be deleted at any time.
+# Everything below the cache's directory may be deleted at any time; what nobody
+# has used for a month is, when another of its name is made.
 
 cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/morrow
 
@@ -24,7 +25,10 @@ stage() {
     local name=$1 key=$2 lock temporary
     shift 2
     staged=$cache/$name-$key
-    [ ! -d "$staged" ] || return 0
+    if [ -d "$staged" ]; then
+        touch "$staged" # it is in use
+        return
+    fi
 
     mkdir -p "$cache" || fail "cannot make $cache: set XDG_CACHE_HOME to where there is room"
     exec {lock}>"$cache/$name.lock"
@@ -38,7 +42,10 @@ stage() {
             rm -rf "$temporary"
             fail "the stage $name could not be made: see above"
         fi
+        touch "$temporary" # what it holds may be older
         mv -T "$temporary" "$staged"
+        find "$cache" -mindepth 1 -maxdepth 1 -name "$name-*" -mtime +30 \
+            -exec rm -rf {} +
     fi
     exec {lock}>&-
 }

@@ -3,9 +3,9 @@
 #
 # What a virtual board boots: Debian's kernel for virtual machines, our module
 # for it, and an initial RAM disk that is the whole system. To be sourced after
-# common.sh, stages.sh and arm64.sh. What seldom changes is a stage in the
-# cache; a change of the daemon, of a unit or of the module costs their build and
-# a small archive, which is put behind the big one.
+# common.sh, stages.sh, arm64.sh and cross_file.sh. What seldom changes is a
+# stage in the cache; a change of the daemon, of a unit or of the module costs
+# their build and a small archive, which is put behind the big one.
 
 virtual=$top/build/virtual-bmc
 
@@ -70,13 +70,8 @@ build_module() {
 virtual_build() {
     local build=$virtual/build log=$virtual/build.log
     installed=$virtual/installed
-    mkdir -p "$virtual"
-    write_cross_file >"$virtual/arm64.ini.new"
-    # A new file makes Meson configure anew.
-    if ! cmp -s "$virtual/arm64.ini.new" "$virtual/arm64.ini"; then
-        rm -rf "$build"
-        mv "$virtual/arm64.ini.new" "$virtual/arm64.ini"
-    fi
+    virtual_cross_file | write_if_new "$virtual/arm64.ini"
+    [ "$build/build.ninja" -nt "$virtual/arm64.ini" ] || rm -rf "$build"
     if ! {
         { [ -e "$build/build.ninja" ] ||
             meson setup "$build" "$top" --cross-file "$virtual/arm64.ini"; } &&
@@ -89,23 +84,9 @@ virtual_build() {
     fi
 }
 
-write_cross_file() {
-    cat <<EOF2
-[constants]
-root = '$arm64/root'
-
-[binaries]
-cpp = ['aarch64-linux-gnu-g++', '--sysroot=' + root]
-ar = 'aarch64-linux-gnu-gcc-ar'
-strip = 'aarch64-linux-gnu-strip'
-pkgconfig = 'pkg-config'
-
-[properties]
-sys_root = root
-pkg_config_libdir = [
-    root / 'usr/lib/aarch64-linux-gnu/pkgconfig',
-    root / 'usr/share/pkgconfig',
-    ]
+virtual_cross_file() {
+    cross_file
+    cat <<'END'
 
 [built-in options]
 prefix = '/usr'
@@ -117,13 +98,7 @@ release = true
 systemd_unit_dir = '/usr/lib/systemd/system'
 tests = 'disabled'
 virtual_board = true
-
-[host_machine]
-system = 'linux'
-cpu_family = 'aarch64'
-cpu = 'aarch64'
-endian = 'little'
-EOF2
+END
 }
 
 # virtual_packages: sets `packaged` to a directory with the contents of the

@@ -25,7 +25,6 @@ class NotUnderstood(Exception):
 @dataclass
 class Word:
     pattern: list
-    help: str
     run: object
 
     def values(self, words, line):
@@ -52,7 +51,7 @@ def word(pattern):
     """The function does what a line of this pattern says."""
 
     def keep(function):
-        WORDS.append(Word(pattern.split(), function.__doc__, function))
+        WORDS.append(Word(pattern.split(), function))
         return function
 
     return keep
@@ -167,28 +166,18 @@ def endpoint_answering(board, controller):
     board.set(controller_of(controller), "silent", 0)
 
 
-@word("endpoint CONTROLLER short")
-def endpoint_short(board, controller):
-    """It answers with the first two bytes only."""
-    board.set(controller_of(controller), "answer", "short")
+def _endpoint_answers(answer):
+    """Makes the word for an endpoint that answers like this."""
+
+    @word(f"endpoint CONTROLLER {answer}")
+    def set_answer(board, controller):
+        board.set(controller_of(controller), "answer", answer)
 
 
-@word("endpoint CONTROLLER wrong-type")
-def endpoint_wrong_type(board, controller):
-    """It answers with another message type."""
-    board.set(controller_of(controller), "answer", "wrong-type")
-
-
-@word("endpoint CONTROLLER wrong-command")
-def endpoint_wrong_command(board, controller):
-    """It answers to another command."""
-    board.set(controller_of(controller), "answer", "wrong-command")
-
-
-@word("endpoint CONTROLLER error")
-def endpoint_error(board, controller):
-    """It answers with an error as completion code."""
-    board.set(controller_of(controller), "answer", "error")
+# With its first two bytes only, as another message type, to another command,
+# with an error as completion code.
+for _answer in ("short", "wrong-type", "wrong-command", "error"):
+    _endpoint_answers(_answer)
 
 
 @word("controller CONTROLLER well")
