@@ -39,7 +39,7 @@ def parse():
     parser.add_argument("--files", type=Path, required=True)
     parser.add_argument("--place", type=Path, required=True)
     parser.add_argument("--cpu", default="max")
-    parser.add_argument("--jobs", type=int, default=6)
+    parser.add_argument("--jobs", type=int, required=True)
     parser.add_argument("--shell", action="store_true")
     parser.add_argument("--figures", action="store_true")
     parser.add_argument("stories", nargs="*")
