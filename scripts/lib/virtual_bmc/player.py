@@ -58,7 +58,8 @@ class Player:
         if self.state.exists():
             return
         for old in self.place.glob("state-*"):
-            shutil.rmtree(old)
+            # One that an earlier version has left is a file.
+            shutil.rmtree(old) if old.is_dir() else old.unlink()
         new = self.state.with_suffix(".new")
         new.mkdir()
         with self.machine("prepare", Timeline()) as guest:
