@@ -6,6 +6,7 @@ import errno
 import json
 import shlex
 
+from .guest import COMMAND_SECONDS
 from .timeline import UNIT, WaitFailed
 
 SERVICE = "xyz.openbmc_project.mctp"
@@ -42,14 +43,15 @@ class Board:
 
     # What is told to it.
 
-    def run(self, command, may_fail=False):
-        """Runs a command as root and gives its Answer."""
+    def run(self, command, may_fail=False, limit=COMMAND_SECONDS):
+        """Runs a command as root, for so many seconds at most, and gives its
+        Answer."""
         self.seen = {}
-        return self._ask(command, may_fail)
+        return self._ask(command, may_fail, limit)
 
-    def _ask(self, command, may_fail=False):
+    def _ask(self, command, may_fail=False, limit=COMMAND_SECONDS):
         """Runs one that changes nothing."""
-        answer = self.guest.run(command)
+        answer = self.guest.run(command, limit)
         if answer.status != 0 and not may_fail:
             raise Differs(f"{command}: {answer.output.strip() or answer.status}")
         return answer
@@ -94,13 +96,12 @@ class Board:
 
     def await_unit(self, name, value):
         """Waits until a property of the daemon's unit has this value."""
-        self.seen = {}
         command = (
             f"for i in {{1..{int(self.limit * 10)}}}; do "
             f'[ "$(systemctl show {UNIT} -P {name})" = {shlex.quote(value)} ] && exit; '
             "sleep 0.1; done; exit 1"
         )
-        if self.guest.run(f"({command})", self.limit * 3).status != 0:
+        if self.run(f"({command})", may_fail=True, limit=self.limit * 3).status != 0:
             raise WaitFailed(
                 f"{name} is {self.unit(name)} after {self.limit:g} s, not {value}"
             )
