@@ -16,6 +16,7 @@ sys.dont_write_bytecode = True
 # pylint: disable=wrong-import-position
 from virtual_bmc import compare
 from virtual_bmc.board import Board, Differs
+from virtual_bmc.guest import Answer
 from virtual_bmc.timeline import Event, Timeline, WaitFailed
 from virtual_bmc.timeline import event_of_journal, events_of_bus
 from virtual_bmc.words import NotUnderstood, Story
@@ -209,6 +210,60 @@ class Awaits(unittest.TestCase):
             self.timeline.wait_for("x", lambda _: True, 0, 0, 0)
         self.add(1, 29)
         self.assertEqual(self.timeline.wait_for("x", lambda _: True, 0, 0, 0)[0], 0)
+
+
+class ChangingGuest:
+    """A machine whose service has restarted once more whenever it is looked at."""
+
+    def __init__(self):
+        self.commands = []
+
+    def run(self, command, _limit):
+        self.commands.append(command)
+        restarts = sum("systemctl show" in command for command in self.commands)
+        return Answer(0, 1, 2, f"NRestarts={restarts}\nActiveState=active\n")
+
+
+class Looks(unittest.TestCase):
+    def setUp(self):
+        self.guest = ChangingGuest()
+        self.timeline = Timeline()
+        self.board = Board(self.guest, self.timeline)
+
+    def restarts(self):
+        return self.board.unit("NRestarts")
+
+    def test_are_one_for_all_that_is_asked_of_a_moment(self):
+        self.assertEqual(self.restarts(), "1")
+        self.assertEqual(self.board.unit("ActiveState"), "active")
+        self.assertEqual(self.restarts(), "1")
+        self.board.finish()
+        self.board.finish()
+        self.assertEqual(self.guest.commands.count("journalctl --sync"), 1)
+
+    def test_are_taken_anew_after_what_is_told(self):
+        for tell in (
+            lambda: self.board.run("sleep 60"),
+            lambda: self.board.tell_host("leaves"),
+            lambda: self.board.set(0, "silent", 1),
+            self.board.start,
+        ):
+            before = self.restarts()
+            tell()
+            self.assertNotEqual(self.restarts(), before)
+
+    def test_are_taken_anew_after_what_is_awaited(self):
+        before = self.restarts()
+        self.timeline.add(Event(10, "bus", "endpoint_added", {}))
+        self.board.await_event("any", "bus", lambda event: True)
+        self.assertNotEqual(self.restarts(), before)
+        before = self.restarts()
+        self.board.await_unit("ActiveState", "active")
+        self.assertNotEqual(self.restarts(), before)
+
+    def test_say_which_property_there_is_not(self):
+        with self.assertRaisesRegex(Differs, "a service has no property Nonsense"):
+            self.board.unit("Nonsense")
 
 
 class Comparison(unittest.TestCase):
