@@ -58,8 +58,10 @@ class Player:
         if self.state.exists():
             return
         for old in self.place.glob("state-*"):
-            # One that an earlier version has left is a file.
-            shutil.rmtree(old) if old.is_dir() else old.unlink()
+            if old.is_dir():
+                shutil.rmtree(old)
+            else:  # an earlier version's
+                old.unlink()
         new = self.state.with_suffix(".new")
         new.mkdir()
         with self.machine("prepare", Timeline()) as guest:
