@@ -34,7 +34,6 @@ MAPS = {
     "libplatform-lock.so.1": "platform/lock/exports.map",
     "libplatform-log.so.1": "platform/log/exports.map",
     "libplatform-mctp.so.1": "platform/mctp/exports.map",
-    "libsdbusplus.so.1": "subprojects/sdbusplus/src/exports.map",
 }
 
 # Calls that cannot but be checked when they are made.

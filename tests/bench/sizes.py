@@ -9,7 +9,6 @@ INSTALLED = [
     "libplatform-lock.so.1",
     "libplatform-log.so.1",
     "libplatform-mctp.so.1",
-    "libsdbusplus.so.1",
     "morrow",
 ]
 ALL = "all together"

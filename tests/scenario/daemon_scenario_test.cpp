@@ -409,8 +409,8 @@ TEST_F(Installed, NeedsTheBusItsPlatformAndTheRuntimeAndNothingElse)
         }
     }
     EXPECT_THAT(needed, UnorderedElementsAre(
-                            "libsystemd.so.0", "libsdbusplus.so.1",
-                            "libplatform-log.so.1", "libplatform-hal.so.1",
-                            "libplatform-lock.so.1", "libplatform-mctp.so.1",
-                            "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"));
+                            "libsystemd.so.0", "libplatform-log.so.1",
+                            "libplatform-hal.so.1", "libplatform-lock.so.1",
+                            "libplatform-mctp.so.1", "libstdc++.so.6",
+                            "libgcc_s.so.1", "libc.so.6"));
 }

@@ -60,7 +60,6 @@ PACKAGES =+ "${PN}-platform"
 
 FILES:${PN} += " \
     ${libexecdir}/morrow/morrow \
-    ${libdir}/morrow/libsdbusplus.so.1 \
     ${datadir}/dbus-1/system.d/xyz.openbmc_project.mctp.conf \
     ${systemd_system_unitdir}/morrow.service \
     ${systemd_system_unitdir}/morrow-return.service \
@@ -69,9 +68,6 @@ FILES:${PN}-platform = " \
     ${libdir}/libplatform-*${SOLIBS} \
     ${nonarch_libdir}/tmpfiles.d/morrow-platform.conf \
 "
-
-# The bundled wrapper's library is the daemon's own, found by no one else.
-PRIVATE_LIBS:${PN} = "${@bb.utils.contains('PACKAGECONFIG', 'system-sdbusplus', '', 'libsdbusplus.so.1', d)}"
 
 # The libraries that it links with follow by themselves.
 VIRTUAL-RUNTIME_dbus ??= "dbus"
