@@ -620,12 +620,13 @@ int morrow_i3c_device_do_notify(const std::string& device)
     bool responseSeen = false;
     for (int attempt = 0; attempt < notifyAttempts; ++attempt)
     {
-        __mctp_wrapper_request_buffer_t request{
-            .data = DISCOVERY_NOTIFY_REQUEST.data(),
-            .len = DISCOVERY_NOTIFY_REQUEST.size(),
-            .reserved1 = 0,
-            .timeoutMs = notifyTimeoutMs,
-            .reserved2 = 0};
+        // A copy for each attempt: a library may set the instance id in place.
+        auto requestBytes = DISCOVERY_NOTIFY_REQUEST;
+        __mctp_wrapper_request_buffer_t request{.data = requestBytes.data(),
+                                                .len = requestBytes.size(),
+                                                .reserved1 = 0,
+                                                .timeoutMs = notifyTimeoutMs,
+                                                .reserved2 = 0};
         __mctp_wrapper_resp_buffer_t resp_buffer{};
         resp_buffer.data = area.data();
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow_client.hpp"
 
+#include "bus_connection.hpp"
 #include "event_source.hpp"
 #include "log.hpp"
 #include "power_state.hpp"
@@ -119,8 +120,9 @@ ChangedProperties readChangedProperties(sdbusplus::message_t& message,
 /** A power state that the internal power state object may report. */
 struct PowerState
 {
-    const char* substring; //!< what tells it
-    const char* name; //!< how the log calls it
+    const char* substring; //!< identifies it
+    const char* logFormat; //!< of the log: file, line, function
+    const char* traceFormat; //!< of the trace: function
     bool leavesS0; //!< whether it arms the OFF transition
 };
 
@@ -128,15 +130,24 @@ struct PowerState
  *  is contained in its two neighbours before. That OffPendingS0 only shows in
  *  the log while Unknown counts as leaving S0 is meant. */
 constexpr std::array powerStates{
-    PowerState{".S0InReset", "S0InReset", true},
-    PowerState{".PreStandby", "PreStandby", true},
-    PowerState{".StateS6", "StateS6", true},
-    PowerState{".StateS5Early", "StateS5Early", true},
-    PowerState{".StateS5S3Mbusy", "StateS5S3Mbusy", true},
-    PowerState{".StateS5", "StateS5", true},
-    PowerState{".S5OnPending", "S5OnPending", true},
-    PowerState{".OffPendingS0", "OffPendingS0", false},
-    PowerState{".Unknown", "Unknown", true},
+    PowerState{".S0InReset", "%s:%u:%s:Power state is S0InReset\n",
+               "%s:Power state is S0InReset\n", true},
+    PowerState{".PreStandby", "%s:%u:%s:Power state is PreStandby\n",
+               "%s:Power state is PreStandby\n", true},
+    PowerState{".StateS6", "%s:%u:%s:Power state is StateS6\n",
+               "%s:Power state is StateS6\n", true},
+    PowerState{".StateS5Early", "%s:%u:%s:Power state is StateS5Early\n",
+               "%s:Power state is StateS5Early\n", true},
+    PowerState{".StateS5S3Mbusy", "%s:%u:%s:Power state is StateS5S3Mbusy\n",
+               "%s:Power state is StateS5S3Mbusy\n", true},
+    PowerState{".StateS5", "%s:%u:%s:Power state is StateS5\n",
+               "%s:Power state is StateS5\n", true},
+    PowerState{".S5OnPending", "%s:%u:%s:Power state is S5OnPending\n",
+               "%s:Power state is S5OnPending\n", true},
+    PowerState{".OffPendingS0", "%s:%u:%s:Power state is OffPendingS0\n",
+               "%s:Power state is OffPendingS0\n", false},
+    PowerState{".Unknown", "%s:%u:%s:Power state is Unknown\n",
+               "%s:Power state is Unknown\n", true},
 };
 
 } // namespace
@@ -195,8 +206,7 @@ void morrow_dbus_client::morrowClientDBusHandler()
     MORROW_LOG(logging::progress, "%s - Enter\n", __func__);
     try
     {
-        bus = std::make_shared<sdbusplus::bus_t>(
-            sdbusplus::bus::new_default_system());
+        bus = std::make_shared<sdbusplus::bus_t>(openDefaultSystemBus());
     }
     catch (const sdbusplus::exception::SdBusError& error)
     {
@@ -270,10 +280,16 @@ void morrow_dbus_client::createMorrowEventLoop()
 int morrowClientProcessRequest(sd_event_source* /*source*/, int /*fd*/,
                                uint32_t /*events*/, void* /*userData*/)
 {
+    // Outside the try block: a failure is logged with the bus still held, and
+    // the lock is released last.
+    const std::lock_guard lock(clientBusMutex);
+    const auto bus = morrow_dbus_client::get_instance().bus;
+    if (!bus)
+    {
+        return 0;
+    }
     try
     {
-        const std::lock_guard lock(clientBusMutex);
-        const auto bus = morrow_dbus_client::get_instance().bus;
         while (bus->process_discard())
         {
             (void)bus->wait(drainWait); // a time-out is as good as a message
@@ -398,7 +414,7 @@ int morrow_dbus_client::GetProperty(const std::string& key,
         try
         {
             const TerminationBlock whileOnTheBus;
-            auto bus = sdbusplus::bus::new_default();
+            auto bus = openDefaultBus();
             auto call =
                 bus.new_method_call(entry->second.service, entry->second.object,
                                     propertiesInterface, "Get");
@@ -481,10 +497,13 @@ void signalHandler_internalpowerstate(sdbusplus::message_t& message)
         {
             continue;
         }
-        MORROW_LOG(logging::progress, "%s:Power state is %s\n", __func__,
-                   state->name);
-        MORROW_TRACE(logging::progress, "%s:Power state is %s\n", __func__,
-                     state->name);
+        // The formats are literals of the table, not of this place.
+        dlog_printf(logging::progress, logging::module, state->logFormat,
+                    logSource.data(), static_cast<unsigned int>(__LINE__),
+                    __func__);
+        dmctp_trace(logging::progress, logSource.data(),
+                    static_cast<unsigned int>(__LINE__), state->traceFormat,
+                    __func__);
         if (state->leavesS0)
         {
             armPowerDown();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "morrow_server.hpp"
 
+#include "bus_connection.hpp"
 #include "event_source.hpp"
 #include "lasting_connection.hpp"
 #include "log.hpp"
@@ -317,10 +318,8 @@ void morrow_dbus_server::morrowDBusMgrHandler()
 /** Connects, takes the name, serves until the loop ends and lets go. */
 void morrow_dbus_server::serveBus()
 {
-    auto connected = std::make_shared<sdbusplus::bus_t>(
-        sdbusplus::bus::new_default_system());
+    auto connected = std::make_shared<sdbusplus::bus_t>(openDefaultSystemBus());
     connected->request_name(serviceName);
-    serverConnection.hold();
     (void)bus.exchange(connected); // there was none
     std::optional<ObjectManagers> managers(*connected);
 
@@ -365,6 +364,9 @@ void morrow_dbus_server::createMorrowEventLoop()
                    __func__, std::strerror(-result));
         return;
     }
+    // Not before the loop is sure to run: otherwise the connection would last,
+    // and the name with it, without anybody to serve them.
+    serverConnection.hold();
     // At the error level, so that it shows at every log setting.
     MORROW_LOG(logging::error,
                "%s - morrow DBus Server Initialization Completed.\n", __func__);
@@ -381,7 +383,7 @@ int morrowProcessRequest(sd_event_source* /*source*/, int /*fd*/,
     {
         const std::lock_guard lock(server_mutex);
         const auto bus = morrow_dbus_server::get_instance().bus.share();
-        while (bus->process_discard())
+        while (bus && bus->process_discard())
         {
             (void)bus->wait(drainWait); // a time-out is as good as a message
         }

@@ -275,6 +275,9 @@ int mctp_wrapper_ep::send_message_blocking(
     const auto& device = *static_cast<std::string*>(impl);
     record::add("send%s", fake::hex(request.data, request.len).c_str());
     fake::lastRequestWords = fake::wordsOf(request, 0);
+    // A library may write both: the bytes, and the record that points at them.
+    std::fill_n(const_cast<uint8_t*>(request.data), request.len,
+                0xFF); // NOLINT
     request = {};
     fake::lastResponseWords = fake::wordsOf(response, 1);
     const auto scripted = fake::endpoints.find(device);

@@ -28,6 +28,7 @@ struct Slot
     pid_t thread;
     unsigned line;
     std::array<char, 24> source;
+    const char* format;
     std::array<char, textLength> text;
     std::atomic<bool> written;
 };
@@ -162,6 +163,7 @@ void addLog(const char* head, const char* source, unsigned line,
     }
     Slot& slot = takeSlot();
     slot.line = line;
+    slot.format = format;
     (void)snprintf(slot.source.data(), slot.source.size(), "%s", source);
     const int used =
         snprintf(slot.text.data(), slot.text.size(), "%s %s: ", head, source);
@@ -180,8 +182,8 @@ std::vector<Event> events()
         const Slot& slot = slots[index];
         if (slot.written.load(std::memory_order_acquire))
         {
-            result.push_back(
-                {slot.thread, slot.source.data(), slot.line, slot.text.data()});
+            result.push_back({slot.thread, slot.source.data(), slot.line,
+                              slot.format, slot.text.data()});
         }
     }
     return result;

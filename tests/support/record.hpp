@@ -35,6 +35,7 @@ struct Event
     pid_t thread; //!< the thread that it happened on
     std::string source; //!< base name of the source file, empty if none
     unsigned line; //!< line in it, 0 if none
+    const char* format; //!< a log's, after file and line, or a trace's; or null
     std::string text; //!< the event, see above
 };
 

@@ -3,6 +3,7 @@
 #include "morrow/morrow_client.hpp"
 #include "morrow/power_state.hpp"
 #include "tests/support/broker.hpp"
+#include "tests/support/bus_proxy.hpp"
 #include "tests/support/bus_spy.hpp"
 #include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
@@ -14,6 +15,7 @@
 #include "tests/support/mutex_look.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/story.hpp"
+#include "tests/support/wrapper.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -442,6 +444,37 @@ TEST_F(ClientStart, WithoutABusRunsItsLoopAllTheSameAndStops)
     EXPECT_EQ(record::count(threadExits), 1);
 }
 
+TEST_F(ClientStart, HandshakeCutAfterAnyByteIsLoggedAndTheLoopRuns)
+{
+    const std::string failed =
+        "log 1 morrow_client: morrowClientDBusHandler -Error: ";
+    BusProxy proxy;
+    const auto authentication = proxy.authenticationBytes();
+    for (std::size_t bytes = 0;; ++bytes)
+    {
+        proxy.pass(bytes, BusProxy::Then::close);
+        const auto start = record::texts().size();
+        ASSERT_EQ(morrow_dbus_client_init(), 0);
+        ASSERT_EQ(client().stop_morrow_dbus_client(), 0);
+        auto story = record::texts();
+        story.erase(story.begin(),
+                    story.begin() + static_cast<std::ptrdiff_t>(start));
+        std::erase_if(story,
+                      [&failed](const auto& text)
+                      {
+                          return !text.starts_with(failed);
+                      });
+        if (story.empty())
+        {
+            EXPECT_GT(bytes, authentication);
+            return;
+        }
+        ASSERT_THAT(
+            story, ElementsAre(StartsWith(failed + "sd_bus_get_unique_name: ")))
+            << bytes;
+    }
+}
+
 /** Start-up with a stop pipe that can't be polled for. */
 [[noreturn]] void startWithAFileForAPipe()
 {
@@ -750,6 +783,10 @@ TEST_F(ReadsHostState, AnyOtherTextCountsAsOff)
 
 TEST_F(ReadsHostState, AllocatesForTheValueAndTheCopiesOfTheCallbackAlone)
 {
+    if (!wrapper::bundled)
+    {
+        GTEST_SKIP() << "other wrappers allocate for themselves";
+    }
     host.goesTo("Running");
     EXPECT_EQ(getcurrentpowerstate(), 0); // the first one makes room
     const auto before = heap::allocationsOfThisThread();
@@ -879,6 +916,49 @@ TEST_F(ReadsHostState, ReadsLeaveNoDescriptorBehind)
     EXPECT_EQ(descriptors(), before);
 }
 
+TEST_F(ReadsHostState, HandshakeCutAfterAnyByteIsABusError)
+{
+    const std::string failed = "log 1 morrow_client: GetProperty -SdBusError:";
+    current_host_state = "before";
+    BusProxy proxy;
+    const auto authentication = proxy.authenticationBytes();
+    std::size_t bytes = 0;
+    for (bool shaken = false; !shaken; ++bytes)
+    {
+        proxy.pass(bytes, BusProxy::Then::close);
+        const auto start = here();
+        ASSERT_EQ(getcurrentpowerstate(), 1) << bytes;
+        const auto story = storyFrom(start);
+        // What follows the handshake is the call's.
+        shaken = story.at(2).starts_with(failed + "sd_bus_call: ");
+        ASSERT_TRUE(shaken || story.at(2).starts_with(
+                                  failed + "sd_bus_get_unique_name: "))
+            << bytes << ": " << story.at(2);
+        ASSERT_THAT(
+            story, ElementsAre(
+                       "log 11 morrow_client: Entry [getcurrentpowerstate]\n",
+                       "log 4 morrow_client: GetProperty - Enter\n",
+                       story.at(2), "log 4 morrow_client: GetProperty - Exit\n",
+                       "log 2 morrow_client: Failed to set read property\n"));
+    }
+    EXPECT_GT(bytes, authentication);
+    EXPECT_EQ(current_host_state, "before");
+    EXPECT_EQ(power_down_pending, 0);
+    EXPECT_EQ(await_host_running, 0);
+}
+
+TEST_F(ReadsHostState, HandshakeThatIsNeverAnsweredIsABusError)
+{
+    setenv("SYSTEMD_BUS_TIMEOUT", "100ms", 1); // otherwise 25 seconds
+    BusProxy proxy;
+    proxy.pass(proxy.authenticationBytes(), BusProxy::Then::silence);
+    const auto start = here();
+    EXPECT_EQ(getcurrentpowerstate(), 1);
+    EXPECT_THAT(storyFrom(start).at(2),
+                StartsWith("log 1 morrow_client: GetProperty "
+                           "-SdBusError:sd_bus_get_unique_name: "));
+}
+
 TEST_F(ReadsHostState, RunningLeavesFlagsThatAreSet)
 {
     power_down_pending = 1;
@@ -1006,6 +1086,28 @@ TEST_F(PowerSignals, EachStateIsRecognisedAsTheTableSays)
         EXPECT_EQ(handled(), Texts{powerPath} + tellsPowerState(value) +
                                  recognises(row.state));
         EXPECT_EQ(flagsAreSet(), row.sets) << row.state;
+    }
+}
+
+TEST_F(PowerSignals, EachStateHasAFormatOfItsOwn)
+{
+    for (const std::string state : {"S0InReset", "PreStandby", "StateS6",
+                                    "StateS5Early", "StateS5S3Mbusy", "StateS5",
+                                    "S5OnPending", "OffPendingS0", "Unknown"})
+    {
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", "." + state}});
+        (void)handled();
+        const auto format = "%s:Power state is " + state + "\n";
+        const auto all = record::events();
+        EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                                [&format](const auto& event)
+                                {
+                                    return event.format != nullptr &&
+                                           event.format == format;
+                                }),
+                  2) // the log's and the trace's
+            << state;
     }
 }
 
@@ -1188,6 +1290,12 @@ TEST_F(PowerSignals, MutexIsKeptInTheWaitForTheNextOne)
     control.changes(HostControl::resetCause, {});
     ASSERT_TRUE(record::waitFor("finds nothing more to do"));
     EXPECT_FALSE(free);
+}
+
+TEST_F(ClientStart, ServingSignalsWithoutABusEndsWith0)
+{
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
+    EXPECT_TRUE(isFreeForAnother(clientBusMutex));
 }
 
 TEST_F(Client, ServingSignalsAlwaysEndsWith0)
@@ -1684,6 +1792,24 @@ TEST_F(Client, MessageThatCannotBeProcessedIsLogged)
     EXPECT_THAT(storyFrom(0).back(),
                 StartsWith("log 1 morrow_client: morrowClientProcessRequest "
                            "-Error:sd_bus_process discard: "));
+}
+
+TEST_F(Client, FailureIsLoggedBeforeTheMutexIsFree)
+{
+    const std::string failed =
+        "log 1 morrow_client: morrowClientProcessRequest -Error:";
+    bool freeWhenLogged = true;
+    record::when(failed,
+                 [&freeWhenLogged]
+                 {
+                     freeWhenLogged = isFreeForAnother(clientBusMutex);
+                     ASSERT_EQ(write(clientSignalPipe[1], "\1", 1), 1);
+                 });
+    broker.kill();
+    ASSERT_TRUE(record::waitFor(threadExits));
+    EXPECT_FALSE(freeWhenLogged);
+    EXPECT_TRUE(isFreeForAnother(clientBusMutex));
+    EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
 
 TEST_F(Client, GoesOnAfterTheBrokerHasGone)

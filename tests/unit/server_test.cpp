@@ -3,6 +3,7 @@
 #include "morrow/morrow_server.hpp"
 #include "tests/support/broker.hpp"
 #include "tests/support/bus_observer.hpp"
+#include "tests/support/bus_proxy.hpp"
 #include "tests/support/bus_spy.hpp"
 #include "tests/support/event_loop.hpp"
 #include "tests/support/fake_platform.hpp"
@@ -477,6 +478,55 @@ TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
 TEST_F(ServerStart, LoopThatCannotBeMadeIsLoggedStepByStep)
 {
     EXPECT_EXIT(startWithoutALoop(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ServerStart, WithoutALoopTheNameGoes)
+{
+    EXPECT_EXIT(
+        {
+            record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
+                         []
+                         {
+                             // A plain file can't be polled for.
+                             serverSignalPipe[0] =
+                                 open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
+                                      0600);
+                         });
+            const auto before = sockets();
+            const auto started =
+                std::async(std::launch::async, morrow_dbus_server_init);
+            const bool ended = record::waitFor(threadExits);
+            const bool closed = sockets() == before;
+            const bool owned = busctl::hasOwner("xyz.openbmc_project.mctp");
+            leave(ended && closed && !owned && stillWaits(started) ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST_F(ServerStart, HandshakeThatIsCutIsLogged)
+{
+    EXPECT_EXIT(
+        {
+            BusProxy proxy;
+            proxy.pass(proxy.authenticationBytes() + 1, BusProxy::Then::close);
+            std::thread(
+                []
+                {
+                    morrow_dbus_server_init();
+                })
+                .detach();
+            const bool ended = record::waitFor(threadExits);
+            const auto told = record::textsOf(threadOf(threadExits));
+            EXPECT_THAT(
+                told, ElementsAre("log 4 morrow_server: morrowDBusMgrHandler - "
+                                  "Enter\n",
+                                  StartsWith("log 1 morrow_server: "
+                                             "morrowDBusMgrHandler -Error:"
+                                             "sd_bus_get_unique_name: "),
+                                  threadExits));
+            leave(ended && !HasFailure() ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
 }
 
 TEST_F(ServerStart, WatchesTheBusAndThePipeForInputAlone)
@@ -1120,6 +1170,12 @@ TEST_F(Registry, MutexIsKeptInTheWaitForTheNextRequest)
     (void)busctl::managedObjects(manager0);
     ASSERT_TRUE(record::waitFor("finds nothing more to do"));
     EXPECT_FALSE(free);
+}
+
+TEST_F(ServerWithoutBus, ServingRequestsEndsWith0)
+{
+    EXPECT_EQ(morrowProcessRequest(nullptr, -1, 0, nullptr), 0);
+    EXPECT_TRUE(isFreeForAnother(server_mutex));
 }
 
 TEST_F(Registry, ServingRequestsAlwaysEndsWith0)

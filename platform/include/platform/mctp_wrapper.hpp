@@ -25,7 +25,8 @@ enum _mctp_wrapper_network_id_ : uint32_t;
 /** A request, as the caller lays it out: five 64-bit words. */
 struct __mctp_wrapper_request_buffer_t
 {
-    const uint8_t* data; //!< the message: type byte and what follows it
+    const uint8_t* data; //!< the message: type byte and what follows it; in
+                         //!< memory that the library may write
     uint64_t len; //!< its length in bytes
     uint64_t reserved1; //!< 0
     uint64_t timeoutMs; //!< limit for the whole answer, in milliseconds
