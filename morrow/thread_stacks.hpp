@@ -6,7 +6,9 @@
  *
  * Without a word they get what the shell's limit says, eight megabytes each as
  * a rule: address space only, but where memory is not overcommitted it counts.
- * A thread of the daemon uses some ten kilobytes, most of it inside sd-bus.
+ * A thread of the daemon uses some ten kilobytes, most of it inside sd-bus, but
+ * a board's own log library runs on it as well and may need more: the size is
+ * the build's to choose (-Dthread_stack).
  *
  * std::thread takes no size, so it is the process's default that changes, and
  * only while the daemon starts its own threads: what a platform library starts
@@ -16,7 +18,8 @@
 #include <cstddef>
 
 /** What each of the daemon's threads has for its calls, in bytes. */
-inline constexpr std::size_t threadStackSize = std::size_t{256} * 1024;
+inline constexpr std::size_t threadStackSize =
+    std::size_t{MORROW_THREAD_STACK_KIB} * 1024;
 
 /** While there is one, threads are started with stacks of that size, and what
  *  thread-local variables take, which are in the same place. Where the system
