@@ -69,14 +69,53 @@ install_missing() {
         fail "apt-get could not install ${missing[*]}: see above"
 }
 
-# configure DIRECTORY OPTION...: sets a build directory up, or brings one that
-# is there up to date.
+# make_build_directory: makes build/, below which everything goes that a script
+# builds; ends the script where that is not possible.
+make_build_directory() {
+    if ! mkdir -p "$top/build" 2>/dev/null || [ ! -w "$top/build" ]; then
+        fail "cannot write in $top/build, where everything is built: run this in a copy of the tree that you may write to"
+    fi
+}
+
+# configure DIRECTORY [--cross-file FILE] OPTION...: sets a build directory up,
+# or brings one that is there up to date. A directory whose setup was interrupted
+# is set up anew, since Meson neither uses nor repairs it; so is one that is older
+# than its cross file.
 configure() {
-    local directory=$1
+    local directory=$1 complete=$1/setup-complete cross=()
     shift
-    if [ -e "$directory/build.ninja" ]; then
+    if [ "${1:-}" = --cross-file ]; then
+        cross=("$1" "$2")
+        [ "$complete" -nt "$2" ] || rm -f "$complete"
+        shift 2
+    fi
+    if [ -e "$complete" ]; then
         meson configure "$directory" "$@"
     else
-        meson setup "$directory" "$top" "$@"
+        rm -rf "$directory"
+        meson setup "$directory" "$top" "${cross[@]}" "$@" &&
+            touch "$complete"
+    fi
+}
+
+# logged LOG COMMAND...: runs a step of a build. What it says goes to the end of
+# the log; if it fails, the log's end is shown and the script ends.
+logged() {
+    local log=$1
+    shift
+    "$@" >>"$log" 2>&1 || {
+        tail -n 40 "$log" >&2
+        fail "the build failed: the end of ${log#"$top/"} stands above"
+    }
+}
+
+# shown LOG COMMAND...: the same, but on a terminal the user sees what the step
+# says, such as ninja's progress.
+shown() {
+    if [ ! -t 1 ]; then
+        logged "$@"
+    else
+        shift
+        "$@" || fail "the build failed: see above"
     fi
 }

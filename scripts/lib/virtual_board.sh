@@ -71,17 +71,12 @@ virtual_build() {
     local build=$virtual/build log=$virtual/build.log
     installed=$virtual/installed
     virtual_cross_file | write_if_new "$virtual/arm64.ini"
-    [ "$build/build.ninja" -nt "$virtual/arm64.ini" ] || rm -rf "$build"
-    if ! {
-        { [ -e "$build/build.ninja" ] ||
-            meson setup "$build" "$top" --cross-file "$virtual/arm64.ini"; } &&
-            meson compile -C "$build" &&
-            rm -rf "$installed" &&
-            DESTDIR=$installed meson install -C "$build" --no-rebuild --strip
-    } >"$log" 2>&1; then
-        tail -n 40 "$log" >&2
-        fail "the build failed: the end of ${log#"$top/"} stands above"
-    fi
+    : >"$log"
+    logged "$log" configure "$build" --cross-file "$virtual/arm64.ini"
+    logged "$log" meson compile -C "$build"
+    rm -rf "$installed"
+    logged "$log" meson install -C "$build" --destdir "$installed" \
+        --no-rebuild --strip
 }
 
 virtual_cross_file() {
