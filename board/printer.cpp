@@ -111,7 +111,7 @@ Shown show(const event::HostState& state)
 /** How often a signal was sent, where it was more than once. */
 std::string inWords(std::size_t times)
 {
-    return times == 1 ? "" : " " + std::to_string(times) + " times";
+    return times == 1 ? "" : ' ' + std::to_string(times) + " times";
 }
 
 Shown show(const event::ControlSignal& signal)

@@ -45,13 +45,12 @@ Envelope answerTo(const Envelope& request, Eid responder)
 
 Bytes encode(const Packet& packet)
 {
-    Bytes bytes;
-    bytes.reserve(headerSize + packet.body.size());
-    bytes.push_back(headerVersion);
-    bytes.push_back(packet.envelope.destination);
-    bytes.push_back(packet.envelope.source);
-    bytes.push_back(flagsOf(packet));
-    bytes.insert(bytes.end(), packet.body.begin(), packet.body.end());
+    Bytes bytes(headerSize + packet.body.size());
+    bytes[0] = headerVersion;
+    bytes[1] = packet.envelope.destination;
+    bytes[2] = packet.envelope.source;
+    bytes[3] = flagsOf(packet);
+    std::ranges::copy(packet.body, bytes.begin() + headerSize);
     return bytes;
 }
 
