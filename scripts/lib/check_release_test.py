@@ -133,6 +133,14 @@ class CheckRelease(unittest.TestCase):
         done = self.check_program(extra=["-pie", "-rdynamic"])
         self.assert_found(done, "shows inside")
 
+    def test_a_type_that_a_program_shows_is_found(self):
+        self.write(
+            "main.cpp",
+            SOURCE + "struct Fault {}; int main() { throw Fault{}; }\n",
+        )
+        done = self.check_program(extra=["-pie", "-rdynamic"])
+        self.assert_found(done, "shows typeinfo for Fault")
+
     def test_a_directory_of_the_builder_s_is_found(self):
         done = self.check_program(extra=["-pie", "-Wl,-rpath,/home/builder"])
         self.assert_found(done, "looks for libraries in /home/builder")

@@ -1,0 +1,28 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""What the programs of a build show to the libraries that they are linked with.
+
+Run by meson test, which names the programs in the environment (PROGRAMS)."""
+
+import os
+import subprocess
+import unittest
+
+
+class Exports(unittest.TestCase):
+    def test_are_none(self):
+        for program in os.environ["PROGRAMS"].split(":"):
+            with self.subTest(program=program):
+                shown = subprocess.run(
+                    ["nm", "--dynamic", "--defined-only", "--demangle", program],
+                    capture_output=True,
+                    text=True,
+                    check=True,
+                ).stdout.splitlines()
+                # What has a version is a library's own variable, which compilers
+                # may copy into a program.
+                self.assertEqual([line for line in shown if "@" not in line], [])
+
+
+if __name__ == "__main__":
+    unittest.main()
