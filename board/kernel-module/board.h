@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * A board's two I3C controllers with an MCTP endpoint behind each, for a kernel
  * that has neither: what a daemon sees of them in sysfs, in devtmpfs and

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The platform driver "silvaco-i3c-master" with its two devices. As a board
  * after boot has them, both are bound when the module is loaded, and their MCTP

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The MCTP endpoint behind a controller: it answers Discovery Notify and
  * refuses other control commands, as DSP0236 has it. Requests of more than one

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The character device of one MCTP device, from its coming up to its driver's
  * leaving: one packet per write and per read, one opener at a time. A read

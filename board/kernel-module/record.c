@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What happens on the board, told to the kernel's log with the time of day in
  * microseconds, which is the clock that a journal sorts its records by.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * A controller's settings and counters: one file for each in the directory
  * "board" of its platform device. A setting holds at once; what a probe looks
