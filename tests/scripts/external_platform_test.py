@@ -39,9 +39,11 @@ void setLockPermission(const std::string&) {}
 void setShmPermission(const std::string&) {}
 """
 MCTP = """
+#include <platform/device_lock.hpp>
 #include <platform/mctp_wrapper.hpp>
-mctp_wrapper_ep::mctp_wrapper_ep(const std::string&, uint8_t, unsigned long,
-    unsigned long, bool, _mctp_wrapper_network_id_) : impl(nullptr) {}
+mctp_wrapper_ep::mctp_wrapper_ep(const std::string& device, uint8_t,
+    unsigned long, unsigned long, bool, _mctp_wrapper_network_id_) :
+    impl(nullptr) { acquireLock(device); }
 int mctp_wrapper_ep::send_message_blocking(
     __mctp_wrapper_request_buffer_t&, __mctp_wrapper_resp_buffer_t&)
 { return impl == nullptr ? 5 : 0; }
@@ -60,14 +62,14 @@ def run(*command, env=None):
     )
 
 
-def compile_library(path, source):
+def compile_library(path, source, *needed):
     path.parent.mkdir(parents=True, exist_ok=True)
     code = path.with_suffix(".cpp")
     code.write_text(source)
     soname = path.name.replace("platform", "board") + ".7"
     subprocess.run(
         [*COMPILER, "-std=c++20", "-shared", "-fPIC", f"-Wl,-soname,{soname}",
-         "-I", TREE / "platform/include", "-o", path, code],
+         "-I", TREE / "platform/include", "-o", path, code, *needed],
         check=True,
     )  # fmt: skip
     (path.parent / soname).symlink_to(path.name)
@@ -82,7 +84,11 @@ class ExternalPlatform(unittest.TestCase):
         cls.libraries = cls.root / "lib"
         cls.build = cls.root / "build"
         for part, source in PARTS.items():
-            compile_library(cls.libraries / f"libplatform-{part}.so", source)
+            # One of them needs another of them.
+            needed = [cls.libraries / "libplatform-lock.so"] * (part == "mctp")
+            compile_library(
+                cls.libraries / f"libplatform-{part}.so", source, *needed
+            )
         cls.configured = cls.configure(
             cls.build, f"-Dplatform_libdirs={cls.libraries}"
         )
