@@ -3,6 +3,7 @@
 
 // The places that are worth a CODE_FILE are the callers', not this file's.
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <syslog.h>
@@ -52,6 +53,9 @@ struct Settings
 {
     int shownLevel;
     std::optional<JournalStream> journal;
+    /** Where it was closed from the beginning, another file of the program gets
+     *  its number, e.g. a pipe, and no record has a place in that. */
+    bool hasStderr;
 };
 
 struct Origin
@@ -99,7 +103,8 @@ std::optional<JournalStream> readJournalStream()
 
 // Read while the library is loaded: before any caller runs, and never in a
 // signal handler, where getenv has no place.
-const Settings settings{readShownLevel(), readJournalStream()};
+const Settings settings{readShownLevel(), readJournalStream(),
+                        ::fcntl(STDERR_FILENO, F_GETFD) >= 0};
 
 /** Gives the caller its errno back. */
 class ErrnoKeeper
@@ -283,6 +288,10 @@ writeToStderr(const Origin& origin, const char* format, va_list values)
 __attribute__((format(printf, 2, 0))) void
 emit(const Origin& origin, const char* format, va_list values)
 {
+    if (!settings.hasStderr)
+    {
+        return;
+    }
     if (stderrIsJournal())
     {
         sendToJournal(origin, format, values);

@@ -10,6 +10,7 @@
 
 #include <platform/dlog.h>
 
+#include <fcntl.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -133,6 +134,16 @@ void sayFromHandler(Arguments&)
     ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
+/** Opens a file for writing, which gets the lowest number that is free. */
+void openFile(Arguments& arguments)
+{
+    if (::open(next(arguments).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600) <
+        0)
+    {
+        std::exit(5);
+    }
+}
+
 const std::map<std::string, std::function<void(Arguments&)>> commands{
     {"dlog", sayDlog},
     {"trace", sayTrace},
@@ -143,6 +154,7 @@ const std::map<std::string, std::function<void(Arguments&)>> commands{
     {"hidden", sayHidden},
     {"with-errno", sayWithErrno},
     {"from-handler", sayFromHandler},
+    {"open", openFile},
 };
 
 } // namespace

@@ -192,6 +192,18 @@ TEST_F(Log, KeepsATextThatJustFits)
                 ElementsAre("trace 1 morrow:58:" + text + "\n"));
 }
 
+TEST_F(Log, WritesToNoFileInPlaceOfAClosedStandardError)
+{
+    constexpr auto file = "/run/opened";
+    const auto outcome = run({{"/bin/sh", "-c", "exec \"$@\" 2>&-", "sh",
+                               fromEnvironment("LOG_SPEAKER"), "open", file,
+                               "dlog", "1", "text", "trace", "1", "text"},
+                              {},
+                              writer.get()});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(std::filesystem::file_size(file), 0U);
+}
+
 TEST_F(Log, WritesAFormatWithoutPlaceAsItIs)
 {
     EXPECT_THAT(say({"without-place"}),
