@@ -141,12 +141,14 @@ TEST_F(PolicyTo, TheDaemonLetsEverybodyRead)
         getsThrough("org.freedesktop.DBus.ObjectManager", "GetManagedObjects"));
     EXPECT_TRUE(
         getsThrough("xyz.openbmc_project.mctp.Endpoint", "GetArbitration"));
+    EXPECT_TRUE(getsThrough("org.freedesktop.DBus.Peer", "Ping"));
+    EXPECT_TRUE(getsThrough("org.freedesktop.DBus.Peer", "GetMachineId"));
 }
 
 TEST_F(PolicyTo, TheDaemonRefusesEverythingElse)
 {
     EXPECT_FALSE(getsThrough("org.freedesktop.DBus.Properties", "Set"));
-    EXPECT_FALSE(getsThrough("org.freedesktop.DBus.Peer", "Ping"));
+    EXPECT_FALSE(getsThrough("org.freedesktop.DBus.Peer", "Other"));
     EXPECT_FALSE(getsThrough("xyz.openbmc_project.mctp.Endpoint", "Other"));
     EXPECT_FALSE(getsThrough("org.example.Other", "GetArbitration"));
 }

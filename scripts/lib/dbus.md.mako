@@ -34,7 +34,7 @@ ${h2} Service
 | Name | `${service}` |
 | Owned by | root alone; the policy is `${service}.conf` |
 | Activation | none: the name is there while the daemon runs |
-| Others may | read, introspect, list objects and call `GetArbitration` |
+| Others may | read, introspect, list objects, call `GetArbitration`, and `Ping` and `GetMachineId` of `org.freedesktop.DBus.Peer` |
 
 The name is owned before the daemon says `READY=1`, and given up with the first
 SIGTERM.
@@ -142,6 +142,8 @@ ${h2} Errors
 |---|---|
 | sets a property | `org.freedesktop.DBus.Error.AccessDenied`: nobody may, root neither |
 | calls what the policy does not list | `org.freedesktop.DBus.Error.AccessDenied` |
+| calls without naming an interface, whatever the member is | `org.freedesktop.DBus.Error.AccessDenied`: `qdbus` with a member's bare name, dbus-python without `dbus_interface` |
+| reads a property with `qdbus` as if it were a method | `org.freedesktop.DBus.Error.AccessDenied`: it calls a method of that name first; call `org.freedesktop.DBus.Properties.Get` instead |
 | names an object that is not there | `org.freedesktop.DBus.Error.UnknownObject` |
 | names a property that is not there | `org.freedesktop.DBus.Error.UnknownProperty` |
 | calls `GetArbitration` with another type than `y` | `org.freedesktop.DBus.Error.InvalidArgs` |

@@ -41,19 +41,21 @@ READING = (
     (INTROSPECTABLE, "Introspect"),
     (MANAGER, "GetManagedObjects"),
     (ENDPOINT, "GetArbitration"),
+    (PEER, "Ping"),
+    (PEER, "GetMachineId"),
 )
 
 # No interface is legal: the receiver takes the first method of that name.
 ANYTHING_ELSE = (
     (PROPERTIES, "Set"),
-    (PEER, "Ping"),
-    (PEER, "GetMachineId"),
+    (PEER, "Other"),
     (ENDPOINT, "Other"),
     (MANAGER, "Other"),
     ("org.example.Other", "GetArbitration"),
     (None, "Get"),
     (None, "Set"),
     (None, "GetArbitration"),
+    (None, "Ping"),
 )
 
 ANSWERED = "answered"

@@ -270,6 +270,8 @@ TEST_F(Bus, AnotherUserMayReadAndAskButNotOwnTheName)
     }
     EXPECT_EQ(other_user::getArbitration(endpoint0, 29), "0");
     EXPECT_EQ(other_user::getEid(endpoint0), "29");
+    EXPECT_THAT(other_user::getMachineId(endpoint0),
+                testing::MatchesRegex("[0-9a-f]{32}"));
     EXPECT_THAT(other_user::setEid(endpoint0, 8),
                 testing::StartsWith("org.freedesktop.DBus.Error.AccessDenied"));
     EXPECT_EQ(other_user::requestName("xyz.openbmc_project.mctp"),

@@ -136,6 +136,26 @@ std::string setEid(const std::string& path, uint8_t eid)
         });
 }
 
+std::string getMachineId(const std::string& path)
+{
+    return asAnotherUser(
+        [&](sd_bus* bus, sd_bus_error* error)
+        {
+            sd_bus_message* reply = nullptr;
+            const char* answer = nullptr;
+            if (sd_bus_call_method(bus, service, path.c_str(),
+                                   "org.freedesktop.DBus.Peer", "GetMachineId",
+                                   error, &reply, nullptr) < 0 ||
+                sd_bus_message_read(reply, "s", &answer) < 0)
+            {
+                return std::string("no answer");
+            }
+            std::string id(answer);
+            sd_bus_message_unref(reply);
+            return id;
+        });
+}
+
 std::string requestName(const std::string& name)
 {
     return asAnotherUser(

@@ -24,6 +24,10 @@ std::string getEid(const std::string& path);
 /** Sets the property EID. @return "", or the D-Bus error's name */
 std::string setEid(const std::string& path, uint8_t eid);
 
+/** Calls GetMachineId of the interface that every object has.
+ *  @return the answer, or the D-Bus error's name */
+std::string getMachineId(const std::string& path);
+
 /** Requests a name on the bus. @return "", or the D-Bus error's name */
 std::string requestName(const std::string& name);
 
