@@ -121,6 +121,15 @@ void appendBody(sd_bus_message* made, const ControlMessage& message,
 
 } // namespace
 
+const std::vector<std::string>& hostStates()
+{
+    static const std::vector<std::string> states{
+        "Off",           "TransitioningToOff",     "Standby",
+        "Running",       "TransitioningToRunning", "Quiesced",
+        "DiagnosticMode"};
+    return states;
+}
+
 Host::Host(Timeline& timeline, std::string address, const std::string& state,
            bool isThere) :
     timeline(timeline),
@@ -241,6 +250,13 @@ int Host::answerOddly(sd_bus_message* call)
 
 void Host::goesTo(const std::string& state)
 {
+    const auto& known = hostStates();
+    if (std::find(known.begin(), known.end(), state) == known.end())
+    {
+        timeline.record(event::Note{inQuotes(state) +
+                                    " is no state of a host that is known; "
+                                    "the daemon takes it for off."});
+    }
     change(statePrefix + state);
 }
 

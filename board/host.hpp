@@ -72,7 +72,9 @@ class Host
     Host& operator=(Host&&) = delete;
     ~Host();
 
-    /** @brief Change CurrentHostState, e.g. to "Running" or "Off". */
+    /** @brief Change CurrentHostState, e.g. to "Running" or "Off". A state
+     *         that is none of hostStates() may be a typing error, so the
+     *         timeline gets a note of it. */
     void goesTo(const std::string& state);
 
     /** @brief Let CurrentHostState be this whole text, whatever it is. */
@@ -159,6 +161,9 @@ class Host
     sd::Bus control;
     EventThread thread;
 };
+
+/** @brief The short names of the states that a host can be in. */
+[[nodiscard]] const std::vector<std::string>& hostStates();
 
 /** @brief What the host does. */
 using HostDeed = std::function<void(Host&)>;

@@ -226,12 +226,12 @@ TEST(CommandTable, HelpsWithOneWordOrAll)
     EXPECT_THROW(static_cast<void>(small().help("foo")), Error);
 }
 
-TEST(CommandTable, HelpKeepsToShortLines)
+TEST(CommandTable, HelpFitsATerminal)
 {
     std::istringstream lines(allCommands().help());
     for (std::string line; std::getline(lines, line);)
     {
-        EXPECT_LE(line.size(), 105U) << line;
+        EXPECT_LE(line.size(), 80U) << line;
     }
 }
 
@@ -324,6 +324,46 @@ TEST(Script, IsUnderstoodBeforeAnythingIsDone)
     {
         EXPECT_STREQ(error.what(),
                      "a.board:4: \"reset\" is not all; after it: CAUSE");
+    }
+}
+
+/** Why a scenario of this text is refused. */
+std::string refusalOf(const std::string& text)
+{
+    try
+    {
+        const Script script("a.board", text, allCommands());
+    }
+    catch (const Error& error)
+    {
+        return error.what();
+    }
+    return "understood";
+}
+
+TEST(Script, IsRefusedWithoutACommand)
+{
+    for (const auto* text : {"", "\n\n", "# a comment\n \n"})
+    {
+        EXPECT_EQ(refusalOf(text), "cannot play a.board: it has no command; "
+                                   "write one on each line");
+    }
+}
+
+TEST(Script, IsPlainText)
+{
+    using namespace std::string_literals;
+    for (const auto& text : {"note one\nno\0te two\n"s, "\n# \0\n"s})
+    {
+        EXPECT_EQ(refusalOf(text),
+                  "a.board:2: the line has a null byte; commands are plain "
+                  "text: save them as UTF-8");
+    }
+    for (const auto* mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"})
+    {
+        EXPECT_EQ(refusalOf(mark + "note one\n"s),
+                  "a.board:1: the line begins with a byte order mark; commands "
+                  "are plain text: save them as UTF-8 without that mark");
     }
 }
 

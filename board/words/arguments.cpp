@@ -3,6 +3,7 @@
 
 #include "board/behaviours.hpp"
 #include "board/error.hpp"
+#include "board/host.hpp"
 #include "board/i3c_driver.hpp"
 #include "board/plain_text.hpp"
 
@@ -112,11 +113,7 @@ const std::vector<Kind>& kinds()
          "an exit status, or a signal such as SIGKILL",
          isEnd,
          {"0", "SIGKILL", "SIGTERM"}},
-        {"STATE",
-         "a capitalised word",
-         isCapitalised,
-         {"Off", "TransitioningToOff", "Standby", "Running",
-          "TransitioningToRunning", "Quiesced", "DiagnosticMode"}},
+        {"STATE", "a capitalised word", isCapitalised, hostStates()},
         {"POWER", "", nullptr, {"StateS0", "StateS3", "StateS4", "StateS5"}},
         {"CAUSE", "", nullptr, {"WarmReset", "ColdReset"}},
         {"BEHAVIOUR", "", nullptr, namesOf(behaviours().phrases())},

@@ -57,9 +57,9 @@ std::vector<Command> daemonAwaits()
 {
     return {
         {Pattern("await ready"),
-         "Wait until the daemon says READY=1. Each await looks from the\n"
-         "end of the last one (or the daemon's last start, if later), and\n"
-         "what has happened since counts. So events that come one after\n"
+         "Wait until the daemon says READY=1. Each await looks from the "
+         "end of the last one (or the daemon's last start, if later), and "
+         "what has happened since counts. So events that come one after "
          "the other are awaited in their order.",
          [](Session& session, const Values&)
          {

@@ -6,6 +6,7 @@
 #include "board/words/arguments.hpp"
 
 #include <algorithm>
+#include <array>
 #include <sstream>
 #include <utility>
 
@@ -57,22 +58,55 @@ std::vector<std::string> wordsFor(const std::string& element)
     return examplesOf(element);
 }
 
+/** Refuses what an editor or a tool has put into a file beside its text.
+ *  @throws Error */
+void refuseUnlessText(std::string_view line)
+{
+    constexpr std::array marks{std::string_view("\xEF\xBB\xBF"),
+                               std::string_view("\xFF\xFE"),
+                               std::string_view("\xFE\xFF")};
+    if (std::any_of(marks.begin(), marks.end(),
+                    [line](std::string_view mark)
+                    {
+                        return line.starts_with(mark);
+                    }))
+    {
+        throw Error("the line begins with a byte order mark; commands are "
+                    "plain text: save them as UTF-8 without that mark");
+    }
+    if (line.find('\0') != std::string_view::npos)
+    {
+        throw Error("the line has a null byte; commands are plain text: save "
+                    "them as UTF-8");
+    }
+}
+
+/** A text in lines of so many columns, with this between them. */
+std::string wrapped(const std::string& text, std::size_t columns,
+                    const std::string& between)
+{
+    std::string all;
+    std::size_t used = 0;
+    std::istringstream words(text);
+    for (std::string word; words >> word;)
+    {
+        const auto fits = used + 1 + word.size() <= columns;
+        used = (used > 0 && fits ? used + 1 : 0) + word.size();
+        all += (all.empty() ? "" : fits ? " " : between) + word;
+    }
+    return all;
+}
+
 /** One command's help: its pattern, and the help's lines beside it. */
 std::string helpOn(const Command& command)
 {
     constexpr std::size_t column = 34;
+    constexpr std::size_t columns = 80;
+    const auto newLine = "\n" + std::string(column, ' ');
     auto text = "  " + command.pattern.text();
-    text += text.size() + 2 > column ? "\n" + std::string(column, ' ')
+    text += text.size() + 2 > column ? newLine
                                      : std::string(column - text.size(), ' ');
-    for (const auto letter : command.help)
-    {
-        text += letter;
-        if (letter == '\n')
-        {
-            text.append(column, ' ');
-        }
-    }
-    return text + '\n';
+    return text + wrapped(command.help, columns - column, newLine) + '\n';
 }
 
 } // namespace
@@ -100,6 +134,7 @@ CommandTable::CommandTable(std::vector<Command> commands) :
 
 Call CommandTable::understand(std::string_view line) const
 {
+    refuseUnlessText(line);
     if (wordsOf(line).empty())
     {
         return {};

@@ -18,7 +18,7 @@ class Session;
 struct Command
 {
     Pattern pattern;
-    std::string help; //!< one line, or a few
+    std::string help; //!< a sentence, or a few
     std::function<void(Session&, const Values&)> run;
     /** @brief Throws an Error when its values are not possible, for what the
      *         pattern does not tell. */
@@ -52,7 +52,8 @@ class CommandTable
     explicit CommandTable(std::vector<Command> commands);
 
     /** @brief Understand a line.
-     *  @throws Error in one line: which word does not fit, what is possible */
+     *  @throws Error in one line: which word does not fit, what is possible, or
+     *          that it is no plain text */
     [[nodiscard]] Call understand(std::string_view line) const;
 
     /** @brief Complete the word before the cursor, or offer the next one. */

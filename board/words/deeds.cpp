@@ -186,7 +186,7 @@ std::vector<Command> daemonCommands()
              session.lookFrom(before);
          }},
         {Pattern("daemon stop"),
-         "SIGTERM, again when its bus name is gone (a second later if it\n"
+         "SIGTERM, again when its bus name is gone (a second later if it "
          "has none); wait for its end.",
          [](Session& session, const Values&)
          {
@@ -209,7 +209,7 @@ std::vector<Command> daemonCommands()
              showDaemon(session);
          }},
         {Pattern("loglevel LEVEL"),
-         "It logs up to this level (1 errors, 2 failures, 4 progress, 11\n"
+         "It logs up to this level (1 errors, 2 failures, 4 progress, 11 "
          "all) from its next start on; 11 at the beginning.",
          [](Session& session, const Values& values)
          {

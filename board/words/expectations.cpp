@@ -117,14 +117,14 @@ std::vector<Command> expectations()
              expectEndpoints(session, expected);
          }},
         {Pattern("expect exit END"),
-         "Fail unless the daemon has ended with this exit status, or by\n"
+         "Fail unless the daemon has ended with this exit status, or by "
          "this signal, e.g. 0 or SIGKILL.",
          [](Session& session, const Values& values)
          {
              expectExit(session, endOf(values[0]));
          }},
         {Pattern("expect no log TEXT"),
-         "Fail if it has logged a record with this in its text since its\n"
+         "Fail if it has logged a record with this in its text since its "
          "last start.",
          [](Session& session, const Values& values)
          {

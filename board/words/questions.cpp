@@ -112,7 +112,7 @@ std::vector<Command> looks()
 {
     return {
         {Pattern("tree"),
-         "Show the driver's directory, /sys/class/i3c-mctp, the device\n"
+         "Show the driver's directory, /sys/class/i3c-mctp, the device "
          "nodes, and which endpoint is behind which.",
          [](Session& session, const Values&)
          {

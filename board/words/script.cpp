@@ -65,6 +65,11 @@ Script::Script(std::string name, const std::string& text,
             throw Error(placeOf(number) + error.what());
         }
     }
+    if (lines.empty())
+    {
+        throw Error("cannot play " + called +
+                    ": it has no command; write one on each line");
+    }
 }
 
 Script Script::of(const std::filesystem::path& file,

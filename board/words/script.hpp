@@ -26,7 +26,8 @@ class Script
     /** @param name how the story is called in errors, e.g. its path
      *  @param text its lines
      *  @param commands outlives this
-     *  @throws Error "NAME:LINE: ..." for the first line that is none */
+     *  @throws Error "NAME:LINE: ..." for the first line that is none, or when
+     *          there is no command at all */
     Script(std::string name, const std::string& text,
            const CommandTable& commands);
 
