@@ -20,8 +20,8 @@
 #                    contract's headers by DEPENDS = "morrow-platform-headers".
 #                    Where the libraries have names of their own, add
 #                    -Dplatform_log, _hal, _lock and _mctp to EXTRA_OEMESON.
-#                    Without it, the stand-ins are built and packaged as
-#                    morrow-platform.
+#                    Without it, the reference implementation in platform/ is
+#                    built and packaged as morrow-platform.
 
 SUMMARY = "Publishes MCTP endpoints behind I3C buses on the D-Bus"
 DESCRIPTION = "Re-binds a BMC's two I3C controllers when the host runs, sends \
@@ -45,6 +45,7 @@ EXTRA_OEMESON = " \
     -Dboard=disabled \
     -Dtests=disabled \
     -Dsystemd_unit_dir=${systemd_system_unitdir} \
+    -Ddbus_policy_dir=${datadir}/dbus-1/system.d \
 "
 
 PACKAGECONFIG ??= "${@bb.utils.contains('BBFILE_COLLECTIONS', 'phosphor-layer', 'system-sdbusplus', '', d)}"
