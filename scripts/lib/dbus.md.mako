@@ -154,8 +154,8 @@ ${h2} What the daemon asks of others
 | Service | Path | Interface | Member |
 |---|---|---|---|
 | `xyz.openbmc_project.State.Host0` | `/xyz/openbmc_project/state/host0` | `xyz.openbmc_project.State.Host` | property `CurrentHostState`, read once for each pass |
-| anybody | `/xyz/openbmc_project/control/host0/internal_power_state` | any | `PropertiesChanged` with `InternalPowerState` |
-| anybody | `/xyz/openbmc_project/control/host0/reset_cause` | any | `PropertiesChanged` with `ResetCause` |
+| whoever the bus policy admits: root | `/xyz/openbmc_project/control/host0/internal_power_state` | any | `PropertiesChanged` with `InternalPowerState` |
+| whoever the bus policy admits: root | `/xyz/openbmc_project/control/host0/reset_cause` | any | `PropertiesChanged` with `ResetCause` |
 
 All three are strings. `CurrentHostState` is
 `xyz.openbmc_project.State.Host.HostState.Running` for a host that runs; every

@@ -9,31 +9,46 @@ answered was let pass. Callers are root and another user.
 Run by meson test, in the board's sandbox: with a /run of its own.
 """
 
-import ctypes
 import json
 import os
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import unittest
 import xml.etree.ElementTree as xml
 from pathlib import Path
 
-POLICY = os.environ["POLICY"]
-USUAL_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
+TOP = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TOP / "scripts" / "lib"))
+sys.dont_write_bytecode = True
 
-SOCKET = Path("/run/dbus/system_bus_socket")
+# pylint: disable=wrong-import-position
+from bus_peer import ANSWERED, BUS, BUS_PATH, DENIED, NOBODY, PROPERTIES, ROOT
+from bus_peer import SOCKET, Connection, as_user, in_process
+
+POLICY = os.environ["POLICY"]
+DAEMON = os.environ["DAEMON"]
+USUAL_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
+SERVICE_DOCUMENT = TOP / "docs" / "service.md"
+
 ADDRESS = f"unix:path={SOCKET}"
 JOURNAL = Path("/run/systemd/journal/socket")
+# Where a board puts policies of its own.
+OWN_POLICIES = Path("/run/dbus/policy_test.d")
 
 NAME = "xyz.openbmc_project.mctp"
 OBJECT = "/xyz/openbmc_project/mctp/0/29"
 ENDPOINT = "xyz.openbmc_project.mctp.Endpoint"
-PROPERTIES = "org.freedesktop.DBus.Properties"
 INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
 MANAGER = "org.freedesktop.DBus.ObjectManager"
 PEER = "org.freedesktop.DBus.Peer"
+
+HOST_STATE = "xyz.openbmc_project.State.Host0"
+POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
+RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
+POWER_PATHS = (POWER_STATE, RESET_CAUSE)
 
 READING = (
     (PROPERTIES, "Get"),
@@ -58,118 +73,20 @@ ANYTHING_ELSE = (
     (None, "Ping"),
 )
 
-ANSWERED = "answered"
-DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+# What the daemon takes for the host's, whoever sends it. The first two would
+# end it, the others make it withdraw its endpoints.
+POWER_SIGNALS = (
+    (POWER_STATE, "InternalPowerState", "u", 5),
+    (RESET_CAUSE, "ResetCause", "u", 5),
+    (POWER_STATE, "InternalPowerState", "s", "org.example.PowerState.StateS5"),
+    (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
+)
 
-ROOT = 0
-NOBODY = 65534
+# One that nobody follows.
+END = ("/org/example/End", "End", "s", "")
 
-# What the daemon asks for its name with.
-REPLACE_AND_ALLOW_REPLACEMENT = 3
-
-sd = ctypes.CDLL("libsystemd.so.0")
-
-
-class Error(ctypes.Structure):
-    _fields_ = [
-        ("name", ctypes.c_char_p),
-        ("message", ctypes.c_char_p),
-        ("need_free", ctypes.c_int),
-    ]
-
-
-def checked(what, result):
-    if result < 0:
-        raise OSError(-result, what)
-    return result
-
-
-def encoded(text):
-    return None if text is None else text.encode()
-
-
-class Connection:
-    """A peer on the bus."""
-
-    def __init__(self):
-        self.bus = ctypes.c_void_p()
-        checked("new", sd.sd_bus_new(ctypes.byref(self.bus)))
-        checked("address", sd.sd_bus_set_address(self.bus, ADDRESS.encode()))
-        checked("client", sd.sd_bus_set_bus_client(self.bus, 1))
-        checked("start", sd.sd_bus_start(self.bus))
-
-    def name(self):
-        text = ctypes.c_char_p()
-        checked("name", sd.sd_bus_get_unique_name(self.bus, ctypes.byref(text)))
-        return text.value.decode()
-
-    def call(self, destination, interface, member, signature="", *arguments):
-        """@return ANSWERED or the error's name"""
-        error = Error()
-        result = sd.sd_bus_call_method(
-            self.bus, destination.encode(), OBJECT.encode(), encoded(interface),
-            member.encode(), ctypes.byref(error), None, signature.encode(),
-            *arguments,
-        )  # fmt: skip
-        return ANSWERED if result >= 0 else error.name.decode()
-
-    def request(self, name):
-        """@return ANSWERED or the error's name"""
-        return self.call(
-            "org.freedesktop.DBus", "org.freedesktop.DBus", "RequestName",
-            "su", name.encode(), REPLACE_AND_ALLOW_REPLACEMENT,
-        )  # fmt: skip
-
-    def serve(self):
-        """Answers all calls, and does not return."""
-        handler = ctypes.CFUNCTYPE(
-            ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_void_p
-        )
-
-        def answer(message, _userdata, _error):
-            message = ctypes.c_void_p(message)
-            if sd.sd_bus_message_is_method_call(message, None, None) <= 0:
-                return 0
-            return sd.sd_bus_reply_method_return(message, None)
-
-        kept = handler(answer)
-        checked("filter", sd.sd_bus_add_filter(self.bus, None, kept, None))
-        while True:
-            if checked("process", sd.sd_bus_process(self.bus, None)) == 0:
-                sd.sd_bus_wait(self.bus, ctypes.c_uint64(2**64 - 1))
-
-
-def in_process(deed):
-    """Starts a process that hands what it has to say to the function that its
-    deed gets.
-    @return its id and the end from which that can be read"""
-    reading, writing = os.pipe()
-    process = os.fork()
-    if process == 0:
-        try:
-            os.close(reading)
-            with os.fdopen(writing, "w") as answer:
-                deed(lambda said: print(json.dumps(said), file=answer, flush=True))
-        finally:
-            os._exit(0)
-    os.close(writing)
-    return process, os.fdopen(reading)
-
-
-def as_user(user, deed):
-    """@return what the deed does, in a process of this user"""
-
-    def become_and_do(say):
-        os.setgroups([])
-        os.setresgid(user, user, user)
-        os.setresuid(user, user, user)
-        say(deed(Connection()))
-
-    process, answer = in_process(become_and_do)
-    with answer:
-        said = answer.read()
-    os.waitpid(process, 0)
-    return json.loads(said)
+# A user who is neither root nor anybody that a policy of these tests names.
+THIRD = 1
 
 
 def configuration():
@@ -180,6 +97,7 @@ def configuration():
             root.remove(child)
     xml.SubElement(root, "listen").text = ADDRESS
     xml.SubElement(root, "include").text = POLICY
+    xml.SubElement(root, "includedir").text = str(OWN_POLICIES)
     return xml.tostring(root, encoding="unicode")
 
 
@@ -230,6 +148,55 @@ def start_dbus_broker(test, file):
     test.addCleanup(broker.terminate)
 
 
+def send(user, *signals, to=(None,)):
+    """A user sends power signals, and the broker has dealt with them.
+    @param to unique names to send them to; without, they go to all
+    @return the sender's unique name"""
+
+    def send_all(bus):
+        for path, *change in signals:
+            for destination in to:
+                bus.change_property(path, *change, destination=destination)
+        bus.settle()
+        return bus.name()
+
+    return as_user(user, send_all)
+
+
+def all_of(signals, sender):
+    """What is heard of signals."""
+    return [[path, sender] for path, *_ in signals]
+
+
+class Follower:
+    """A process that hears signals."""
+
+    def __init__(self, process, name, stream):
+        """@param stream from which each signal's path and sender can be read"""
+        self.process = process
+        self.name = name
+        self.stream = stream
+
+    def heard(self):
+        """@return path and sender of each signal that it has got since it was
+        asked last"""
+        end = [END[0], send(ROOT, END, to=(self.name,))]
+        heard = []
+        for line in self.stream:
+            if json.loads(line) == end:
+                return heard
+            heard.append(json.loads(line))
+        return "its connection has ended"
+
+
+def example():
+    """The policy that the documentation has for a board where another user
+    sends the host's power signals."""
+    text = SERVICE_DOCUMENT.read_text(encoding="utf-8")
+    lines = text[text.index("    <busconfig>") :].splitlines()
+    return "\n".join(lines[: lines.index("    </busconfig>") + 1])
+
+
 class Policy:
     """The tests, for each broker."""
 
@@ -237,6 +204,7 @@ class Policy:
         if shutil.which(self.program) is None:
             self.skipTest(f"{self.program} is not installed")
         SOCKET.parent.mkdir(exist_ok=True)
+        OWN_POLICIES.mkdir(exist_ok=True)
         file = Path("/run/dbus/policy_test.conf")
         file.write_text(configuration())
         self.addCleanup(SOCKET.unlink, missing_ok=True)
@@ -259,15 +227,31 @@ class Policy:
             named, unnamed = Connection(), Connection()
             if named.request(NAME) == ANSWERED:
                 say([named.name(), unnamed.name()])
+                named.answer_all()
                 named.serve()
 
         return json.loads(self.start_process(serve).readline())
+
+    def start_follower(self):
+        """Somebody of root's follows the host's power signals as the daemon
+        does."""
+
+        def follow(say):
+            bus = Connection()
+            bus.follow(POWER_PATHS, lambda *signal: say(signal))
+            say([os.getpid(), bus.name()])
+            bus.serve()
+
+        stream = self.start_process(follow)
+        return Follower(*json.loads(stream.readline()), stream)
 
     def results(self, user, destination, calls):
         return as_user(
             user,
             lambda bus: {
-                f"{interface}.{member}": bus.call(destination, interface, member)
+                f"{interface}.{member}": bus.call(
+                    destination, OBJECT, interface, member
+                )
                 for interface, member in calls
             },
         )
@@ -307,6 +291,102 @@ class Policy:
     def test_no_other_user_may_own_names_below_it(self):
         below = NAME + ".Other"
         self.assertEqual(as_user(NOBODY, lambda bus: bus.request(below)), DENIED)
+
+    def test_no_other_user_may_own_the_name_of_the_host_state_service(self):
+        self.assertEqual(as_user(NOBODY, lambda bus: bus.request(HOST_STATE)), DENIED)
+
+    def test_no_other_user_may_send_the_hosts_power_signals(self):
+        follower = self.start_follower()
+        for spoof in POWER_SIGNALS:
+            with self.subTest(signal=spoof):
+                send(NOBODY, spoof)
+                self.assertEqual(follower.heard(), [])
+
+    def test_no_other_user_may_send_them_to_one_connection(self):
+        follower = self.start_follower()
+        for spoof in POWER_SIGNALS:
+            with self.subTest(signal=spoof):
+                send(NOBODY, spoof, to=(follower.name,))
+                self.assertEqual(follower.heard(), [])
+
+    def test_root_may_send_the_hosts_power_signals(self):
+        follower = self.start_follower()
+        sender = send(ROOT, *POWER_SIGNALS)
+        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+
+    def test_root_may_send_them_to_one_connection(self):
+        follower = self.start_follower()
+        sender = send(ROOT, *POWER_SIGNALS, to=(follower.name,))
+        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+
+    def test_no_other_user_may_cut_off_who_follows_them(self):
+        """A broker closes the connection of a peer for which too much is
+        waiting, which is how a burst would leave the daemon without signals."""
+        follower = self.start_follower()
+
+        def burst(bus):
+            try:
+                for _ in range(100):
+                    bus.change_with_descriptors(POWER_STATE)
+                    bus.change_with_descriptors(RESET_CAUSE)
+                bus.settle()
+            except OSError:
+                return "its own connection is closed"
+            return "all sent"
+
+        os.kill(follower.process, signal.SIGSTOP)  # so that everything waits
+        as_user(NOBODY, burst)
+        os.kill(follower.process, signal.SIGCONT)
+        sender = send(ROOT, *POWER_SIGNALS)
+        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+
+    def test_example_in_the_documentation_lets_one_user_send_them(self):
+        text = example()
+        self.assertEqual(text.count('user="host-control"'), 1)
+        policy = OWN_POLICIES / "example.conf"
+        policy.write_text(text.replace("host-control", "nobody"))
+        self.addCleanup(policy.unlink)
+        reload = as_user(
+            ROOT, lambda bus: bus.call(BUS, BUS_PATH, BUS, "ReloadConfig")
+        )
+        self.assertEqual(reload, ANSWERED)
+        follower = self.start_follower()
+        send(THIRD, *POWER_SIGNALS)
+        sender = send(NOBODY, *POWER_SIGNALS)
+        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+
+    def start_daemon(self):
+        """@return the daemon's log"""
+        daemon = subprocess.Popen(
+            [DAEMON],
+            env={**os.environ, "DLOG_LEVEL": "2"},
+            stdin=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.kill)
+        self.addCleanup(daemon.stderr.close)
+        for line in daemon.stderr:
+            if "Initialization Completed" in line:
+                return daemon.stderr
+        return self.fail("the daemon has ended")
+
+    def test_daemon_hears_the_power_signals_of_root_alone(self):
+        log = self.start_daemon()
+        send(NOBODY, *POWER_SIGNALS)
+        everybody = as_user(NOBODY, lambda bus: bus.names())
+        send(NOBODY, *POWER_SIGNALS, to=everybody)
+        roots = POWER_SIGNALS[2:]
+        send(ROOT, *roots)
+        heard = []
+        reads = 0
+        for line in log:
+            heard += [path for path in POWER_PATHS if f"Path:[{path}]" in line]
+            reads += "Failed to get current" in line
+            if reads == 20 or heard[-1:] == [roots[-1][0]]:
+                break
+        self.assertEqual(heard, [path for path, *_ in roots])
 
 
 class OnDbusDaemon(Policy, unittest.TestCase):

@@ -279,6 +279,34 @@ TEST_F(Bus, AnotherUserMayReadAndAskButNotOwnTheName)
     EXPECT_EQ(stop().status, 0);
 }
 
+TEST_F(Bus, PowerSignalsOfAnotherUserDoNotReachTheDaemon)
+{
+    startToBothEndpoints();
+    if (!other_user::isThere())
+    {
+        GTEST_SKIP() << "only root can play another user";
+    }
+    const auto from = now();
+    const std::string host = "/xyz/openbmc_project/control/host0/";
+    const std::string power = host + "internal_power_state";
+    const std::string reset = host + "reset_cause";
+    EXPECT_EQ(other_user::changes(power, "InternalPowerState", 5), "");
+    EXPECT_EQ(other_user::changes(reset, "ResetCause", 5), "");
+    EXPECT_EQ(other_user::changes(power, "InternalPowerState", ".StateS5"), "");
+    EXPECT_EQ(other_user::changes(reset, "ResetCause", ".WarmReset"), "");
+    // Those of the host do, and come after what was sent before.
+    board().host().entersPowerState("OffPendingS0");
+    board().host().isReset("PowerButton");
+    logs("signalHandler_warmreset:Path:[" + reset + "]", from);
+    EXPECT_EQ(
+        logged("signalHandler_internalpowerstate:Path:[" + power + "]", from),
+        1U);
+    EXPECT_EQ(logged("signalHandler_warmreset:Path:[" + reset + "]", from), 1U);
+    EXPECT_THAT(endpointPaths(),
+                testing::UnorderedElementsAre(endpoint0, endpoint1));
+    EXPECT_EQ(stop().status, 0);
+}
+
 // Stopping
 
 TEST_F(Stopping, FirstTerminationWithdrawsTheSecondEndsTheProcess)

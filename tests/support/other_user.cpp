@@ -74,6 +74,29 @@ std::string asAnotherUser(const Deed& deed)
     return text;
 }
 
+/** @param type, value the property's one value */
+template <typename Value>
+std::string sendChange(const std::string& path, const std::string& property,
+                       const char* type, Value value)
+{
+    return asAnotherUser(
+        [&](sd_bus* bus, sd_bus_error* error)
+        {
+            if (sd_bus_emit_signal(
+                    bus, path.c_str(), "org.freedesktop.DBus.Properties",
+                    "PropertiesChanged", "sa{sv}as", "test.Interface", 1,
+                    property.c_str(), type, value, 0) < 0)
+            {
+                return std::string("not sent");
+            }
+            // The broker answers when it is through with what came before.
+            (void)sd_bus_call_method(
+                bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                "org.freedesktop.DBus", "GetId", error, nullptr, nullptr);
+            return std::string();
+        });
+}
+
 } // namespace
 
 namespace other_user
@@ -154,6 +177,18 @@ std::string getMachineId(const std::string& path)
             sd_bus_message_unref(reply);
             return id;
         });
+}
+
+std::string changes(const std::string& path, const std::string& property,
+                    const std::string& text)
+{
+    return sendChange(path, property, "s", text.c_str());
+}
+
+std::string changes(const std::string& path, const std::string& property,
+                    uint32_t number)
+{
+    return sendChange(path, property, "u", number);
 }
 
 std::string requestName(const std::string& name)

@@ -28,6 +28,15 @@ std::string setEid(const std::string& path, uint8_t eid);
  *  @return the answer, or the D-Bus error's name */
 std::string getMachineId(const std::string& path);
 
+/** Sends PropertiesChanged with one text, to all that follow the path, and waits
+ *  until the broker has dealt with it. @return "", or the D-Bus error's name */
+std::string changes(const std::string& path, const std::string& property,
+                    const std::string& text);
+
+/** The same with a number. */
+std::string changes(const std::string& path, const std::string& property,
+                    uint32_t number);
+
 /** Requests a name on the bus. @return "", or the D-Bus error's name */
 std::string requestName(const std::string& name);
 

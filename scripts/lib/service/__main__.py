@@ -21,6 +21,7 @@ import threading
 import time
 from pathlib import Path
 
+from bus_peer import SOCKET, as_user
 from service.board import Board
 from service.machine import ENVIRONMENT, Failed, Machine, wait_for
 from service.service import UNIT, Service
@@ -82,6 +83,11 @@ class World:
         """The broker's process, 0 while there is none."""
         shown = self.service.systemctl("show", "-P", "MainPID", "dbus.service")
         return int(shown.stdout)
+
+    def on_bus(self, user, action):
+        """@return what the action returns for a connection of this user"""
+        socket = Path(f"/proc/{self.machine.leader}/root{SOCKET}")
+        return as_user(user, action, socket)
 
     def signal_broker(self, signal):
         self.service.systemctl("kill", f"--signal={signal}", "dbus.service")

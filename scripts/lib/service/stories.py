@@ -5,6 +5,7 @@ everything on the board as it should be."""
 
 import time
 
+from bus_peer import DENIED, NOBODY
 from service.machine import wait_for
 from service.service import CLD_KILLED, ENDPOINTS, NAME, SIGINT, UNIT, expect
 
@@ -12,6 +13,16 @@ INTERRUPTED = (CLD_KILLED, SIGINT)
 OBJECT = "/xyz/openbmc_project/mctp/0/29"
 INTERFACE = "xyz.openbmc_project.mctp.Endpoint"
 PROPERTIES = "org.freedesktop.DBus.Properties"
+HOST_STATE = "xyz.openbmc_project.State.Host0"
+POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
+RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
+# The first two would end the daemon, the others withdraw its endpoints.
+POWER_SIGNALS = (
+    (POWER_STATE, "InternalPowerState", "u", 5),
+    (RESET_CAUSE, "ResetCause", "u", 5),
+    (POWER_STATE, "InternalPowerState", "s", "org.example.PowerState.StateS5"),
+    (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
+)
 
 
 def starts_at_boot(world):
@@ -142,6 +153,69 @@ def others_may_only_read(world):
     ):  # fmt: skip
         answer = call(*words)
         expect("denied" in answer or "not allowed" in answer, f"{words}: {answer}")
+    world.service.stop_cleanly()
+
+
+def others_may_not_play_the_host(world):
+    """No other user may send the host's power signals or be its service"""
+
+    def spoof(bus):
+        for path, *change in POWER_SIGNALS:
+            for destination in (None, *bus.names()):
+                bus.change_property(path, *change, destination=destination)
+        bus.settle()
+        return bus.request(HOST_STATE)
+
+    before, cursor = _start_to_both_endpoints(world)
+    answer = world.on_bus(NOBODY, spoof)
+    expect(answer == DENIED, f"the host-state service's name: {answer}")
+    _expect_to_hear_root_alone(world, before, cursor)
+
+
+def others_may_not_cut_it_off(world):
+    """A burst by another user leaves it connected to the host's power signals"""
+
+    def burst(bus):
+        try:
+            for _ in range(100):
+                bus.change_with_descriptors(POWER_STATE)
+                bus.change_with_descriptors(RESET_CAUSE)
+            bus.settle()
+        except OSError:
+            pass  # the broker has closed the sender's own connection
+        return None
+
+    before, cursor = _start_to_both_endpoints(world)
+    # So that all of it waits for the daemon.
+    world.service.systemctl("kill", "--signal=STOP", UNIT)
+    world.on_bus(NOBODY, burst)
+    world.service.systemctl("kill", "--signal=CONT", UNIT)
+    _expect_to_hear_root_alone(world, before, cursor)
+
+
+def _start_to_both_endpoints(world):
+    """@return its process, and where the journal is"""
+    world.service.start()
+    world.board.tell("host goes-to Running")
+    world.service.await_endpoints(*ENDPOINTS)
+    return world.service.process(), world.machine.now()
+
+
+def _expect_to_hear_root_alone(world, process, cursor):
+    """Root announces two states, which the daemon hears in this order; before
+    them it has heard nothing, and after them it has withdrawn its endpoints."""
+
+    def announced():
+        texts = [str(r.get("MESSAGE")) for r in world.service.own_records(cursor)]
+        return [text.partition("Path:")[2] for text in texts if "Path:" in text]
+
+    world.board.tell("host power-state OffPendingS0")
+    wait_for("power signal of root", announced)
+    expect(announced() == [f"[{POWER_STATE}]"], f"it has heard {announced()}")
+    expect(world.service.process() == process, "it has ended")
+    expect(world.service.endpoints() == ENDPOINTS, "the endpoints are gone")
+    world.board.tell("host goes-to Off", "host power-state StateS5")
+    world.service.await_endpoints()
     world.service.stop_cleanly()
 
 
@@ -388,6 +462,8 @@ STORIES = (
     is_restricted,
     tells_where_it_logs,
     others_may_only_read,
+    others_may_not_play_the_host,
+    others_may_not_cut_it_off,
     stops_when_idle,
     stops_while_starting,
     stops_while_start_hangs,

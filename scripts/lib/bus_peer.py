@@ -1,0 +1,234 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A peer on a system bus, also as another user: makes calls, sends signals and
+follows them. What tests of the bus policy need, by sd-bus."""
+
+import ctypes
+import json
+import os
+import resource
+from pathlib import Path
+
+SOCKET = Path("/run/dbus/system_bus_socket")
+
+ROOT = 0
+NOBODY = 65534
+
+ANSWERED = "answered"
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+
+PROPERTIES = "org.freedesktop.DBus.Properties"
+BUS = "org.freedesktop.DBus"
+BUS_PATH = "/org/freedesktop/DBus"
+
+# What the daemon asks for its name with.
+REPLACE_AND_ALLOW_REPLACEMENT = 3
+
+# The kernel lets no more through at once.
+MOST_DESCRIPTORS = 253
+
+sd = ctypes.CDLL("libsystemd.so.0")
+sd.sd_bus_message_get_path.restype = ctypes.c_char_p
+sd.sd_bus_message_get_sender.restype = ctypes.c_char_p
+HANDLER = ctypes.CFUNCTYPE(
+    ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_void_p
+)
+FOREVER = ctypes.c_uint64(2**64 - 1)
+
+
+class Error(ctypes.Structure):
+    _fields_ = [
+        ("name", ctypes.c_char_p),
+        ("message", ctypes.c_char_p),
+        ("need_free", ctypes.c_int),
+    ]
+
+
+def checked(what, result):
+    if result < 0:
+        raise OSError(-result, f"{what}: {os.strerror(-result)}")
+    return result
+
+
+def encoded(value):
+    return value.encode() if isinstance(value, str) else value
+
+
+class Connection:
+    """A connection to a broker."""
+
+    def __init__(self, socket=SOCKET):
+        self.bus = ctypes.c_void_p()
+        self.handlers = []
+        address = f"unix:path={socket}"
+        checked("new", sd.sd_bus_new(ctypes.byref(self.bus)))
+        checked("address", sd.sd_bus_set_address(self.bus, address.encode()))
+        checked("client", sd.sd_bus_set_bus_client(self.bus, 1))
+        checked("descriptors", sd.sd_bus_negotiate_fds(self.bus, 1))
+        checked("start", sd.sd_bus_start(self.bus))
+
+    def name(self):
+        text = ctypes.c_char_p()
+        checked("name", sd.sd_bus_get_unique_name(self.bus, ctypes.byref(text)))
+        return text.value.decode()
+
+    def call(self, destination, path, interface, member, signature="", *arguments):
+        """@return ANSWERED or the error's name"""
+        error = Error()
+        result = sd.sd_bus_call_method(
+            self.bus, encoded(destination), encoded(path), encoded(interface),
+            encoded(member), ctypes.byref(error), None, encoded(signature),
+            *map(encoded, arguments),
+        )  # fmt: skip
+        return ANSWERED if result >= 0 else error.name.decode()
+
+    def request(self, name):
+        """@return ANSWERED or the error's name"""
+        return self.call(
+            BUS, BUS_PATH, BUS, "RequestName",
+            "su", name, REPLACE_AND_ALLOW_REPLACEMENT,
+        )  # fmt: skip
+
+    def settle(self):
+        """Returns when the broker has dealt with all that was sent before."""
+        answer = self.call(BUS, BUS_PATH, BUS, "GetId")
+        if answer != ANSWERED:
+            raise OSError(f"GetId: {answer}")
+
+    def names(self):
+        """The unique names of all connections."""
+        reply, listed = ctypes.c_void_p(), ctypes.POINTER(ctypes.c_char_p)()
+        checked(
+            "ListNames",
+            sd.sd_bus_call_method(
+                self.bus, encoded(BUS), encoded(BUS_PATH), encoded(BUS),
+                b"ListNames", None, ctypes.byref(reply), None,
+            ),
+        )  # fmt: skip
+        checked("names", sd.sd_bus_message_read_strv(reply, ctypes.byref(listed)))
+        names = []
+        while listed[len(names)] is not None:
+            names.append(listed[len(names)].decode())
+        return [name for name in names if name.startswith(":")]
+
+    def change(self, path, signature, *arguments, destination=None):
+        """Sends PropertiesChanged, to all that follow the path or to one
+        destination alone."""
+        signal = ctypes.c_void_p()
+        checked(
+            "signal",
+            sd.sd_bus_message_new_signal(
+                self.bus, ctypes.byref(signal), encoded(path), encoded(PROPERTIES),
+                b"PropertiesChanged",
+            ),
+        )  # fmt: skip
+        if destination is not None:
+            checked(
+                "destination",
+                sd.sd_bus_message_set_destination(signal, encoded(destination)),
+            )
+        checked(
+            "body",
+            sd.sd_bus_message_append(
+                signal, encoded(signature), *map(encoded, arguments)
+            ),
+        )
+        try:
+            checked("send", sd.sd_bus_send(self.bus, signal, None))
+            checked("flush", sd.sd_bus_flush(self.bus))
+        finally:
+            sd.sd_bus_message_unref(signal)
+
+    def change_property(self, path, name, kind, value, destination=None):
+        """Sends PropertiesChanged with one property."""
+        self.change(
+            path, "sa{sv}as", "org.example.Interface", 1, name, kind, value, 0,
+            destination=destination,
+        )  # fmt: skip
+
+    def change_with_descriptors(self, path, destination=None):
+        """Sends PropertiesChanged with as many descriptors as go."""
+        self.change(
+            path, "h" * MOST_DESCRIPTORS, *[0] * MOST_DESCRIPTORS,
+            destination=destination,
+        )  # fmt: skip
+
+    def follow(self, paths, heard):
+        """From now on, PropertiesChanged of these paths comes in, by the rules
+        of the daemon; and each signal that comes in goes to a function, by path
+        and sender."""
+
+        def hand_on(message, _userdata, _error):
+            message = ctypes.c_void_p(message)
+            sender = sd.sd_bus_message_get_sender(message).decode()
+            if sd.sd_bus_message_is_signal(message, None, None) > 0 and sender != BUS:
+                heard(sd.sd_bus_message_get_path(message).decode(), sender)
+            return 0
+
+        self._filter(hand_on)
+        for path in paths:
+            rule = (
+                f"type='signal',member='PropertiesChanged',path='{path}',"
+                f"interface='{PROPERTIES}',"
+            )
+            checked(
+                "match", sd.sd_bus_add_match(self.bus, None, rule.encode(), None, None)
+            )
+
+    def answer_all(self):
+        """From now on, each call gets an empty answer."""
+
+        def answer(message, _userdata, _error):
+            message = ctypes.c_void_p(message)
+            if sd.sd_bus_message_is_method_call(message, None, None) <= 0:
+                return 0
+            return sd.sd_bus_reply_method_return(message, None)
+
+        self._filter(answer)
+
+    def _filter(self, function):
+        handler = HANDLER(function)
+        self.handlers.append(handler)  # nothing else keeps it
+        checked("filter", sd.sd_bus_add_filter(self.bus, None, handler, None))
+
+    def serve(self):
+        """Handles what comes in; returns by an error alone."""
+        while True:
+            if checked("process", sd.sd_bus_process(self.bus, None)) == 0:
+                checked("wait", sd.sd_bus_wait(self.bus, FOREVER))
+
+
+def in_process(action):
+    """Starts a process that reports by the function that its action gets.
+    @return its id and the end from which the reports can be read"""
+    reading, writing = os.pipe()
+    process = os.fork()
+    if process == 0:
+        try:
+            os.close(reading)
+            with os.fdopen(writing, "w") as report:
+                action(lambda said: print(json.dumps(said), file=report, flush=True))
+        finally:
+            os._exit(0)
+    os.close(writing)
+    return process, os.fdopen(reading)
+
+
+def as_user(user, action, socket=SOCKET):
+    """@return what the action returns for a connection of this user, made in a
+    process of its own"""
+
+    def become_and_act(report):
+        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+        # The user need not be able to get there.
+        os.chdir(socket.parent)
+        os.setgroups([])
+        os.setresgid(user, user, user)
+        os.setresuid(user, user, user)
+        report(action(Connection(socket.name)))
+
+    process, reports = in_process(become_and_act)
+    with reports:
+        said = reports.read()
+    os.waitpid(process, 0)
+    return json.loads(said)
