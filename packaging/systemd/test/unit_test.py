@@ -40,9 +40,9 @@ def analyze(*arguments):
     )
 
 
-def settings():
+def settings(unit=UNIT):
     """The unit's lines, as pairs."""
-    lines = UNIT.read_text().splitlines()
+    lines = unit.read_text().splitlines()
     return [line.split("=", 1) for line in lines if "=" in line and line[0] != "#"]
 
 
@@ -67,6 +67,11 @@ class Unit(unittest.TestCase):
 
     def test_starts_the_daemon_where_it_is_installed(self):
         self.assertIn(["ExecStart", INSTALLED_DAEMON], settings())
+
+    def test_limits_no_number_of_starts(self):
+        for unit in (UNIT, RETURN_UNIT):
+            with self.subTest(unit=unit.name):
+                self.assertIn(["StartLimitIntervalSec", "0"], settings(unit))
 
     def test_is_understood_by_systemd_without_a_complaint(self):
         self.assertEqual(self.complaints(UNIT.read_text()), [])

@@ -316,6 +316,24 @@ def stops_with_hung_host_state(world):
     world.service.stop_cleanly()
 
 
+def ends_by_interrupt_when_it_does_not_stop(world):
+    """A stop that takes longer than it may ends by SIGINT, not by SIGKILL"""
+    with world.drop_in("TimeoutStopSec=3"):
+        world.service.start()
+        seen = len(world.board.timeline())
+        world.board.tell("host never-answers")
+        world.board.await_event("question to the host", seen, event="host_answer")
+        cursor = world.machine.now()
+        world.service.systemctl("stop", UNIT)
+        shown = world.service.properties()
+        texts = [str(r.get("MESSAGE")) for r in world.service.records(cursor)]
+    expect(shown["Result"] == "timeout", f"the stop ended with {shown['Result']}")
+    ended = (shown["ExecMainCode"], shown["ExecMainStatus"])
+    expect(ended == INTERRUPTED, f"it ended with {ended}")
+    killed = [text for text in texts if "SIGKILL" in text]
+    expect(not killed, f"systemd says: {killed}")
+
+
 def restarts(world):
     """A restart in the middle of the job leads to the same endpoints"""
     world.service.start()
@@ -369,6 +387,24 @@ def follows_broker_that_is_wanted_at_once(world):
     _expect_new_life(world, before, cursor)
 
 
+def follows_brokers_that_end_in_a_row(world):
+    """It starts with the fourth broker when three have ended in a row"""
+    world.service.start()
+    for _ in range(3):
+        before = world.service.process()
+        cursor = world.machine.now()
+        world.kill_broker()
+        # The limit is for the broker too, and not what this is about.
+        world.service.systemctl("reset-failed", "dbus.service", check=False)
+        world.board.reconnect()
+        wait_for(
+            "new process",
+            lambda before=before: world.service.process() not in (0, before)
+            and world.service.state() == "active",
+        )
+    _expect_new_life(world, before, cursor)
+
+
 def _expect_new_life(world, before, cursor):
     wait_for(
         "new process",
@@ -396,19 +432,36 @@ def leaves_before_the_broker(world):
 
 
 def comes_back_when_killed(world):
-    """It is started again when it was killed, whatever was started before"""
+    """It is started again each time that it is killed, seconds later"""
     world.service.start()
-    world.service.systemctl("restart", UNIT)  # the second start in 30 s
-    before = world.service.process()
-    world.service.systemctl("kill", "--signal=KILL", UNIT)
-    wait_for(
-        "restart",
-        lambda: world.service.process() not in (0, before)
-        and world.service.state() == "active",
-        50,
-    )
-    expect(world.service.properties()["NRestarts"] == "1", "it was not systemd")
+    for times in range(1, 4):  # more often than the limit of starts
+        before = world.service.process()
+        world.service.systemctl("kill", "--signal=KILL", UNIT)
+        wait_for(
+            "restart",
+            lambda before=before: world.service.process() not in (0, before)
+            and world.service.state() == "active",
+            20,
+        )
+        restarts_seen = world.service.properties()["NRestarts"]
+        expect(restarts_seen == str(times), "it was not systemd")
     world.service.stop_cleanly()
+
+
+def fails_quietly(world):
+    """It is tried again when it fails with each start, and fills no journal"""
+    world.board.tell("host answers-type u")
+    world.service.systemctl("start", "--no-block", UNIT)
+    wait_for("failure", lambda: world.service.properties()["Result"] == "signal")
+    before = int(world.service.properties()["NRestarts"])
+    cursor = world.machine.now()
+    time.sleep(60)
+    records = world.service.records(cursor)
+    restarts_seen = int(world.service.properties()["NRestarts"]) - before
+    world.service.systemctl("stop", UNIT)
+    expect(restarts_seen > 2, f"it was tried again {restarts_seen} times")
+    # Nine with each of ten starts.
+    expect(len(records) < 100, f"{len(records)} records of {restarts_seen} starts")
 
 
 def is_quiet(world):
@@ -453,6 +506,7 @@ def can_be_turned_up(world):
 # Those that last long come first.
 STORIES = (
     is_quiet,
+    fails_quietly,
     comes_back_when_killed,
     starts_when_the_name_is_free,
     stops_with_hung_host_state,
@@ -468,12 +522,14 @@ STORIES = (
     stops_while_starting,
     stops_while_start_hangs,
     stops_in_discovery,
+    ends_by_interrupt_when_it_does_not_stop,
     restarts,
     waits_for_no_host_state,
     leaves_before_the_broker,
     follows_restarted_broker,
     follows_killed_broker,
     follows_broker_that_is_wanted_at_once,
+    follows_brokers_that_end_in_a_row,
     is_held_back,
     can_be_turned_up,
 )
