@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A peer on a system bus, also as another user: makes calls, sends signals and
-follows them. What tests of the bus policy need, by sd-bus."""
+"""A peer on a system bus, also as another user: makes calls, sends the host's
+power signals and follows them. What tests of the bus policy need, by sd-bus."""
 
 import ctypes
 import json
@@ -19,6 +19,20 @@ DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 BUS = "org.freedesktop.DBus"
 BUS_PATH = "/org/freedesktop/DBus"
+
+HOST_STATE = "xyz.openbmc_project.State.Host0"
+POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
+RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
+POWER_PATHS = (POWER_STATE, RESET_CAUSE)
+
+# What the daemon takes for the host's, whoever sends it. The first two would
+# end it, the others make it withdraw its endpoints.
+POWER_SIGNALS = (
+    (POWER_STATE, "InternalPowerState", "u", 5),
+    (RESET_CAUSE, "ResetCause", "u", 5),
+    (POWER_STATE, "InternalPowerState", "s", "org.example.PowerState.StateS5"),
+    (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
+)
 
 # What the daemon asks for its name with.
 REPLACE_AND_ALLOW_REPLACEMENT = 3
@@ -145,12 +159,15 @@ class Connection:
             destination=destination,
         )  # fmt: skip
 
-    def change_with_descriptors(self, path, destination=None):
-        """Sends PropertiesChanged with as many descriptors as go."""
-        self.change(
-            path, "h" * MOST_DESCRIPTORS, *[0] * MOST_DESCRIPTORS,
-            destination=destination,
-        )  # fmt: skip
+    def burst(self):
+        """Sends many power signals with as many descriptors as go; the broker
+        may close this connection for it."""
+        try:
+            for path in POWER_PATHS * 100:
+                self.change(path, "h" * MOST_DESCRIPTORS, *[0] * MOST_DESCRIPTORS)
+            self.settle()
+        except OSError:
+            pass
 
     def follow(self, paths, heard):
         """From now on, PropertiesChanged of these paths comes in, by the rules
@@ -231,4 +248,6 @@ def as_user(user, action, socket=SOCKET):
     with reports:
         said = reports.read()
     os.waitpid(process, 0)
+    if not said:
+        raise OSError(f"user {user} could not do it")
     return json.loads(said)

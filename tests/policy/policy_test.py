@@ -4,7 +4,8 @@
 
 The broker has the policy that brokers come with, and the shipped one. The
 daemon's name is owned by a peer that answers whatever reaches it, so what is
-answered was let pass. Callers are root and another user.
+answered was let pass. The host's power signals are followed by a peer with the
+daemon's rules, and by the daemon. Callers and senders are root and other users.
 
 Run by meson test, in the board's sandbox: with a /run of its own.
 """
@@ -25,8 +26,9 @@ sys.path.insert(0, str(TOP / "scripts" / "lib"))
 sys.dont_write_bytecode = True
 
 # pylint: disable=wrong-import-position
-from bus_peer import ANSWERED, BUS, BUS_PATH, DENIED, NOBODY, PROPERTIES, ROOT
-from bus_peer import SOCKET, Connection, as_user, in_process
+from bus_peer import ANSWERED, BUS, BUS_PATH, DENIED, HOST_STATE, NOBODY
+from bus_peer import POWER_PATHS, POWER_SIGNALS, PROPERTIES, ROOT, SOCKET
+from bus_peer import Connection, as_user, in_process
 
 POLICY = os.environ["POLICY"]
 DAEMON = os.environ["DAEMON"]
@@ -44,11 +46,6 @@ ENDPOINT = "xyz.openbmc_project.mctp.Endpoint"
 INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
 MANAGER = "org.freedesktop.DBus.ObjectManager"
 PEER = "org.freedesktop.DBus.Peer"
-
-HOST_STATE = "xyz.openbmc_project.State.Host0"
-POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
-RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
-POWER_PATHS = (POWER_STATE, RESET_CAUSE)
 
 READING = (
     (PROPERTIES, "Get"),
@@ -71,15 +68,6 @@ ANYTHING_ELSE = (
     (None, "Set"),
     (None, "GetArbitration"),
     (None, "Ping"),
-)
-
-# What the daemon takes for the host's, whoever sends it. The first two would
-# end it, the others make it withdraw its endpoints.
-POWER_SIGNALS = (
-    (POWER_STATE, "InternalPowerState", "u", 5),
-    (RESET_CAUSE, "ResetCause", "u", 5),
-    (POWER_STATE, "InternalPowerState", "s", "org.example.PowerState.StateS5"),
-    (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
 )
 
 # One that nobody follows.
@@ -323,19 +311,8 @@ class Policy:
         """A broker closes the connection of a peer for which too much is
         waiting, which is how a burst would leave the daemon without signals."""
         follower = self.start_follower()
-
-        def burst(bus):
-            try:
-                for _ in range(100):
-                    bus.change_with_descriptors(POWER_STATE)
-                    bus.change_with_descriptors(RESET_CAUSE)
-                bus.settle()
-            except OSError:
-                return "its own connection is closed"
-            return "all sent"
-
         os.kill(follower.process, signal.SIGSTOP)  # so that everything waits
-        as_user(NOBODY, burst)
+        as_user(NOBODY, Connection.burst)
         os.kill(follower.process, signal.SIGCONT)
         sender = send(ROOT, *POWER_SIGNALS)
         self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))

@@ -5,7 +5,8 @@ everything on the board as it should be."""
 
 import time
 
-from bus_peer import DENIED, NOBODY
+from bus_peer import DENIED, HOST_STATE, NOBODY, POWER_SIGNALS, POWER_STATE
+from bus_peer import Connection
 from service.machine import wait_for
 from service.service import CLD_KILLED, ENDPOINTS, NAME, SIGINT, UNIT, expect
 
@@ -13,16 +14,6 @@ INTERRUPTED = (CLD_KILLED, SIGINT)
 OBJECT = "/xyz/openbmc_project/mctp/0/29"
 INTERFACE = "xyz.openbmc_project.mctp.Endpoint"
 PROPERTIES = "org.freedesktop.DBus.Properties"
-HOST_STATE = "xyz.openbmc_project.State.Host0"
-POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
-RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
-# The first two would end the daemon, the others withdraw its endpoints.
-POWER_SIGNALS = (
-    (POWER_STATE, "InternalPowerState", "u", 5),
-    (RESET_CAUSE, "ResetCause", "u", 5),
-    (POWER_STATE, "InternalPowerState", "s", "org.example.PowerState.StateS5"),
-    (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
-)
 
 
 def starts_at_boot(world):
@@ -174,21 +165,10 @@ def others_may_not_play_the_host(world):
 
 def others_may_not_cut_it_off(world):
     """A burst by another user leaves it connected to the host's power signals"""
-
-    def burst(bus):
-        try:
-            for _ in range(100):
-                bus.change_with_descriptors(POWER_STATE)
-                bus.change_with_descriptors(RESET_CAUSE)
-            bus.settle()
-        except OSError:
-            pass  # the broker has closed the sender's own connection
-        return None
-
     before, cursor = _start_to_both_endpoints(world)
     # So that all of it waits for the daemon.
     world.service.systemctl("kill", "--signal=STOP", UNIT)
-    world.on_bus(NOBODY, burst)
+    world.on_bus(NOBODY, Connection.burst)
     world.service.systemctl("kill", "--signal=CONT", UNIT)
     _expect_to_hear_root_alone(world, before, cursor)
 
@@ -443,8 +423,8 @@ def comes_back_when_killed(world):
             and world.service.state() == "active",
             20,
         )
-        restarts_seen = world.service.properties()["NRestarts"]
-        expect(restarts_seen == str(times), "it was not systemd")
+        restarted = world.service.properties()["NRestarts"]
+        expect(restarted == str(times), "it was not systemd")
     world.service.stop_cleanly()
 
 
@@ -457,11 +437,11 @@ def fails_quietly(world):
     cursor = world.machine.now()
     time.sleep(60)
     records = world.service.records(cursor)
-    restarts_seen = int(world.service.properties()["NRestarts"]) - before
+    restarted = int(world.service.properties()["NRestarts"]) - before
     world.service.systemctl("stop", UNIT)
-    expect(restarts_seen > 2, f"it was tried again {restarts_seen} times")
+    expect(restarted > 2, f"it was tried again {restarted} times")
     # Nine with each of ten starts.
-    expect(len(records) < 100, f"{len(records)} records of {restarts_seen} starts")
+    expect(len(records) < 100, f"{len(records)} records of {restarted} starts")
 
 
 def is_quiet(world):
