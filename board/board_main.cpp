@@ -1,16 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/client.hpp"
 #include "board/plain_text.hpp"
 #include "board/program.hpp"
+#include "board/standard_streams.hpp"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -23,17 +31,28 @@ constexpr auto about =
     "\n"
     "The host is off; the daemon gets ready; the host runs; two endpoints are\n"
     "discovered and published; the host goes off; they are withdrawn; two\n"
-    "SIGTERMs end the daemon. This takes about four seconds. Or tell the\n"
+    "SIGTERMs end the daemon. This takes about five seconds. Or tell the\n"
     "story yourself: by hand with --shell, from a file with --play; the "
     "command\n"
     "\"help\" tells the words.\n"
+    "\n"
+    "With a COMMAND, a client of the daemon or its tests, it runs that against "
+    "a\n"
+    "board: inside it, as root there, with the host running and both "
+    "endpoints\n"
+    "published, or as --play FILE leaves it. Nothing else is shown; --verbose\n"
+    "shows the timeline on standard error.\n"
     "\n"
     "No right is needed where the system allows user namespaces and FUSE, and\n"
     "nothing is left behind, however it ends.";
 
 constexpr auto notes =
     "\nExit status: 0 all went as told, 1 it did not or could not, 2 wrong\n"
-    "usage, 130 interrupted. NO_COLOR in the environment turns colour off.\n"
+    "usage, 130 interrupted. With a COMMAND it is that of COMMAND, 128+N "
+    "after\n"
+    "signal N, or 125 no board, 126 COMMAND cannot be run, 127 it is not "
+    "found.\n"
+    "NO_COLOR in the environment turns colour off.\n"
     "\n"
     "Examples:\n"
     "  morrow-board\n"
@@ -41,8 +60,9 @@ constexpr auto notes =
     "  morrow-board --save timeline.jsonl\n"
     "  morrow-board --shell\n"
     "  echo 'help' | morrow-board --shell\n"
-    "  morrow-board --daemon build/morrow/morrow --policy "
-    "packaging/dbus/xyz.openbmc_project.mctp.conf\n";
+    "  morrow-board -- busctl tree xyz.openbmc_project.mctp\n"
+    "  morrow-board --daemon build/morrow/morrow \\\n"
+    "      --policy packaging/dbus/xyz.openbmc_project.mctp.conf\n";
 
 /** Refuses a name that is empty, e.g. that of a variable that is not set. */
 CLI::Validator named()
@@ -54,11 +74,27 @@ CLI::Validator named()
             ""};
 }
 
-bool wantsColour()
+bool wantsColour(int fd)
 {
     const auto* const refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) == 1 &&
-           (refused == nullptr || *refused == '\0');
+    return isatty(fd) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+/** Takes the client's command, which begins after "--", off the arguments. */
+std::vector<std::string> takeClient(std::vector<std::string>& arguments)
+{
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
+    if (mark == arguments.end())
+    {
+        return {};
+    }
+    std::vector<std::string> client(std::next(mark), arguments.end());
+    arguments.erase(mark, arguments.end());
+    if (client.empty() || client.front().empty())
+    {
+        throw CLI::RequiredError("COMMAND after --");
+    }
+    return client;
 }
 
 /** A reader that is gone and a file that is full are failed writes, which are
@@ -72,35 +108,27 @@ void keepGoingOnFailedWrites()
     }
 }
 
-int status(board::Status status)
+/** The usage has a command at its end, which is no argument of an option. */
+class Formatter : public CLI::Formatter
 {
-    return static_cast<int>(status);
-}
+  public:
+    Formatter()
+    {
+        constexpr std::size_t descriptions = 18;
+        column_width(descriptions);
+    }
 
-/** Shows the help that was asked for, or what is wrong with the usage. */
-board::Status refuse(const CLI::App& app, const CLI::ParseError& error)
+    std::string make_usage(const CLI::App* /*app*/,
+                           std::string name) const override
+    {
+        return "Usage: " + name + " [OPTIONS] [-- COMMAND [ARGUMENT...]]\n";
+    }
+};
+
+void addOptions(CLI::App& app, board::ProgramOptions& options)
 {
-    std::ostringstream help;
-    std::ostringstream wrong;
-    const auto isHelp = app.exit(error, help, wrong) == 0;
-    static_cast<void>(std::fputs(help.str().c_str(), stdout));
-    static_cast<void>(
-        std::fputs(board::withoutControls(wrong.str()).c_str(), stderr));
-    return isHelp ? board::Status::asTold : board::Status::wrongUsage;
-}
-
-} // namespace
-
-int main(int argc, char** argv)
-try
-{
-    keepGoingOnFailedWrites();
-    board::ProgramOptions options;
-    options.board.installation = board::Installation::ofThisProgram();
-    options.style.colour = wantsColour();
-
-    CLI::App app(about, "morrow-board");
-    app.footer(notes);
+    app.set_version_flag("--version", "morrow-board " VERSION,
+                         "print the version and exit");
     app.add_option("--daemon", options.board.installation.daemon,
                    "the daemon to run, instead of the installed one")
         ->type_name("FILE")
@@ -109,33 +137,92 @@ try
                    "its bus policy, instead of the installed one")
         ->type_name("FILE")
         ->check(named());
-    auto* const play = app.add_option(
-        "--play", options.play,
-        "play the story in this file instead, or on standard input: -");
-    play->type_name("FILE")->check(named());
+    app.add_option(
+           "--play", options.play,
+           "play the story in this file instead, or on standard input: -")
+        ->type_name("FILE")
+        ->check(named());
     app.add_flag("--shell", options.shell,
-                 "drive the board by hand instead: a prompt, or commands from "
-                 "a pipe")
-        ->excludes(play);
+                 "drive the board by hand: a prompt, or lines from a pipe");
     app.add_option("--save", options.save,
                    "save the timeline in this file, an event a line, as JSON")
         ->type_name("FILE")
         ->check(named());
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");
+}
+
+/** @throws CLI::ParseError when the usage is wrong, or help is asked for */
+void parse(CLI::App& app, std::vector<std::string> arguments,
+           board::ProgramOptions& options)
+{
+    options.client = takeClient(arguments);
+    std::reverse(arguments.begin(), arguments.end()); // as the parser wants it
+    app.parse(std::move(arguments));
+    if (options.shell && !(options.play.empty() && options.client.empty()))
+    {
+        throw CLI::ExcludesError("--shell",
+                                 options.play.empty() ? "COMMAND" : "--play");
+    }
+    options.style.colour =
+        wantsColour(options.client.empty() ? STDOUT_FILENO : STDERR_FILENO);
+}
+
+/** Shows the help that was asked for, or what is wrong with the usage.
+ *  @return the exit status */
+int refuse(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream help;
+    std::ostringstream wrong;
+    const auto isHelp = app.exit(error, help, wrong) == 0;
+    board::put(stdout, help.str());
+    static_cast<void>(
+        std::fputs(board::withoutControls(wrong.str()).c_str(), stderr));
+    return static_cast<int>(isHelp ? board::Status::asTold
+                                   : board::Status::wrongUsage);
+}
+
+/** @return the exit status */
+int runAsAsked(std::vector<std::string> arguments,
+               board::ProgramOptions& options)
+{
+    keepGoingOnFailedWrites();
+    board::occupyClosedDescriptors();
+    options.board.installation = board::Installation::ofThisProgram();
+    CLI::App app(about, "morrow-board");
+    app.formatter(std::make_shared<Formatter>());
+    app.footer(notes);
+    addOptions(app, options);
+    int status = 0;
     try
     {
-        app.parse(argc, argv);
+        parse(app, std::move(arguments), options);
+        status = run(options);
     }
     catch (const CLI::ParseError& error)
     {
-        return status(refuse(app, error));
+        status = refuse(app, error);
     }
-    return status(run(options));
+    board::verifyStandardOutput();
+    return status;
 }
-catch (const std::exception& error)
+
+} // namespace
+
+int main(int argc, char** argv)
 {
-    const auto line = board::withoutControls(error.what(), "\t");
-    static_cast<void>(std::fprintf(stderr, "morrow-board: %s\n", line.c_str()));
-    return status(board::Status::differed);
+    board::ProgramOptions options;
+    try
+    {
+        return runAsAsked({argv + std::min(argc, 1), argv + argc}, options);
+    }
+    catch (const std::exception& error)
+    {
+        const auto line = board::withoutControls(error.what(), "\t");
+        static_cast<void>(
+            std::fprintf(stderr, "morrow-board: %s\n", line.c_str()));
+        return options.client.empty()
+                   ? static_cast<int>(board::Status::differed)
+                   : board::client_status::noBoard;
+    }
 }

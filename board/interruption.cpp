@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <utility>
 
 namespace board
 {
@@ -41,35 +42,50 @@ Interruption::~Interruption()
 
 void Interruption::listen()
 {
-    int number = 0;
-    while (sigwait(&signals, &number) == 0 && !leaving)
+    siginfo_t signal{};
+    while (!leaving)
     {
-        if (number != leave)
+        // Fails when it is interrupted, e.g. by a debugger.
+        if (sigwaitinfo(&signals, &signal) > 0 && signal.si_signo != leave)
         {
-            take(number);
+            take({signal.si_signo, signal.si_code == SI_KERNEL});
         }
     }
 }
 
-void Interruption::take(int signal)
+void Interruption::take(const CaughtSignal& signal)
 {
-    if (signal != SIGINT || ctrlC == CtrlC::ends)
+    if (signal.number != SIGINT || ctrlC == CtrlC::ends)
     {
         ending = true;
+    }
+    {
+        const std::lock_guard lock(catching);
+        caught.push_back(signal);
     }
     timeline.interrupt();
     came.wake();
 }
 
-bool Interruption::awaitReadable(int fd) const
+bool Interruption::awaitReadable(
+    int fd, std::optional<std::chrono::milliseconds> limit) const
 {
     constexpr int forEver = -1;
     std::array sources{pollfd{fd, POLLIN, 0}, pollfd{came.fd(), POLLIN, 0}};
-    while (poll(sources.data(), sources.size(), forEver) <= 0)
+    const auto limitMs = limit ? static_cast<int>(limit->count()) : forEver;
+    int ready = 0;
+    do
     {
-        // Interrupted by a signal that is none of ours.
-    }
-    return sources[1].revents == 0;
+        ready = poll(sources.data(), sources.size(), limitMs);
+    } while (ready < 0); // interrupted by a signal that is none of ours
+    return ready > 0 && sources[1].revents == 0;
+}
+
+std::vector<CaughtSignal> Interruption::takeSignals()
+{
+    const std::lock_guard lock(catching);
+    came.clear();
+    return std::exchange(caught, {});
 }
 
 void Interruption::goOn()

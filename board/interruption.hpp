@@ -5,11 +5,24 @@
 #include "board/wakeup.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <mutex>
+#include <optional>
 #include <thread>
+#include <vector>
 
 namespace board
 {
+
+/** @brief A signal that came to the board. */
+struct CaughtSignal
+{
+    int number = 0;
+    /** Typed at the terminal, or its hangup: everybody in the foreground has
+     *  got it. */
+    bool fromTerminal = false;
+};
 
 /** Ctrl-C, a hangup, SIGQUIT or SIGTERM breaks off the timeline's waits, so
  * that the board is taken apart in order.
@@ -39,8 +52,15 @@ class Interruption
     ~Interruption();
 
     /** @brief Wait until a descriptor is readable, or at its end.
-     *  @return false when a signal came first */
-    [[nodiscard]] bool awaitReadable(int fd) const;
+     *  @param limit how long at most; none: for ever
+     *  @return false when a signal came first, or the limit has passed */
+    [[nodiscard]] bool
+    awaitReadable(int fd,
+                  std::optional<std::chrono::milliseconds> limit = {}) const;
+
+    /** @brief The signals that came since the last call, in their order. What
+     *         waits for a descriptor after this waits again. */
+    [[nodiscard]] std::vector<CaughtSignal> takeSignals();
 
     /** @brief Let waits be waits again after a Ctrl-C.
      *  @throws Interrupted when the board is to end */
@@ -48,13 +68,15 @@ class Interruption
 
   private:
     void listen();
-    void take(int signal);
+    void take(const CaughtSignal& signal);
 
     Timeline& timeline;
     const CtrlC ctrlC;
     Wakeup came;
     std::atomic<bool> ending = false;
     std::atomic<bool> leaving = false;
+    std::mutex catching; //!< guards the next one
+    std::vector<CaughtSignal> caught;
     sigset_t signals{};
     std::thread thread;
 };

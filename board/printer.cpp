@@ -3,6 +3,7 @@
 
 #include "board/packet_text.hpp"
 #include "board/plain_text.hpp"
+#include "board/standard_streams.hpp"
 
 #include <algorithm>
 #include <array>
@@ -426,9 +427,7 @@ Write to(std::FILE* stream)
 {
     return [stream](const std::string& text)
     {
-        // A stream that takes no more is no reason to stop the board.
-        static_cast<void>(std::fputs(text.c_str(), stream));
-        static_cast<void>(std::fflush(stream));
+        put(stream, text);
     };
 }
 

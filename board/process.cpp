@@ -32,6 +32,7 @@ struct Prepared
     std::vector<char*> environment;
     std::vector<Inherited> descriptors;
     std::vector<Fd> copies; //!< keep the descriptors' sources clear of targets
+    Sharing sharing = Sharing::nothing;
     pid_t parent = getpid();
 };
 
@@ -51,10 +52,11 @@ std::vector<char*> pointersTo(const std::vector<std::string>& words)
 
 Prepared prepare(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment,
-                 const std::vector<Inherited>& descriptors)
+                 const std::vector<Inherited>& descriptors, Sharing sharing)
 {
     constexpr int clearOfTargets = 16;
-    Prepared prepared{pointersTo(arguments), pointersTo(environment), {}, {}};
+    Prepared prepared{
+        pointersTo(arguments), pointersTo(environment), {}, {}, sharing};
     for (const auto& [ours, theirs] : descriptors)
     {
         prepared.copies.emplace_back(
@@ -78,13 +80,42 @@ void defaultSignals()
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+/** Takes nothing along that the board itself was given.
+ *  @return false on failure, with errno set */
+bool separate()
+{
+    const auto null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (setpgid(0, 0) != 0 || null < 0 || dup2(null, STDIN_FILENO) < 0)
+    {
+        return false;
+    }
+    constexpr unsigned firstUnlisted = STDERR_FILENO + 1;
+    static_cast<void>(
+        close_range(firstUnlisted, ~0U, CLOSE_RANGE_CLOEXEC)); // Linux 5.11
+    return true;
+}
+
+/** @return only on failure, with errno set */
+void execute(const Prepared& prepared)
+{
+    auto* const program = prepared.arguments.front();
+    auto* const* const arguments = prepared.arguments.data();
+    auto* const* const environment = prepared.environment.data();
+    if (prepared.sharing == Sharing::everything)
+    {
+        // It takes no memory but the stack's, and no lock.
+        execvpe(program, arguments, environment);
+        return;
+    }
+    execve(program, arguments, environment);
+}
+
 /** @return only on failure, with errno set */
 void becomeChild(const Prepared& prepared)
 {
     defaultSignals();
-    const auto null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (setpgid(0, 0) != 0 || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 ||
-        null < 0 || dup2(null, STDIN_FILENO) < 0)
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 ||
+        (prepared.sharing == Sharing::nothing && !separate()))
     {
         return;
     }
@@ -93,10 +124,6 @@ void becomeChild(const Prepared& prepared)
         // The parent ended before its death could be heard of.
         _exit(cannotRun);
     }
-    // Also those that the board itself was given unasked.
-    constexpr unsigned firstUnlisted = STDERR_FILENO + 1;
-    static_cast<void>(
-        close_range(firstUnlisted, ~0U, CLOSE_RANGE_CLOEXEC)); // Linux 5.11
     for (const auto& [ours, theirs] : prepared.descriptors)
     {
         if (dup2(ours, theirs) < 0)
@@ -104,8 +131,7 @@ void becomeChild(const Prepared& prepared)
             return;
         }
     }
-    execve(prepared.arguments.front(), prepared.arguments.data(),
-           prepared.environment.data());
+    execute(prepared);
 }
 
 [[noreturn]] void runChild(const Prepared& prepared, const Fd& failure)
@@ -133,6 +159,16 @@ int errorOf(Pipe& failure)
 
 } // namespace
 
+CannotRun::CannotRun(const std::string& program, int error) :
+    Error(Error::fromErrno("cannot run " + program, error)), number(error)
+{
+}
+
+int CannotRun::error() const
+{
+    return number;
+}
+
 Pipe::Pipe()
 {
     std::array<int, 2> ends{};
@@ -150,10 +186,10 @@ Pipe::Pipe()
 
 Process::Process(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment,
-                 const std::vector<Inherited>& descriptors)
+                 const std::vector<Inherited>& descriptors, Sharing sharing)
 {
     Pipe failure;
-    const auto prepared = prepare(arguments, environment, descriptors);
+    const auto prepared = prepare(arguments, environment, descriptors, sharing);
     pid = fork();
     if (pid == 0)
     {
@@ -166,7 +202,7 @@ Process::Process(const std::vector<std::string>& arguments,
     if (const auto error = errorOf(failure); error != 0)
     {
         static_cast<void>(waitpid(pid, nullptr, 0)); // it says no more
-        throw Error::fromErrno("cannot run " + arguments.front(), error);
+        throw CannotRun(arguments.front(), error);
     }
     pidFd = Fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
@@ -174,10 +210,11 @@ Process::Process(const std::vector<std::string>& arguments,
 Process::~Process()
 {
     // The group first, by its leader's id, which stays taken until it has
-    // been waited for.
+    // been waited for. A program of the user's need not lead one.
     if (!end)
     {
         static_cast<void>(kill(-pid, SIGKILL));
+        static_cast<void>(kill(pid, SIGKILL));
         static_cast<void>(waitpid(pid, nullptr, 0));
     }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "board/error.hpp"
 #include "board/fd.hpp"
 
 #include <sys/types.h>
@@ -17,6 +18,29 @@ struct Inherited
 {
     int ours = -1;
     int theirs = -1;
+};
+
+/** @brief What a child shares with the board's process. */
+enum class Sharing
+{
+    nothing, //!< a part of the board: as Process describes it
+    /** A program of the user's: it stays in the board's process group, has its
+     *  terminal and all descriptors that the board was given, and is looked
+     *  for on PATH. */
+    everything,
+};
+
+/** @brief A program cannot be run. */
+class CannotRun : public Error
+{
+  public:
+    CannotRun(const std::string& program, int error);
+
+    /** @brief The errno value that says why. */
+    [[nodiscard]] int error() const;
+
+  private:
+    int number;
 };
 
 /** @brief How a process ended: by itself or by a signal. */
@@ -40,10 +64,12 @@ class Process
   public:
     /** @param arguments the program's path and its arguments
      *  @param environment all of it, as "NAME=value"
-     *  @throws Error when it cannot be started */
+     *  @throws CannotRun when there is no such program, or it is none
+     *  @throws Error when there are no processes or descriptors left */
     Process(const std::vector<std::string>& arguments,
             const std::vector<std::string>& environment,
-            const std::vector<Inherited>& descriptors);
+            const std::vector<Inherited>& descriptors,
+            Sharing sharing = Sharing::nothing);
 
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;

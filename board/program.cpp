@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/program.hpp"
 
+#include "board/client.hpp"
 #include "board/interruption.hpp"
 #include "board/plain_text.hpp"
 #include "board/sandbox.hpp"
@@ -14,6 +15,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -29,41 +31,74 @@ namespace board
 namespace
 {
 
+// What a client finds unless a scenario is given: the host runs, its state
+// service is there, and the daemon has published both endpoints.
+constexpr auto clientsBoard = "host Running\n"
+                              "daemon start\n"
+                              "await published 29\n"
+                              "await published 157\n"
+                              "expect endpoints 29 157\n";
+
 struct Verdict
 {
-    Status status = Status::differed;
-    std::string line;
+    int status = static_cast<int>(Status::differed);
+    std::string line; //!< empty: there is nothing to say
 };
 
-/** Drives a new board to the end.
- *  @return what to say of it */
-using Drive = std::function<std::string(Board&)>;
+/** Drives a new board to the end. */
+using Drive = std::function<Verdict(Board&)>;
 
-Verdict verdictOf(Timeline& timeline, const BoardOptions& options,
+Verdict asTold(const std::string& line)
+{
+    return {static_cast<int>(Status::asTold), line};
+}
+
+Verdict verdictOf(Timeline& timeline, const ProgramOptions& options,
                   const Drive& drive)
 {
     try
     {
-        Board board(timeline, options);
-        return {Status::asTold, drive(board)};
+        Board board(timeline, options.board);
+        return drive(board);
     }
     catch (const Interrupted&)
     {
-        return {Status::interrupted, "Interrupted; nothing is left behind."};
+        return {static_cast<int>(Status::interrupted),
+                "Interrupted; nothing is left behind."};
     }
     catch (const std::exception& error)
     {
-        return {Status::differed,
+        if (!options.client.empty())
+        {
+            return {client_status::noBoard, error.what()};
+        }
+        return {static_cast<int>(Status::differed),
                 std::string("Not as told: ") + error.what() + "."};
     }
 }
 
-void show(const Verdict& verdict, const PrintStyle& style)
+/** Standard output is the client's, so what the board says goes elsewhere. */
+void complain(const std::string& what)
 {
-    const std::string colour(verdict.status == Status::asTold ? "\033[1;32m"
-                                                              : "\033[1;31m");
+    to(stderr)("morrow-board: " + withoutControls(what, "\t") + "\n");
+}
+
+void show(const Verdict& verdict, const ProgramOptions& options)
+{
+    if (!options.client.empty())
+    {
+        if (!verdict.line.empty())
+        {
+            complain(verdict.line);
+        }
+        return;
+    }
+    const std::string colour(verdict.status == static_cast<int>(Status::asTold)
+                                 ? "\033[1;32m"
+                                 : "\033[1;31m");
     const auto line = withoutControls(verdict.line, "\t");
-    to(stdout)((style.colour ? colour + line + "\033[0m" : line) + "\n");
+    to(stdout)((options.style.colour ? colour + line + "\033[0m" : line) +
+               "\n");
 }
 
 /** Whether saving would overwrite the story itself, by whatever name. */
@@ -115,23 +150,95 @@ std::unique_ptr<words::Lines> linesAt(bool terminal,
     return std::make_unique<words::PipedLines>(interruption);
 }
 
-std::string byHand(words::Session& session, words::Lines& lines,
-                   Interruption& interruption)
+/** Where the timeline is shown, and what the board answers. */
+Write writeOf(const ProgramOptions& options, words::Lines& lines)
 {
-    runShell(session, lines, interruption);
-    return "The board has ended; nothing is left behind.";
+    if (options.client.empty())
+    {
+        return [&lines](const std::string& text)
+        {
+            lines.write(text);
+        };
+    }
+    return options.style.everything ? to(stderr) : [](const std::string&) {};
 }
 
-std::string byScript(words::Session& session, const words::Script& script)
+Verdict byHand(words::Session& session, words::Lines& lines,
+               Interruption& interruption)
+{
+    runShell(session, lines, interruption);
+    return asTold("The board has ended; nothing is left behind.");
+}
+
+Verdict byScript(words::Session& session, const words::Script& script)
 {
     script.play(session);
-    return "As told: " + script.name() + ", " + std::to_string(script.size()) +
-           " commands, in " + secondsOf(session.board().timeline().now()) + ".";
+    return asTold("As told: " + script.name() + ", " +
+                  std::to_string(script.size()) + " commands, in " +
+                  secondsOf(session.board().timeline().now()) + ".");
+}
+
+/** Brings the board into the state that a client finds.
+ *  @throws Error when that fails */
+void prepare(words::Session& session,
+             const std::optional<words::Script>& script)
+try
+{
+    if (script)
+    {
+        script->play(session);
+        return;
+    }
+    words::Script("built in", clientsBoard, words::allCommands()).play(session);
+}
+catch (const words::LineFailed& failure)
+{
+    throw Error(std::string("the board does not get ready for the client: ") +
+                failure.what() + "; --verbose shows what happened");
+}
+
+Verdict byClient(words::Session& session, const ProgramOptions& options,
+                 const std::optional<words::Script>& script,
+                 Interruption& interruption)
+try
+{
+    prepare(session, script);
+    auto& daemon = session.board().daemon();
+    const auto hadDaemon = daemon.running();
+    const auto status =
+        runClient(session.board(), options.client, interruption);
+    if (hadDaemon && !daemon.running())
+    {
+        complain("the daemon ended while the client ran; --verbose shows how");
+    }
+    return {status, ""};
+}
+catch (const CannotRun& failure)
+{
+    return {failure.error() == ENOENT ? client_status::notFound
+                                      : client_status::cannotRun,
+            failure.what()};
+}
+
+Verdict drive(words::Session& session, const ProgramOptions& options,
+              const std::optional<words::Script>& script, words::Lines& lines,
+              Interruption& interruption)
+{
+    if (!options.client.empty())
+    {
+        return byClient(session, options, script, interruption);
+    }
+    if (options.shell)
+    {
+        return byHand(session, lines, interruption);
+    }
+    return script ? byScript(session, *script)
+                  : asTold(playStory(session.board()));
 }
 
 } // namespace
 
-Status run(const ProgramOptions& options)
+int run(const ProgramOptions& options)
 {
     // Files are opened before the sandbox hides what the user sees; that of an
     // earlier timeline is emptied only once there is a story to play.
@@ -143,10 +250,7 @@ Status run(const ProgramOptions& options)
     Interruption interruption(timeline, prompts ? Interruption::CtrlC::breaksOff
                                                 : Interruption::CtrlC::ends);
     const auto lines = linesAt(prompts, interruption);
-    const auto write = [&lines](const std::string& text)
-    {
-        lines->write(text);
-    };
+    const auto write = writeOf(options, *lines);
     std::optional<SavedTimeline> saved;
     if (file)
     {
@@ -163,16 +267,18 @@ Status run(const ProgramOptions& options)
             write(text);
         };
         verdict = verdictOf(
-            timeline, options.board,
+            timeline, options,
             [&](Board& board)
             {
                 words::Session session(board, words::allCommands(), say);
-                return options.shell ? byHand(session, *lines, interruption)
-                       : script      ? byScript(session, *script)
-                                     : playStory(board);
+                return drive(session, options, script, *lines, interruption);
             });
     }
-    show(verdict, options.style);
+    if (!options.client.empty())
+    {
+        sandbox::endOthers();
+    }
+    show(verdict, options);
     if (saved)
     {
         saved->finish();

@@ -14,9 +14,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 namespace board::sandbox
 {
@@ -279,6 +285,38 @@ void makeTrees()
     }
 }
 
+/** The id of a process from the name of its directory in /proc; 0 for what is
+ *  none. */
+pid_t processOf(const std::string& name)
+{
+    pid_t id = 0;
+    const auto* const end = name.data() + name.size();
+    const auto read = std::from_chars(name.data(), end, id);
+    return read.ec == std::errc() && read.ptr == end ? id : 0;
+}
+
+/** All processes in this sandbox's mount namespace but this one. */
+std::vector<pid_t> otherProcesses()
+{
+    std::error_code none; // of one that has ended, or of another user
+    const auto here = fs::read_symlink("/proc/self/ns/mnt", none);
+    std::vector<pid_t> others;
+    if (!entered() || here.empty())
+    {
+        return others;
+    }
+    for (const auto& entry : fs::directory_iterator("/proc", none))
+    {
+        const auto process = processOf(entry.path().filename());
+        if (process > 0 && process != getpid() &&
+            fs::read_symlink(entry.path() / "ns/mnt", none) == here)
+        {
+            others.push_back(process);
+        }
+    }
+    return others;
+}
+
 } // namespace
 
 void enter()
@@ -301,6 +339,33 @@ void renew()
 bool entered()
 {
     return fs::exists(marker);
+}
+
+bool enteredByRoot()
+{
+    std::ifstream map("/proc/self/uid_map");
+    std::uint64_t inside = 0;
+    std::uint64_t outside = 0;
+    return map >> inside >> outside && outside == 0;
+}
+
+void endOthers()
+{
+    constexpr auto limit = std::chrono::seconds(5);
+    constexpr auto moment = std::chrono::milliseconds(1);
+    // What hangs in the kernel does not go, and is not waited for any longer.
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (auto others = otherProcesses();
+         !others.empty() && std::chrono::steady_clock::now() < deadline;
+         others = otherProcesses())
+    {
+        for (const auto process : others)
+        {
+            // Fails for one that has ended meanwhile.
+            static_cast<void>(kill(process, SIGKILL));
+        }
+        std::this_thread::sleep_for(moment);
+    }
 }
 
 } // namespace board::sandbox

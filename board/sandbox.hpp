@@ -48,4 +48,11 @@ void renew();
 /** @brief Whether this process is inside a sandbox. */
 [[nodiscard]] bool entered();
 
+/** @brief Whether it was root who entered it; to be asked inside. */
+[[nodiscard]] bool enteredByRoot();
+
+/** @brief Kill every other process inside this sandbox, and wait until they
+ *         are gone: what a program that ran here has left running. */
+void endOthers();
+
 } // namespace board::sandbox

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/error.hpp"
 #include "board/sandbox.hpp"
+#include "board/standard_streams.hpp"
 
 #include <unistd.h>
 
@@ -53,7 +54,8 @@ try
     if (*command != nullptr && (std::string_view(*command) == "--help" ||
                                 std::string_view(*command) == "-h"))
     {
-        static_cast<void>(std::fputs(usage, stdout));
+        board::put(stdout, usage);
+        board::verifyStandardOutput();
         return 0;
     }
     if (*command != nullptr && std::string_view(*command) == "--")

@@ -138,6 +138,41 @@ inline std::vector<std::string> playing(const std::string& text)
     return {"--daemon", script, "--policy", POLICY_FILE};
 }
 
+/** How a shell ended that ran morrow-board. */
+struct ShellRun
+{
+    int status = -1;
+    std::string output; //!< what was redirected to nowhere else
+};
+
+/** @param script has morrow-board and its arguments as "$@" */
+inline ShellRun shell(const std::string& script,
+                      std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(),
+                     {"/bin/sh", "-c", script, "sh", BOARD_PROGRAM});
+    Pipe pipe;
+    Process process(arguments, environmentWithout({}),
+                    {{pipe.writeEnd.get(), STDOUT_FILENO},
+                     {pipe.writeEnd.get(), STDERR_FILENO}});
+    pipe.writeEnd.reset();
+    LineReader reader(std::move(pipe.readEnd));
+    ShellRun run;
+    pollfd source{reader.fd(), POLLIN, 0};
+    while (poll(&source, 1, limitMs) > 0 &&
+           reader.drain(
+               [&run](std::string_view line)
+               {
+                   run.output += std::string(line) + '\n';
+               }))
+    {
+    }
+    pollfd end{process.endFd(), POLLIN, 0};
+    EXPECT_EQ(poll(&end, 1, limitMs), 1);
+    run.status = process.ended().value_or(ExitStatus{}).status;
+    return run;
+}
+
 inline std::string lastLine(const std::string& output)
 {
     const auto end = output.rfind('\n', output.size() - 2);

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,9 +29,105 @@ TEST(BoardProgram, ExplainsItself)
 {
     Program program({"--help"});
     EXPECT_EQ(program.end(), 0);
-    EXPECT_THAT(program.output, HasSubstr("Usage: morrow-board [OPTIONS]"));
+    EXPECT_THAT(program.output,
+                HasSubstr("Usage: morrow-board [OPTIONS] [-- COMMAND "
+                          "[ARGUMENT...]]\n"));
     EXPECT_THAT(program.output, HasSubstr("--daemon FILE"));
     EXPECT_THAT(program.output, HasSubstr("Exit status: 0 all went as told"));
+}
+
+TEST(BoardProgram, ExplainsItselfInLinesThatFitATerminal)
+{
+    Program program({"--help"});
+    EXPECT_EQ(program.end(), 0);
+    std::istringstream lines(program.output);
+    for (std::string line; std::getline(lines, line);)
+    {
+        EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
+TEST(BoardProgram, SaysItsVersion)
+{
+    Program program({"--version"});
+    EXPECT_EQ(program.end(), 0);
+    EXPECT_EQ(program.output, "morrow-board " VERSION "\n");
+}
+
+ShellRun redirected(const std::string& redirections,
+                    const std::vector<std::string>& arguments)
+{
+    return shell("exec \"$@\" " + redirections, arguments);
+}
+
+std::vector<std::string> scenarioOf(const std::string& text)
+{
+    auto arguments = playing("exit 3");
+    std::ofstream("/mnt/redirected.board") << text;
+    arguments.insert(arguments.end(), {"--play", "/mnt/redirected.board"});
+    return arguments;
+}
+
+TEST(BoardProgram, FailsWhenItsOutputDoesNotArrive)
+{
+    for (const auto& arguments :
+         {std::vector<std::string>{"--help"},
+          std::vector<std::string>{"--version"}, scenarioOf("note one\n")})
+    {
+        const auto full = redirected(">/dev/full", arguments);
+        EXPECT_EQ(full.status, 1);
+        EXPECT_EQ(full.output, "morrow-board: cannot write all of standard "
+                               "output: No space left on device\n");
+        const auto closed = redirected(">&-", arguments);
+        EXPECT_EQ(closed.status, 1);
+        EXPECT_EQ(closed.output, "morrow-board: cannot write all of standard "
+                                 "output: Bad file descriptor\n");
+    }
+}
+
+TEST(BoardProgram, GoesOnWithoutAReader)
+{
+    const auto run = shell("{ \"$@\"; echo status $? >&2; } | true",
+                           scenarioOf("pause 200\nnote one\n"));
+    EXPECT_EQ(run.output, "status 0\n");
+}
+
+TEST(BoardProgram, CannotReadAClosedStandardInput)
+{
+    auto shell = playing("exit 3");
+    shell.emplace_back("--shell");
+    const auto byHand = redirected("<&-", shell);
+    EXPECT_EQ(byHand.status, 1);
+    EXPECT_EQ(lastLine(byHand.output), "Not as told: cannot read standard "
+                                       "input: Bad file descriptor.\n");
+    const auto story = redirected("<&-", {"--play", "-"});
+    EXPECT_EQ(story.status, 1);
+    EXPECT_EQ(story.output, "morrow-board: cannot read the story standard "
+                            "input: Bad file descriptor\n");
+}
+
+TEST(BoardProgram, NeedsNoStreamThatItDoesNotUse)
+{
+    EXPECT_EQ(redirected("<&- 2>&-", scenarioOf("note one\n")).status, 0);
+    EXPECT_EQ(redirected("2>&-", {"--nonsense"}).status, 2);
+}
+
+TEST(BoardProgram, WritesNothingToAFileInPlaceOfAClosedStream)
+{
+    auto arguments = scenarioOf("note one\ndaemon start\nawait exit\n");
+    arguments.insert(arguments.end(), {"--save", "/mnt/saved"});
+    for (const auto& [closed, status] :
+         {std::pair("<&-", 0), std::pair(">&-", 1), std::pair("2>&-", 0),
+          std::pair("<&- >&- 2>&-", 1)})
+    {
+        EXPECT_EQ(redirected(closed, arguments).status, status) << closed;
+        std::ifstream saved("/mnt/saved");
+        for (std::string line; std::getline(saved, line);)
+        {
+            EXPECT_THAT(line, testing::StartsWith("{")) << closed;
+        }
+        EXPECT_TRUE(fs::file_size("/mnt/saved") > 0) << closed;
+    }
 }
 
 TEST(BoardProgram, RefusesWrongUsage)

@@ -3,6 +3,7 @@
 #include "board/sandbox.hpp"
 
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,11 +11,15 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <system_error>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -86,6 +91,72 @@ bool isCharacterDevice(const std::string& path)
 TEST(Sandbox, SaysThatItWasEntered)
 {
     EXPECT_TRUE(board::sandbox::entered());
+}
+
+constexpr uid_t nobody = 65534;
+
+/** The first piece of this user namespace's map. */
+struct UserMap
+{
+    std::uint64_t inside = 0;
+    std::uint64_t outside = 0;
+    std::uint64_t count = 0;
+};
+
+UserMap userMap()
+{
+    UserMap map;
+    std::ifstream("/proc/self/uid_map") >> map.inside >> map.outside >>
+        map.count;
+    return map;
+}
+
+TEST(Sandbox, KnowsThatRootEnteredIt)
+{
+    EXPECT_EQ(board::sandbox::enteredByRoot(), userMap().outside == 0);
+}
+
+TEST(Sandbox, KnowsThatAnotherUserEnteredIt)
+{
+    if (userMap().count <= nobody)
+    {
+        GTEST_SKIP() << "only root can play another user";
+    }
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            // One that finds no sandbox, so that it makes its own.
+            return fs::remove("/run/morrow-sandbox") &&
+                   setresuid(nobody, nobody, nobody) == 0 &&
+                   prctl(PR_SET_DUMPABLE, 1) == 0 &&
+                   (board::sandbox::enter(), true) && geteuid() == 0 &&
+                   !board::sandbox::enteredByRoot();
+        }));
+}
+
+bool hasNamespaces(pid_t process)
+{
+    std::error_code none;
+    const auto mounts = "/proc/" + std::to_string(process) + "/ns/mnt";
+    return !fs::read_symlink(mounts, none).empty();
+}
+
+TEST(Sandbox, EndsWhoIsInsideAndNobodyElse)
+{
+    constexpr auto sleeper = "sleep 60 >/dev/null 2>&1 & echo $!";
+    const auto outside = std::stoi(output(sleeper).output);
+    EXPECT_TRUE(inChild(
+        []
+        {
+            board::sandbox::renew();
+            const auto inside = std::stoi(output(sleeper).output);
+            const auto ran = hasNamespaces(inside);
+            board::sandbox::endOthers();
+            return ran && !hasNamespaces(inside);
+        }));
+    EXPECT_TRUE(hasNamespaces(outside));
+    EXPECT_EQ(kill(outside, SIGKILL), 0);
 }
 
 TEST(Sandbox, MakesTheCallerRoot)
@@ -209,6 +280,34 @@ TEST(SandboxProgram, ExplainsItself)
                 HasSubstr("Usage: morrow-sandbox [--] COMMAND [ARGUMENT...]"));
     EXPECT_EQ(wrapper("").status, 2);
     EXPECT_EQ(wrapper("--nonsense").status, 2);
+}
+
+TEST(SandboxProgram, FailsWhenItsHelpDoesNotArrive)
+{
+    for (const auto& [redirection, why] :
+         {std::pair(" 2>&1 >/dev/full", "No space left on device\n"),
+          std::pair(" 2>&1 >&-", "Bad file descriptor\n")})
+    {
+        const auto result = output("sh -c '" SANDBOX_PROGRAM " --help" +
+                                   std::string(redirection) + "'");
+        EXPECT_EQ(result.status, 125);
+        EXPECT_EQ(result.output, std::string("morrow-sandbox: cannot write all "
+                                             "of standard output: ") +
+                                     why);
+    }
+}
+
+TEST(SandboxProgram, LeavesStreamsThatAreClosedAsTheyAre)
+{
+    for (const auto* number : {"0", "1", "2"})
+    {
+        const std::string name(number);
+        // A shell opens nothing at these numbers by itself.
+        const auto result =
+            output("sh -c '" SANDBOX_PROGRAM " sh -c \"[ -e /proc/self/fd/" +
+                   name + " ] && exit 8; exit 7\" " + name + ">&-'");
+        EXPECT_EQ(result.status, 7) << name << result.output;
+    }
 }
 
 TEST(SandboxProgram, SaysWhatToDoWhereMountsAreRefused)

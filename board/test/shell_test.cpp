@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/test/program.hpp"
-
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "board/test/terminal.hpp"
 
 #include <array>
+#include <cctype>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,12 +60,55 @@ std::string saidTo(const std::vector<std::string>& lines,
 TEST(Shell, GreetsWithTheBusAndEndsWithItsInput)
 {
     EXPECT_THAT(saidTo({}),
-                AllOf(HasSubstr("  export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/"
-                                "proc/"),
+                AllOf(HasSubstr("type \"daemon start\" here first.\n"),
                       HasSubstr("\"help\" tells all commands, \"quit\" ends "
                                 "the board.\n"),
                       EndsWith("The board has ended; nothing is left "
                                "behind.\n")));
+}
+
+/** The lines of the greeting that are to be typed in another terminal. */
+std::vector<std::string> commandsIn(const std::string& greeting)
+{
+    std::vector<std::string> commands;
+    std::istringstream lines(greeting.substr(greeting.find("Then, ")));
+    for (std::string line; std::getline(lines, line);)
+    {
+        // The timeline's lines begin with blanks and a number.
+        if (line.starts_with("  ") && std::isalpha(line[2]) != 0)
+        {
+            commands.push_back(line);
+        }
+    }
+    return commands;
+}
+
+/** What a shell outside of the board shows. */
+std::string shownBy(const std::string& commands)
+{
+    std::string shown;
+    // NOLINTNEXTLINE(cert-env33-c): the shell sees the greeting's words only
+    auto* const pipe = popen((commands + " 2>&1").c_str(), "re");
+    std::array<char, 256> part{};
+    while (std::fgets(part.data(), part.size(), pipe) != nullptr)
+    {
+        shown += part.data();
+    }
+    EXPECT_EQ(pclose(pipe), 0) << shown;
+    return shown;
+}
+
+TEST(Shell, GreetsWithCommandsThatWorkAsTheyAreTyped)
+{
+    Program program(
+        {"--daemon", DAEMON_PROGRAM, "--policy", POLICY_FILE, "--shell"});
+    program.tell("daemon start\nawait ready\nnote now");
+    ASSERT_TRUE(program.reads("board    now"));
+    const auto commands = commandsIn(program.output);
+    ASSERT_EQ(commands.size(), 3U);
+    const auto tree = HasSubstr("/xyz/openbmc_project/mctp/2");
+    EXPECT_THAT(shownBy(commands[0] + "\n" + commands[1]), tree);
+    EXPECT_THAT(shownBy(commands[2]), tree);
 }
 
 TEST(Shell, EndsWithQuit)
@@ -101,6 +142,28 @@ TEST(Shell, ChangesTheHost)
                                 "announced\n"),
                       HasSubstr("host     ResetCause is WarmReset, "
                                 "announced\n")));
+}
+
+TEST(Shell, NotesAStateThatNoHostIsIn)
+{
+    const auto note = HasSubstr("board    \"Runing\" is no state of a host "
+                                "that is known; the daemon takes it for off."
+                                "\n");
+    EXPECT_THAT(
+        saidTo({"host Runing"}),
+        AllOf(note, HasSubstr("host     CurrentHostState is Runing\n")));
+    EXPECT_THAT(saidTo({"host goes-to Runing"}), note);
+    EXPECT_THAT(saidTo({"host Quiesced", "host goes-to Standby"}),
+                Not(HasSubstr("is no state")));
+}
+
+TEST(Shell, RefusesALineThatIsNoText)
+{
+    using namespace std::string_literals;
+    EXPECT_THAT(saidTo({"no\0te one"s, "note two"}),
+                AllOf(HasSubstr("\nthe line has a null byte; commands are "
+                                "plain text: save them as UTF-8\n"),
+                      HasSubstr("board    two\n")));
 }
 
 TEST(Shell, ShowsTheKernelsTree)
@@ -340,158 +403,6 @@ TEST(Stories, OfTheInstallationGoAsTold)
         EXPECT_THAT(lastLine(program->output), HasSubstr("As told: " + file));
     }
 }
-
-/** A shell at a terminal of its own. */
-class Terminal
-{
-  public:
-    explicit Terminal(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), BOARD_PROGRAM);
-        std::vector<char*> pointers;
-        pointers.reserve(arguments.size() + 1);
-        for (auto& argument : arguments)
-        {
-            pointers.push_back(argument.data());
-        }
-        pointers.push_back(nullptr);
-        winsize size{24, 80, 0, 0};
-        int master = -1;
-        process = forkpty(&master, nullptr, nullptr, &size);
-        if (process == 0)
-        {
-            setenv("TERM", "xterm", 1);
-            setenv("NO_COLOR", "1", 1);
-            execv(pointers.front(), pointers.data());
-            _exit(127);
-        }
-        terminal = Fd(master);
-    }
-
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-    Terminal(Terminal&&) = delete;
-    Terminal& operator=(Terminal&&) = delete;
-
-    ~Terminal()
-    {
-        if (process > 0)
-        {
-            kill(process, SIGKILL);
-            static_cast<void>(end());
-        }
-    }
-
-    void types(const std::string& keys)
-    {
-        EXPECT_EQ(write(terminal.get(), keys.data(), keys.size()),
-                  static_cast<ssize_t>(keys.size()));
-    }
-
-    /** Reads until this is shown after what was read for earlier; false when
-     *  it never is. */
-    bool shows(const std::string& text)
-    {
-        auto found = output.find(text, from);
-        while (found == std::string::npos && readMore())
-        {
-            found = output.find(text, from);
-        }
-        from = found == std::string::npos ? output.size() : found + text.size();
-        return found != std::string::npos;
-    }
-
-    /** Types lines and keys, one after the other, again and again until this
-     *  is shown: for keys that have a meaning only at the right moment. */
-    bool showsAfter(const std::vector<std::string>& keys,
-                    const std::string& text)
-    {
-        constexpr int attempts = 100;
-        constexpr int patienceMs = 100;
-        for (int attempt = 0; attempt < attempts; ++attempt)
-        {
-            for (const auto& key : keys)
-            {
-                types(key);
-                while (readMore(patienceMs))
-                {
-                    // Until nothing more comes.
-                }
-            }
-            if (output.find(text, from) != std::string::npos)
-            {
-                return shows(text);
-            }
-        }
-        return false;
-    }
-
-    /** Its exit status, after a key was typed again and again until it ends. */
-    int endAfter(const std::string& key)
-    {
-        constexpr int attempts = 100;
-        constexpr int patienceMs = 100;
-        for (int attempt = 0; attempt < attempts; ++attempt)
-        {
-            // Fails when it has ended meanwhile, which is what is wanted.
-            static_cast<void>(write(terminal.get(), key.data(), key.size()));
-            while (readMore(patienceMs))
-            {
-                // Until nothing more comes.
-            }
-            pollfd source{terminal.get(), 0, 0};
-            if (poll(&source, 1, 0) != 0)
-            {
-                break;
-            }
-        }
-        return end();
-    }
-
-    /** Its exit status; one that does not end in time is killed. */
-    int end()
-    {
-        while (readMore())
-        {
-        }
-        pollfd source{terminal.get(), 0, 0}; // a hang-up shows unasked
-        if (poll(&source, 1, 0) == 0)
-        {
-            kill(process, SIGKILL);
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(process, &status, 0), process);
-        process = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    [[nodiscard]] pid_t id() const
-    {
-        return process;
-    }
-
-    std::string output;
-
-  private:
-    bool readMore(int patienceMs = limitMs)
-    {
-        pollfd source{terminal.get(), POLLIN, 0};
-        std::array<char, 4096> bytes{};
-        if (poll(&source, 1, patienceMs) <= 0)
-        {
-            return false;
-        }
-        // A terminal that nobody has open any more gives EIO.
-        const auto got = read(terminal.get(), bytes.data(), bytes.size());
-        output.append(bytes.data(),
-                      got > 0 ? static_cast<std::size_t>(got) : 0);
-        return got > 0;
-    }
-
-    pid_t process = -1;
-    Fd terminal;
-    std::size_t from = 0;
-};
 
 constexpr auto prompt = "morrow> ";
 

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/sandbox.hpp"
 #include "board/words/arguments.hpp"
 #include "board/words/commands.hpp"
 #include "board/words/session.hpp"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -98,14 +101,24 @@ void showTimeline(Session& session, std::size_t count)
     session.say(text);
 }
 
+/** What runs a command inside the board. Root may enter without becoming root
+ *  of the board's users first; there may be none to become. */
+std::string entering()
+{
+    const std::string user(
+        sandbox::enteredByRoot() ? "" : "--preserve-credentials -U ");
+    return "nsenter " + user + "-m -t " + std::to_string(getpid());
+}
+
 std::string busText()
 {
-    return "The board's system bus, for any program of this user; in another "
-           "terminal:\n"
+    const std::string look("busctl tree xyz.openbmc_project.mctp\n");
+    return "To ask the daemon on the board's system bus, type \"daemon start\" "
+           "here first.\nThen, in another terminal:\n"
            "  export DBUS_SYSTEM_BUS_ADDRESS=" +
-           Bus::outsideAddress() +
-           "\n"
-           "  busctl tree xyz.openbmc_project.mctp\n";
+           Bus::outsideAddress() + "\n  " + look +
+           "or, for a program that the bus refuses so, inside the board:\n  " +
+           entering() + " " + look;
 }
 
 std::vector<Command> looks()

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/client.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <optional>
+#include <utility>
+
+namespace board
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr auto timeToEnd = 5s;
+
+std::vector<std::string> clientEnvironment()
+{
+    auto environment = environmentWithout(Bus::misleadingVariables());
+    for (auto& variable : Bus::environment())
+    {
+        environment.push_back(std::move(variable));
+    }
+    environment.push_back("MORROW_BOARD_PID=" + std::to_string(getpid()));
+    return environment;
+}
+
+/** The terminal leaves it to the client what Ctrl-C means; every other signal
+ *  asks for its end. */
+bool asksForEnd(const CaughtSignal& signal)
+{
+    return !signal.fromTerminal || signal.number == SIGHUP;
+}
+
+/** Waits for the end, and passes signals on. */
+void awaitEnd(const Process& client, Interruption& interruption)
+{
+    std::optional<std::chrono::steady_clock::time_point> deadline;
+    const auto timeLeft = [&deadline]
+    {
+        using std::chrono::milliseconds;
+        return deadline
+                   ? std::optional(std::max(
+                         0ms,
+                         std::chrono::ceil<milliseconds>(
+                             *deadline - std::chrono::steady_clock::now())))
+                   : std::nullopt;
+    };
+    while (!interruption.awaitReadable(client.endFd(), timeLeft()))
+    {
+        if (timeLeft() == 0ms)
+        {
+            client.signal(SIGKILL);
+            deadline.reset();
+        }
+        for (const auto& signal : interruption.takeSignals())
+        {
+            if (!signal.fromTerminal)
+            {
+                client.signal(signal.number);
+            }
+            if (asksForEnd(signal) && !deadline)
+            {
+                deadline = std::chrono::steady_clock::now() + timeToEnd;
+            }
+        }
+    }
+}
+
+int statusOf(const ExitStatus& end)
+{
+    return end.signal == 0 ? end.status : client_status::signalled + end.signal;
+}
+
+} // namespace
+
+int runClient(Board& board, const std::vector<std::string>& command,
+              Interruption& interruption)
+{
+    auto& timeline = board.timeline();
+    timeline.record(event::Note{"The client runs: " + command.front()});
+    Process client(command, clientEnvironment(), {}, Sharing::everything);
+    awaitEnd(client, interruption);
+    const auto status = statusOf(client.ended().value());
+    timeline.record(event::Note{"The client has ended with status " +
+                                std::to_string(status) + "."});
+    return status;
+}
+
+} // namespace board
