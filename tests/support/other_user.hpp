@@ -28,8 +28,9 @@ std::string setEid(const std::string& path, uint8_t eid);
  *  @return the answer, or the D-Bus error's name */
 std::string getMachineId(const std::string& path);
 
-/** Sends PropertiesChanged with one text, to all that follow the path, and waits
- *  until the broker has dealt with it. @return "", or the D-Bus error's name */
+/** Sends PropertiesChanged with one text, to all that follow the path, and
+ * waits until the broker has dealt with it. @return "", or the D-Bus error's
+ * name */
 std::string changes(const std::string& path, const std::string& property,
                     const std::string& text);
 

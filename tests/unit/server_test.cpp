@@ -425,18 +425,23 @@ TEST_F(ServerStart, NeverReturnsWithoutABus)
                 testing::ExitedWithCode(42), "");
 }
 
+/** Puts a plain file, which can't be polled for, in the place of the stop pipe
+ *  before the server thread watches it. */
+void makeThePipeUnwatchable()
+{
+    record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
+                 []
+                 {
+                     serverSignalPipe[0] =
+                         open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+                 });
+}
+
 TEST_F(ServerStart, NeverReturnsWhenThePipeCannotBeWatched)
 {
     EXPECT_EXIT(
         {
-            // A plain file can't be polled for.
-            record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
-                         []
-                         {
-                             serverSignalPipe[0] =
-                                 open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
-                                      0600);
-                         });
+            makeThePipeUnwatchable();
             startAndExpectNoReturn("log 1 morrow_server: createMorrowEventLoop "
                                    "-sd_event_add_io sig pipe failed: "
                                    "Operation not permitted\n");
@@ -484,14 +489,7 @@ TEST_F(ServerStart, WithoutALoopTheNameGoes)
 {
     EXPECT_EXIT(
         {
-            record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
-                         []
-                         {
-                             // A plain file can't be polled for.
-                             serverSignalPipe[0] =
-                                 open("/run/file", O_CREAT | O_RDWR | O_CLOEXEC,
-                                      0600);
-                         });
+            makeThePipeUnwatchable();
             const auto before = sockets();
             const auto started =
                 std::async(std::launch::async, morrow_dbus_server_init);
