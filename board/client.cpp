@@ -16,7 +16,10 @@ namespace
 
 using namespace std::chrono_literals;
 
+using Clock = std::chrono::steady_clock;
+
 constexpr auto timeToEnd = 5s;
+constexpr auto never = Clock::time_point::max();
 
 std::vector<std::string> clientEnvironment()
 {
@@ -39,23 +42,23 @@ bool asksForEnd(const CaughtSignal& signal)
 /** Waits for the end, and passes signals on. */
 void awaitEnd(const Process& client, Interruption& interruption)
 {
-    std::optional<std::chrono::steady_clock::time_point> deadline;
-    const auto timeLeft = [&deadline]
+    auto deadline = never;
+    const auto timeLeft =
+        [&deadline]() -> std::optional<std::chrono::milliseconds>
     {
-        using std::chrono::milliseconds;
-        return deadline
-                   ? std::optional(std::max(
-                         0ms,
-                         std::chrono::ceil<milliseconds>(
-                             *deadline - std::chrono::steady_clock::now())))
-                   : std::nullopt;
+        if (deadline == never)
+        {
+            return std::nullopt;
+        }
+        return std::max(0ms, std::chrono::ceil<std::chrono::milliseconds>(
+                                 deadline - Clock::now()));
     };
     while (!interruption.awaitReadable(client.endFd(), timeLeft()))
     {
         if (timeLeft() == 0ms)
         {
             client.signal(SIGKILL);
-            deadline.reset();
+            deadline = never;
         }
         for (const auto& signal : interruption.takeSignals())
         {
@@ -63,9 +66,9 @@ void awaitEnd(const Process& client, Interruption& interruption)
             {
                 client.signal(signal.number);
             }
-            if (asksForEnd(signal) && !deadline)
+            if (asksForEnd(signal) && deadline == never)
             {
-                deadline = std::chrono::steady_clock::now() + timeToEnd;
+                deadline = Clock::now() + timeToEnd;
             }
         }
     }
