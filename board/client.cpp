@@ -23,7 +23,10 @@ constexpr auto never = Clock::time_point::max();
 
 std::vector<std::string> clientEnvironment()
 {
-    auto environment = environmentWithout(Bus::misleadingVariables());
+    // A client may have to do with a session's bus as well.
+    auto misleading = Bus::misleadingVariables();
+    std::erase(misleading, "DBUS_SESSION_BUS_ADDRESS");
+    auto environment = environmentWithout(misleading);
     for (auto& variable : Bus::environment())
     {
         environment.push_back(std::move(variable));

@@ -22,7 +22,7 @@ namespace board
  *         and timeout(1) have them. */
 namespace client_status
 {
-inline constexpr int noBoard = 125; //!< there is no board to run it against
+inline constexpr int noBoard = 125; //!< no board, or no saving
 inline constexpr int cannotRun = 126;
 inline constexpr int notFound = 127;
 inline constexpr int signalled = 128; //!< and the signal's number

@@ -5,11 +5,11 @@
  * Opens the calling thread's default connections.
  *
  * The bus wrapper has functions for that, but its releases differ when a
- * connection cannot be opened: an old one wraps nothing and says nothing, newer
- * ones raise an error with a text of their own, and none of them survives a
- * broker that ends the connection during the handshake. So the daemon makes
- * both calls itself, raises the same error in every case, and gives the wrapper
- * a connection that is fully up.
+ * connection cannot be opened: an old one wraps nothing and raises nothing,
+ * newer ones raise an error with a text of their own, and with both the process
+ * ends when the broker ends the connection during the handshake. So the daemon
+ * makes both calls itself, raises the same error in every case, and gives the
+ * wrapper a connection that is fully up.
  *
  * libsystemd keeps one default connection for each thread; it is closed when
  * the thread's last reference to it goes.
@@ -21,7 +21,8 @@
  *  thread.
  *  @throws sdbusplus::exception::SdBusError "sd_bus_default_system" when it
  *          cannot be opened, "sd_bus_get_unique_name" when the broker does not
- *          complete the handshake; see sd_bus_default_system(3) */
+ *          complete the handshake (either, when it hangs up at once); see
+ * sd_bus_default_system(3) */
 sdbusplus::bus_t openDefaultSystemBus();
 
 /** The same for the thread's default bus.

@@ -12,7 +12,8 @@
  *
  * These are macros because the compiler checks a printf format only where the
  * literal meets the library's format attribute, and because the line has to be
- * the caller's.
+ * the caller's. A format that stands in a table of literals goes to the library
+ * without them.
  */
 
 #include <platform/dlog.h>

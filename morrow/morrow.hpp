@@ -6,9 +6,10 @@
  * discovery of MCTP endpoints behind the two I3C controllers.
  *
  * Everything here runs on the main thread. The daemon state is written by
- * `morrow_init` at start-up, by `change_State`, by the discovery routines and
- * by `wait_state_tick`; what happened to the host reaches the loop through the
- * two power flags and the host state that it reads in every iteration.
+ * `morrow_init` at start-up, by `change_State`, by the discovery routines, by
+ * the power-off cleanup and by `wait_state_tick`; what happened to the host
+ * reaches the loop through the two power flags and the host state that it reads
+ * in every iteration.
  */
 
 #include <cstdint>

@@ -309,7 +309,8 @@ class Policy:
 
     def test_no_other_user_may_cut_off_who_follows_them(self):
         """A broker closes the connection of a peer for which too much is
-        waiting, which is how a burst would leave the daemon without signals."""
+        waiting, which is how a burst would leave the daemon without signals.
+        A burst of this size fills dbus-broker's limit, not dbus-daemon's."""
         follower = self.start_follower()
         os.kill(follower.process, signal.SIGSTOP)  # so that everything waits
         as_user(NOBODY, Connection.burst)

@@ -139,7 +139,7 @@ class VendorWrapper(unittest.TestCase):
             "".join(path.read_text() for path in self.root.glob("bindings.*")),
         )
         files = {Path(name).name for binding in bindings for name in binding[:2]}
-        self.assertIn("libsdbusplus.so.1", files)
+        self.assertLessEqual({"libsdbusplus.so.1", DAEMON.name}, files)
         crossed = [
             (user, owner, symbol)
             for user, owner, symbol in bindings

@@ -162,12 +162,6 @@ void BusProxy::accept()
         const std::lock_guard lock(mutex);
         fromBroker.clear();
     }
-    if (connection.left == 0 && connection.then == Then::close)
-    {
-        closeSide(connection.client);
-        closeSide(connection.broker);
-        return;
-    }
     connections.push_back(connection);
 }
 
@@ -176,7 +170,10 @@ bool BusProxy::forwardToBroker(Connection& connection)
 {
     const auto bytes = receive(connection.client);
     sendAll(connection.broker, bytes);
-    return !bytes.empty();
+    // Not before the client has begun: whether its first bytes still find a
+    // connection would be a matter of luck.
+    return !bytes.empty() &&
+           (connection.left > 0 || connection.then == Then::silence);
 }
 
 /** @return false when the connection is to be closed */
