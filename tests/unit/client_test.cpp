@@ -1001,6 +1001,9 @@ TEST_F(Client, ReadWithoutABusIsABusError)
                  });
     broker.kill();
     EXPECT_EQ(getcurrentpowerstate(), 1);
+    EXPECT_THAT(storyFrom(0),
+                Contains(StartsWith("log 1 morrow_client: GetProperty "
+                                    "-SdBusError:sd_bus_default: ")));
     ASSERT_TRUE(record::waitFor(threadExits));
     EXPECT_EQ(client().stop_morrow_dbus_client(), 0);
 }
