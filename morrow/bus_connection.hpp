@@ -21,8 +21,8 @@
  *  thread.
  *  @throws sdbusplus::exception::SdBusError "sd_bus_default_system" when it
  *          cannot be opened, "sd_bus_get_unique_name" when the broker does not
- *          complete the handshake (either, when it hangs up at once); see
- * sd_bus_default_system(3) */
+ *          complete the handshake; either, when it hangs up at once. See
+ *          sd_bus_default_system(3). */
 sdbusplus::bus_t openDefaultSystemBus();
 
 /** The same for the thread's default bus.
