@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/board.hpp"
 
-#include "board/error.hpp"
-#include "board/sandbox.hpp"
+#include "board/process/sandbox.hpp"
+#include "board/util/error.hpp"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/behaviours.hpp"
-#include "board/bus.hpp"
-#include "board/controller.hpp"
-#include "board/daemon.hpp"
-#include "board/endpoint.hpp"
-#include "board/host.hpp"
-#include "board/installation.hpp"
-#include "board/kernel.hpp"
-#include "board/platform_values.hpp"
-#include "board/timeline.hpp"
+#include "board/bus/bus.hpp"
+#include "board/endpoint/behaviours.hpp"
+#include "board/endpoint/endpoint.hpp"
+#include "board/host/host.hpp"
+#include "board/kernel/controller.hpp"
+#include "board/kernel/kernel.hpp"
+#include "board/process/daemon.hpp"
+#include "board/process/installation.hpp"
+#include "board/process/platform_values.hpp"
+#include "board/timeline/timeline.hpp"
 
 #include <chrono>
 #include <cstddef>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/client.hpp"
-#include "board/plain_text.hpp"
+#include "board/process/client.hpp"
 #include "board/program.hpp"
-#include "board/standard_streams.hpp"
+#include "board/util/plain_text.hpp"
+#include "board/util/standard_streams.hpp"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/program.hpp"
 
-#include "board/client.hpp"
-#include "board/interruption.hpp"
-#include "board/plain_text.hpp"
-#include "board/sandbox.hpp"
-#include "board/saved_timeline.hpp"
+#include "board/commands/commands.hpp"
+#include "board/commands/line_editor.hpp"
+#include "board/commands/piped_lines.hpp"
+#include "board/commands/script.hpp"
+#include "board/commands/shell.hpp"
+#include "board/process/client.hpp"
+#include "board/process/interruption.hpp"
+#include "board/process/sandbox.hpp"
 #include "board/story.hpp"
-#include "board/words/commands.hpp"
-#include "board/words/line_editor.hpp"
-#include "board/words/piped_lines.hpp"
-#include "board/words/script.hpp"
-#include "board/words/shell.hpp"
+#include "board/timeline/saved_timeline.hpp"
+#include "board/util/plain_text.hpp"
 
 #include <unistd.h>
 
@@ -125,11 +125,11 @@ std::optional<SaveFile> saveFileOf(const ProgramOptions& options)
     return SaveFile(options.save);
 }
 
-std::optional<words::Script> scriptOf(const ProgramOptions& options)
+std::optional<commands::Script> scriptOf(const ProgramOptions& options)
 {
     return options.play.empty() ? std::nullopt
-                                : std::optional(words::Script::of(
-                                      options.play, words::allCommands()));
+                                : std::optional(commands::Script::of(
+                                      options.play, commands::allCommands()));
 }
 
 bool isTerminal()
@@ -139,19 +139,19 @@ bool isTerminal()
            kind != nullptr && std::string_view(kind) != "dumb";
 }
 
-std::unique_ptr<words::Lines> linesAt(bool terminal,
-                                      const Interruption& interruption)
+std::unique_ptr<commands::Lines> linesAt(bool terminal,
+                                         const Interruption& interruption)
 {
     if (terminal)
     {
-        return std::make_unique<words::LineEditor>(words::allCommands(),
-                                                   interruption);
+        return std::make_unique<commands::LineEditor>(commands::allCommands(),
+                                                      interruption);
     }
-    return std::make_unique<words::PipedLines>(interruption);
+    return std::make_unique<commands::PipedLines>(interruption);
 }
 
 /** Where the timeline is shown, and what the board answers. */
-Write writeOf(const ProgramOptions& options, words::Lines& lines)
+Write writeOf(const ProgramOptions& options, commands::Lines& lines)
 {
     if (options.client.empty())
     {
@@ -163,14 +163,14 @@ Write writeOf(const ProgramOptions& options, words::Lines& lines)
     return options.style.everything ? to(stderr) : [](const std::string&) {};
 }
 
-Verdict byHand(words::Session& session, words::Lines& lines,
+Verdict byHand(commands::Session& session, commands::Lines& lines,
                Interruption& interruption)
 {
     runShell(session, lines, interruption);
     return asTold("The board has ended; nothing is left behind.");
 }
 
-Verdict byScript(words::Session& session, const words::Script& script)
+Verdict byScript(commands::Session& session, const commands::Script& script)
 {
     script.play(session);
     return asTold("As told: " + script.name() + ", " +
@@ -180,8 +180,8 @@ Verdict byScript(words::Session& session, const words::Script& script)
 
 /** Brings the board into the state that a client finds.
  *  @throws Error when that fails */
-void prepare(words::Session& session,
-             const std::optional<words::Script>& script)
+void prepare(commands::Session& session,
+             const std::optional<commands::Script>& script)
 try
 {
     if (script)
@@ -189,16 +189,17 @@ try
         script->play(session);
         return;
     }
-    words::Script("built in", clientsBoard, words::allCommands()).play(session);
+    commands::Script("built in", clientsBoard, commands::allCommands())
+        .play(session);
 }
-catch (const words::LineFailed& failure)
+catch (const commands::LineFailed& failure)
 {
     throw Error(std::string("the board does not get ready for the client: ") +
                 failure.what() + "; --verbose shows what happened");
 }
 
-Verdict byClient(words::Session& session, const ProgramOptions& options,
-                 const std::optional<words::Script>& script,
+Verdict byClient(commands::Session& session, const ProgramOptions& options,
+                 const std::optional<commands::Script>& script,
                  Interruption& interruption)
 try
 {
@@ -220,9 +221,9 @@ catch (const CannotRun& failure)
             failure.what()};
 }
 
-Verdict drive(words::Session& session, const ProgramOptions& options,
-              const std::optional<words::Script>& script, words::Lines& lines,
-              Interruption& interruption)
+Verdict drive(commands::Session& session, const ProgramOptions& options,
+              const std::optional<commands::Script>& script,
+              commands::Lines& lines, Interruption& interruption)
 {
     if (!options.client.empty())
     {
@@ -270,7 +271,7 @@ int run(const ProgramOptions& options)
             timeline, options,
             [&](Board& board)
             {
-                words::Session session(board, words::allCommands(), say);
+                commands::Session session(board, commands::allCommands(), say);
                 return drive(session, options, script, *lines, interruption);
             });
     }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "board/board.hpp"
-#include "board/printer.hpp"
+#include "board/timeline/printer.hpp"
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/sandbox.hpp"
-#include "board/standard_streams.hpp"
+#include "board/process/sandbox.hpp"
+#include "board/util/error.hpp"
+#include "board/util/standard_streams.hpp"
 
 #include <unistd.h>
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/behaviours.hpp"
-#include "board/error.hpp"
-#include "board/kernel.hpp"
+#include "board/endpoint/behaviours.hpp"
+#include "board/kernel/kernel.hpp"
 #include "board/test/files.hpp"
-#include "board/timeline.hpp"
+#include "board/timeline/timeline.hpp"
+#include "board/util/error.hpp"
 
 #include <platform/mctp_wrapper.hpp>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/bus.hpp"
-#include "board/sd.hpp"
+#include "board/bus/bus.hpp"
+#include "board/bus/sd.hpp"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/bus.hpp"
-#include "board/sd.hpp"
+#include "board/bus/bus.hpp"
+#include "board/bus/sd.hpp"
 #include "board/test/bus_client.hpp"
 
 #include <sys/wait.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/controller.hpp"
-#include "board/error.hpp"
+#include "board/kernel/controller.hpp"
 #include "board/test/files.hpp"
-#include "board/timeline.hpp"
+#include "board/timeline/timeline.hpp"
+#include "board/util/error.hpp"
 
 #include <chrono>
 #include <filesystem>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/daemon.hpp"
-#include "board/error.hpp"
+#include "board/process/daemon.hpp"
+#include "board/util/error.hpp"
 
 #include <sys/stat.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/behaviours.hpp"
-#include "board/endpoint.hpp"
+#include "board/endpoint/behaviours.hpp"
+#include "board/endpoint/endpoint.hpp"
 
 #include <gtest/gtest.h>
 

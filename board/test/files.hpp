@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/fd.hpp"
+#include "board/util/fd.hpp"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/host.hpp"
-#include "board/sample_value.hpp"
+#include "board/host/host.hpp"
+#include "board/host/sample_value.hpp"
 #include "board/test/bus_client.hpp"
+#include "board/util/error.hpp"
 
 #include <future>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/kernel.hpp"
+#include "board/kernel/kernel.hpp"
 #include "board/test/files.hpp"
-#include "board/timeline.hpp"
+#include "board/timeline/timeline.hpp"
 
 #include <sys/stat.h>
 #include <sys/wait.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/sandbox.hpp"
+#include "board/process/sandbox.hpp"
+#include "board/util/error.hpp"
 
 #include <unistd.h>
 

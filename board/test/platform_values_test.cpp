@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/platform_values.hpp"
+#include "board/process/platform_values.hpp"
+#include "board/util/error.hpp"
 
 #include <platform/hal.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/log_line.hpp"
-#include "board/packet_text.hpp"
-#include "board/printer.hpp"
+#include "board/endpoint/packet_text.hpp"
+#include "board/timeline/log_line.hpp"
+#include "board/timeline/printer.hpp"
 
 #include <cerrno>
 #include <csignal>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/line_reader.hpp"
-#include "board/process.hpp"
+#include "board/process/process.hpp"
+#include "board/util/error.hpp"
+#include "board/util/line_reader.hpp"
 
 #include <poll.h>
 #include <unistd.h>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/fd.hpp"
-#include "board/line_reader.hpp"
-#include "board/process.hpp"
+#include "board/process/process.hpp"
+#include "board/util/fd.hpp"
+#include "board/util/line_reader.hpp"
 
 #include <fcntl.h>
 #include <poll.h>

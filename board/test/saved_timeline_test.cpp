@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/event_json.hpp"
-#include "board/saved_timeline.hpp"
+#include "board/timeline/event_json.hpp"
+#include "board/timeline/saved_timeline.hpp"
 
 #include <csignal>
 #include <filesystem>

@@ -390,6 +390,10 @@ TEST(Stories, OfTheInstallationGoAsTold)
     std::vector<std::pair<std::string, std::unique_ptr<Program>>> programs;
     for (const auto& entry : std::filesystem::directory_iterator(STORIES))
     {
+        if (entry.path().extension() != ".board")
+        {
+            continue;
+        }
         const auto file = entry.path().string();
         programs.emplace_back(
             file, std::make_unique<Program>(std::vector<std::string>{

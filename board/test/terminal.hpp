@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/fd.hpp"
 #include "board/test/program.hpp"
+#include "board/util/fd.hpp"
 
 #include <poll.h>
 #include <pty.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/timeline.hpp"
+#include "board/timeline/timeline.hpp"
 
 #include <chrono>
 #include <future>

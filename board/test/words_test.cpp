@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/error.hpp"
-#include "board/words/arguments.hpp"
-#include "board/words/command_table.hpp"
-#include "board/words/commands.hpp"
-#include "board/words/script.hpp"
+#include "board/commands/arguments.hpp"
+#include "board/commands/command_table.hpp"
+#include "board/commands/commands.hpp"
+#include "board/commands/script.hpp"
+#include "board/util/error.hpp"
 
 #include <csignal>
 #include <sstream>
@@ -17,7 +17,7 @@ namespace
 {
 
 using namespace board;
-using namespace board::words;
+using namespace board::commands;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;

@@ -12,7 +12,7 @@
  * "seed=1 max_success=300". Without a seed it is another one in each run.
  */
 
-#include "board/sandbox.hpp"
+#include "board/process/sandbox.hpp"
 #include "daemon_in_world.hpp"
 #include "model.hpp"
 #include "random_worlds.hpp"

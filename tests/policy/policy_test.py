@@ -22,7 +22,6 @@ import xml.etree.ElementTree as xml
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TOP / "scripts" / "lib"))
 sys.dont_write_bytecode = True
 
 # pylint: disable=wrong-import-position

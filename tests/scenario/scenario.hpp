@@ -11,7 +11,7 @@
  */
 
 #include "board/board.hpp"
-#include "board/printer.hpp"
+#include "board/timeline/printer.hpp"
 
 #include <filesystem>
 #include <iostream>

@@ -15,8 +15,8 @@
  * any, all.
  */
 
-#include "board/error.hpp"
-#include "board/sandbox.hpp"
+#include "board/process/sandbox.hpp"
+#include "board/util/error.hpp"
 
 #include <poll.h>
 #include <sys/mman.h>

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/commands/arguments.hpp"
+#include "board/commands/commands.hpp"
+#include "board/commands/session.hpp"
+
+#include <string_view>
+
+namespace board::commands
+{
+namespace
+{
+
+/** Waits for an event of one kind for which something holds. */
+template <typename Kind, typename Holds>
+void awaitEvent(Session& session, const std::string& what, Holds holds)
+{
+    session.await(what,
+                  [&holds](const Event& event)
+                  {
+                      const auto* const body = event.as<Kind>();
+                      return body != nullptr && holds(*body);
+                  });
+}
+
+/** The last word of an object's path is its endpoint id. */
+bool isObjectOf(std::string_view path, const std::string& eid)
+{
+    return path.substr(path.rfind('/') + 1) == std::to_string(eidOf(eid));
+}
+
+void awaitWrite(Session& session, bool bind, const std::string& controller)
+{
+    const std::string name(controllerNames.at(controllerOf(controller)));
+    awaitEvent<event::DriverWrite>(
+        session, std::string(bind ? "bind" : "unbind") + " of " + name,
+        [&](const event::DriverWrite& write)
+        {
+            return write.bind == bind && write.controller == name &&
+                   write.error == 0;
+        });
+}
+
+template <typename Kind>
+void awaitDevice(Session& session, const std::string& what,
+                 const std::string& controller)
+{
+    const auto index = controllerOf(controller);
+    awaitEvent<Kind>(session,
+                     what + " of the device of " + controllerNames.at(index),
+                     [index](const Kind& device)
+                     {
+                         return device.controller == index;
+                     });
+}
+
+std::vector<Command> daemonAwaits()
+{
+    return {
+        {Pattern("await ready"),
+         "Wait until the daemon says READY=1. Each await looks from the "
+         "end of the last one (or the daemon's last start, if later), and "
+         "what has happened since counts. So events that come one after "
+         "the other are awaited in their order.",
+         [](Session& session, const Values&)
+         {
+             awaitEvent<event::Notified>(
+                 session, "READY=1 from the daemon",
+                 [](const event::Notified& notified)
+                 {
+                     return notified.text.find("READY=1") != std::string::npos;
+                 });
+         }},
+        {Pattern("await log TEXT"),
+         "Wait until it has logged a record with this in its text.",
+         [](Session& session, const Values& values)
+         {
+             awaitEvent<event::Log>(
+                 session, "log record with \"" + values[0] + "\"",
+                 [&](const event::Log& log)
+                 {
+                     return log.text.find(values[0]) != std::string::npos;
+                 });
+         }},
+        {Pattern("await exit"), "Wait until it has ended.",
+         [](Session& session, const Values&)
+         {
+             awaitEvent<event::Exited>(session, "end of the daemon",
+                                       [](const event::Exited&)
+                                       {
+                                           return true;
+                                       });
+         }},
+    };
+}
+
+std::vector<Command> boardAwaits()
+{
+    return {
+        {Pattern("await published EID"),
+         "Wait until an object of this endpoint id is announced.",
+         [](Session& session, const Values& values)
+         {
+             awaitEvent<event::EndpointAdded>(
+                 session, "announcement of endpoint " + values[0],
+                 [&](const event::EndpointAdded& added)
+                 {
+                     return isObjectOf(added.path, values[0]);
+                 });
+         }},
+        {Pattern("await withdrawn EID"), "Wait until it is withdrawn.",
+         [](Session& session, const Values& values)
+         {
+             awaitEvent<event::EndpointRemoved>(
+                 session, "withdrawal of endpoint " + values[0],
+                 [&](const event::EndpointRemoved& removed)
+                 {
+                     return isObjectOf(removed.path, values[0]);
+                 });
+         }},
+        {Pattern("await bind CONTROLLER"),
+         "Wait until the driver has bound this controller.",
+         [](Session& session, const Values& values)
+         {
+             awaitWrite(session, true, values[0]);
+         }},
+        {Pattern("await unbind CONTROLLER"),
+         "Wait until the driver has unbound it.",
+         [](Session& session, const Values& values)
+         {
+             awaitWrite(session, false, values[0]);
+         }},
+        {Pattern("await up CONTROLLER"), "Wait until its device comes up.",
+         [](Session& session, const Values& values)
+         {
+             awaitDevice<event::DeviceUp>(session, "coming up", values[0]);
+         }},
+        {Pattern("await down CONTROLLER"), "Wait until its device is gone.",
+         [](Session& session, const Values& values)
+         {
+             awaitDevice<event::DeviceDown>(session, "end", values[0]);
+         }},
+    };
+}
+
+/** Waits for nothing; a Ctrl-C breaks it off like any other wait. */
+void pause(Session& session, std::chrono::milliseconds time)
+{
+    try
+    {
+        static_cast<void>(session.board().timeline().waitFor(
+            "end",
+            [](const Event&)
+            {
+                return false;
+            },
+            time));
+    }
+    catch (const WaitFailed&)
+    {
+        return; // the time has passed
+    }
+}
+
+std::vector<Command> waiting()
+{
+    return {
+        {Pattern("from now"),
+         "The next await counts only what happens after this.",
+         [](Session& session, const Values&)
+         {
+             session.lookFrom(session.board().timeline().size());
+         }},
+        {Pattern("limit MS"),
+         "An await, and daemon stop, last no longer; 20000 at the beginning.",
+         [](Session& session, const Values& values)
+         {
+             session.setLimit(millisecondsOf(values[0]));
+         }},
+        {Pattern("pause MS"), "Wait so long.",
+         [](Session& session, const Values& values)
+         {
+             pause(session, millisecondsOf(values[0]));
+         }},
+    };
+}
+
+} // namespace
+
+std::vector<Command> awaits()
+{
+    std::vector<Command> all;
+    for (const auto& group : {daemonAwaits(), boardAwaits(), waiting()})
+    {
+        all.insert(all.end(), group.begin(), group.end());
+    }
+    return all;
+}
+
+} // namespace board::commands

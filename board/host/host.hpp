@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/bus/sd.hpp"
+#include "board/commands/vocabulary.hpp"
+#include "board/timeline/timeline.hpp"
+#include "board/util/event_thread.hpp"
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace board
+{
+
+/** @brief The host's control objects, which announce what happens to it. */
+enum class ControlObject
+{
+    powerState, //!< with the property InternalPowerState
+    resetCause, //!< with the property ResetCause
+};
+
+/** @brief A property in a signal of a control object. */
+struct ControlProperty
+{
+    std::string name;
+    std::string value; //!< whole, of the types "s" and "o"; else not used
+    std::string type = "s"; //!< the signature of one complete type
+};
+
+/** @brief A signal of a control object in all its details: what is not said
+ *         is as it should be. */
+struct ControlMessage
+{
+    ControlObject object = ControlObject::powerState;
+    std::vector<ControlProperty> properties{};
+    std::string interface = "org.freedesktop.DBus.Properties";
+    std::string member = "PropertiesChanged";
+    /** The interface that is said to have changed; empty: the object's own. */
+    std::string changed{};
+    /** The body's signature; any other than this one is filled with zeros,
+     *  empty arrays and empty texts instead of the properties. */
+    std::string body = properBody;
+
+    static constexpr auto properBody = "sa{sv}as";
+};
+
+/** The host as the BMC sees it: the host-state service with its property
+ *  CurrentHostState, and the two control objects that announce power states
+ *  and resets.
+ *
+ *  Service and control objects serve on connections of their own, so that one
+ *  can go without the other, and on one thread. What the functions below do
+ *  is recorded before anybody can see it, and sent when they return. They
+ *  take the short names of states, e.g. "Running" or "StateS5", unless they
+ *  say that they take a whole text.
+ */
+class Host
+{
+  public:
+    /** @brief Take the service's name, with the host being in this state.
+     *  @param address the bus
+     *  @param isThere whether the service is there from the beginning
+     *  @throws Error when the name cannot be had */
+    Host(Timeline& timeline, std::string address, const std::string& state,
+         bool isThere = true);
+
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+    Host(Host&&) = delete;
+    Host& operator=(Host&&) = delete;
+    ~Host();
+
+    /** @brief Change CurrentHostState, e.g. to "Running" or "Off". A state
+     *         that is none of hostStates() may be a typing error, so the
+     *         timeline gets a note of it. */
+    void goesTo(const std::string& state);
+
+    /** @brief Let CurrentHostState be this whole text, whatever it is. */
+    void says(const std::string& text);
+
+    /** @brief The service leaves the bus, as if its process had ended: its
+     *         name has no owner, and who waits for an answer gets NoReply. The
+     *         control objects stay. */
+    void leaves();
+
+    /** @brief The service comes (back) to the bus and takes its name. Both
+     *         connections are new then, so that they work after the broker
+     *         came back, too.
+     *  @throws Error when the name cannot be had */
+    void comes();
+
+    /** @brief Who asks for CurrentHostState gets it, as it should be. */
+    void answers();
+
+    /** @brief Who asks for it never gets an answer. A caller gives up after
+     *         its own limit, with sd-bus usually 25 s. */
+    void neverAnswers();
+
+    /** @brief Who asks for it gets an error.
+     *  @param name the D-Bus error, e.g.
+     *              "org.freedesktop.DBus.Error.AccessDenied"
+     *  @throws Error when it is no such name */
+    void answersWithError(const std::string& name,
+                          const std::string& message = "It is not available.");
+
+    /** @brief Who asks for it gets a value of another type: a zero, or what
+     *         is empty.
+     *  @param signature that of one complete type, e.g. "u", "o", "as"
+     *  @throws Error when it is none */
+    void answersWithType(const std::string& signature);
+
+    /** @brief Announce an InternalPowerState, e.g. "StateS5". */
+    void entersPowerState(const std::string& state, std::size_t times = 1);
+
+    /** @brief Announce a ResetCause, e.g. "WarmReset". */
+    void isReset(const std::string& cause, std::size_t times = 1);
+
+    /** @brief Send any signal from a control object.
+     *  @param times so many of it, as fast as the bus takes them
+     *  @throws Error when the bus forbids such a signal, or is gone */
+    void sends(const ControlMessage& message, std::size_t times = 1);
+
+  private:
+    /** How the service answers who asks for the state. */
+    struct Answer
+    {
+        enum class Kind
+        {
+            value,
+            otherType,
+            error,
+            none,
+        };
+
+        Kind kind = Kind::value;
+        std::string detail{}; //!< the type's signature, the error's name
+        std::string message{}; //!< the error's
+    };
+
+    void announce(sd_event* loop);
+    void serve(sd_event* loop);
+    void leave();
+    void change(const std::string& text);
+    void setAnswer(const Answer& how);
+    int answerOddly(sd_bus_message* call);
+    void record(const ControlMessage& message, std::size_t times);
+    void send(const ControlMessage& message, const std::string& what);
+    static int readState(sd_bus* bus, const char* path, const char* interface,
+                         const char* property, sd_bus_message* reply,
+                         void* self, sd_bus_error* error);
+    static int onCall(sd_bus_message* call, void* self, sd_bus_error* error);
+
+    Timeline& timeline;
+    const std::string address;
+    // What follows is used on the thread only.
+    std::string current;
+    Answer answer;
+    sd::Bus service; //!< empty while the service is not there
+    sd::Bus control;
+    EventThread thread;
+};
+
+/** @brief The short names of the states that a host can be in. */
+[[nodiscard]] const std::vector<std::string>& hostStates();
+
+/** @brief What the host does. */
+using HostDeed = std::function<void(Host&)>;
+
+/** @brief What the host can be told in words, e.g. "goes-to Running". */
+[[nodiscard]] const Vocabulary<HostDeed>& hostDeeds();
+
+} // namespace board

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/util/fd.hpp"
+
+#include <string>
+#include <vector>
+
+namespace board
+{
+
+/** The places where the simulated kernel's file system is mounted: at a hidden
+ *  one, and from there its sys/ on /sys and its dev/ on /dev, with what /dev
+ *  had before bound over the names of the same kind. Inside a sandbox only.
+ *
+ *  Unmounts in its destructor, also when files are still open; those see the
+ *  file system end when its server does.
+ */
+class KernelMounts
+{
+  public:
+    /** @brief Something that /dev had before. */
+    struct DevName
+    {
+        std::string name;
+        bool directory = false;
+        std::string target{}; //!< of a link; empty for anything else
+    };
+
+    /** @brief Mount the file system at its hidden place.
+     *  @throws Error when the system refuses */
+    KernelMounts();
+
+    KernelMounts(const KernelMounts&) = delete;
+    KernelMounts& operator=(const KernelMounts&) = delete;
+    KernelMounts(KernelMounts&&) = delete;
+    KernelMounts& operator=(KernelMounts&&) = delete;
+    ~KernelMounts();
+
+    /** @brief The descriptor of /dev/fuse that serves it; handed over. */
+    [[nodiscard]] Fd takeServer();
+
+    /** @brief What /dev has: the served dev/ must show these names. */
+    [[nodiscard]] const std::vector<DevName>& devNames() const;
+
+    /** @brief Put sys/ and dev/ in place. Needs the file system served.
+     *  @throws Error when the system refuses */
+    void putInPlace();
+
+  private:
+    Fd server;
+    Fd outerDev;
+    std::vector<DevName> names;
+    std::vector<std::string> mounted; //!< in the order of mounting
+};
+
+} // namespace board

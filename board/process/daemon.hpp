@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "board/bus/sd.hpp"
+#include "board/process/process.hpp"
+#include "board/timeline/timeline.hpp"
+#include "board/util/event_thread.hpp"
+#include "board/util/line_reader.hpp"
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace board
+{
+
+/** The daemon's process, seen from outside as the service manager sees it: its
+ *  log, its notify socket, its exit status.
+ *
+ *  Its standard output and standard error are taken line by line; records of
+ *  the log library become Log and Trace entries of the timeline, all else is
+ *  kept as Output, up to a megabyte of memory. A thread of this object
+ *  listens; in addition the timeline collects what waits before any other
+ *  entry, so that a log line comes before what the daemon did after it.
+ *
+ *  The functions are for one thread, which has to live as long as the daemon
+ *  shall: with the thread that calls start() the daemon is killed.
+ */
+class Daemon
+{
+  public:
+    /** @param program the daemon's path
+     *  @param environment all of it, but for the notify socket */
+    Daemon(Timeline& timeline, std::filesystem::path program,
+           std::vector<std::string> environment);
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+    Daemon(Daemon&&) = delete;
+    Daemon& operator=(Daemon&&) = delete;
+
+    /** @brief Kills the daemon if it still runs. */
+    ~Daemon();
+
+    /** @brief Set a variable of its environment, from its next start on. */
+    void setVariable(const std::string& name, const std::string& value);
+
+    /** @brief Start it; one that ran before must have ended.
+     *  @throws Error when it cannot be started */
+    void start();
+
+    /** @brief Send SIGTERM. */
+    void terminate();
+
+    /** @brief Send any signal. */
+    void signal(int number);
+
+    /** @brief Whether it was started and has not ended. */
+    [[nodiscard]] bool running() const;
+
+    /** @brief Its process id.
+     *  @throws Error when it was never started */
+    [[nodiscard]] pid_t process() const;
+
+    /** @brief What each of its threads waits in, as the kernel tells, e.g.
+     *         "morrow in hrtimer_nanosleep"; empty when it does not run. */
+    [[nodiscard]] std::string threads() const;
+
+    /** @brief Wait for "READY=1".
+     *  @throws WaitFailed when it ends before, or the limit passes: it hangs
+     */
+    void awaitReady(Timeline::Limit limit);
+
+    /** @brief Wait for its end.
+     *  @throws WaitFailed when the limit passes: it hangs */
+    event::Exited awaitExit(Timeline::Limit limit);
+
+  private:
+    void listen(sd_event* loop);
+    void stopListening();
+    void keep(std::string_view line);
+    void collect();
+    bool takeEnd();
+    [[nodiscard]] WaitFailed withHang(const WaitFailed& failure) const;
+
+    Timeline& timeline;
+    const std::filesystem::path program;
+    std::vector<std::string> environment;
+    std::size_t startedAt = 0; //!< index on the timeline
+    std::unique_ptr<Process> child;
+    Fd notifySocket;
+    std::mutex collecting; //!< guards the next two
+    std::unique_ptr<LineReader> output;
+    std::size_t keptOutput = 0; //!< bytes of memory
+    const LineReader::Take takeLine = [this](std::string_view line)
+    {
+        keep(line);
+    };
+    std::function<bool()> onOutput;
+    std::function<bool()> onNotify;
+    std::function<bool()> onEnd;
+    std::vector<sd::Source> sources;
+    EventThread thread;
+};
+
+} // namespace board
