@@ -6,8 +6,8 @@ Usage: check_manual.py messages PAGE SOURCE...
        check_manual.py options PAGE PROGRAM
 
 messages: the page has every text that the sources log at levels 1 and 2.
-options: the page lists the options that `PROGRAM --help` has, and no others.
-Prints a line for each that differs and fails then.
+options: the page has the options that `PROGRAM --help` prints, and no others.
+Prints one line for each error.
 """
 
 import re
@@ -20,98 +20,57 @@ SEVERE_LOG = re.compile(
     r'MORROW_LOG\(\s*logging::(?:error|failure)\s*,\s*((?:"(?:[^"\\]|\\.)*"\s*)+)'
     r"(?:,\s*\"((?:[^\"\\]|\\.)*)\"\s*\))?"
 )
-CONVERSION = re.compile(r"%[a-z]+")
 
 
 def texts_of(source):
     """The texts that a source logs at levels 1 and 2."""
     for parts, value in SEVERE_LOG.findall(source):
-        text = "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', parts))
-        # A text that is itself a value of "%s" stands behind it.
-        yield (value or text).replace("\\n", "")
-
-
-def pieces_of(text):
-    """What of a text is the same each time."""
-    return [piece.strip() for piece in CONVERSION.split(text)]
-
-
-def plain(page):
-    """A page without what stands between the words of a line."""
-    return " ".join(page.replace("\\&", "").split())
+        # A text that is itself a value of "%s" comes after it.
+        text = value or "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', parts))
+        yield text.replace("\\n", "")
 
 
 def check_messages(page, sources):
-    shown = plain(Path(page).read_text(encoding="utf-8"))
-    logged = [
-        text
-        for source in sources
-        for text in texts_of(Path(source).read_text(encoding="utf-8"))
-    ]
-    if not logged:
-        return ["the sources log nothing at levels 1 and 2: look at the check"]
-    return [
-        f"{page} does not have the message '{text}': add what it means"
-        for text in logged
-        if not all(piece in shown for piece in pieces_of(text))
-    ]
-
-
-def options_of_help(text):
-    """Each option's names and argument, from the lines of a help text."""
-    line = re.compile(r"^  (-\S+)(?: ([A-Z]+)\b)?", re.MULTILINE)
-    return {
-        (frozenset(names.split(",")), argument)
-        for names, argument in line.findall(text)
-    }
-
-
-def options_of_page(text):
-    """Each option's names and argument, from the items that begin with Fl."""
-    found = set()
-    for item in re.findall(r"^\.It (Fl .*)$", text, re.MULTILINE):
-        names = frozenset("-" + name for name in re.findall(r"Fl (\S+)", item))
-        argument = re.search(r"Ar (\S+)", item)
-        found.add((names, argument.group(1) if argument else ""))
-    return found
-
-
-def in_words(option):
-    names, argument = option
-    return " ".join([",".join(sorted(names)), argument]).strip()
+    shown = " ".join(page.replace("\\&", "").split())
+    texts = [text for source in sources for text in texts_of(Path(source).read_text())]
+    for text in texts:
+        parts = [part.strip() for part in re.split(r"%[a-z]+", text)]
+        if not all(part in shown for part in parts):
+            yield f"the message '{text}' is missing"
+    if not texts:
+        yield "no source logs at levels 1 and 2"
 
 
 def check_options(page, program):
-    shown = options_of_page(Path(page).read_text(encoding="utf-8"))
-    help_text = subprocess.run(
-        [program, "--help"], check=True, capture_output=True, text=True
-    ).stdout
-    had = options_of_help(help_text)
-    missing = [
-        f"{page} does not have the option {in_words(option)}: add it"
-        for option in had - shown
-    ]
-    too_many = [
-        f"{page} has the option {in_words(option)}, which {program} has not:"
-        " remove it"
-        for option in shown - had
-    ]
-    return missing + too_many
+    command = [program, "--help"]
+    text = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    printed = {
+        name
+        for names in re.findall(r"^  (-\S+)", text, re.MULTILINE)
+        for name in names.split(",")
+    }
+    shown = {
+        "-" + name
+        for item in re.findall(r"^\.It (Fl .*)$", page, re.MULTILINE)
+        for name in re.findall(r"Fl (\S+)", item)
+    }
+    for option in sorted(printed ^ shown):
+        yield f"only one of page and program has the option {option}"
 
 
 def main(arguments):
-    """@return the exit status: 0, 1 when something differs, 2 wrong usage"""
+    """@return the exit status: 0, 1 after an error, 2 for wrong usage"""
     match arguments:
         case ["messages", page, *sources] if sources:
-            wrong = check_messages(page, sources)
+            errors = check_messages(Path(page).read_text(), sources)
         case ["options", page, program]:
-            wrong = check_options(page, program)
+            errors = check_options(Path(page).read_text(), program)
         case _:
             print(__doc__, file=sys.stderr)
             return 2
-    for line in sorted(wrong):
-        print(line)
-    return 1 if wrong else 0
+    lines = [f"{page}: {error}" for error in errors]
+    print("\n".join(lines))
+    return 1 if lines else 0
 
 
 if __name__ == "__main__":
