@@ -9,8 +9,8 @@
  * value other than the default follows as a PropertiesChanged of its own. The
  * clients of this interface are used to that order, so it stays.
  *
- * It takes no lock: whoever makes, deletes or serves one holds the server's
- * mutex.
+ * It takes no lock: it is created, deleted and served with the server's mutex
+ * locked.
  */
 
 #include <sdbusplus/server.hpp>

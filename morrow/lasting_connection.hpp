@@ -7,18 +7,17 @@
  * libsystemd remembers a thread's default connection in a thread-local
  * variable and clears that variable when the connection's last reference goes.
  * The endpoint objects are withdrawn after the server thread has ended, and
- * they hold references: the last of them would write into the memory of a
- * thread that is no more. So one reference is held here and never given back;
- * what matters about the end of a connection, that everything reaches the bus
- * and that the name is released, is done by closing it.
+ * they hold references: releasing the last of them would write into the memory
+ * of a thread that has ended. So one reference is held here and never given
+ * back; what matters about the end of a connection, that everything reaches the
+ * bus and that the name is released, is done by closing it.
  *
  * An object is announced as removed only below an object manager, and the
  * server's own managers go with its loop. So the connection gets managers of
  * its own for the withdrawal, before the loop's go.
  *
- * `hold` is for the thread whose connection it is, `close` for after the end
- * of that thread; `manage` and `close` are for whoever holds the server's
- * mutex.
+ * `hold` is called on the thread whose connection it is, `close` after that
+ * thread has ended; `manage` and `close` with the server's mutex locked.
  */
 
 #include <systemd/sd-bus.h>

@@ -33,7 +33,7 @@ inline constexpr int module = 324;
 inline constexpr int error = 1; //!< errors inside the bus sides
 inline constexpr int failure = 2; //!< failures of the core
 inline constexpr int progress = 4; //!< ordinary progress
-inline constexpr int pass = 11; //!< what each pass of the state loop says
+inline constexpr int iteration = 11; //!< each iteration of the state loop
 
 /** The base name, without directory and extension, of the file that calls it,
  *  as a NUL-terminated array. */

@@ -5,7 +5,6 @@
 #include "morrow_client.hpp"
 #include "morrow_server.hpp"
 #include "morrow_signal.hpp"
-#include "power_state.hpp"
 #include "shared_word.hpp"
 #include "sleep.hpp"
 #include "thread_stacks.hpp"
@@ -74,6 +73,11 @@ constexpr std::array i3cControllers{
                   "/sys/class/i3c-mctp/i3c-mctp-1"},
 };
 
+// A limit of the design and not only of the table: a full discovery expects the
+// first or the second node, a partial one repeats one controller of two, and
+// discovery is complete when two endpoints have answered.
+static_assert(i3cControllers.size() == 2);
+
 constexpr const char* unbindFile =
     "/sys/bus/platform/drivers/silvaco-i3c-master/unbind";
 constexpr const char* bindFile =
@@ -91,7 +95,7 @@ constexpr uint64_t notifyTimeoutMs = 1000;
 const std::vector<uint8_t> supportedMessageTypes{0x7E, 0x05};
 constexpr uint32_t endpointType = 1;
 
-/** Where an endpoint sits, told by its id. */
+/** The slot of an endpoint id. */
 struct EndpointSlot
 {
     uint8_t eid;
@@ -119,7 +123,7 @@ void waitBefore(uint32_t next, int32_t ticks)
     enterState(MORROW_WAIT_EVENT);
 }
 
-/** The initialisation, with stacks that fit for the threads that it starts. */
+/** The initialisation; the threads that it starts get the configured stack. */
 uint32_t initialiseOnce()
 {
     const SmallThreadStacks stacks;
@@ -178,6 +182,91 @@ void logResponse(const ResponseArea& area, uint64_t length)
     }
 }
 
+/** What the attempts to notify one endpoint have shown so far. */
+struct NotifyExchange
+{
+    ResponseArea area{}; //!< zeroed once, not before each attempt
+    uint8_t eid = 0;
+    uint16_t slot = 0;
+    bool responseSeen = false;
+};
+
+/** What one attempt came to. */
+enum class NotifyOutcome
+{
+    unanswered, //!< another attempt may follow
+    stopped, //!< the library asks for no further attempt
+    tooShort, //!< the whole exchange has failed
+    answered,
+};
+
+/** Sends the request once.
+ *  @return the transport library's result */
+int sendNotify(mctp_wrapper_ep& endpoint,
+               __mctp_wrapper_resp_buffer_t& response)
+{
+    // A copy for each attempt: a library may set the instance id in place.
+    auto bytes = DISCOVERY_NOTIFY_REQUEST;
+    __mctp_wrapper_request_buffer_t request{.data = bytes.data(),
+                                            .len = bytes.size(),
+                                            .reserved1 = 0,
+                                            .timeoutMs = notifyTimeoutMs,
+                                            .reserved2 = 0};
+    return endpoint.send_message_blocking(request, response);
+}
+
+/** Logs a response and judges it by its length, type and command. */
+NotifyOutcome judgeResponse(const ResponseArea& area, uint64_t length,
+                            const std::string& device)
+{
+    MORROW_LOG(logging::progress, "resp_buffer.len = [%ld]\n",
+               static_cast<long>(length));
+    logResponse(area, length);
+    if (length < shortestResponse)
+    {
+        MORROW_LOG(logging::progress, "Invalid req_disc_notify response [%s]\n",
+                   device.c_str());
+        return NotifyOutcome::tooShort;
+    }
+    if (area[0] != mctpControlType || area[2] != discoveryNotifyCommand)
+    {
+        return NotifyOutcome::unanswered;
+    }
+    MORROW_LOG(logging::progress,
+               "MCTP_CTRL_CMD_DISCOVERY_NOTIFY response received [%s]\n",
+               device.c_str());
+    return NotifyOutcome::answered;
+}
+
+/** Makes one attempt and keeps in `exchange` what it has shown. */
+NotifyOutcome attemptNotify(mctp_wrapper_ep& endpoint,
+                            const std::string& device, NotifyExchange& exchange)
+{
+    __mctp_wrapper_resp_buffer_t resp_buffer{};
+    resp_buffer.data = exchange.area.data();
+    const int result = sendNotify(endpoint, resp_buffer);
+    // Whatever became of the attempt, its id and its slot are kept.
+    exchange.eid = resp_buffer.eid;
+    exchange.slot = slotOf(exchange.eid).value_or(exchange.slot);
+    auto outcome = NotifyOutcome::unanswered;
+    if (result != 0)
+    {
+        MORROW_LOG(logging::progress,
+                   "Failed req_disc_notify to i3c device [%s]\n",
+                   device.c_str());
+    }
+    else
+    {
+        exchange.responseSeen = exchange.responseSeen || resp_buffer.len != 0;
+        outcome = judgeResponse(exchange.area, resp_buffer.len, device);
+    }
+    if (outcome == NotifyOutcome::unanswered && resp_buffer.stop != 0)
+    {
+        return NotifyOutcome::stopped;
+    }
+    return outcome;
+}
+
 /** Empties the three lists. */
 void forgetDevices()
 {
@@ -186,7 +275,7 @@ void forgetDevices()
     i3c_device_notify_map.clear();
 }
 
-/** Removes both device nodes; one that is not there is as well. */
+/** Removes both device nodes. One that is gone already makes no difference. */
 void removeDeviceNodes()
 {
     for (const auto& controller : i3cControllers)
@@ -302,11 +391,11 @@ bool bothAnswered()
     return i3c_device_map.size() == 2 && i3c_device_notify_map.size() == 2;
 }
 
-/** The controller to redo when an endpoint is missing: the second when the
+/** The controller to repeat when an endpoint is missing: the second when the
  *  first one's node is among the notified, else the first.
  *
- *  The other node is logged as notified in either case, also when nothing was:
- *  what is said follows from the choice, not from the list. */
+ *  The other node is logged as notified in either case, also when none was: the
+ *  log line follows from the choice, not from the list. */
 const I3cController& missingController()
 {
     const auto& [first, second] = i3cControllers;
@@ -389,9 +478,9 @@ int main()
     MORROW_LOG(logging::progress, "%s\n", "Initialization successful");
     MORROW_TRACE(logging::progress, "%s\n", "Initialization successful");
     probe_cpu_vendor();
-    (void)sd_notify(0, "READY=1"); // without a manager there is nobody to tell
+    (void)sd_notify(0, "READY=1"); // without a service manager it has no effect
 
-    while (run_state_pass(signal))
+    while (run_state_iteration(signal))
     {
     }
 
@@ -433,7 +522,7 @@ uint32_t morrow_init()
     }
 }
 
-bool run_state_pass(const morrow_signal& signal)
+bool run_state_iteration(const morrow_signal& signal)
 {
     run_state_action();
     if (signal.get_stop_state() != 0)
@@ -494,7 +583,7 @@ void apply_transition_rules()
         }
         return;
     }
-    // Applied in every pass in which it holds, and logged in each.
+    // Applied in every iteration in which it is true, and logged in each.
     if (current_host_state == hostStateOff &&
         shared_word::load(daemon_state) != MORROW_SLEEP_EVENT)
     {
@@ -583,7 +672,8 @@ bool wait_device_node(const std::string& device, int32_t limitMs)
         {
             return true;
         }
-        // After the last failed attempt too: the limit is slept out in full.
+        // After the last failed attempt too: a limit of 3,000 ms takes 31
+        // attempts and 31 sleeps, 3.1 s.
         sleepFor(pollInterval);
     }
     return false;
@@ -603,7 +693,7 @@ void scan_i3c_device(const std::string& controller,
     MORROW_LOG(logging::progress, "Found i3c device: %s\n", device.c_str());
     i3c_device_map.push_back(device);
     i3c_discovered_map.push_back(controller);
-    (void)morrow_i3c_device_do_notify(device); // the lists tell how it went
+    (void)morrow_i3c_device_do_notify(device); // the lists have its outcome
 }
 
 int morrow_i3c_device_do_notify(const std::string& device)
@@ -614,65 +704,23 @@ int morrow_i3c_device_do_notify(const std::string& device)
 
     mctp_wrapper_ep endpoint(device, 0, 0UL, 0UL, false,
                              static_cast<_mctp_wrapper_network_id_>(0));
-    ResponseArea area{}; // zeroed once, not before each attempt
-    uint16_t slot = 0;
-    uint8_t eid = 0;
-    bool responseSeen = false;
-    for (int attempt = 0; attempt < notifyAttempts; ++attempt)
+    NotifyExchange exchange;
+    auto outcome = NotifyOutcome::unanswered;
+    for (int attempt = 0;
+         attempt < notifyAttempts && outcome == NotifyOutcome::unanswered;
+         ++attempt)
     {
-        // A copy for each attempt: a library may set the instance id in place.
-        auto requestBytes = DISCOVERY_NOTIFY_REQUEST;
-        __mctp_wrapper_request_buffer_t request{.data = requestBytes.data(),
-                                                .len = requestBytes.size(),
-                                                .reserved1 = 0,
-                                                .timeoutMs = notifyTimeoutMs,
-                                                .reserved2 = 0};
-        __mctp_wrapper_resp_buffer_t resp_buffer{};
-        resp_buffer.data = area.data();
-
-        const int result = endpoint.send_message_blocking(request, resp_buffer);
-        // Whatever became of the attempt, its id and its slot are kept.
-        eid = resp_buffer.eid;
-        slot = slotOf(eid).value_or(slot);
-        if (result != 0)
-        {
-            MORROW_LOG(logging::progress,
-                       "Failed req_disc_notify to i3c device [%s]\n",
-                       device.c_str());
-        }
-        else
-        {
-            responseSeen = responseSeen || resp_buffer.len != 0;
-            MORROW_LOG(logging::progress, "resp_buffer.len = [%ld]\n",
-                       static_cast<long>(resp_buffer.len));
-            logResponse(area, resp_buffer.len);
-            if (resp_buffer.len < shortestResponse)
-            {
-                MORROW_LOG(logging::progress,
-                           "Invalid req_disc_notify response [%s]\n",
-                           device.c_str());
-                return 2;
-            }
-            if (area[0] == mctpControlType && area[2] == discoveryNotifyCommand)
-            {
-                MORROW_LOG(logging::progress,
-                           "MCTP_CTRL_CMD_DISCOVERY_NOTIFY response received "
-                           "[%s]\n",
-                           device.c_str());
-                publishEndpoint(device, eid, slot);
-                return 0;
-            }
-        }
-        if (resp_buffer.stop != 0)
-        {
-            break;
-        }
+        outcome = attemptNotify(endpoint, device, exchange);
+    }
+    if (outcome == NotifyOutcome::tooShort)
+    {
+        return 2;
     }
     // An endpoint that answered with the wrong type or command is published
     // all the same.
-    if (responseSeen)
+    if (exchange.responseSeen)
     {
-        publishEndpoint(device, eid, slot);
+        publishEndpoint(device, exchange.eid, exchange.slot);
     }
     return 0;
 }

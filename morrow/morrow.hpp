@@ -12,13 +12,15 @@
  * in every iteration.
  */
 
+#include "power_state.hpp"
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
 class morrow_signal;
 
-// The daemon states: what one pass of the state loop does.
+// The daemon states: what one iteration of the state loop does.
 inline constexpr uint32_t MORROW_ON_EVENT = 0; //!< full discovery
 inline constexpr uint32_t MORROW_OFF_EVENT = 1; //!< power-off cleanup
 inline constexpr uint32_t MORROW_PARTIAL_DISCOVERY_EVENT = 2; //!< one endpoint
@@ -58,16 +60,16 @@ extern std::vector<std::string> i3c_device_notify_map;
  *  @return 0 when start-up is complete, 2 when the signal side failed */
 uint32_t morrow_init();
 
-/** One pass of the state loop: what the daemon state asks for, then what the
- *  host has done meanwhile.
+/** One iteration of the state loop: the action of the daemon state, then the
+ *  host's state and the transition rules.
  *  @return false when the signal side reports a stop: the loop is over */
-bool run_state_pass(const morrow_signal& signal);
+bool run_state_iteration(const morrow_signal& signal);
 
-/** Does what the daemon state asks for: one pass's work. */
+/** Runs the action of the daemon state. */
 void run_state_action();
 
 /** Moves the daemon state when the host has gone off or come up, as the power
- *  flags and the last host state tell. */
+ *  flags and the last host state require. */
 void apply_transition_rules();
 
 /** Counts MORROW_WAIT_EVENT down by one second, or ends it. */
@@ -88,7 +90,8 @@ void write_controller_sysfs(const std::string& file,
 
 /** Waits until a device node can be opened.
  *  @param device   its path, which begins with "/dev/i3c-mctp-"
- *  @param limitMs  how long to try, in milliseconds, a try every 100
+ *  @param limitMs  milliseconds; limitMs / 100 + 1 attempts are made, each
+ *                  failed one followed by a sleep of 100 ms
  *  @return whether it could be opened */
 bool wait_device_node(const std::string& device, int32_t limitMs);
 
@@ -103,15 +106,16 @@ void scan_i3c_device(const std::string& controller,
  *          an answer was too short */
 int morrow_i3c_device_do_notify(const std::string& device);
 
-/** Throws away what is known, re-binds both controllers and notifies what is
- *  behind them; leaves the next daemon state behind. @return 0 */
+/** Discards what is known, re-binds both controllers and notifies the
+ *  endpoints behind them; sets the next daemon state. @return 0 */
 int full_discovery();
 
-/** Redoes the controller whose endpoint did not answer and leaves the other
- *  one alone; leaves MORROW_SLEEP_EVENT behind when both have answered, else
- *  MORROW_WAIT_EVENT with a further try to follow in ten seconds. @return 0 */
+/** Repeats the discovery of the controller whose endpoint did not answer and
+ *  leaves the other one alone. The next daemon state is MORROW_SLEEP_EVENT when
+ *  both have answered, else MORROW_WAIT_EVENT with another partial discovery to
+ *  follow in ten seconds. @return 0 */
 int partial_discovery();
 
-/** Withdraws all endpoints and unbinds both controllers; leaves
- *  MORROW_SLEEP_EVENT behind. @return 0 */
+/** Withdraws all endpoints and unbinds both controllers; the next daemon state
+ *  is MORROW_SLEEP_EVENT. @return 0 */
 int power_off_cleanup();

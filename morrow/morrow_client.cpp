@@ -34,7 +34,8 @@ constexpr uint64_t drainWait = 1000;
 
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-// Whole strings, so that reading the host's state makes none in each pass.
+// Whole strings, so that reading the host's state allocates none in each
+// iteration.
 const std::string hostStateKey = "currenthoststate";
 const std::string hostStateProperty = "CurrentHostState";
 
@@ -63,8 +64,8 @@ int morrowProcessSig(sd_event_source* /*source*/, int /*fd*/,
 
 using Match = std::unique_ptr<sdbusplus::bus::match_t>;
 
-/** Subscribes to the PropertiesChanged signals of a path, whoever sends them
- *  and whichever interface changed. A subscription that fails is ignored,
+/** Subscribes to the PropertiesChanged signals of a path, from any sender and
+ *  for any interface. A subscription that fails is ignored,
  *  also where the bus wrapper raises it. */
 Match matchPropertiesChanged(sdbusplus::bus_t& bus, const char* path,
                              void (*handler)(sdbusplus::message_t&))
@@ -447,7 +448,7 @@ int morrow_dbus_client::GetProperty(const std::string& key,
 int getcurrentpowerstate()
 {
     auto& client = morrow_dbus_client::get_instance();
-    MORROW_LOG(logging::pass, "Entry [%s]\n", __func__);
+    MORROW_LOG(logging::iteration, "Entry [%s]\n", __func__);
     if (client.GetProperty(hostStateKey, hostStateProperty, readproperty) != 0)
     {
         MORROW_LOG(logging::failure, "%s\n", "Failed to set read property");

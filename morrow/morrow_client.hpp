@@ -7,7 +7,7 @@
  * A thread with a connection and an sd-event loop of its own receives the
  * PropertiesChanged signals of the host's internal power state and of its
  * reset cause; the handlers set the power flags that the state loop acts on.
- * The state loop itself reads the host's CurrentHostState once per pass
+ * The state loop itself reads the host's CurrentHostState once per iteration
  * through `getcurrentpowerstate`, on the main thread and over that thread's
  * own default connection: the client's connection is never used for it.
  *

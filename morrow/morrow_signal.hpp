@@ -8,7 +8,7 @@
  * stops the bus client and the bus server when they were started, and
  * publishes a stop state that the state loop polls. When the loop has seen it,
  * the main thread runs the same stop routine once more and so waits for a
- * second SIGTERM before the process ends: whoever stops the daemon sends two.
+ * second SIGTERM before the process ends: stopping the daemon takes two.
  *
  * SIGSEGV and SIGBUS go back to their default action, so that the faulting
  * access repeats and ends the process.

@@ -6,7 +6,7 @@
  *
  * The power flags and the daemon state are plain variables: each is one word,
  * is written whole, and need only be seen eventually. A relaxed atomic access
- * costs what a plain one costs and leaves no data race behind.
+ * costs what a plain one costs and is no data race.
  */
 
 #include <atomic>

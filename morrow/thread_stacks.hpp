@@ -4,11 +4,11 @@
 /**
  * How much stack the daemon's threads get.
  *
- * Without a word they get what the shell's limit says, eight megabytes each as
- * a rule: address space only, but where memory is not overcommitted it counts.
+ * The default is the process's stack limit, eight megabytes each as a rule:
+ * address space only, but where memory is not overcommitted it counts.
  * A thread of the daemon uses some ten kilobytes, most of it inside sd-bus, but
  * a board's own log library runs on it as well and may need more: the size is
- * the build's to choose (-Dthread_stack).
+ * a build option (-Dthread_stack).
  *
  * std::thread takes no size, so it is the process's default that changes, and
  * only while the daemon starts its own threads: what a platform library starts

@@ -237,7 +237,7 @@ void DaemonInWorld::happens(const Happening& happening)
 
 void DaemonInWorld::pass()
 {
-    if (!run_state_pass(signal))
+    if (!run_state_iteration(signal))
     {
         effects.emplace_back("stops");
     }

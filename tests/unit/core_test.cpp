@@ -536,7 +536,7 @@ TEST_F(StatePass, StopIsSeenAfterTheActionOfEveryState)
         daemon_state = state;
         wait_ticks = 1;
         const auto before = story().size();
-        EXPECT_FALSE(run_state_pass(signal)) << state;
+        EXPECT_FALSE(run_state_iteration(signal)) << state;
         EXPECT_GT(story().size(), before) << state;
     }
     EXPECT_EQ(
@@ -548,7 +548,7 @@ TEST_F(StatePass, SleepAfterAFailedReadIsTakenUpAgainAfterASignal)
 {
     daemon_state = MORROW_WAIT_EVENT; // over at once, without a sleep
     fake::interruptedSleeps = 1;
-    EXPECT_TRUE(run_state_pass(morrow_signal::get_instance()));
+    EXPECT_TRUE(run_state_iteration(morrow_signal::get_instance()));
     const auto told = story();
     EXPECT_THAT(std::vector<std::string>(told.end() - 3, told.end()),
                 ElementsAre("log 2 morrow: Failed to get current powerevent\n",
