@@ -12,6 +12,7 @@
 
 #include "board/board.hpp"
 #include "board/timeline/printer.hpp"
+#include "tests/support/isolated_main.hpp"
 
 #include <filesystem>
 #include <iostream>
@@ -240,7 +241,7 @@ class Scenario : public testing::Test
         {
             EXPECT_TRUE(expectsOutput) << "the daemon printed: " << line;
         }
-        if (HasFailure())
+        if (HasFailure() || isolated::show)
         {
             for (const auto& event : timeline.since())
             {

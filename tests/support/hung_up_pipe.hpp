@@ -50,7 +50,7 @@ class HungUpPipe
     }
 
     /** Waits until the reader has been busy with it.
-     *  @return false when it is not as long as patience lasts */
+     *  @return false on a timeout */
     bool keepsTheReaderBusy() const
     {
         const auto before = ticks();

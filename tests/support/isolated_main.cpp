@@ -8,16 +8,15 @@
  * and its files have fixed paths. So every test is run in a child with fresh
  * /sys, /dev, /run and System V IPC, and a test that ends its process, as some
  * behaviour of the daemon does, ends nobody else. Results are printed as TAP;
- * what a failed test printed follows as comments.
- *
- * Arguments: --jobs=N for so many tests at a time, --fail-fast for ending at
- * the first test that fails, then names of tests ("Suite.Test") to run; without
- * any, all.
+ * the output of a failed test follows as comments, with the events it recorded.
  */
+
+#include "isolated_main.hpp"
 
 #include "board/process/sandbox.hpp"
 #include "board/util/error.hpp"
 
+#include <fnmatch.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -26,6 +25,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -34,6 +34,7 @@
 #include <exception>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -46,19 +47,57 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto limit = std::chrono::minutes(2);
-constexpr std::string_view jobsOption = "--jobs=";
-constexpr std::string_view failFastOption = "--fail-fast";
+constexpr auto limit = std::chrono::minutes(5);
+constexpr int usageError = 2;
+
+constexpr const char* usage =
+    R"(Runs tests, each in a process and a sandbox of its own; prints TAP.
+
+Usage: morrow-sandbox PROGRAM [OPTION...] [SUITE.TEST...]
+
+  --gtest_filter=PATTERNS  run the tests that match, as in GoogleTest
+  --gtest_list_tests       print the names of all tests
+  --jobs=N                 run N tests at a time (default: 1)
+  --fail-fast              end at the first test that fails
+  --show                   print output and events of passing tests, too
+  -h, --help               print this
+
+Without names, all tests that the filter matches are run.
+)";
 
 /** What to run and how. */
 struct Plan
 {
     std::vector<std::string> names;
-    std::size_t atATime = 1;
+    std::size_t jobs = 1;
     bool failFast = false;
 };
 
-std::vector<std::string> allTests()
+/** Whether a name matches one of the patterns, which colons separate. */
+bool matchesAny(const std::string& name, const std::string& patterns)
+{
+    std::istringstream stream(patterns);
+    for (std::string pattern; std::getline(stream, pattern, ':');)
+    {
+        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+/** Whether --gtest_filter selects a test: "POSITIVE[-NEGATIVE]". */
+bool isSelected(const std::string& name, const std::string& filter)
+{
+    const auto dash = std::min(filter.find('-'), filter.size());
+    const auto positive = filter.substr(0, dash);
+    return (positive.empty() || matchesAny(name, positive)) &&
+           !matchesAny(name, filter.substr(std::min(dash + 1, filter.size())));
+}
+
+/** The names of all tests that a filter selects. */
+std::vector<std::string> testsMatching(const std::string& filter)
 {
     std::vector<std::string> names;
     const auto& registry = *testing::UnitTest::GetInstance();
@@ -67,8 +106,12 @@ std::vector<std::string> allTests()
         const auto& tests = *registry.GetTestSuite(suite);
         for (int test = 0; test < tests.total_test_count(); ++test)
         {
-            names.push_back(std::string(tests.name()) + "." +
-                            tests.GetTestInfo(test)->name());
+            const auto name = std::string(tests.name()) + "." +
+                              tests.GetTestInfo(test)->name();
+            if (isSelected(name, filter))
+            {
+                names.push_back(name);
+            }
         }
     }
     return names;
@@ -90,6 +133,10 @@ std::vector<std::string> allTests()
     }
     testing::GTEST_FLAG(filter) = name;
     const int result = RUN_ALL_TESTS();
+    if ((result != 0 || isolated::show) && isolated::printEvents != nullptr)
+    {
+        isolated::printEvents();
+    }
     // Not _exit: the daemon's singletons end with the process, and the leak
     // checker looks at what is left.
     std::exit(result);
@@ -170,6 +217,9 @@ bool report(const Running& test, bool hung, std::size_t number)
     if (!failure.empty())
     {
         std::cout << "# " << failure << '\n';
+    }
+    if (!failure.empty() || isolated::show)
+    {
         printAsComments(test.output);
     }
     close(test.output);
@@ -178,7 +228,7 @@ bool report(const Running& test, bool hung, std::size_t number)
 
 /** Waits until one of these has ended or has run too long.
  *  @return which, and whether it ran too long */
-std::pair<std::size_t, bool> awaitOne(const std::vector<Running>& tests)
+std::pair<std::size_t, bool> waitForOne(const std::vector<Running>& tests)
 {
     while (true)
     {
@@ -205,8 +255,8 @@ std::pair<std::size_t, bool> awaitOne(const std::vector<Running>& tests)
     }
 }
 
-/** Ends tests whose results are not wanted any more. */
-void giveUp(const std::vector<Running>& tests)
+/** Ends the tests that still run. */
+void bailOut(const std::vector<Running>& tests)
 {
     for (const auto& test : tests)
     {
@@ -226,44 +276,80 @@ std::size_t runAll(const Plan& plan)
     std::size_t failed = 0;
     while (!names.empty() || !running.empty())
     {
-        while (!names.empty() && running.size() < plan.atATime)
+        while (!names.empty() && running.size() < plan.jobs)
         {
             running.push_back(start(names.back()));
             names.pop_back();
         }
-        const auto [index, hung] = awaitOne(running);
+        const auto [index, hung] = waitForOne(running);
         failed += report(running[index], hung, ++number) ? 0 : 1;
         running.erase(running.begin() + static_cast<std::ptrdiff_t>(index));
         if (failed > 0 && plan.failFast)
         {
-            giveUp(running);
+            bailOut(running);
             break;
         }
     }
     return failed;
 }
 
+std::size_t parseJobs(const std::string& text)
+{
+    std::size_t jobs = 0;
+    const auto* end = text.data() + text.size();
+    if (const auto parsed = std::from_chars(text.data(), end, jobs);
+        parsed.ec != std::errc() || parsed.ptr != end || jobs == 0)
+    {
+        throw std::invalid_argument("--jobs=" + text +
+                                    ": not a number of jobs");
+    }
+    return jobs;
+}
+
+/** @param arguments what GoogleTest has left of them */
 Plan planOf(const std::vector<std::string>& arguments)
 {
+    const std::string jobsOption = "--jobs=";
     Plan plan;
     for (const auto& argument : arguments)
     {
         if (argument.starts_with(jobsOption))
         {
-            plan.atATime = std::stoul(argument.substr(jobsOption.size()));
+            plan.jobs = parseJobs(argument.substr(jobsOption.size()));
         }
-        else if (argument == failFastOption)
+        else if (argument == "--fail-fast")
         {
             plan.failFast = true;
+        }
+        else if (argument == "--show")
+        {
+            isolated::show = true;
+        }
+        else if (argument.starts_with("-"))
+        {
+            throw std::invalid_argument(argument + ": no such option");
         }
         else
         {
             plan.names.push_back(argument);
         }
     }
+    const auto all = testsMatching("*");
+    for (const auto& name : plan.names)
+    {
+        if (std::find(all.begin(), all.end(), name) == all.end())
+        {
+            throw std::invalid_argument(name + ": no such test");
+        }
+    }
     if (plan.names.empty())
     {
-        plan.names = allTests();
+        const std::string filter = testing::GTEST_FLAG(filter);
+        plan.names = testsMatching(filter);
+        if (plan.names.empty())
+        {
+            throw std::invalid_argument(filter + ": no test matches");
+        }
     }
     return plan;
 }
@@ -272,14 +358,32 @@ Plan planOf(const std::vector<std::string>& arguments)
 
 int main(int argc, char** argv)
 {
-    testing::InitGoogleTest(&argc, argv);
-    const auto plan = planOf({argv + 1, argv + argc});
-    if (!board::sandbox::entered())
+    const std::vector<std::string> given{argv + 1, argv + argc};
+    if (std::find(given.begin(), given.end(), "--help") != given.end() ||
+        std::find(given.begin(), given.end(), "-h") != given.end())
     {
-        std::cerr << argv[0] << ": is to be run in the sandbox: morrow-sandbox "
-                  << argv[0] << '\n';
-        return EXIT_FAILURE;
+        std::cout << usage;
+        return EXIT_SUCCESS;
     }
-    std::cout << "1.." << plan.names.size() << '\n';
-    return runAll(plan) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    testing::InitGoogleTest(&argc, argv);
+    if (testing::GTEST_FLAG(list_tests))
+    {
+        return RUN_ALL_TESTS();
+    }
+    try
+    {
+        const auto plan = planOf({argv + 1, argv + argc});
+        if (!board::sandbox::entered())
+        {
+            throw std::invalid_argument(
+                std::string("not in a sandbox: run morrow-sandbox ") + argv[0]);
+        }
+        std::cout << "1.." << plan.names.size() << '\n';
+        return runAll(plan) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    catch (const std::invalid_argument& error)
+    {
+        std::cerr << argv[0] << ": " << error.what() << '\n';
+        return usageError;
+    }
 }

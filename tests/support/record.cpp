@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "record.hpp"
 
+#include "isolated_main.hpp"
+
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -132,6 +134,17 @@ void divert(const std::string& beginning, const char* format, va_list arguments)
     diverted->push_back(beginning + text.data());
 }
 
+void print()
+{
+    for (const auto& event : events())
+    {
+        (void)fprintf(stdout, "%d %s\n", event.thread, event.text.c_str());
+    }
+    (void)fflush(stdout);
+}
+
+const bool isPrinted = (isolated::printEvents = print, true);
+
 } // namespace
 
 void add(const char* format, ...)
@@ -227,18 +240,18 @@ bool waitFor(const std::string& text, std::size_t times)
         });
 }
 
-std::chrono::seconds patience()
+std::chrono::seconds timeout()
 {
-    const char* given = std::getenv("TEST_PATIENCE_SECONDS");
-    return std::chrono::seconds(given != nullptr ? std::atol(given) : 30);
+    const char* given = std::getenv("TEST_TIMEOUT_SECONDS");
+    return std::chrono::seconds(given != nullptr ? std::atol(given) : 90);
 }
 
-bool waitUntil(const std::function<bool()>& holds)
+bool waitUntil(const std::function<bool()>& condition)
 {
     timespec limit{};
     clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += patience().count();
-    while (!holds())
+    limit.tv_sec += timeout().count();
+    while (!condition())
     {
         // Wakes up now and then even without an event, for what is no event.
         timespec next{};

@@ -59,17 +59,17 @@ std::vector<std::string> texts();
 /** How often a text occurs so far. */
 std::size_t count(const std::string& text);
 
-/** How long anything is waited for: half a minute, or what the environment's
- *  TEST_PATIENCE_SECONDS says, for whoever expects waits to be in vain. */
-std::chrono::seconds patience();
+/** How long anything is waited for: 90 s, which is long enough for a loaded
+ *  machine, or TEST_TIMEOUT_SECONDS of the environment. */
+std::chrono::seconds timeout();
 
 /** Waits until a text has occurred so many times.
- *  @return false when it does not as long as patience lasts */
+ *  @return false on a timeout */
 bool waitFor(const std::string& text, std::size_t times = 1);
 
-/** Waits until something holds, looked at after each event.
- *  @return false when it does not as long as patience lasts */
-bool waitUntil(const std::function<bool()>& holds);
+/** Waits until a condition is true; it is evaluated after each event.
+ *  @return false on a timeout */
+bool waitUntil(const std::function<bool()>& condition);
 
 /** Called before each event of the thread that sets it, so that what happened
  *  to files since the last one can be put in its place. */

@@ -344,7 +344,7 @@ class Daemon : public testing::Test
     /** Waits until the main thread is held. */
     void awaitHeld()
     {
-        ASSERT_TRUE(held.try_acquire_for(record::patience()));
+        ASSERT_TRUE(held.try_acquire_for(record::timeout()));
     }
 
     /** Lets the held main thread go on. */

@@ -202,7 +202,7 @@ class Program:
         self.command = test["cmd"] + ["--jobs=4", "--fail-fast"]
         self.environment = {
             **test["env"],
-            "TEST_PATIENCE_SECONDS": str(EVENT_SECONDS),
+            "TEST_TIMEOUT_SECONDS": str(EVENT_SECONDS),
         }
         self.targets = targets
         self.limit = None
