@@ -245,7 +245,9 @@ std::string setEid(const std::string& path, uint8_t eid)
         [&](sdbusplus::bus_t& bus)
         {
             auto call = newCall(bus, path, propertiesInterface, "Set");
-            call.append(interface, "EID", std::variant<uint8_t>(eid));
+            check(sd_bus_message_append(call.get(), "ssv", interface, "EID",
+                                        "y", eid),
+                  "append");
             bus.call(call);
             return std::string();
         });

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -77,13 +78,16 @@ class Answering
 
 TEST(EndpointBinding, ShowsExactlyTheMembersOfAnEndpoint)
 {
-    auto bus = sdbusplus::bus::new_user();
+    const char* const address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    ASSERT_NE(address, nullptr) << "run this with dbus-run-session";
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
+    auto bus = sdbusplus::bus::new_system();
     const auto name = bus.get_unique_name();
     const Endpoint endpoint(bus, "/e");
     std::string xml;
     {
         const Answering answering(bus);
-        auto peer = sdbusplus::bus::new_user();
+        auto peer = sdbusplus::bus::new_system();
         auto call = peer.new_method_call(name.c_str(), "/e",
                                          "org.freedesktop.DBus.Introspectable",
                                          "Introspect");

@@ -5,49 +5,59 @@
 
 namespace sdbusplus::bus
 {
+
+using exception::checked;
+
 namespace
 {
 
-/** @return r, which is no error */
-int checked(int r, const char* what)
+bus opened(int (*open)(sd_bus**), const char* call)
 {
-    if (r < 0)
-    {
-        throw exception::SdBusError(-r, what);
-    }
-    return r;
-}
-
-uint64_t microseconds(const std::optional<SdBusDuration>& duration,
-                      uint64_t otherwise)
-{
-    return duration ? duration->count() : otherwise;
+    sd_bus* b = nullptr;
+    checked(open(&b), call);
+    return {b, std::false_type()};
 }
 
 } // namespace
 
+sd_bus* details::rawBus(const bus& b) noexcept
+{
+    return b._bus.get();
+}
+
+bus new_default()
+{
+    return opened(sd_bus_default, "sd_bus_default");
+}
+
+bus new_default_system()
+{
+    return opened(sd_bus_default_system, "sd_bus_default_system");
+}
+
+bus new_system()
+{
+    bus separate = opened(sd_bus_open_system, "sd_bus_open_system");
+    separate._bus.get_deleter().close = true;
+    return separate;
+}
+
 bus::bus(sd_bus* b) : _bus(sd_bus_ref(b))
 {
-    bringUp();
+    waitUntilUp();
 }
 
 bus::bus(sd_bus* b, std::false_type) : _bus(b)
 {
-    bringUp();
+    waitUntilUp();
 }
 
-void bus::bringUp()
+void bus::waitUntilUp()
 {
     if (_bus)
     {
-        // Only the waiting for it matters here.
         static_cast<void>(get_unique_name());
     }
-}
-
-void bus::set_should_close(bool shouldClose) noexcept
-{
-    _bus.get_deleter().close = shouldClose;
 }
 
 void bus::request_name(const char* service)
@@ -61,18 +71,13 @@ void bus::request_name(const char* service)
 bool bus::process_discard()
 {
     const int r = sd_bus_process(_bus.get(), nullptr);
-    throwParked();
+    throwStored();
     return checked(r, "sd_bus_process discard") > 0;
 }
 
 int bus::wait(uint64_t timeout)
 {
     return checked(sd_bus_wait(_bus.get(), timeout), "sd_bus_wait");
-}
-
-int bus::wait(std::optional<SdBusDuration> timeout)
-{
-    return wait(microseconds(timeout, UINT64_MAX));
 }
 
 message_t bus::new_method_call(const char* service, const char* path,
@@ -95,22 +100,18 @@ message_t bus::new_signal(const char* path, const char* interface,
     return {msg, std::false_type()};
 }
 
-message_t bus::call(message_t& msg, uint64_t timeout)
+message_t bus::call(message_t& msg)
 {
+    constexpr uint64_t defaultTimeout = 0;
     sd_bus_error error{};
     sd_bus_message* reply = nullptr;
-    const int r = sd_bus_call(_bus.get(), msg.get(), timeout, &error, &reply);
+    const int r =
+        sd_bus_call(_bus.get(), msg.get(), defaultTimeout, &error, &reply);
     if (r < 0)
     {
         throw exception::SdBusError(&error, "sd_bus_call");
     }
     return {reply, std::false_type()};
-}
-
-message_t bus::call(message_t& msg, std::optional<SdBusDuration> timeout)
-{
-    constexpr uint64_t libraryDefault = 0;
-    return call(msg, microseconds(timeout, libraryDefault));
 }
 
 std::string bus::get_unique_name()
@@ -128,14 +129,14 @@ int bus::get_fd() noexcept
 
 void bus::set_current_exception(std::exception_ptr exception) noexcept
 {
-    _parked = std::move(exception);
+    _stored = std::move(exception);
 }
 
-void bus::throwParked()
+void bus::throwStored()
 {
-    if (_parked)
+    if (_stored)
     {
-        std::rethrow_exception(std::exchange(_parked, nullptr));
+        std::rethrow_exception(std::exchange(_stored, nullptr));
     }
 }
 

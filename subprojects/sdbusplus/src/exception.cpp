@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <sdbusplus/exception.hpp>
 
-#include <cstdlib>
-#include <stdexcept>
 #include <utility>
 
 namespace sdbusplus::exception
@@ -10,12 +8,8 @@ namespace sdbusplus::exception
 
 SdBusError::SdBusError(int error, const char* prefix)
 {
-    // The result is the same errno again; whether it took is asked next.
-    static_cast<void>(sd_bus_error_set_errno(&_error, std::abs(error)));
-    if (sd_bus_error_is_set(&_error) == 0)
-    {
-        throw std::runtime_error("Failed to create SdBusError");
-    }
+    // Returns the errno again.
+    static_cast<void>(sd_bus_error_set_errno(&_error, error));
     composeText(prefix);
 }
 
@@ -29,17 +23,6 @@ SdBusError::SdBusError(SdBusError&& other) noexcept :
     _error(std::exchange(other._error, sd_bus_error{})),
     _text(std::exchange(other._text, {}))
 {
-}
-
-SdBusError& SdBusError::operator=(SdBusError&& other) noexcept
-{
-    if (this != &other)
-    {
-        sd_bus_error_free(&_error);
-        _error = std::exchange(other._error, sd_bus_error{});
-        _text = std::exchange(other._text, {});
-    }
-    return *this;
 }
 
 SdBusError::~SdBusError()
@@ -67,11 +50,6 @@ const char* SdBusError::what() const noexcept
     return _text.c_str();
 }
 
-const sd_bus_error* SdBusError::get_error() const noexcept
-{
-    return &_error;
-}
-
 void SdBusError::composeText(const char* prefix)
 {
     _text = prefix;
@@ -82,6 +60,15 @@ void SdBusError::composeText(const char* prefix)
             _text.append(": ").append(part);
         }
     }
+}
+
+int checked(int r, const char* call)
+{
+    if (r < 0)
+    {
+        throw SdBusError(-r, call);
+    }
+    return r;
 }
 
 } // namespace sdbusplus::exception

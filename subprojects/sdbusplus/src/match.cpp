@@ -8,48 +8,50 @@ namespace sdbusplus::bus::match
 namespace
 {
 
-/** noexcept: an exception of the handler ends the process right here. */
-int callHandler(sd_bus_message* raw, void* context,
-                sd_bus_error* /*error*/) noexcept
+/** noexcept: an exception of the callback ends the process here. */
+int callCallback(sd_bus_message* raw, void* context,
+                 sd_bus_error* /*error*/) noexcept
 {
     message_t msg(raw);
     (*static_cast<match::callback_t*>(context))(msg);
     return 0;
 }
 
-slot_t subscribe(bus_t& bus, const char* rule, sd_bus_message_handler_t handler,
-                 void* context) noexcept
+std::string part(std::string key, std::string_view value)
 {
-    sd_bus_slot* slot = nullptr;
-    // A subscription that was refused has no slot, and stays silent.
-    static_cast<void>(sd_bus_add_match(details::bus_friend::get_busp(bus),
-                                       &slot, rule, handler, context));
-    return slot_t(slot);
+    return key.append("='").append(value).append("',");
 }
 
 } // namespace
 
-match::match(bus_t& bus, const char* rule, callback_t callback) :
+match::match(bus_t& bus, const std::string& rule, callback_t callback) :
     _callback(std::make_unique<callback_t>(std::move(callback)))
 {
-    _slot = subscribe(bus, rule, callHandler, _callback.get());
+    sd_bus_slot* slot = nullptr;
+    // Without a slot there is no subscription.
+    static_cast<void>(sd_bus_add_match(details::rawBus(bus), &slot,
+                                       rule.c_str(), callCallback,
+                                       _callback.get()));
+    _slot.reset(slot);
 }
 
-match::match(bus_t& bus, const std::string& rule, callback_t callback) :
-    match(bus, rule.c_str(), std::move(callback))
+namespace rules
 {
-}
 
-match::match(bus_t& bus, const char* rule, sd_bus_message_handler_t handler,
-             void* context) :
-    _slot(subscribe(bus, rule, handler, context))
+std::string interface(std::string_view name) noexcept
 {
+    return part("interface", name);
 }
 
-match::match(bus_t& bus, const std::string& rule,
-             sd_bus_message_handler_t handler, void* context) :
-    match(bus, rule.c_str(), handler, context)
+std::string member(std::string_view name) noexcept
 {
+    return part("member", name);
 }
 
+std::string path(std::string_view path) noexcept
+{
+    return part("path", path);
+}
+
+} // namespace rules
 } // namespace sdbusplus::bus::match

@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Whose sdbusplus a project gets that has this one as its subproject.
+"""Which sdbusplus a project gets that has this one as its subproject.
 
-The system's sdbusplus is played by this very library and generator, behind a
-pkg-config file and a program sdbus++ in a directory of the test, usable or with
-something wrong.
+The bundled library and generator also act as the system's: behind a pkg-config
+file and a program sdbus++ in a directory of the test, usable or not.
 
-Run by meson test, which says in the environment where the sources are.
+Run by meson test, which sets the environment.
 """
 
 import os
@@ -17,6 +16,8 @@ import unittest
 from pathlib import Path
 
 SOURCE = Path(os.environ["SDBUSPLUS_SOURCE"]).resolve()
+GENERATE = SOURCE / "selection/system/generate"
+INTERFACE = "net.example.Sample"
 
 PROJECT = """
 project('consumer', 'cpp', meson_version: '>=1.0.1',
@@ -51,15 +52,6 @@ Libs: {library}
 Cflags: -I{include}
 """
 
-# As the genuine one: the help names no process, only that there is one.
-GENERATOR = """#!/bin/sh
-if [ "$1" = --help ]; then
-    echo 'usage: sdbus++ [-h] [-r ROOTDIR] TYPE PROCESS ITEM [ITEM ...]'
-    exit
-fi
-exec '{generator}' "$@"
-"""
-
 CONSUMER = """
 #include "common.hpp"
 #include <sdbusplus/server.hpp>
@@ -72,171 +64,138 @@ int main()
 
 def run(*command, env=None):
     return subprocess.run(
-        command, capture_output=True, text=True, check=False, env=env
-    )
+        [str(part) for part in command],
+        capture_output=True, text=True, check=False, env=env,
+    )  # fmt: skip
+
+
+class Project:
+    """A project with a system of its own."""
+
+    def __init__(self, test):
+        directory = tempfile.TemporaryDirectory()
+        test.addCleanup(directory.cleanup)
+        self.test = test
+        self.root = Path(directory.name)
+        self.out = self.root / "out"
+        self.system = self.root / "system"
+        self.generator = self.root / "programs of the system/sdbus++"
+        source = self.root / "project"
+        (source / "subprojects").mkdir(parents=True)
+        (source / "subprojects/sdbusplus").symlink_to(SOURCE)
+        (source / "yaml").symlink_to(SOURCE / "test/yaml")
+        (source / "meson.build").write_text(PROJECT)
+        (source / "meson_options.txt").write_text(OPTIONS)
+        (source / "consumer.cpp").write_text(CONSUMER)
+
+    def meson(self, command, *arguments):
+        env = {
+            **os.environ,
+            "PKG_CONFIG_PATH": str(self.system),
+            "PATH": f"{self.generator.parent}:{os.environ['PATH']}",
+        }
+        return run("meson", command, *arguments, env=env)
+
+    def set_up(self, *options):
+        return self.meson(
+            "setup", self.out, self.root / "project", "--buildtype=plain", *options
+        )
+
+    def build_and_start(self):
+        done = self.meson("compile", "-C", self.out)
+        self.test.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.test.assertEqual(run(self.out / "consumer").returncode, 0)
+
+    def assert_bundled(self, why, done):
+        self.test.assertEqual(done.returncode, 0, done.stdout)
+        self.test.assertIn(f"CHOICE: bundled ({why})", done.stdout)
+        self.test.assertIn("LIBRARY: internal", done.stdout)
+        self.test.assertIn(f"GENERATOR: {self.out}/subprojects", done.stdout)
+
+    def assert_system(self, done):
+        self.test.assertEqual(done.returncode, 0, done.stdout)
+        self.test.assertIn(f"CHOICE: system ({self.generator})", done.stdout)
+        self.test.assertIn("LIBRARY: pkgconfig", done.stdout)
+        self.test.assertIn(f"GENERATOR: {self.generator}", done.stdout)
 
 
 class Selection(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        scratch = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(scratch.cleanup)
-        cls.built = Path(scratch.name)
-        for command in (
-            ["setup", cls.built, SOURCE, "-Dtests=disabled", "--buildtype", "plain"],
-            ["compile", "-C", cls.built],
-        ):
-            done = run("meson", *map(str, command))
-            if done.returncode != 0:
-                raise RuntimeError(done.stdout + done.stderr)
+        """Builds without an sdbusplus on the system."""
+        cls.bundled = Project(cls)
+        cls.bundled.test = cls("__init__")
+        cls.bundled_set_up = cls.bundled.set_up("--prefix=/usr")
+        cls.bundled.build_and_start()
 
-    def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.root = Path(directory.name)
-        self.system = self.root / "system"
-        self.generator = self.root / "programs of the system/sdbus++"
-        self.project = self.root / "project"
-        (self.project / "subprojects").mkdir(parents=True)
-        (self.project / "subprojects/sdbusplus").symlink_to(SOURCE)
-        (self.project / "yaml").symlink_to(SOURCE / "test/yaml")
-        (self.project / "meson.build").write_text(PROJECT)
-        (self.project / "meson_options.txt").write_text(OPTIONS)
-        (self.project / "consumer.cpp").write_text(CONSUMER)
+    @classmethod
+    def addCleanup(cls, *arguments):
+        cls.addClassCleanup(*arguments)
 
-    def install(self):
-        """Gives the system an sdbusplus."""
-        include = self.system / "include"
+    def system(self):
+        """A project whose system has a usable sdbusplus."""
+        project = Project(self)
+        include = project.system / "include"
         shutil.copytree(SOURCE / "include", include)
-        (self.system / "sdbusplus.pc").write_text(
-            PKG_CONFIG.format(
-                library=self.built / "src/libsdbusplus.a", include=include
-            )
+        library = self.bundled.out / "subprojects/sdbusplus/src/libsdbusplus.a"
+        (project.system / "sdbusplus.pc").write_text(
+            PKG_CONFIG.format(library=library, include=include)
         )
-        self.install_generator(
-            GENERATOR.format(generator=self.built / "tools/sdbus++")
-        )
+        self.install_generator(project)
+        return project
 
-    def install_generator(self, script):
-        self.generator.parent.mkdir(exist_ok=True)
-        self.generator.write_text(script)
-        self.generator.chmod(0o755)
-
-    def environment(self):
-        env = dict(os.environ)
-        env["PKG_CONFIG_PATH"] = str(self.system)
-        env["PATH"] = f"{self.generator.parent}:{env['PATH']}"
-        return env
-
-    def setup(self, *options):
-        return run(
-            "meson", "setup", str(self.root / "out"), str(self.project), *options,
-            env=self.environment(),
-        )  # fmt: skip
-
-    def assert_bundled(self, why, *options):
-        done = self.setup(*options)
-        self.assertEqual(done.returncode, 0, done.stdout)
-        self.assertIn(f"CHOICE: bundled ({why})", done.stdout)
-        self.assertIn("LIBRARY: internal", done.stdout)
-        self.assertIn(
-            f"GENERATOR: {self.root}/out/subprojects/sdbusplus/tools/sdbus++",
-            done.stdout,
-        )
-
-    def assert_system(self, *options):
-        done = self.setup(*options)
-        self.assertEqual(done.returncode, 0, done.stdout)
-        self.assertIn(f"CHOICE: system ({self.generator})", done.stdout)
-        self.assertIn("LIBRARY: pkgconfig", done.stdout)
-        self.assertIn(f"GENERATOR: {self.generator}", done.stdout)
-
-    def assert_no_generator(self, why, script):
-        """That this generator is not used, and why."""
-        self.install()
-        self.install_generator(script)
-        self.assert_bundled(
-            f"{self.generator} does not generate net.example.Sample: {why}"
-        )
-
-    def build_and_start(self):
-        out = self.root / "out"
-        done = run("meson", "compile", "-C", str(out), env=self.environment())
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
-        self.assertEqual(run(str(out / "consumer")).returncode, 0)
-
-    def test_auto_takes_a_usable_one_of_the_system(self):
-        self.install()
-        self.assert_system()
-        self.build_and_start()
+    def install_generator(self, project, before=""):
+        """One that runs a line of shell before it generates."""
+        generator = self.bundled.out / "subprojects/sdbusplus/tools/sdbus++"
+        project.generator.parent.mkdir(exist_ok=True)
+        project.generator.write_text(f'#!/bin/sh\n{before}\nexec {generator} "$@"\n')
+        project.generator.chmod(0o755)
 
     def test_auto_takes_the_bundled_one_where_there_is_no_other(self):
-        self.assert_bundled("pkg-config finds no sdbusplus")
-        self.build_and_start()
+        self.bundled.assert_bundled(
+            "pkg-config finds no sdbusplus", self.bundled_set_up
+        )
+
+    def test_bundled_installs_nothing(self):
+        target = self.bundled.root / "target"
+        done = self.bundled.meson("install", "-C", self.bundled.out, "--destdir", target)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertEqual([path for path in target.rglob("*") if path.is_file()], [])
+
+    def test_bundled_shares_no_symbols(self):
+        program = self.bundled.out / "consumer"
+        self.assertNotIn("sdbusplus", run("nm", "-CD", program).stdout)
+        self.assertNotIn("sdbusplus", run("readelf", "-d", program).stdout)
+        self.assertIn("sdbusplus::bus::bus", run("nm", "-C", program).stdout)
+
+    def test_auto_takes_a_usable_one_of_the_system(self):
+        project = self.system()
+        project.assert_system(project.set_up())
+        project.build_and_start()
+
+        # Of another release, under the same name.
+        self.install_generator(project, "echo '#include <sdbusplus/other_release.hpp>'")
+        project.assert_bundled(
+            f"what {project.generator} generates for {INTERFACE} does not build",
+            project.set_up("--reconfigure"),
+        )
 
     @unittest.skipIf(shutil.which("sdbus++"), "this system has an sdbus++")
     def test_auto_takes_no_library_without_generator(self):
-        self.install()
-        self.generator.unlink()
-        self.assert_bundled("there is no sdbus++ on PATH")
-
-    def test_auto_takes_no_generator_without_a_process(self):
-        self.assert_no_generator(
-            "sdbus++: error: argument PROCESS: invalid choice: 'common-header'",
-            "#!/bin/sh\n"
-            "echo 'usage: sdbus++ [-h] TYPE PROCESS ITEM' >&2\n"
-            'echo "sdbus++: error: argument PROCESS: invalid choice: \'$4\'" >&2\n'
-            "exit 2\n",
-        )
-
-    def test_auto_takes_no_generator_without_its_python_modules(self):
-        self.assert_no_generator(
-            "ModuleNotFoundError: No module named 'no_such_module'",
-            "#!/usr/bin/env python3\nimport no_such_module\n",
-        )
-
-    def test_auto_takes_no_generator_that_fails_without_a_word(self):
-        self.assert_no_generator(
-            "server-cpp ends with status 3",
-            GENERATOR.format(generator=self.built / "tools/sdbus++").replace(
-                "exec", '[ "$4" != server-cpp ] || exit 3\nexec'
-            ),
-        )
-
-    def test_auto_takes_no_generator_of_something_else(self):
-        self.install()
-        self.install_generator("#!/bin/sh\necho common-header, server-cpp\n")
-        self.assert_bundled(
-            f"what {self.generator} generates for net.example.Sample does not build"
-        )
-
-    def test_auto_takes_no_generator_of_another_release(self):
-        self.install()
-        self.install_generator(
-            GENERATOR.format(generator=self.built / "tools/sdbus++").replace(
-                "exec", 'echo "#include <sdbusplus/of_another_release.hpp>"\nexec'
-            )
-        )
-        self.assert_bundled(
-            f"what {self.generator} generates for net.example.Sample does not build"
-        )
+        project = self.system()
+        project.generator.unlink()
+        project.assert_bundled("there is no sdbus++ on PATH", project.set_up())
 
     def test_auto_takes_no_library_that_does_not_compile(self):
-        self.install()
-        with open(self.system / "include/sdbusplus/bus/match.hpp", "a") as file:
+        project = self.system()
+        with open(project.system / "include/sdbusplus/bus/match.hpp", "a") as file:
             file.write("#error refused by this compiler\n")
-        self.assert_bundled("the system's sdbusplus/server.hpp does not compile")
-
-    def test_bundled_takes_the_bundled_one_in_any_case(self):
-        self.install()
-        self.assert_bundled("asked for", "-Dsdbusplus=bundled")
-
-    def test_system_takes_a_usable_one(self):
-        self.install()
-        self.assert_system("-Dsdbusplus=system")
+        project.assert_bundled(
+            "the system's sdbusplus/server.hpp does not compile", project.set_up()
+        )
 
     def test_system_says_why_it_cannot(self):
-        done = self.setup("-Dsdbusplus=system")
+        done = Project(self).set_up("-Dsdbusplus=system")
         self.assertNotEqual(done.returncode, 0)
         self.assertIn(
             "cannot build with the system's sdbusplus: pkg-config finds no"
@@ -245,22 +204,21 @@ class Selection(unittest.TestCase):
             done.stdout,
         )
 
-    def test_installs_nothing_beside_a_project(self):
-        self.assert_bundled("pkg-config finds no sdbusplus", "--prefix=/usr")
-        self.build_and_start()
-        target = self.root / "target"
-        done = run("meson", "install", "-C", str(self.root / "out"),
-                   "--destdir", str(target))  # fmt: skip
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
-        self.assertEqual([path for path in target.rglob("*") if path.is_file()], [])
-
-    def test_gives_a_program_its_code_and_no_symbols(self):
-        self.assert_bundled("pkg-config finds no sdbusplus")
-        self.build_and_start()
-        program = str(self.root / "out/consumer")
-        self.assertNotIn("sdbusplus", run("nm", "-CD", program).stdout)
-        self.assertNotIn("sdbusplus", run("readelf", "-d", program).stdout)
-        self.assertIn("sdbusplus::bus::bus", run("nm", "-C", program).stdout)
+    def test_a_generator_that_fails_is_not_used(self):
+        project = self.system()
+        generated = project.root / "generated"
+        for before, why in {
+            '[ "$4" != server-cpp ] || exit 3': "server-cpp ends with status 3",
+            "echo 'usage: sdbus++' >&2; echo 'no process '$4 >&2; exit 2": "no process"
+            " common-header",
+            "exec python3 -c 'import no_such_module'": "ModuleNotFoundError: No module"
+            " named 'no_such_module'",
+        }.items():
+            with self.subTest(generator=before):
+                self.install_generator(project, before)
+                done = run(GENERATE, project.generator, SOURCE / "test/yaml",
+                           INTERFACE, generated)  # fmt: skip
+                self.assertEqual((done.returncode, done.stdout), (1, why + "\n"))
 
 
 if __name__ == "__main__":

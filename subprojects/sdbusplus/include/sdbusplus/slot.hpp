@@ -6,8 +6,8 @@
 #include <memory>
 
 /** Ownership of an sd_bus_slot: a registration (match, object, manager) that
- *  lives until its slot is dropped. The slot keeps its own reference to the
- *  bus inside of libsystemd. Drop it on the thread that uses the bus.
+ *  ends when its slot is dropped, on the thread that uses the bus. libsystemd
+ *  keeps the bus alive for as long as a slot exists.
  */
 namespace sdbusplus
 {
@@ -18,7 +18,7 @@ struct SlotUnref
 {
     void operator()(sd_bus_slot* slot) const noexcept
     {
-        // Always null by contract: there is nothing left to look at.
+        // Returns null.
         static_cast<void>(sd_bus_slot_unref(slot));
     }
 };

@@ -4,14 +4,25 @@
 import argparse
 import re
 import sys
+import textwrap
+from pathlib import Path
 
-from . import definition, render
-from .error import UserError
+from mako.template import Template
 
+from . import definition
+
+TEMPLATES = Path(__file__).resolve().parent / "templates"
+
+# process: the template that it renders
+PROCESSES = {
+    "common-header": "common.hpp.mako",
+    "server-header": "server.hpp.mako",
+    "server-cpp": "server.cpp.mako",
+}
 
 DESCRIPTION = """\
-Generates C++ bindings from the definition of a D-Bus interface; what it makes
-goes to standard output."""
+Generates C++ bindings from the definition of a D-Bus interface, on standard
+output."""
 
 EPILOG = """\
 processes:
@@ -21,58 +32,50 @@ processes:
 
 
 def _interface_name(text):
-    if not re.fullmatch(r"[A-Za-z_]\w*(\.[A-Za-z_]\w*)+", text, re.ASCII):
+    if not re.fullmatch(r"([a-z_][a-z0-9_]*\.)+[A-Za-z_]\w*", text, re.ASCII):
         raise argparse.ArgumentTypeError(
-            f"'{text}' is no interface name; write it like com.example.Thing"
+            f"'{text}' is not supported as a name; write it like com.example.Thing"
         )
     return text
 
 
-def _parser():
+def _arguments():
     parser = argparse.ArgumentParser(
         prog="sdbus++",
         description=DESCRIPTION,
         epilog=EPILOG,
-        # As written: names are not to be cut where a line ends.
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.add_argument(
         "-r",
         "--rootdir",
         default=".",
-        help="directory that the definitions lie below (default: .);"
+        help="directory above the definitions (default: .);"
         " com.example.Thing is in com/example/Thing.interface.yaml",
     )
-    parser.add_argument(
-        "-t",
-        "--templatedir",
-        default=render.TEMPLATES,
-        help="directory of the templates (default: its own)",
-    )
     parser.add_argument("type", choices=["interface"], metavar="interface")
-    parser.add_argument(
-        "process",
-        choices=list(render.PROCESSES),
-        metavar="PROCESS",
-        help="what to make, see below",
-    )
-    parser.add_argument(
-        "name",
-        type=_interface_name,
-        metavar="NAME",
-        help="the interface, for example com.example.Thing",
-    )
-    return parser
+    parser.add_argument("process", choices=list(PROCESSES), metavar="PROCESS")
+    parser.add_argument("name", type=_interface_name, metavar="NAME")
+    return parser.parse_args()
+
+
+def comment(description, indent=""):
+    """A description as a C++ comment; nothing for none."""
+    if not description:
+        return ""
+    first, *rest = textwrap.wrap(description.replace("*/", "* /"), 76 - len(indent))
+    lines = [f"{indent}/** {first}"] + [f"{indent} *  {line}" for line in rest]
+    return "\n".join(lines) + (f"\n{indent} */\n" if rest else " */\n")
 
 
 def main():
     """@return the exit status: 0, or 1 after a line on standard error"""
-    args = _parser().parse_args()
+    arguments = _arguments()
     try:
-        interface = definition.load(args.rootdir, args.name)
-        text = render.render(interface, args.process, args.templatedir)
-    except UserError as error:
+        interface = definition.load(arguments.rootdir, arguments.name)
+    except definition.UserError as error:
         print(f"sdbus++: {error}", file=sys.stderr)
         return 1
-    sys.stdout.write(text)
+    template = Template(filename=str(TEMPLATES / PROCESSES[arguments.process]))
+    sys.stdout.write(template.render(interface=interface, comment=comment))
     return 0

@@ -2,21 +2,19 @@
 #pragma once
 
 #include <sdbusplus/bus.hpp>
-#include <sdbusplus/bus/match_rules.hpp>
 #include <sdbusplus/message.hpp>
 #include <sdbusplus/slot.hpp>
-#include <systemd/sd-bus.h>
 
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 /** A subscription to messages, for as long as the object lives.
  *
- *  The handler is called on the thread that processes the bus. It must not
- *  throw: what leaves it ends the process, because there is nobody above it
- *  who could handle it. A rule that the broker refuses is ignored: the
- *  subscription then never calls.
+ *  The callback runs on the thread that processes the bus. It must not throw:
+ *  an exception that leaves it ends the process. A rule that the broker
+ *  refuses is ignored: the callback is never called.
  */
 namespace sdbusplus::bus
 {
@@ -27,27 +25,34 @@ struct match
 {
     using callback_t = std::function<void(message_t&)>;
 
-    /** Waits for the broker to take the rule. */
-    match(bus_t& bus, const char* rule, callback_t callback);
+    /** Waits until the broker has accepted the rule. */
     match(bus_t& bus, const std::string& rule, callback_t callback);
-    /** The C form: handler(message, context, error). */
-    match(bus_t& bus, const char* rule, sd_bus_message_handler_t handler,
-          void* context = nullptr);
-    match(bus_t& bus, const std::string& rule, sd_bus_message_handler_t handler,
-          void* context = nullptr);
-
-    match(const match&) = delete;
-    match& operator=(const match&) = delete;
-    match(match&&) noexcept = default;
-    match& operator=(match&&) noexcept = default;
-    ~match() = default;
 
   private:
-    slot_t _slot;
     // On the heap: sd-bus keeps its address while the match may move.
     std::unique_ptr<callback_t> _callback;
+    slot_t _slot;
 };
 
+/** The parts of a rule. Each ends with a comma, so that they can be joined:
+ *
+ *      std::string(rules::type::signal()) + rules::member("Changed")
+ */
+namespace rules
+{
+namespace type
+{
+constexpr const char* signal() noexcept
+{
+    return "type='signal',";
+}
+} // namespace type
+
+std::string interface(std::string_view name) noexcept;
+std::string member(std::string_view name) noexcept;
+std::string path(std::string_view path) noexcept;
+
+} // namespace rules
 } // namespace match
 
 using match_t = match::match;

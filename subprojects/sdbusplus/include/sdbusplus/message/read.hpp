@@ -1,226 +1,213 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sdbusplus/message/types.hpp>
 #include <systemd/sd-bus.h>
 
-#include <cstddef>
+#include <cstdint>
+#include <map>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <variant>
+#include <vector>
 
-/** Reading C++ values out of a message.
+/** The types that can be read from a message.
  *
- *  Values are read in order; the first that does not fit ends the reading
- *  with an SdBusError that names the sd-bus call and what was being read,
- *  "sd_bus_message_read_basic string" for one. What was read before it
- *  stays read.
+ *  Type<T>::signature() is the D-Bus signature, Type<T>::read() reads one
+ *  value. Errors name the sd-bus call and what was being read, for example
+ *  "sd_bus_message_read_basic string".
  */
 namespace sdbusplus::message::details
 {
 
 /** The calls into sd-bus; each throws SdBusError(errno, what) on failure. */
 void readBasic(sd_bus_message* msg, char type, void* value, const char* what);
-void enterContainer(sd_bus_message* msg, char type, const char* contents,
+void enterContainer(sd_bus_message* msg, char type, const std::string& contents,
                     const char* what);
 void exitContainer(sd_bus_message* msg, const char* what);
 /** @return whether the container that was entered has no further element */
 bool atEnd(sd_bus_message* msg, const char* what);
-/** @return whether the next value is of that type with those contents */
-bool isNext(sd_bus_message* msg, char type, const char* contents,
-            const char* what);
-void skip(sd_bus_message* msg, const char* types, const char* what);
+/** @return whether the next value is a variant with those contents */
+bool isVariantOf(sd_bus_message* msg, const std::string& contents);
+void skipVariant(sd_bus_message* msg);
 
+/** Declared for the types that can be read. */
 template <typename T>
-struct Reader;
+struct Type;
 
-template <typename T>
-void readOne(sd_bus_message* msg, T& value)
+template <char Letter, typename T>
+struct Number
 {
-    Reader<T>::read(msg, value);
-}
+    static std::string signature()
+    {
+        return {Letter};
+    }
 
-template <types::details::Fundamental T>
-struct Reader<T>
-{
     static void read(sd_bus_message* msg, T& value)
     {
-        readBasic(msg, types::details::basic_type<T>, &value,
-                  "sd_bus_message_read_basic fundamental");
+        readBasic(msg, Letter, &value, "sd_bus_message_read_basic fundamental");
     }
 };
 
 template <>
-struct Reader<unix_fd>
+struct Type<uint8_t> : Number<'y', uint8_t>
 {
-    static void read(sd_bus_message* msg, unix_fd& value)
-    {
-        readBasic(msg, types::details::basic_type<unix_fd>, &value.fd,
-                  "sd_bus_message_read_basic unix_fd");
-    }
+};
+template <>
+struct Type<int16_t> : Number<'n', int16_t>
+{
+};
+template <>
+struct Type<uint16_t> : Number<'q', uint16_t>
+{
+};
+template <>
+struct Type<int32_t> : Number<'i', int32_t>
+{
+};
+template <>
+struct Type<uint32_t> : Number<'u', uint32_t>
+{
+};
+template <>
+struct Type<int64_t> : Number<'x', int64_t>
+{
+};
+template <>
+struct Type<uint64_t> : Number<'t', uint64_t>
+{
+};
+template <>
+struct Type<double> : Number<'d', double>
+{
 };
 
 /** sd-bus gives booleans as int. */
 template <>
-struct Reader<bool>
+struct Type<bool>
 {
+    static std::string signature()
+    {
+        return "b";
+    }
+
     static void read(sd_bus_message* msg, bool& value)
     {
         int wide = 0;
-        readBasic(msg, types::details::basic_type<bool>, &wide,
-                  "sd_bus_message_read_basic bool");
+        readBasic(msg, 'b', &wide, "sd_bus_message_read_basic bool");
         value = wide != 0;
     }
 };
 
 template <>
-struct Reader<std::string>
+struct Type<std::string>
 {
+    static std::string signature()
+    {
+        return "s";
+    }
+
     static void read(sd_bus_message* msg, std::string& value)
     {
         const char* text = nullptr;
-        readBasic(msg, types::details::basic_type<std::string>, &text,
-                  "sd_bus_message_read_basic string");
+        readBasic(msg, 's', &text, "sd_bus_message_read_basic string");
         value = text;
     }
 };
 
-template <types::details::StringWrapper T>
-struct Reader<T>
+/** An array; its elements are added to those that the range has. */
+template <typename Range, typename Element>
+struct Array
 {
-    static void read(sd_bus_message* msg, T& value)
+    static std::string signature()
     {
-        const char* text = nullptr;
-        readBasic(msg, types::details::basic_type<T>, &text,
-                  "sd_bus_message_read_basic string");
-        value.str = text;
+        return "a" + Type<Element>::signature();
     }
-};
 
-/** Elements are added to what the range holds already. */
-template <types::details::Range T>
-requires requires(T& range, types::details::element_t<T>&& element)
-{
-    range.emplace_back(std::move(element));
-}
-struct Reader<T>
-{
-    static void read(sd_bus_message* msg, T& value)
+    static void read(sd_bus_message* msg, Range& range)
     {
-        using Element = types::details::element_t<T>;
-        enterContainer(msg, SD_BUS_TYPE_ARRAY,
-                       types::details::signature_of<Element>.data(),
+        enterContainer(msg, SD_BUS_TYPE_ARRAY, Type<Element>::signature(),
                        "sd_bus_message_enter_container "
                        "emplace_back_container");
         while (!atEnd(msg, "sd_bus_message_at_end emplace_back_container"))
         {
             Element element{};
-            readOne(msg, element);
-            value.emplace_back(std::move(element));
+            Type<Element>::read(msg, element);
+            range.insert(range.end(), std::move(element));
         }
         exitContainer(msg, "sd_bus_message_exit_container "
                            "emplace_back_container");
     }
 };
 
-/** Maps and sets: of equal keys the first stays. */
-template <types::details::Range T>
-requires requires
+template <typename T>
+struct Type<std::vector<T>> : Array<std::vector<T>, T>
 {
-    typename T::key_type;
-}
-struct Reader<T>
+};
+template <typename Key, typename Value>
+struct Type<std::map<Key, Value>> :
+    Array<std::map<Key, Value>, std::pair<Key, Value>>
 {
-    static void read(sd_bus_message* msg, T& value)
-    {
-        using Element = types::details::element_t<T>;
-        enterContainer(msg, SD_BUS_TYPE_ARRAY,
-                       types::details::signature_of<Element>.data(),
-                       "sd_bus_message_enter_container emplace_container");
-        while (!atEnd(msg, "sd_bus_message_at_end emplace_container"))
-        {
-            Element element{};
-            readOne(msg, element);
-            value.emplace(std::move(element));
-        }
-        exitContainer(msg, "sd_bus_message_exit_container emplace_container");
-    }
 };
 
+/** An entry of a dictionary. */
 template <typename First, typename Second>
-struct Reader<std::pair<First, Second>>
+struct Type<std::pair<First, Second>>
 {
+    static std::string contents()
+    {
+        return Type<First>::signature() + Type<Second>::signature();
+    }
+
+    static std::string signature()
+    {
+        return "{" + contents() + "}";
+    }
+
     static void read(sd_bus_message* msg, std::pair<First, Second>& value)
     {
-        enterContainer(msg, SD_BUS_TYPE_DICT_ENTRY,
-                       types::details::signature_of<First, Second>.data(),
+        enterContainer(msg, SD_BUS_TYPE_DICT_ENTRY, contents(),
                        "sd_bus_message_enter_container pair");
-        readOne(msg, value.first);
-        readOne(msg, value.second);
+        Type<First>::read(msg, value.first);
+        Type<Second>::read(msg, value.second);
         exitContainer(msg, "sd_bus_message_exit_container pair");
     }
 };
 
-template <typename... Ts>
-struct Reader<std::tuple<Ts...>>
-{
-    static void read(sd_bus_message* msg, std::tuple<Ts...>& value)
-    {
-        enterContainer(msg, SD_BUS_TYPE_STRUCT,
-                       types::details::signature_of<Ts...>.data(),
-                       "sd_bus_message_enter_container tuple");
-        std::apply(
-            [msg](auto&... each)
-            {
-                (readOne(msg, each), ...);
-            },
-            value);
-        exitContainer(msg, "sd_bus_message_exit_container tuple");
-    }
-};
-
-/** The first alternative whose signature is that of the content is taken. A
- *  variant with other content is skipped and the value becomes an empty
- *  alternative 0, so that nothing of an earlier value is taken for the answer.
+/** The first alternative with the signature of the content is taken. Any other
+ *  content is skipped, and the value becomes an empty alternative 0.
  */
 template <typename... Ts>
-struct Reader<std::variant<Ts...>>
+struct Type<std::variant<Ts...>>
 {
+    static std::string signature()
+    {
+        return "v";
+    }
+
     static void read(sd_bus_message* msg, std::variant<Ts...>& value)
     {
-        if (!readFirstFit(msg, value, std::index_sequence_for<Ts...>()))
+        if (!(readIfFits<Ts>(msg, value) || ...))
         {
-            skip(msg, "v", "sd_bus_message_skip variant");
+            skipVariant(msg);
             value.template emplace<0>();
         }
     }
 
   private:
-    template <size_t... Index>
-    static bool readFirstFit(sd_bus_message* msg, std::variant<Ts...>& value,
-                             std::index_sequence<Index...> /*alternatives*/)
-    {
-        return (readIfFits<Index>(msg, value) || ...);
-    }
-
-    template <size_t Index>
+    template <typename T>
     static bool readIfFits(sd_bus_message* msg, std::variant<Ts...>& value)
     {
-        using Alternative =
-            std::variant_alternative_t<Index, std::variant<Ts...>>;
-        const char* contents = types::details::signature_of<Alternative>.data();
-        if (!isNext(msg, SD_BUS_TYPE_VARIANT, contents,
-                    "sd_bus_message_verify_type variant"))
+        const auto contents = Type<T>::signature();
+        if (!isVariantOf(msg, contents))
         {
             return false;
         }
         enterContainer(msg, SD_BUS_TYPE_VARIANT, contents,
                        "sd_bus_message_enter_container variant");
-        Alternative held{};
-        readOne(msg, held);
+        T content{};
+        Type<T>::read(msg, content);
         exitContainer(msg, "sd_bus_message_exit_container variant");
-        value.template emplace<Index>(std::move(held));
+        value = std::move(content);
         return true;
     }
 };

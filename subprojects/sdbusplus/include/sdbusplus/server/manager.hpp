@@ -14,7 +14,7 @@ namespace manager
 
 struct manager
 {
-    /** A path that cannot have one (malformed, taken) is ignored. */
+    /** A malformed path, or one that has a manager, is ignored. */
     manager(bus_t& bus, const char* path);
 
   private:

@@ -11,10 +11,9 @@ namespace test
 namespace
 {
 
-// One thread at a time: tests set it and make the call on the same thread.
-thread_local std::string failing;
-thread_local int failure = 0;
-thread_local int goodCalls = 0;
+std::string failing;
+int failure = 0;
+int goodCalls = 0;
 
 bool failsNow(const char* name)
 {
@@ -27,7 +26,7 @@ bool failsNow(const char* name)
 }
 
 template <typename... Args>
-int handOn(const char* name, Args... args)
+int forward(const char* name, Args... args)
 {
     if (failsNow(name))
     {
@@ -55,38 +54,38 @@ FailingCall::~FailingCall()
 
 int sd_bus_message_at_end(sd_bus_message* m, int complete)
 {
-    return test::handOn("sd_bus_message_at_end", m, complete);
+    return test::forward("sd_bus_message_at_end", m, complete);
 }
 
 int sd_bus_message_enter_container(sd_bus_message* m, char type,
                                    const char* contents)
 {
-    return test::handOn("sd_bus_message_enter_container", m, type, contents);
+    return test::forward("sd_bus_message_enter_container", m, type, contents);
 }
 
 int sd_bus_message_exit_container(sd_bus_message* m)
 {
-    return test::handOn("sd_bus_message_exit_container", m);
+    return test::forward("sd_bus_message_exit_container", m);
 }
 
 int sd_bus_message_read_basic(sd_bus_message* m, char type, void* value)
 {
-    return test::handOn("sd_bus_message_read_basic", m, type, value);
+    return test::forward("sd_bus_message_read_basic", m, type, value);
 }
 
 int sd_bus_message_verify_type(sd_bus_message* m, char type,
                                const char* contents)
 {
-    return test::handOn("sd_bus_message_verify_type", m, type, contents);
+    return test::forward("sd_bus_message_verify_type", m, type, contents);
 }
 
 int sd_bus_message_new_method_return(sd_bus_message* call,
                                      sd_bus_message** reply)
 {
-    return test::handOn("sd_bus_message_new_method_return", call, reply);
+    return test::forward("sd_bus_message_new_method_return", call, reply);
 }
 
 int sd_bus_send(sd_bus* bus, sd_bus_message* m, uint64_t* cookie)
 {
-    return test::handOn("sd_bus_send", bus, m, cookie);
+    return test::forward("sd_bus_send", bus, m, cookie);
 }

@@ -3,18 +3,16 @@
 
 #include <string>
 
-/** Failures of libsystemd that no real bus can be brought to on request.
- *
- *  The test program puts itself between the library and libsystemd for a few
- *  calls and hands them on, except for one that it is told to let fail.
+/** Failures of libsystemd that no real bus produces on request: the test
+ *  program defines a few of its calls and forwards them, except the failing
+ *  one.
  */
 namespace test
 {
 
-/** The named call answers once with that negative errno, after having been
- *  handed on that many times; never after this object's end.
- *
- *  Once, because libsystemd makes some of these calls itself.
+/** The named call returns that negative errno, once, after it was forwarded
+ *  `goodCallsBefore` times. Only once, because libsystemd makes some of these
+ *  calls itself.
  */
 class FailingCall
 {
