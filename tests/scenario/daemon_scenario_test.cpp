@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,23 @@ std::string outputOf(const std::string& command)
         text.append(buffer.data(), got);
     }
     return text;
+}
+
+/** The timeline in README.md, a line each, without the times. */
+std::vector<std::string> excerptOfReadme()
+{
+    const std::regex event(R"( +\d+\.\d{3}(  .*))");
+    std::ifstream readme(README_FILE);
+    std::vector<std::string> lines;
+    std::smatch match;
+    for (std::string line; std::getline(readme, line);)
+    {
+        if (std::regex_match(line, match, event))
+        {
+            lines.push_back(match[1].str() + '\n');
+        }
+    }
+    return lines;
 }
 
 class HostPower : public Scenario
@@ -420,6 +438,14 @@ TEST_F(Installed, ProgramPlaysTheStoryAndEndsWith0)
                                  "EndpointType ", "Slot ", "DevicePath "})
     {
         EXPECT_THAT(told, testing::HasSubstr(property));
+    }
+    const auto excerpt = excerptOfReadme();
+    EXPECT_FALSE(excerpt.empty());
+    std::size_t at = 0;
+    for (const auto& line : excerpt)
+    {
+        at = told.find(line, at);
+        ASSERT_NE(at, std::string::npos) << "update README.md: " << line;
     }
 }
 
