@@ -85,8 +85,15 @@ class Unit(unittest.TestCase):
         self.assertIn("/no/such is not executable", " ".join(said))
 
     def test_leaves_an_exposure_of_at_most_1_1(self):
-        done = analyze("security", "--offline=true", "--threshold=11", UNIT)
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        for unit in (UNIT, RETURN_UNIT):
+            with self.subTest(unit=unit.name):
+                done = analyze("security", "--offline=true", "--threshold=11", unit)
+                self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+    def test_writes_no_core_files(self):
+        for unit in (UNIT, RETURN_UNIT):
+            with self.subTest(unit=unit.name):
+                self.assertIn(["LimitCORE", "0"], settings(unit))
 
     def test_would_leave_more_without_its_filter_of_system_calls(self):
         unit = self.root / "morrow.service"
