@@ -5,7 +5,7 @@
 Usage: check_documents.py [TREE]
 
 Each relative link of a Markdown file leads to a file and, with #..., to a
-heading; each `scripts/...` is a script; the tables of options in
+heading; each path of the tree exists; the tables of options in
 docs/building.md have Meson's options; the tables in docs/dbus.md have the
 members of the interface. Prints one line for each error.
 """
@@ -16,7 +16,10 @@ from pathlib import Path
 
 INTERFACE = "yaml/xyz/openbmc_project/mctp/Endpoint.interface.yaml"
 LINK = re.compile(r"\[[^\]]*\]\((?!https?:)([^)#\s]*)(#[^)\s]*)?\)")
-SCRIPT = re.compile(r"(?<![\w/.])scripts/[\w./-]*[\w-]")
+PATH = re.compile(
+    r"(?<![\w/.<-])(?:board|docs|man|morrow|packaging|platform|scenarios|scripts"
+    r"|subprojects|tests|tools|virtual-board|yaml)/[\w./-]*\w"
+)
 CODE = re.compile(r"^    .*$|`[^`\n]*`", re.MULTILINE)
 # Each document with a table, and what its first column has to list.
 TABLES = {
@@ -42,9 +45,9 @@ def errors_of(tree, document):
             yield f"links to {file}, which does not exist"
         elif heading and heading not in headings_of(target.read_text("utf-8")):
             yield f"links to {file}{heading}, which has no such heading"
-    for script in sorted(set(SCRIPT.findall(text))):
-        if not (tree / script).exists():
-            yield f"names {script}, which does not exist"
+    for path in sorted(set(PATH.findall(text))):
+        if not (tree / path).exists():
+            yield f"names {path}, which does not exist"
     source, pattern = TABLES.get(str(document.relative_to(tree)), (None, None))
     if source:
         defined = set(
