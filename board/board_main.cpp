@@ -24,17 +24,16 @@ namespace
 {
 
 constexpr auto about =
-    "Play the daemon's life on a simulated board and watch it: a private\n"
+    "Run the unmodified daemon on a simulated board and watch it: a private\n"
     "system bus, an I3C driver with two controllers, the MCTP endpoints "
     "behind\n"
-    "them and the host. The daemon is the installed one, unmodified.\n"
+    "them and the host.\n"
     "\n"
-    "The host is off; the daemon gets ready; the host runs; two endpoints are\n"
-    "discovered and published; the host goes off; they are withdrawn; two\n"
-    "SIGTERMs end the daemon. This takes about five seconds. Or tell the\n"
-    "story yourself: by hand with --shell, from a file with --play; the "
-    "command\n"
-    "\"help\" tells the words.\n"
+    "It plays a scenario, power-cycle by default: the daemon starts, the host\n"
+    "runs, both endpoints are published, the host goes off and runs again, "
+    "the\n"
+    "daemon is stopped. With --shell you give the commands; \"help\" lists "
+    "them.\n"
     "\n"
     "With a COMMAND, a client of the daemon or its tests, it runs that against "
     "a\n"
@@ -47,11 +46,11 @@ constexpr auto about =
     "nothing is left behind, however it ends.";
 
 constexpr auto notes =
-    "\nExit status: 0 all went as told, 1 it did not or could not, 2 wrong\n"
-    "usage, 130 interrupted. With a COMMAND it is that of COMMAND, 128+N "
-    "after\n"
-    "signal N, or 125 no board, 126 COMMAND cannot be run, 127 it is not "
-    "found.\n"
+    "\nExit status: 0 passed, 1 failed, 2 wrong usage, 130 interrupted. With "
+    "a\n"
+    "COMMAND it is that of COMMAND, 128+N after signal N, or 125 no board, "
+    "126\n"
+    "COMMAND cannot be run, 127 it is not found.\n"
     "NO_COLOR in the environment turns colour off.\n"
     "\n"
     "Examples:\n"
@@ -97,8 +96,8 @@ std::vector<std::string> takeClient(std::vector<std::string>& arguments)
     return client;
 }
 
-/** A reader that is gone and a file that is full are failed writes, which are
- *  told or do not matter; the board goes on. */
+/** A reader that is gone and a full file are failed writes, which are reported
+ *  or do not matter; the board goes on. */
 void keepGoingOnFailedWrites()
 {
     for (const auto number : {SIGPIPE, SIGXFSZ})
@@ -137,13 +136,16 @@ void addOptions(CLI::App& app, board::ProgramOptions& options)
                    "its bus policy, instead of the installed one")
         ->type_name("FILE")
         ->check(named());
-    app.add_option(
-           "--play", options.play,
-           "play the story in this file instead, or on standard input: -")
+    app.add_option("--play", options.play,
+                   "play the scenario in this file, or on standard input: -")
         ->type_name("FILE")
         ->check(named());
     app.add_flag("--shell", options.shell,
-                 "drive the board by hand: a prompt, or lines from a pipe");
+                 "take commands at a prompt, or from a pipe");
+    app.add_option("--parse", options.parse,
+                   "print the scenario in this file as JSON, and exit")
+        ->type_name("FILE")
+        ->check(named());
     app.add_option("--save", options.save,
                    "save the timeline in this file, an event a line, as JSON")
         ->type_name("FILE")
@@ -178,7 +180,7 @@ int refuse(const CLI::App& app, const CLI::ParseError& error)
     board::put(stdout, help.str());
     static_cast<void>(
         std::fputs(board::withoutControls(wrong.str()).c_str(), stderr));
-    return static_cast<int>(isHelp ? board::Status::asTold
+    return static_cast<int>(isHelp ? board::Status::passed
                                    : board::Status::wrongUsage);
 }
 
@@ -197,7 +199,14 @@ int runAsAsked(std::vector<std::string> arguments,
     try
     {
         parse(app, std::move(arguments), options);
-        status = run(options);
+        if (options.parse.empty())
+        {
+            status = run(options);
+        }
+        else
+        {
+            board::parseScenario(options.parse);
+        }
     }
     catch (const CLI::ParseError& error)
     {
@@ -221,8 +230,7 @@ int main(int argc, char** argv)
         const auto line = board::withoutControls(error.what(), "\t");
         static_cast<void>(
             std::fprintf(stderr, "morrow-board: %s\n", line.c_str()));
-        return options.client.empty()
-                   ? static_cast<int>(board::Status::differed)
-                   : board::client_status::noBoard;
+        return options.client.empty() ? static_cast<int>(board::Status::failed)
+                                      : board::client_status::noBoard;
     }
 }

@@ -4,18 +4,21 @@
 #include "board/commands/commands.hpp"
 #include "board/commands/line_editor.hpp"
 #include "board/commands/piped_lines.hpp"
-#include "board/commands/script.hpp"
+#include "board/commands/scenario.hpp"
 #include "board/commands/shell.hpp"
 #include "board/process/client.hpp"
 #include "board/process/interruption.hpp"
 #include "board/process/sandbox.hpp"
-#include "board/story.hpp"
 #include "board/timeline/saved_timeline.hpp"
 #include "board/util/plain_text.hpp"
+#include "board/util/standard_streams.hpp"
 
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -31,30 +34,36 @@ namespace board
 namespace
 {
 
-// What a client finds unless a scenario is given: the host runs, its state
-// service is there, and the daemon has published both endpoints.
+// What a client finds by default: the host runs, its state service is there,
+// and the daemon has published both endpoints.
 constexpr auto clientsBoard = "host Running\n"
                               "daemon start\n"
-                              "await published 29\n"
-                              "await published 157\n"
+                              "wait published 29\n"
+                              "wait published 157\n"
                               "expect endpoints 29 157\n";
 
 struct Verdict
 {
-    int status = static_cast<int>(Status::differed);
+    int status = static_cast<int>(Status::failed);
     std::string line; //!< empty: there is nothing to say
 };
 
 /** Drives a new board to the end. */
 using Drive = std::function<Verdict(Board&)>;
 
-Verdict asTold(const std::string& line)
+/** "4.9 s" */
+std::string secondsOf(Time time)
 {
-    return {static_cast<int>(Status::asTold), line};
+    std::array<char, 64> text{};
+    static_cast<void>(
+        std::snprintf(text.data(), text.size(), "%.1f s",
+                      std::chrono::duration<double>(time).count()));
+    return text.data();
 }
 
+/** @param name that of the scenario */
 Verdict verdictOf(Timeline& timeline, const ProgramOptions& options,
-                  const Drive& drive)
+                  const std::string& name, const Drive& drive)
 {
     try
     {
@@ -66,14 +75,19 @@ Verdict verdictOf(Timeline& timeline, const ProgramOptions& options,
         return {static_cast<int>(Status::interrupted),
                 "Interrupted; nothing is left behind."};
     }
+    catch (const commands::CommandFailed& failure)
+    {
+        return {static_cast<int>(Status::failed),
+                std::string("FAIL ") + failure.what()};
+    }
     catch (const std::exception& error)
     {
         if (!options.client.empty())
         {
             return {client_status::noBoard, error.what()};
         }
-        return {static_cast<int>(Status::differed),
-                std::string("Not as told: ") + error.what() + "."};
+        return {static_cast<int>(Status::failed),
+                "FAIL " + name + ": " + error.what()};
     }
 }
 
@@ -93,7 +107,7 @@ void show(const Verdict& verdict, const ProgramOptions& options)
         }
         return;
     }
-    const std::string colour(verdict.status == static_cast<int>(Status::asTold)
+    const std::string colour(verdict.status == static_cast<int>(Status::passed)
                                  ? "\033[1;32m"
                                  : "\033[1;31m");
     const auto line = withoutControls(verdict.line, "\t");
@@ -101,10 +115,10 @@ void show(const Verdict& verdict, const ProgramOptions& options)
                "\n");
 }
 
-/** Whether saving would overwrite the story itself, by whatever name. */
-bool isStory(const std::filesystem::path& save, const std::string& play)
+/** Whether saving would overwrite the scenario itself, by any name. */
+bool isScenario(const std::filesystem::path& save, const std::string& play)
 {
-    std::error_code none; // what is not there is no story
+    std::error_code none; // what is not there is no scenario
     return std::filesystem::is_regular_file(save, none) &&
            std::filesystem::equivalent(save, play == "-" ? "/dev/stdin" : play,
                                        none);
@@ -116,20 +130,31 @@ std::optional<SaveFile> saveFileOf(const ProgramOptions& options)
     {
         return {};
     }
-    if (!options.play.empty() && isStory(options.save, options.play))
+    if (!options.play.empty() && isScenario(options.save, options.play))
     {
         throw Error("cannot save the timeline in " + options.save +
-                    ": it is the story that is played; name another file with "
-                    "--save");
+                    ": it is the scenario; name another file with --save");
     }
     return SaveFile(options.save);
 }
 
-std::optional<commands::Script> scriptOf(const ProgramOptions& options)
+std::optional<commands::Scenario> scenarioOf(const ProgramOptions& options)
 {
-    return options.play.empty() ? std::nullopt
-                                : std::optional(commands::Script::of(
-                                      options.play, commands::allCommands()));
+    if (options.play.empty() && (options.shell || !options.client.empty()))
+    {
+        return {};
+    }
+    auto scenario = commands::Scenario::of(
+        options.play.empty() ? options.board.installation.scenario.string()
+                             : options.play,
+        commands::allCommands());
+    if ((scenario.targets() & commands::target::simulated) == 0)
+    {
+        throw Error(scenario.name() + ": it is for the targets " +
+                    commands::namesOf(scenario.targets()) +
+                    " alone: run it with scripts/scenarios");
+    }
+    return scenario;
 }
 
 bool isTerminal()
@@ -167,43 +192,45 @@ Verdict byHand(commands::Session& session, commands::Lines& lines,
                Interruption& interruption)
 {
     runShell(session, lines, interruption);
-    return asTold("The board has ended; nothing is left behind.");
+    return {static_cast<int>(Status::passed),
+            "The board has ended; nothing is left behind."};
 }
 
-Verdict byScript(commands::Session& session, const commands::Script& script)
+Verdict byScenario(commands::Session& session,
+                   const commands::Scenario& scenario)
 {
-    script.play(session);
-    return asTold("As told: " + script.name() + ", " +
-                  std::to_string(script.size()) + " commands, in " +
-                  secondsOf(session.board().timeline().now()) + ".");
+    scenario.play(session);
+    return {static_cast<int>(Status::passed),
+            "PASS " + scenario.name() + " (" +
+                secondsOf(session.board().timeline().now()) + ")"};
 }
 
 /** Brings the board into the state that a client finds.
  *  @throws Error when that fails */
 void prepare(commands::Session& session,
-             const std::optional<commands::Script>& script)
+             const std::optional<commands::Scenario>& scenario)
 try
 {
-    if (script)
+    if (scenario)
     {
-        script->play(session);
+        scenario->play(session);
         return;
     }
-    commands::Script("built in", clientsBoard, commands::allCommands())
+    commands::Scenario("built in", clientsBoard, commands::allCommands())
         .play(session);
 }
-catch (const commands::LineFailed& failure)
+catch (const commands::CommandFailed& failure)
 {
     throw Error(std::string("the board does not get ready for the client: ") +
                 failure.what() + "; --verbose shows what happened");
 }
 
 Verdict byClient(commands::Session& session, const ProgramOptions& options,
-                 const std::optional<commands::Script>& script,
+                 const std::optional<commands::Scenario>& scenario,
                  Interruption& interruption)
 try
 {
-    prepare(session, script);
+    prepare(session, scenario);
     auto& daemon = session.board().daemon();
     const auto hadDaemon = daemon.running();
     const auto status =
@@ -222,19 +249,18 @@ catch (const CannotRun& failure)
 }
 
 Verdict drive(commands::Session& session, const ProgramOptions& options,
-              const std::optional<commands::Script>& script,
+              const std::optional<commands::Scenario>& scenario,
               commands::Lines& lines, Interruption& interruption)
 {
     if (!options.client.empty())
     {
-        return byClient(session, options, script, interruption);
+        return byClient(session, options, scenario, interruption);
     }
     if (options.shell)
     {
         return byHand(session, lines, interruption);
     }
-    return script ? byScript(session, *script)
-                  : asTold(playStory(session.board()));
+    return byScenario(session, scenario.value());
 }
 
 } // namespace
@@ -242,8 +268,8 @@ Verdict drive(commands::Session& session, const ProgramOptions& options,
 int run(const ProgramOptions& options)
 {
     // Files are opened before the sandbox hides what the user sees; that of an
-    // earlier timeline is emptied only once there is a story to play.
-    const auto script = scriptOf(options);
+    // earlier timeline is emptied only once there is a scenario to play.
+    const auto scenario = scenarioOf(options);
     auto file = saveFileOf(options);
     const auto prompts = options.shell && isTerminal();
     sandbox::enter();
@@ -268,11 +294,11 @@ int run(const ProgramOptions& options)
             write(text);
         };
         verdict = verdictOf(
-            timeline, options,
+            timeline, options, scenario ? scenario->name() : "shell",
             [&](Board& board)
             {
                 commands::Session session(board, commands::allCommands(), say);
-                return drive(session, options, script, *lines, interruption);
+                return drive(session, options, scenario, *lines, interruption);
             });
     }
     if (!options.client.empty())
@@ -285,6 +311,12 @@ int run(const ProgramOptions& options)
         saved->finish();
     }
     return verdict.status;
+}
+
+void parseScenario(const std::string& file)
+{
+    put(stdout,
+        commands::Scenario::of(file, commands::allCommands()).asJson() + "\n");
 }
 
 } // namespace board

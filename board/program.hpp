@@ -7,10 +7,9 @@
 #include <string>
 #include <vector>
 
-/** What morrow-board does once its command line is understood: it makes a
- *  board in a sandbox, drives it by the built-in story, by a story from a file
- *  or by hand, or runs a client against it, shows and saves the timeline, and
- *  tells how it went.
+/** What morrow-board does once its command line is parsed: it makes a board in
+ * a sandbox, plays a scenario on it, lets the user drive it, or runs a client
+ *  against it, and shows and saves the timeline.
  */
 namespace board
 {
@@ -19,8 +18,8 @@ namespace board
  *         client_status as well, and the client's own. */
 enum class Status
 {
-    asTold = 0,
-    differed = 1,
+    passed = 0,
+    failed = 1,
     wrongUsage = 2,
     interrupted = 130,
 };
@@ -31,8 +30,9 @@ struct ProgramOptions
     BoardOptions board;
     PrintStyle style;
     std::string save; //!< the file to save the timeline in; may be empty
-    std::string play; //!< the story's file, or "-"; empty: the built-in one
-    bool shell = false; //!< drive it by hand instead
+    std::string play; //!< the scenario's file, or "-"; empty: the default one
+    std::string parse; //!< the file to print as JSON instead; may be empty
+    bool shell = false; //!< let the user drive it instead
     /** A client to run, and its arguments; may be empty. A scenario to play
      *  then brings the board into the state that the client finds. */
     std::vector<std::string> client;
@@ -42,5 +42,9 @@ struct ProgramOptions
  *  @return the exit status
  *  @throws Error when it cannot begin, or cannot save the timeline */
 int run(const ProgramOptions& options);
+
+/** @brief Parse a scenario's file and write it to standard output as JSON.
+ *  @throws Error when it is malformed */
+void parseScenario(const std::string& file);
 
 } // namespace board

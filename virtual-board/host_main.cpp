@@ -3,10 +3,10 @@
 /** morrow-host: the host-state service of a board that has none.
  *
  *  It plays the host on this machine's own system bus: the property
- *  CurrentHostState and the announcements of power states and resets. Lines on
- *  standard input tell it what to do, in the words that the simulated board
- *  has after "host"; each is answered on standard output, with "done" or with
- *  what was wrong. It ends with its input.
+ *  CurrentHostState and the announcements of power states and resets. Standard
+ *  input has the commands "host", "power" and "reset" of scenarios, one on each
+ *  line; each is answered on standard output, with "done" or with an error. It
+ *  ends with its input.
  */
 
 #include "board/host/host.hpp"
@@ -37,7 +37,7 @@ board::Words wordsOf(const std::string& line)
 std::string answer(board::Host& host, const std::string& line)
 try
 {
-    board::hostDeeds().understand(wordsOf(line))(host);
+    board::hostAction(wordsOf(line))(host);
     return "done";
 }
 catch (const board::Error& error)

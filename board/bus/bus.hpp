@@ -108,9 +108,9 @@ class Bus
 };
 
 /** @brief What happens to the bus. */
-using BusDeed = std::function<void(Bus&)>;
+using BusAction = std::function<void(Bus&)>;
 
 /** @brief What can be said of the bus in words, e.g. "broker-dies". */
-[[nodiscard]] const Vocabulary<BusDeed>& busDeeds();
+[[nodiscard]] const Vocabulary<BusAction>& busActions();
 
 } // namespace board

@@ -6,6 +6,8 @@
 #include <cctype>
 #include <csignal>
 #include <iterator>
+#include <set>
+#include <utility>
 
 namespace board::commands
 {
@@ -22,7 +24,7 @@ EndpointControl endpoint(Session& session, const Values& values)
     return session.board().endpoint(controllerOf(values.front()));
 }
 
-std::vector<Command> hostCommands()
+std::vector<Command> hostStateCommand()
 {
     return {
         {Pattern("host STATE"),
@@ -31,19 +33,34 @@ std::vector<Command> hostCommands()
          {
              session.board().host().goesTo(values[0]);
          }},
-        {Pattern("power POWER"),
-         "InternalPowerState is announced once, e.g. StateS5.",
-         [](Session& session, const Values& values)
-         {
-             session.board().host().entersPowerState(values[0]);
-         }},
-        {Pattern("reset CAUSE"),
-         "ResetCause is announced once, e.g. WarmReset.",
-         [](Session& session, const Values& values)
-         {
-             session.board().host().isReset(values[0]);
-         }},
     };
+}
+
+std::vector<Command> on(Targets targets, std::vector<Command> commands)
+{
+    for (auto& command : commands)
+    {
+        command.targets = targets;
+    }
+    return commands;
+}
+
+/** Leaves out of the virtual board what its kernel module cannot do: all but
+ *  these commands, and these with optional values.
+ *  @param values how many the pattern asks for */
+std::vector<Command> onVirtualBoardOnly(const std::set<std::string>& patterns,
+                                        std::size_t values,
+                                        std::vector<Command> commands)
+{
+    for (auto& command : commands)
+    {
+        if (patterns.count(command.pattern.text()) == 0)
+        {
+            command.targets = target::simulated | target::service;
+        }
+        command.valuesOnVirtualBoard = values;
+    }
+    return commands;
 }
 
 /** A sentence for the help. */
@@ -88,13 +105,19 @@ std::vector<Command> commandsOf(const std::string& beginning,
     return all;
 }
 
-std::vector<Command> oddHostCommands()
+std::vector<Command> hostCommands()
 {
-    return commandsOf("host ", hostDeeds(), 0,
-                      [](Session& session, const Values&, const HostDeed& deed)
-                      {
-                          deed(session.board().host());
-                      });
+    const auto apply =
+        [](Session& session, const Values&, const HostAction& action)
+    {
+        action(session.board().host());
+    };
+    auto all = commandsOf("host ", hostActions(), 0, apply);
+    for (auto& command : commandsOf("", announcements(), 0, apply))
+    {
+        all.push_back(std::move(command));
+    }
+    return all;
 }
 
 std::vector<Command> eids()
@@ -111,54 +134,78 @@ std::vector<Command> eids()
 
 std::vector<Command> endpointCommands()
 {
-    return commandsOf("endpoint CONTROLLER ", behaviours(), 1,
-                      [](Session& session, const Values& values,
-                         const Endpoint::Behaviour& behaviour)
-                      {
-                          endpoint(session, values).behaves(behaviour);
-                      });
+    return onVirtualBoardOnly(
+        {"endpoint CONTROLLER answering", "endpoint CONTROLLER silent",
+         "endpoint CONTROLLER short [BYTES]",
+         "endpoint CONTROLLER wrong-type [TYPE]",
+         "endpoint CONTROLLER wrong-command [COMMAND]",
+         "endpoint CONTROLLER error [CODE]"},
+        1,
+        commandsOf("endpoint CONTROLLER ", behaviours(), 1,
+                   [](Session& session, const Values& values,
+                      const Endpoint::Behaviour& behaviour)
+                   {
+                       endpoint(session, values).behaves(behaviour);
+                   }));
 }
 
 std::vector<Command> controllerCommands()
 {
-    return commandsOf(
-        "controller CONTROLLER ", controllerDeeds(), 1,
-        [](Session& session, const Values& values, const ControllerDeed& deed)
-        {
-            auto told = controller(session, values);
-            deed(told);
-        });
+    return onVirtualBoardOnly(
+        {"controller CONTROLLER default",
+         "controller CONTROLLER never-comes-up",
+         "controller CONTROLLER comes-up-after MS",
+         "controller CONTROLLER refuses-bind ERRNO"},
+        2,
+        commandsOf("controller CONTROLLER ", controllerActions(), 1,
+                   [](Session& session, const Values& values,
+                      const ControllerAction& action)
+                   {
+                       auto changed = controller(session, values);
+                       action(changed);
+                   }));
 }
 
 std::vector<Command> busCommands()
 {
-    return commandsOf("bus ", busDeeds(), 0,
-                      [](Session& session, const Values&, const BusDeed& deed)
-                      {
-                          deed(session.board().bus());
-                      });
+    auto all =
+        commandsOf("bus ", busActions(), 0,
+                   [](Session& session, const Values&, const BusAction& action)
+                   {
+                       action(session.board().bus());
+                   });
+    for (auto& command : all)
+    {
+        // The broker is the system's on the other targets.
+        command.targets = command.pattern.text().starts_with("bus name-")
+                              ? target::simulated | target::service
+                              : target::simulated;
+    }
+    return all;
 }
 
 std::vector<Command> platformCommands()
 {
-    return commandsOf(
-        "platform ", platformDeeds(), 0,
-        [](Session& session, const Values&, const PlatformDeed& deed)
-        {
-            auto values = session.board().platformValues();
-            deed(values);
-        });
+    return on(target::simulated,
+              commandsOf("platform ", platformActions(), 0,
+                         [](Session& session, const Values&,
+                            const PlatformAction& action)
+                         {
+                             auto values = session.board().platformValues();
+                             action(values);
+                         }));
 }
 
 std::vector<Command> driverCommands()
 {
-    return commandsOf(
-        "driver ", driverDeeds(), 0,
-        [](Session& session, const Values&, const DriverDeed& deed)
-        {
-            auto files = session.board().driverFiles();
-            deed(files);
-        });
+    return on(target::simulated | target::service,
+              commandsOf("driver ", driverActions(), 0,
+                         [](Session& session, const Values&,
+                            const DriverAction& action)
+                         {
+                             auto files = session.board().driverFiles();
+                             action(files);
+                         }));
 }
 
 void showDaemon(Session& session)
@@ -182,7 +229,7 @@ std::vector<Command> daemonCommands()
          {
              const auto before = session.board().timeline().size();
              session.board().daemon().start();
-             // What an earlier one did is no answer to any await after this.
+             // What an earlier one did does not count for a later wait.
              session.lookFrom(before);
          }},
         {Pattern("daemon stop"),
@@ -190,17 +237,23 @@ std::vector<Command> daemonCommands()
          "has none); wait for its end.",
          [](Session& session, const Values&)
          {
-             static_cast<void>(session.board().stopDaemon(session.limit()));
-         }},
-        {Pattern("daemon term"), "Send it one SIGTERM.",
-         [](Session& session, const Values&)
-         {
-             session.board().daemon().terminate();
+             static_cast<void>(session.board().stopDaemon(session.timeout()));
          }},
         {Pattern("daemon kill"), "Send it SIGKILL.",
          [](Session& session, const Values&)
          {
              session.board().daemon().signal(SIGKILL);
+         }},
+    };
+}
+
+std::vector<Command> processCommands()
+{
+    return {
+        {Pattern("daemon term"), "Send it one SIGTERM.",
+         [](Session& session, const Values&)
+         {
+             session.board().daemon().terminate();
          }},
         {Pattern("daemon status"),
          "Show whether it runs, and what it waits in.",
@@ -220,13 +273,14 @@ std::vector<Command> daemonCommands()
 
 } // namespace
 
-std::vector<Command> deeds()
+std::vector<Command> actions()
 {
     std::vector<Command> all;
     for (const auto& group :
-         {hostCommands(), oddHostCommands(), eids(), endpointCommands(),
+         {hostStateCommand(), hostCommands(), eids(), endpointCommands(),
           controllerCommands(), driverCommands(), busCommands(),
-          platformCommands(), daemonCommands()})
+          platformCommands(), daemonCommands(),
+          on(target::simulated, processCommands())})
     {
         all.insert(all.end(), group.begin(), group.end());
     }

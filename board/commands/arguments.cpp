@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/commands/arguments.hpp"
 
+#include "board/commands/target.hpp"
+#include "board/commands/vocabulary.hpp"
 #include "board/endpoint/behaviours.hpp"
 #include "board/host/host.hpp"
 #include "board/kernel/i3c_driver.hpp"
@@ -8,7 +10,6 @@
 #include "board/util/plain_text.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <optional>
@@ -27,19 +28,10 @@ constexpr unsigned greatestCount = 1'000'000;
 /** A number from 0 on, decimal or 0x... */
 std::optional<unsigned> numberOf(std::string_view word, unsigned greatest)
 {
-    constexpr int decimal = 10;
-    constexpr int hexadecimal = 16;
-    const auto isHexadecimal = word.starts_with("0x");
-    word.remove_prefix(isHexadecimal ? 2 : 0);
-    unsigned value = 0;
-    const auto* const end = word.data() + word.size();
-    const auto read = std::from_chars(word.data(), end, value,
-                                      isHexadecimal ? hexadecimal : decimal);
-    if (read.ec != std::errc() || read.ptr != end || value > greatest)
-    {
-        return {};
-    }
-    return value;
+    const auto value = parseNumber(word);
+    return value && *value <= greatest
+               ? std::optional(static_cast<unsigned>(*value))
+               : std::nullopt;
 }
 
 template <unsigned greatest>
@@ -77,6 +69,16 @@ bool isEnd(std::string_view word)
 bool isCapitalised(std::string_view word)
 {
     return !word.empty() && word.front() >= 'A' && word.front() <= 'Z';
+}
+
+bool isErrno(std::string_view word)
+{
+    return parseErrno(word).has_value();
+}
+
+bool isTarget(std::string_view word)
+{
+    return targetOf(word) != target::none;
 }
 
 std::vector<std::string> namesOf(const std::vector<Phrase>& phrases)
@@ -117,7 +119,14 @@ const std::vector<Kind>& kinds()
         {"POWER", "", nullptr, {"StateS0", "StateS3", "StateS4", "StateS5"}},
         {"CAUSE", "", nullptr, {"WarmReset", "ColdReset"}},
         {"BEHAVIOUR", "", nullptr, namesOf(behaviours().phrases())},
-        {"ERRNO", "", nullptr, {"EACCES", "EBUSY", "EIO", "ENODEV", "ENOENT"}},
+        {"ERRNO",
+         "an errno name such as EIO",
+         isErrno,
+         {"EACCES", "EBUSY", "EIO", "ENODEV", "ENOENT"}},
+        {"TARGET",
+         "simulated, service or virtual",
+         isTarget,
+         {"simulated", "service", "virtual"}},
         {"KEY", "", nullptr, {"CPU_VENDOR"}},
     };
     return table;
@@ -188,6 +197,11 @@ int levelOf(const std::string& word)
 std::size_t countOf(const std::string& word)
 {
     return numberOrThrow("COUNT", word, greatestCount);
+}
+
+int errnoOf(const std::string& word)
+{
+    return parseErrno(word).value_or(0);
 }
 
 event::Exited endOf(const std::string& word)

@@ -32,6 +32,7 @@ namespace board::commands
 [[nodiscard]] std::chrono::milliseconds millisecondsOf(const std::string& word);
 [[nodiscard]] int levelOf(const std::string& word);
 [[nodiscard]] std::size_t countOf(const std::string& word);
+[[nodiscard]] int errnoOf(const std::string& word);
 [[nodiscard]] event::Exited endOf(const std::string& word);
 ///@}
 

@@ -7,20 +7,20 @@ namespace board
 namespace
 {
 
-using Entry = Vocabulary<BusDeed>::Entry;
+using Entry = Vocabulary<BusAction>::Entry;
 
 /** A phrase without arguments. */
 Entry plain(const std::string& name, const std::string& help,
-            void (Bus::*deed)())
+            void (Bus::*action)())
 {
     return {{name, "", help},
-            [deed](Arguments&) -> BusDeed
+            [action](Arguments&) -> BusAction
             {
-                return deed;
+                return action;
             }};
 }
 
-BusDeed takingTheName(Arguments& arguments)
+BusAction takingTheName(Arguments& arguments)
 {
     const auto word = arguments.textOr("for-good");
     if (word != "for-good" && word != "replaceable")
@@ -35,10 +35,10 @@ BusDeed takingTheName(Arguments& arguments)
 
 } // namespace
 
-const Vocabulary<BusDeed>& busDeeds()
+const Vocabulary<BusAction>& busActions()
 {
-    static const Vocabulary<BusDeed> known(
-        "deed of the bus",
+    static const Vocabulary<BusAction> known(
+        "bus action",
         {{{"name-taken", "[replaceable]",
            "another peer owns the daemon's name; it can be replaced or not"},
           takingTheName},

@@ -106,10 +106,30 @@ std::string helpOn(const Command& command)
     auto text = "  " + command.pattern.text();
     text += text.size() + 2 > column ? newLine
                                      : std::string(column - text.size(), ' ');
-    return text + wrapped(command.help, columns - column, newLine) + '\n';
+    const auto where = command.targets == target::all
+                           ? ""
+                           : " (" + namesOf(command.targets) + ")";
+    return text + wrapped(command.help + where, columns - column, newLine) +
+           '\n';
 }
 
 } // namespace
+
+void Call::requireOn(Targets wanted) const
+{
+    auto having = command->targets;
+    if (values.size() > command->valuesOnVirtualBoard)
+    {
+        having &= ~target::virtualBoard;
+    }
+    if ((wanted & ~having) != target::none)
+    {
+        throw Error(inQuotes(command->pattern.text()) +
+                    " does not exist on the target " +
+                    namesOf(wanted & ~having) + "; it does on " +
+                    namesOf(having));
+    }
+}
 
 std::string Completion::extension(std::size_t cursor) const
 {

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "board/commands/pattern.hpp"
+#include "board/commands/target.hpp"
 
 #include <cstddef>
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,23 +16,33 @@ namespace board::commands
 
 class Session;
 
+/** @brief The pattern of the command that names a scenario's targets. */
+inline constexpr auto targetsCommand = "targets TARGET...";
+
 /** @brief One row of the table. */
 struct Command
 {
     Pattern pattern;
     std::string help; //!< a sentence, or a few
+    /** @brief Runs it on the simulated board; empty where that lacks it. */
     std::function<void(Session&, const Values&)> run;
     /** @brief Throws an Error when its values are not possible, for what the
-     *         pattern does not tell. */
+     *         pattern does not say. */
     std::function<void(const Values&)> check{};
+    Targets targets = target::all; //!< those that have it
+    /** The virtual board lacks it with more values than these. */
+    std::size_t valuesOnVirtualBoard = std::numeric_limits<std::size_t>::max();
 };
 
 /** @brief A command as it was called: what to do, and with what. It refers to
- *         its vocabulary. */
+ *         its table. */
 struct Call
 {
     const Command* command = nullptr; //!< nullptr: an empty line, a comment
     Values values;
+
+    /** @throws Error when one of these targets lacks it */
+    void requireOn(Targets targets) const;
 };
 
 /** @brief What a word that is being typed can become. */
@@ -51,7 +63,7 @@ class CommandTable
   public:
     explicit CommandTable(std::vector<Command> commands);
 
-    /** @brief Understand a line.
+    /** @brief Parse a line.
      *  @throws Error in one line: which word does not fit, what is possible, or
      *          that it is no plain text */
     [[nodiscard]] Call understand(std::string_view line) const;

@@ -12,7 +12,8 @@ const CommandTable& allCommands()
     static const auto table = []
     {
         std::vector<Command> all;
-        for (auto group : {deeds(), awaits(), expectations(), questions()})
+        for (auto group :
+             {actions(), waits(), expectations(), queries(), systemdCommands()})
         {
             std::move(group.begin(), group.end(), std::back_inserter(all));
         }

@@ -3,6 +3,7 @@
 #include "board/util/plain_text.hpp"
 
 #include <array>
+#include <cctype>
 #include <utility>
 
 namespace board
@@ -10,7 +11,7 @@ namespace board
 namespace
 {
 
-using Entry = Vocabulary<HostDeed>::Entry;
+using Entry = Vocabulary<HostAction>::Entry;
 
 constexpr Range manyTimes{1, 1'000'000};
 
@@ -49,7 +50,7 @@ std::string textOf(Arguments& arguments)
     return text;
 }
 
-HostDeed sending(ControlMessage message)
+HostAction sending(ControlMessage message)
 {
     return [message = std::move(message)](Host& host)
     {
@@ -68,28 +69,28 @@ ControlMessage ordinary(const NamedObject& from)
 
 /** A phrase without arguments. */
 Entry plain(const std::string& name, const std::string& help,
-            void (Host::*deed)())
+            void (Host::*action)())
 {
     return {{name, "", help},
-            [deed](Arguments&) -> HostDeed
+            [action](Arguments&) -> HostAction
             {
-                return deed;
+                return action;
             }};
 }
 
 /** A phrase that announces a state or a cause, once or often. */
 Entry announcing(const std::string& name, const std::string& argument,
                  const std::string& help,
-                 void (Host::*deed)(const std::string&, std::size_t))
+                 void (Host::*action)(const std::string&, std::size_t))
 {
     return {{name, argument + " [TIMES]", help},
-            [deed](Arguments& arguments) -> HostDeed
+            [action](Arguments& arguments) -> HostAction
             {
                 const auto value = arguments.text();
                 const auto times = arguments.numberOr(manyTimes, 1);
                 return [=](Host& host)
                 {
-                    (host.*deed)(value, times);
+                    (host.*action)(value, times);
                 };
             }};
 }
@@ -97,16 +98,8 @@ Entry announcing(const std::string& name, const std::string& argument,
 std::vector<Entry> serviceTable()
 {
     return {
-        {{"goes-to", "STATE", "CurrentHostState is STATE, e.g. Running or Off"},
-         [](Arguments& arguments) -> HostDeed
-         {
-             return [state = arguments.text()](Host& host)
-             {
-                 host.goesTo(state);
-             };
-         }},
         {{"says", "[TEXT...]", "CurrentHostState is this whole text, or empty"},
-         [](Arguments& arguments) -> HostDeed
+         [](Arguments& arguments) -> HostAction
          {
              return [text = textOf(arguments)](Host& host)
              {
@@ -116,11 +109,11 @@ std::vector<Entry> serviceTable()
         plain("leaves", "the host-state service leaves the bus", &Host::leaves),
         plain("comes", "the host-state service comes to the bus", &Host::comes),
         plain("answers", "who asks for the state gets it", &Host::answers),
-        plain("never-answers", "who asks for the state waits in vain",
+        plain("never-answers", "who asks for the state gets no answer",
               &Host::neverAnswers),
         {{"answers-error", "NAME [TEXT...]",
           "who asks for the state gets the D-Bus error NAME"},
-         [](Arguments& arguments) -> HostDeed
+         [](Arguments& arguments) -> HostAction
          {
              const auto name = arguments.text();
              return [name, text = textOf(arguments)](Host& host)
@@ -130,7 +123,7 @@ std::vector<Entry> serviceTable()
          }},
         {{"answers-type", "SIGNATURE",
           "who asks for the state gets another type, e.g. u, o or as"},
-         [](Arguments& arguments) -> HostDeed
+         [](Arguments& arguments) -> HostAction
          {
              return [signature = arguments.text()](Host& host)
              {
@@ -143,12 +136,6 @@ std::vector<Entry> serviceTable()
 std::vector<Entry> signalTable()
 {
     return {
-        announcing("power-state", "STATE",
-                   "announces InternalPowerState STATE, e.g. StateS5",
-                   &Host::entersPowerState),
-        announcing("reset-cause", "CAUSE",
-                   "announces ResetCause CAUSE, e.g. WarmReset",
-                   &Host::isReset),
         {{"signal-values", "power|reset TEXT...",
           "announces the property once for each whole TEXT, in one signal"},
          [](Arguments& arguments)
@@ -216,10 +203,10 @@ std::vector<Entry> signalTable()
 
 } // namespace
 
-const Vocabulary<HostDeed>& hostDeeds()
+const Vocabulary<HostAction>& hostActions()
 {
-    static const Vocabulary<HostDeed> known(
-        "deed of the host",
+    static const Vocabulary<HostAction> known(
+        "host action",
         []
         {
             auto all = serviceTable();
@@ -230,6 +217,36 @@ const Vocabulary<HostDeed>& hostDeeds()
             return all;
         }());
     return known;
+}
+
+const Vocabulary<HostAction>& announcements()
+{
+    static const Vocabulary<HostAction> known(
+        "announcement",
+        {announcing("power", "POWER",
+                    "announces InternalPowerState POWER, e.g. StateS5",
+                    &Host::entersPowerState),
+         announcing("reset", "CAUSE",
+                    "announces ResetCause CAUSE, e.g. WarmReset",
+                    &Host::isReset)});
+    return known;
+}
+
+HostAction hostAction(const Words& command)
+{
+    if (command.empty() || command.front() != "host")
+    {
+        return announcements().understand(command);
+    }
+    const Words words(command.begin() + 1, command.end());
+    if (words.size() == 1 && std::isupper(words.front().front()) != 0)
+    {
+        return [state = words.front()](Host& host)
+        {
+            host.goesTo(state);
+        };
+    }
+    return hostActions().understand(words);
 }
 
 } // namespace board

@@ -85,7 +85,7 @@ Pattern Pattern::open(const std::string& beginning, const std::string& shape)
 Pattern::Element Pattern::elementOf(std::string_view text)
 {
     constexpr std::string_view more = "...";
-    if (text == "TEXT")
+    if (text == "TEXT" || text == "COMMAND")
     {
         return {Form::rest, std::string(text)};
     }

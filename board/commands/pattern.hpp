@@ -8,11 +8,10 @@
 
 /** The language in which the board is driven by hand and by file.
  *
- *  A line is one command: words, parted by blanks. A command is known by its
- *  pattern, e.g. "endpoint CONTROLLER eid EID"; the vocabulary is a table of
- *  patterns, each with a line of help and what it does. The prompt, its help,
- *  its completion and the player of stories all walk that one table, so what
- *  one of them knows, all know.
+ *  A line is one command: words separated by blanks. A command is known by its
+ *  pattern, e.g. "endpoint CONTROLLER eid EID". One table has all patterns,
+ * each with its help and its function; prompt, help, completion and scenarios
+ * use that table alone.
  */
 namespace board::commands
 {
@@ -48,7 +47,7 @@ struct Match
  *      KIND     an argument of this kind (see arguments.hpp),
  *      [KIND]   one that may be left out, at the end only,
  *      KIND...  one or more of them, at the end only,
- *      TEXT     the rest of the line, as it is, at the end only.
+ *      TEXT     the rest of the line, as it is, at the end only; so is COMMAND.
  */
 class Pattern
 {

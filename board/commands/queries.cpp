@@ -19,7 +19,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t usualCount = 20;
+constexpr std::size_t defaultCount = 20;
 
 /** A directory as a client of the kernel sees it: names, links with targets.
  */
@@ -142,11 +142,11 @@ std::vector<Command> looks()
              session.say(busText());
          }},
         {Pattern("timeline [COUNT]"),
-         "Show the last events, hidden ones too; 20 unless told.",
+         "Show the last events, hidden ones too; 20 by default.",
          [](Session& session, const Values& values)
          {
              showTimeline(session,
-                          values.empty() ? usualCount : countOf(values[0]));
+                          values.empty() ? defaultCount : countOf(values[0]));
          }},
     };
 }
@@ -159,26 +159,47 @@ std::vector<Command> aboutLines()
          {
              session.board().timeline().record(event::Note{values[0]});
          }},
-        {Pattern("help [WORD]"), "Show all commands, or those of a word.",
+        {Pattern(targetsCommand),
+         "Only as the first command of a scenario: the targets that it is "
+         "for; simulated without it.",
+         [](Session&, const Values&)
+         {
+             throw Error("only the first command can be \"targets\"");
+         }},
+        {Pattern("help [WORD]"),
+         "Show all commands, or those of a word.",
          [](Session& session, const Values& values)
          {
              const auto& commands = session.commands();
              session.say(values.empty() ? commands.help()
                                         : commands.help(values[0]));
-         }},
-        {Pattern("quit"), "End the board; nothing is left behind.",
+         },
+         {},
+         target::simulated},
+        {Pattern("quit"),
+         "End the board; nothing is left behind.",
          [](Session& session, const Values&)
          {
              session.leave();
-         }},
+         },
+         {},
+         target::simulated},
     };
 }
 
 } // namespace
 
-std::vector<Command> questions()
+std::vector<Command> queries()
 {
     auto all = looks();
+    for (auto& command : all)
+    {
+        // All targets have "endpoints": a scenario shows what clients read.
+        if (command.pattern.text() != "endpoints")
+        {
+            command.targets = target::simulated;
+        }
+    }
     const auto more = aboutLines();
     all.insert(all.end(), more.begin(), more.end());
     return all;

@@ -14,16 +14,17 @@ Session::Session(Board& board, const CommandTable& commands, Write say) :
 
 void Session::run(const std::string& line)
 {
-    run(known.understand(line), line);
+    const auto call = known.understand(line);
+    if (call.command != nullptr)
+    {
+        call.requireOn(target::simulated);
+        run(call, trimmed(line));
+    }
 }
 
 void Session::run(const Call& call, const std::string& line)
 {
-    if (call.command == nullptr)
-    {
-        return;
-    }
-    theBoard.timeline().record(event::Told{trimmed(line)});
+    theBoard.timeline().record(event::Told{line});
     call.command->run(*this, call.values);
 }
 
@@ -42,7 +43,7 @@ void Session::say(const std::string& text) const
     write(text);
 }
 
-void Session::await(const std::string& what, const Timeline::Predicate& matches)
+void Session::wait(const std::string& what, const Timeline::Predicate& matches)
 {
     if (!theBoard.daemon().running())
     {
@@ -63,12 +64,12 @@ void Session::lookFrom(std::size_t index)
     from = index;
 }
 
-void Session::setLimit(Timeline::Limit limit)
+void Session::setTimeout(Timeline::Limit limit)
 {
     longest = limit;
 }
 
-Timeline::Limit Session::limit() const
+Timeline::Limit Session::timeout() const
 {
     return longest;
 }

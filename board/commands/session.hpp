@@ -33,13 +33,13 @@ class Session
      *         to show until then */
     Session(Board& board, const CommandTable& commands, Write say);
 
-    /** @brief Understand a line and do what it says. The line is recorded on
-     *         the timeline before.
-     *  @throws Error in one line: not understood, failed, not as expected
-     *  @throws Interrupted when it was broken off */
+    /** @brief Parse a line and run its command. The line is recorded on the
+     *         timeline before.
+     *  @throws Error in one line: malformed, failed, not as expected
+     *  @throws Interrupted when a signal ended its wait */
     void run(const std::string& line);
 
-    /** @brief Do what an understood line says. */
+    /** @brief Run a command that was parsed. */
     void run(const Call& call, const std::string& line);
 
     [[nodiscard]] Board& board();
@@ -48,19 +48,19 @@ class Session
     /** @brief Show an answer: lines, with their ends. */
     void say(const std::string& text) const;
 
-    /** @brief Wait for what happens after the end of the last await, or of
+    /** @brief Wait for what happens after the end of the last wait, or of
      *         the daemon's last start, whichever is later; what is there
      *         already counts.
-     *  @throws WaitFailed when the limit passes or no daemon runs */
-    void await(const std::string& what, const Timeline::Predicate& matches);
+     *  @throws WaitFailed at the timeout, or when no daemon runs */
+    void wait(const std::string& what, const Timeline::Predicate& matches);
 
-    /** @brief Let the next await count only what happens from this entry of
+    /** @brief Let the next wait count only what happens from this entry of
      *         the timeline on. */
     void lookFrom(std::size_t index);
 
-    /** @brief How long an await lasts at most. */
-    void setLimit(Timeline::Limit limit);
-    [[nodiscard]] Timeline::Limit limit() const;
+    /** @brief How long a wait lasts at most. */
+    void setTimeout(Timeline::Limit limit);
+    [[nodiscard]] Timeline::Limit timeout() const;
 
     /** @brief No more lines are wanted. */
     void leave();
@@ -70,7 +70,7 @@ class Session
     Board& theBoard;
     const CommandTable& known;
     const Write write;
-    std::size_t from = 0; //!< where the next await begins to look
+    std::size_t from = 0; //!< where the next wait begins to look
     Timeline::Limit longest = Board::usualLimit;
     bool leaving = false;
 };

@@ -14,7 +14,7 @@ void greet(Session& session)
 {
     const auto bus = session.commands().understand("bus");
     bus.command->run(session, bus.values);
-    session.say("\"help\" tells all commands, \"quit\" ends the board.\n");
+    session.say("\"help\" lists all commands, \"quit\" ends the board.\n");
 }
 
 void runLine(Session& session, const std::string& line)
@@ -25,7 +25,7 @@ void runLine(Session& session, const std::string& line)
     }
     catch (const Interrupted&)
     {
-        session.say("Broken off.\n");
+        session.say("Interrupted.\n");
     }
     catch (const std::exception& error)
     {

@@ -8,9 +8,9 @@
 namespace board::commands
 {
 
-/** @brief Do what lines say, one after the other, until there are no more or
- *         one of them is "quit". What fails is said in a line, and it goes on
- *         with the next.
+/** @brief Run the commands of lines, one after the other, until there are no
+ *         more or one of them is "quit". A command that fails is answered with
+ *         one line, and the next one runs.
  *  @throws Interrupted when the board is to end */
 void runShell(Session& session, Lines& lines, Interruption& interruption);
 

@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <optional>
-#include <string_view>
 #include <utility>
 
 namespace board
@@ -16,31 +14,42 @@ namespace board
 namespace
 {
 
-/** A phrase as it is said, e.g. "late MS [BEHAVIOUR...]". */
+/** A phrase as it is written, e.g. "late MS [BEHAVIOUR...]". */
 std::string shape(const Phrase& phrase)
 {
     return phrase.name + (phrase.arguments.empty() ? "" : " ") +
            phrase.arguments;
 }
 
-std::optional<std::uint64_t> parse(std::string_view text)
+} // namespace
+
+std::optional<std::uint64_t> parseNumber(std::string_view word)
 {
     constexpr int decimal = 10;
     constexpr int hexadecimal = 16;
-    const auto isHex = text.starts_with("0x");
-    if (isHex)
-    {
-        text.remove_prefix(2);
-    }
+    const auto isHex = word.starts_with("0x");
+    word.remove_prefix(isHex ? 2 : 0);
     std::uint64_t value = 0;
-    const auto* const end = text.data() + text.size();
+    const auto* const end = word.data() + word.size();
     const auto [stop, error] =
-        std::from_chars(text.data(), end, value, isHex ? hexadecimal : decimal);
+        std::from_chars(word.data(), end, value, isHex ? hexadecimal : decimal);
     return error == std::errc() && stop == end ? std::optional(value)
                                                : std::nullopt;
 }
 
-} // namespace
+std::optional<int> parseErrno(std::string_view word)
+{
+    constexpr int afterLast = 134;
+    for (int value = 1; value < afterLast; ++value)
+    {
+        const auto* const name = strerrorname_np(value);
+        if (name != nullptr && word == name)
+        {
+            return value;
+        }
+    }
+    return {};
+}
 
 Arguments::Arguments(const Phrase& phrase, Words words) :
     phrase(phrase), words(std::move(words))
@@ -69,7 +78,7 @@ std::string Arguments::textOr(const std::string& otherwise)
 std::uint64_t Arguments::number(Range range)
 {
     const auto word = text();
-    const auto value = parse(word);
+    const auto value = parseNumber(word);
     if (!value || *value < range.least || *value > range.most)
     {
         refuse(inQuotes(word) + " is no number from " +
@@ -86,15 +95,10 @@ std::uint64_t Arguments::numberOr(Range range, std::uint64_t otherwise)
 
 int Arguments::errnoValue()
 {
-    constexpr int afterLast = 134;
     const auto word = text();
-    for (int value = 1; value < afterLast; ++value)
+    if (const auto value = parseErrno(word))
     {
-        const auto* const name = strerrorname_np(value);
-        if (name != nullptr && word == name)
-        {
-            return value;
-        }
+        return *value;
     }
     refuse(inQuotes(word) + " is no errno name such as EIO");
 }

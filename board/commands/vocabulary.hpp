@@ -4,27 +4,27 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-/** What can be said to a board in words, e.g. typed at a prompt: "late 500",
- *  "never-comes-up".
+/** The commands of each component of the board, e.g. "late 500" for an
+ * endpoint.
  *
- *  Each part of the board has one vocabulary: a table of phrases with, for
- *  each, a line of help and a function that makes of the words what they mean
- *  (a behaviour, a deed). Who offers the words to people reads the same table
- *  for help and for completion, so that nothing can be said that is not
- *  explained.
+ *  A component has one vocabulary: a table of phrases, each with a line of help
+ *  and a function that turns its arguments into a behaviour or an action. Help
+ *  and completion read the same table.
  *
- *  Vocabularies are constant once made: any thread may use them.
+ *  Vocabularies are constant: any thread may use them.
  */
 namespace board
 {
 
 using Words = std::vector<std::string>;
 
-/** @brief One thing that can be said, for help and completion. */
+/** @brief A command of a component, for help and completion. */
 struct Phrase
 {
     std::string name; //!< its first word, e.g. "late"
@@ -89,9 +89,15 @@ class Arguments
     std::size_t next = 0;
 };
 
+/** @brief The number of a word, decimal or 0x... */
+[[nodiscard]] std::optional<std::uint64_t> parseNumber(std::string_view word);
+
+/** @brief The errno value of a name such as "EBUSY". */
+[[nodiscard]] std::optional<int> parseErrno(std::string_view word);
+
 /** @brief Refuse words that begin with none of these phrases.
  *  @param subject what they were to be, e.g. "behaviour"
- *  @throws Error always; it lists what can be said */
+ *  @throws Error always; it lists what is possible */
 [[noreturn]] void refuseUnknown(const std::string& subject, const Words& words,
                                 const std::vector<Phrase>& phrases);
 
@@ -125,7 +131,7 @@ class Vocabulary
     }
 
     /** @brief What the words mean.
-     *  @throws Error when they mean nothing, with what can be said */
+     *  @throws Error when they are malformed, with what is possible */
     [[nodiscard]] Meaning understand(const Words& words) const
     {
         for (const auto& [phrase, meaning] : entries)

@@ -166,9 +166,16 @@ class Host
 [[nodiscard]] const std::vector<std::string>& hostStates();
 
 /** @brief What the host does. */
-using HostDeed = std::function<void(Host&)>;
+using HostAction = std::function<void(Host&)>;
 
-/** @brief What the host can be told in words, e.g. "goes-to Running". */
-[[nodiscard]] const Vocabulary<HostDeed>& hostDeeds();
+/** @brief The actions that follow "host", but for a state. */
+[[nodiscard]] const Vocabulary<HostAction>& hostActions();
+
+/** @brief The commands "power" and "reset". */
+[[nodiscard]] const Vocabulary<HostAction>& announcements();
+
+/** @brief The action of a whole command, e.g. {"host", "Running"}.
+ *  @throws Error when it is none */
+[[nodiscard]] HostAction hostAction(const Words& command);
 
 } // namespace board

@@ -146,16 +146,16 @@ Openers openersOf(Arguments& arguments)
     return Openers::writers;
 }
 
-std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
+std::vector<Vocabulary<ControllerAction>::Entry> controllerTable()
 {
     return {
-        {{"well", "", "comes up as it should again, and refuses nothing"},
-         [](Arguments&) -> ControllerDeed
+        {{"default", "", "comes up as it should again, and refuses nothing"},
+         [](Arguments&) -> ControllerAction
          {
              return &Controller::behavesWell;
          }},
         {{"comes-up-after", "MS", "its device comes up so long after a bind"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const milliseconds delay(arguments.number(aMinute));
              return [delay](Controller& controller)
@@ -165,7 +165,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
          }},
         {{"comes-up-after-the-other", "[MS]",
           "its device comes up only after the other controller's"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const milliseconds delay(arguments.numberOr(aMinute, 0));
              return [delay](Controller& controller)
@@ -174,13 +174,13 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
              };
          }},
         {{"never-comes-up", "", "its device never comes up"},
-         [](Arguments&) -> ControllerDeed
+         [](Arguments&) -> ControllerAction
          {
              return &Controller::neverComesUp;
          }},
         {{"class-entry", "directory|file|none",
           "what its device has under /sys/class/i3c-mctp"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const auto entry = classEntryOf(arguments);
              return [entry](Controller& controller)
@@ -189,7 +189,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
              };
          }},
         {{"refuses-bind", "ERRNO", "a bind fails, e.g. with EIO"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const auto error = arguments.errnoValue();
              return [error](Controller& controller)
@@ -198,7 +198,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
              };
          }},
         {{"refuses-unbind", "ERRNO", "an unbind fails and changes nothing"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const auto error = arguments.errnoValue();
              return [error](Controller& controller)
@@ -208,7 +208,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
          }},
         {{"node-busy", "[writers]",
           "somebody else holds its node; or it can still be read"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const auto who = openersOf(arguments);
              return [who](Controller& controller)
@@ -218,7 +218,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
          }},
         {{"node-refuses", "ERRNO [writers]",
           "its node cannot be opened, or not for writing"},
-         [](Arguments& arguments) -> ControllerDeed
+         [](Arguments& arguments) -> ControllerAction
          {
              const auto error = arguments.errnoValue();
              const auto who = openersOf(arguments);
@@ -230,7 +230,7 @@ std::vector<Vocabulary<ControllerDeed>::Entry> controllerTable()
     };
 }
 
-DriverDeed fileDeed(DriverFile file, Arguments& arguments)
+DriverAction fileAction(DriverFile file, Arguments& arguments)
 {
     const auto how = arguments.text();
     if (how == "works")
@@ -258,31 +258,31 @@ DriverDeed fileDeed(DriverFile file, Arguments& arguments)
     };
 }
 
-Vocabulary<DriverDeed>::Entry fileEntryOf(DriverFile file,
-                                          const std::string& name)
+Vocabulary<DriverAction>::Entry fileEntryOf(DriverFile file,
+                                            const std::string& name)
 {
     return {{name + "-file", "works|missing|refuses ERRNO",
              "whether the " + name + " file is there and can be opened"},
             [file](Arguments& arguments)
             {
-                return fileDeed(file, arguments);
+                return fileAction(file, arguments);
             }};
 }
 
 } // namespace
 
-const Vocabulary<ControllerDeed>& controllerDeeds()
+const Vocabulary<ControllerAction>& controllerActions()
 {
-    static const Vocabulary<ControllerDeed> known("deed of a controller",
-                                                  controllerTable());
+    static const Vocabulary<ControllerAction> known("controller action",
+                                                    controllerTable());
     return known;
 }
 
-const Vocabulary<DriverDeed>& driverDeeds()
+const Vocabulary<DriverAction>& driverActions()
 {
-    static const Vocabulary<DriverDeed> known(
-        "deed of the driver", {fileEntryOf(DriverFile::bind, "bind"),
-                               fileEntryOf(DriverFile::unbind, "unbind")});
+    static const Vocabulary<DriverAction> known(
+        "driver action", {fileEntryOf(DriverFile::bind, "bind"),
+                          fileEntryOf(DriverFile::unbind, "unbind")});
     return known;
 }
 

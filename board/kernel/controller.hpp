@@ -97,16 +97,16 @@ class DriverFiles
 };
 
 /** @brief What a controller is told to do. */
-using ControllerDeed = std::function<void(Controller&)>;
+using ControllerAction = std::function<void(Controller&)>;
 
 /** @brief What a controller can be told in words, e.g. "never-comes-up". */
-[[nodiscard]] const Vocabulary<ControllerDeed>& controllerDeeds();
+[[nodiscard]] const Vocabulary<ControllerAction>& controllerActions();
 
 /** @brief What becomes of the driver's files. */
-using DriverDeed = std::function<void(DriverFiles&)>;
+using DriverAction = std::function<void(DriverFiles&)>;
 
 /** @brief What can be said of the driver's files in words, e.g.
  *         "bind-file missing". */
-[[nodiscard]] const Vocabulary<DriverDeed>& driverDeeds();
+[[nodiscard]] const Vocabulary<DriverAction>& driverActions();
 
 } // namespace board

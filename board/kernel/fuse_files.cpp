@@ -74,11 +74,11 @@ void FuseFiles::startSession()
     static_cast<void>(fd.release());
 }
 
-void FuseFiles::withDriver(const std::function<void(I3cDriver&)>& deed)
+void FuseFiles::withDriver(const std::function<void(I3cDriver&)>& action)
 {
     {
         const std::lock_guard lock(mutex);
-        deed(driver);
+        action(driver);
         wakePollers();
     }
     // Something may be due earlier now.

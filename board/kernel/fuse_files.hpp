@@ -46,9 +46,9 @@ class FuseFiles
     FuseFiles& operator=(FuseFiles&&) = delete;
     ~FuseFiles();
 
-    /** @brief Run a deed on the driver, apart from all requests, and let its
+    /** @brief Run an action on the driver, apart from all requests, and let its
      *         effects be seen. From any thread but the serving one. */
-    void withDriver(const std::function<void(I3cDriver&)>& deed);
+    void withDriver(const std::function<void(I3cDriver&)>& action);
 
   private:
     friend struct FuseOperations;

@@ -21,9 +21,9 @@ Kernel::Kernel(Timeline& timeline) : files(std::make_unique<Files>(timeline))
 
 Kernel::~Kernel() = default;
 
-void Kernel::change(const std::function<void(I3cDriver&)>& deed)
+void Kernel::change(const std::function<void(I3cDriver&)>& action)
 {
-    files->withDriver(deed);
+    files->withDriver(action);
 }
 
 void Kernel::boot()

@@ -77,7 +77,7 @@ class Kernel
 
   private:
     class Files;
-    void change(const std::function<void(I3cDriver&)>& deed);
+    void change(const std::function<void(I3cDriver&)>& action);
 
     std::unique_ptr<Files> files;
 };

@@ -17,6 +17,7 @@ Installation Installation::of(const fs::path& program)
         (from / DAEMON_FROM_BINDIR).lexically_normal(),
         (from / LIBRARIES_FROM_BINDIR).lexically_normal(),
         (from / POLICY_FROM_BINDIR).lexically_normal(),
+        (from / SCENARIO_FROM_BINDIR).lexically_normal(),
     };
 }
 

@@ -12,6 +12,7 @@ struct Installation
     std::filesystem::path daemon; //!< the program
     std::filesystem::path libraries; //!< the platform libraries' directory
     std::filesystem::path policy; //!< the daemon's bus policy
+    std::filesystem::path scenario; //!< what is played by default
 
     /** @brief The installation that a program of the binary directory belongs
      *         to: found from the program's own place, so that it may have

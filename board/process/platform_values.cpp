@@ -109,7 +109,7 @@ void PlatformValues::makeUnreadable(const std::string& key)
 namespace
 {
 
-PlatformDeed deedFor(const std::string& key, Arguments& arguments)
+PlatformAction actionFor(const std::string& key, Arguments& arguments)
 {
     const auto value = arguments.text();
     return [key, value](PlatformValues& values)
@@ -131,23 +131,23 @@ PlatformDeed deedFor(const std::string& key, Arguments& arguments)
 
 } // namespace
 
-const Vocabulary<PlatformDeed>& platformDeeds()
+const Vocabulary<PlatformAction>& platformActions()
 {
-    static const Vocabulary<PlatformDeed> known(
-        "deed of the platform", {{{"cpu-vendor", "missing|unreadable|VALUE",
-                                   "the CPU's vendor: 0 is Intel, others are "
-                                   "others, text is malformed"},
-                                  [](Arguments& arguments)
-                                  {
-                                      return deedFor(cpuVendor, arguments);
-                                  }},
-                                 {{"value", "KEY missing|unreadable|VALUE",
-                                   "any value that the hardware library reads"},
-                                  [](Arguments& arguments)
-                                  {
-                                      const auto key = arguments.text();
-                                      return deedFor(key, arguments);
-                                  }}});
+    static const Vocabulary<PlatformAction> known(
+        "platform action", {{{"cpu-vendor", "missing|unreadable|VALUE",
+                              "the CPU's vendor: 0 is Intel, others are "
+                              "others, text is malformed"},
+                             [](Arguments& arguments)
+                             {
+                                 return actionFor(cpuVendor, arguments);
+                             }},
+                            {{"value", "KEY missing|unreadable|VALUE",
+                              "any value that the hardware library reads"},
+                             [](Arguments& arguments)
+                             {
+                                 const auto key = arguments.text();
+                                 return actionFor(key, arguments);
+                             }}});
     return known;
 }
 

@@ -41,9 +41,9 @@ class PlatformValues
 void writePlatformValue(const std::string& key, const std::string& value);
 
 /** @brief What becomes of the platform's values. */
-using PlatformDeed = std::function<void(PlatformValues&)>;
+using PlatformAction = std::function<void(PlatformValues&)>;
 
 /** @brief What can be said of them in words, e.g. "cpu-vendor missing". */
-[[nodiscard]] const Vocabulary<PlatformDeed>& platformDeeds();
+[[nodiscard]] const Vocabulary<PlatformAction>& platformActions();
 
 } // namespace board

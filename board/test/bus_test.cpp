@@ -350,7 +350,7 @@ class TroubledBus : public PrivateBus
   protected:
     void suffers(const Words& words)
     {
-        busDeeds().understand(words)(bus);
+        busActions().understand(words)(bus);
     }
 
     /** What becomes of a daemon that takes its name as a daemon does. */
@@ -419,7 +419,7 @@ TEST_F(TroubledBus, BrokerCanDieAndComeBack)
 
 TEST_F(TroubledBus, HasWordsWithHelp)
 {
-    const auto phrases = busDeeds().phrases();
+    const auto phrases = busActions().phrases();
     EXPECT_THAT(phrases, testing::SizeIs(4));
     for (const auto& phrase : phrases)
     {

@@ -125,7 +125,7 @@ TEST(Client, IsNotRunWithoutItsBoard)
     EXPECT_THAT(
         ended.output,
         AllOf(StartsWith("morrow-board: the board does not get ready for the "
-                         "client: built in:3: await published 29: no "
+                         "client: built in:3: wait published 29: no "
                          "announcement of endpoint 29: the daemon "),
               EndsWith("; --verbose shows what happened\n")));
 }
@@ -175,7 +175,7 @@ TEST(Client, IsFollowedByALineWhenTheDaemonHasEnded)
 {
     auto arguments = playing("echo 'dlog 4 324 morrow:1:here'\n"
                              "while :; do sleep 0.01; done");
-    std::ofstream("/mnt/daemon.board") << "daemon start\nawait log here\n";
+    std::ofstream("/mnt/daemon.board") << "daemon start\nwait log here\n";
     arguments.insert(
         arguments.end(),
         {"--play", "/mnt/daemon.board", "--save", "/mnt/saved", "--", "sh",

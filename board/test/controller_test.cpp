@@ -44,13 +44,13 @@ class Controllers : public testing::Test
 
     void is(Controller controller, const Words& words)
     {
-        controllerDeeds().understand(words)(controller);
+        controllerActions().understand(words)(controller);
     }
 
     void are(const Words& words)
     {
         DriverFiles files(kernel);
-        driverDeeds().understand(words)(files);
+        driverActions().understand(words)(files);
     }
 
     event::DeviceUp waitForDeviceUp(std::size_t from)
@@ -140,7 +140,7 @@ TEST_F(Controllers, CanRefuseBindAndUnbind)
     EXPECT_EQ(writeText(unbindFile, second), EPERM);
     EXPECT_EQ(controller1.node(), "i3c-mctp-0");
     EXPECT_EQ(writeText(bindFile, second), EBUSY);
-    is(controller1, {"well"});
+    is(controller1, {"default"});
     EXPECT_EQ(writeText(unbindFile, second), 0);
 }
 
@@ -156,7 +156,7 @@ TEST_F(Controllers, CanHaveABusyNode)
     EXPECT_EQ(openError(node0, O_RDONLY), 0);
     is(controller0, {"node-refuses", "ENXIO"});
     EXPECT_EQ(openError(node0, O_RDONLY), ENXIO);
-    is(controller0, {"well"});
+    is(controller0, {"default"});
     EXPECT_EQ(openError(node0), 0);
 }
 
@@ -202,7 +202,7 @@ std::string refusal(const Words& words)
 {
     try
     {
-        static_cast<void>(controllerDeeds().understand(words));
+        static_cast<void>(controllerActions().understand(words));
     }
     catch (const Error& error)
     {
@@ -223,15 +223,15 @@ TEST(ControllerWords, TellHowToSayIt)
               "cannot understand \"node-busy\": \"readers\" is not "
               "\"writers\"; say node-busy [writers]");
     EXPECT_THAT(refusal({"explodes"}),
-                HasSubstr("unknown deed of a controller \"explodes\"; there "
-                          "are: well, comes-up-after MS, "));
+                HasSubstr("unknown controller action \"explodes\"; there "
+                          "are: default, comes-up-after MS, "));
 }
 
 TEST(ControllerWords, AllHaveALineOfHelp)
 {
-    auto phrases = controllerDeeds().phrases();
+    auto phrases = controllerActions().phrases();
     EXPECT_THAT(phrases, SizeIs(9));
-    EXPECT_THAT(driverDeeds().phrases(), SizeIs(2));
+    EXPECT_THAT(driverActions().phrases(), SizeIs(2));
     for (const auto& phrase : phrases)
     {
         EXPECT_THAT(phrase.help, Not(IsEmpty())) << phrase.name;

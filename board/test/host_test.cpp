@@ -34,7 +34,7 @@ class SimulatedHost : public testing::Test
   protected:
     void does(const Words& words)
     {
-        hostDeeds().understand(words)(host);
+        hostAction(words)(host);
     }
 
     Timeline timeline;
@@ -105,12 +105,12 @@ TEST_F(SimulatedHost, CannotBeThereTwice)
 
 TEST_F(SimulatedHost, LeavesAndComesBack)
 {
-    does({"leaves"});
+    does({"host", "leaves"});
     EXPECT_EQ(client.hostState(), unknownService);
-    does({"goes-to", "Running"});
-    does({"comes"});
+    does({"host", "Running"});
+    does({"host", "comes"});
     EXPECT_EQ(client.hostState(), running);
-    does({"comes"});
+    does({"host", "comes"});
     EXPECT_EQ(client.hostState(), running);
     EXPECT_FALSE(
         timeline.waitFor<event::HostService>("service", limit).isThere);
@@ -119,22 +119,22 @@ TEST_F(SimulatedHost, LeavesAndComesBack)
 TEST_F(SimulatedHost, AnnouncesPowerStatesWhileItsServiceIsAway)
 {
     Listener power(client, powerPath);
-    does({"leaves"});
-    does({"power-state", "StateS5"});
+    does({"host", "leaves"});
+    does({"power", "StateS5"});
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
 TEST_F(SimulatedHost, ComesBackAfterTheBroker)
 {
     bus.dies();
-    does({"goes-to", "Running"});
-    EXPECT_THROW(does({"power-state", "StateS5"}), Error);
+    does({"host", "Running"});
+    EXPECT_THROW(does({"power", "StateS5"}), Error);
     bus.comesBack();
-    does({"comes"});
+    does({"host", "comes"});
     Client after;
     EXPECT_EQ(after.hostState(), running);
     Listener power(after, powerPath);
-    does({"power-state", "StateS5"});
+    does({"power", "StateS5"});
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
@@ -161,22 +161,22 @@ TEST(Host, CanComeLate)
 
 TEST_F(SimulatedHost, SaysAnyText)
 {
-    does({"says"});
+    does({"host", "says"});
     EXPECT_EQ(client.hostState(), "");
     const std::string asLong(48, 'x');
-    does({"says", asLong});
+    does({"host", "says", asLong});
     EXPECT_EQ(client.hostState(), asLong);
-    does({"says", "two", "words"});
+    does({"host", "says", "two", "words"});
     EXPECT_EQ(client.hostState(), "two words");
 }
 
 TEST_F(SimulatedHost, AnswersWithErrors)
 {
-    does({"answers-error", "org.example.Error.Late", "not", "now"});
+    does({"host", "answers-error", "org.example.Error.Late", "not", "now"});
     EXPECT_EQ(client.hostState(), "org.example.Error.Late");
     EXPECT_EQ(timeline.waitFor<event::HostAnswer>("answer", limit).what,
               "the error org.example.Error.Late");
-    does({"answers"});
+    does({"host", "answers"});
     EXPECT_EQ(client.hostState(), off);
     EXPECT_THROW(host.answersWithError("no name"), Error);
 }
@@ -186,7 +186,7 @@ TEST_F(SimulatedHost, AnswersWithOtherTypes)
     for (const auto* type :
          {"u", "b", "d", "o", "g", "as", "ay", "a{sv}", "(sa(ou))", "v"})
     {
-        does({"answers-type", type});
+        does({"host", "answers-type", type});
         EXPECT_EQ(client.hostStateType(), type);
     }
     for (const auto* type :
@@ -228,7 +228,7 @@ TEST_F(SimulatedHost, AnswersWithTypesWithinTheBussLimitsOnly)
 
 TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)
 {
-    does({"never-answers"});
+    does({"host", "never-answers"});
     auto answer = std::async(std::launch::async,
                              []
                              {
@@ -237,7 +237,7 @@ TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)
     EXPECT_EQ(timeline.waitFor<event::HostAnswer>("call", limit).what,
               "no answer");
     EXPECT_EQ(answer.wait_for(50ms), std::future_status::timeout);
-    does({"leaves"});
+    does({"host", "leaves"});
     ASSERT_EQ(answer.wait_for(limit), std::future_status::ready);
     EXPECT_EQ(answer.get(), "org.freedesktop.DBus.Error.NoReply");
 }
@@ -246,7 +246,7 @@ TEST_F(SimulatedHost, AnnouncesOften)
 {
     constexpr int times = 2000;
     Listener power(client, powerPath);
-    does({"power-state", "StateS5", std::to_string(times)});
+    does({"power", "StateS5", std::to_string(times)});
     for (int heard = 0; heard < times; ++heard)
     {
         ASSERT_THAT(power.heard(), HasSubstr(".StateS5")) << heard;
@@ -262,7 +262,7 @@ TEST_F(SimulatedHost, AnnouncesSeveralPropertiesAtOnce)
                                {"Other", "x"},
                                {"Number", "", "u"}}});
     EXPECT_EQ(power.heard(), "InternalPowerState=.StateS5 Other=x Number:u");
-    does({"signal-values", "reset", ".WarmReset", ".Other"});
+    does({"host", "signal-values", "reset", ".WarmReset", ".Other"});
     EXPECT_EQ(timeline.waitFor<event::ControlSignal>("signal", limit).path,
               resetPath);
 }
@@ -271,19 +271,19 @@ TEST_F(SimulatedHost, SendsSignalsOfOddShapes)
 {
     Listener power(client, powerPath);
     Listener reset(client, resetPath);
-    does({"signal-type", "power", "u"});
+    does({"host", "signal-type", "power", "u"});
     EXPECT_EQ(power.heard(), "InternalPowerState:u");
-    does({"signal-type", "reset", "o"});
+    does({"host", "signal-type", "reset", "o"});
     EXPECT_EQ(reset.heard(), "ResetCause:o");
-    does({"signal-property", "reset", "Other", "x"});
+    does({"host", "signal-property", "reset", "Other", "x"});
     EXPECT_EQ(reset.heard(), "Other=x");
-    does({"signal-body", "power", "ua{su}"});
+    does({"host", "signal-body", "power", "ua{su}"});
     EXPECT_EQ(power.heard(), "<body ua{su}>");
-    does({"signal-body", "power"});
+    does({"host", "signal-body", "power"});
     EXPECT_EQ(power.heard(), "<body >");
-    does({"signal-changed", "power", "org.example.Other"});
+    does({"host", "signal-changed", "power", "org.example.Other"});
     EXPECT_EQ(power.heard(), "<org.example.Other> InternalPowerState=.StateS5");
-    does({"signal-values", "power"});
+    does({"host", "signal-values", "power"});
     EXPECT_EQ(power.heard(), "<none>");
     EXPECT_EQ(timeline.waitFor<event::OddSignal>("signal", limit).what,
               "org.freedesktop.DBus.Properties.PropertiesChanged, "
@@ -296,13 +296,13 @@ TEST_F(SimulatedHost, SendsOtherSignals)
                     "Other");
     Listener interface(client, powerPath, "org.example.Other",
                        "PropertiesChanged");
-    does({"signal-member", "power", "Other"});
+    does({"host", "signal-member", "power", "Other"});
     EXPECT_EQ(member.heard(), "InternalPowerState=.StateS5");
-    does({"signal-interface", "power", "org.example.Other"});
+    does({"host", "signal-interface", "power", "org.example.Other"});
     EXPECT_EQ(interface.heard(), "InternalPowerState=.StateS5");
-    EXPECT_THROW(does({"signal-member", "power", "no name"}), Error);
-    EXPECT_THROW(does({"signal-type", "power", "uu"}), Error);
-    EXPECT_THROW(does({"signal-body", "power", "a"}), Error);
+    EXPECT_THROW(does({"host", "signal-member", "power", "no name"}), Error);
+    EXPECT_THROW(does({"host", "signal-type", "power", "uu"}), Error);
+    EXPECT_THROW(does({"host", "signal-body", "power", "a"}), Error);
 }
 
 TEST(HostWords, TellHowToSayIt)
@@ -311,7 +311,7 @@ TEST(HostWords, TellHowToSayIt)
     {
         try
         {
-            static_cast<void>(hostDeeds().understand(words));
+            static_cast<void>(hostAction(words));
         }
         catch (const Error& error)
         {
@@ -319,15 +319,15 @@ TEST(HostWords, TellHowToSayIt)
         }
         return "";
     };
-    EXPECT_EQ(refusal({"goes-to"}), "cannot understand \"goes-to\": something "
-                                    "is missing; say goes-to STATE");
-    EXPECT_EQ(refusal({"signal-type", "host", "u"}),
+    EXPECT_EQ(refusal({"power"}), "cannot understand \"power\": something is "
+                                  "missing; say power POWER [TIMES]");
+    EXPECT_EQ(refusal({"host", "signal-type", "host", "u"}),
               "cannot understand \"signal-type\": \"host\" is neither "
               "\"power\" nor \"reset\"; say signal-type power|reset "
               "SIGNATURE");
-    EXPECT_THAT(refusal({"dies"}), HasSubstr("unknown deed of the host"));
-    EXPECT_THAT(hostDeeds().phrases(), SizeIs(17));
-    for (const auto& phrase : hostDeeds().phrases())
+    EXPECT_THAT(refusal({"host", "dies"}), HasSubstr("unknown host action"));
+    EXPECT_THAT(hostActions().phrases(), SizeIs(14));
+    for (const auto& phrase : hostActions().phrases())
     {
         EXPECT_THAT(phrase.help, Not(IsEmpty())) << phrase.name;
     }

@@ -22,7 +22,7 @@ class Values : public testing::Test
     void are(const Words& words)
     {
         PlatformValues values(timeline);
-        platformDeeds().understand(words)(values);
+        platformActions().understand(words)(values);
     }
 
     /** @return whether it could be read; then its value is `read` */

@@ -30,8 +30,8 @@ namespace
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-/** Runs a deed in a process of its own; true when the deed said so. */
-bool inChild(const std::function<bool()>& deed)
+/** Runs a action in a process of its own; true when the action said so. */
+bool inChild(const std::function<bool()>& action)
 {
     const auto child = fork();
     if (child == 0)
@@ -39,7 +39,7 @@ bool inChild(const std::function<bool()>& deed)
         auto ok = false;
         try
         {
-            ok = deed();
+            ok = action();
         }
         catch (const std::exception& error)
         {

@@ -2,7 +2,7 @@
 #include "board/commands/arguments.hpp"
 #include "board/commands/command_table.hpp"
 #include "board/commands/commands.hpp"
-#include "board/commands/script.hpp"
+#include "board/commands/scenario.hpp"
 #include "board/util/error.hpp"
 
 #include <csignal>
@@ -77,7 +77,7 @@ std::vector<std::string> completions(const std::string& line)
     return small().complete(line, line.size()).candidates;
 }
 
-TEST(Words, ArePartedByBlanks)
+TEST(Words, AreSeparatedByBlanks)
 {
     EXPECT_THAT(meaning(" endpoint\t1  eid 0x42 \r"),
                 ElementsAre("endpoint CONTROLLER eid EID", "1", "0x42"));
@@ -163,7 +163,7 @@ TEST(Completion, OffersWhatCanFollow)
     EXPECT_THAT(completions("help e"), ElementsAre("endpoint", "expect"));
 }
 
-TEST(Words, OfAFamilyAreJudgedByIt)
+TEST(Words, OfAComponentAreCheckedByIt)
 {
     const auto why = [](const std::string& line) -> std::string
     {
@@ -186,7 +186,7 @@ TEST(Words, OfAFamilyAreJudgedByIt)
               "\"foo\" is not possible after \"host\"; possi");
 }
 
-TEST(Completion, KnowsTheWordsOfFamilies)
+TEST(Completion, KnowsTheWordsOfComponents)
 {
     const auto offered = [](const std::string& line)
     {
@@ -241,61 +241,6 @@ TEST(CommandTable, QuotesNoMoreOfAWordThanCanBeRead)
                 StartsWith('"' + std::string(64, 'x') + "...\" is not "));
 }
 
-TEST(CommandTable, KnowsTheWordsThatStoriesAreToldIn)
-{
-    for (const auto* line :
-         {"host Running",
-          "power StateS5",
-          "reset WarmReset",
-          "endpoint 0 silent",
-          "endpoint 1 eid 0x42",
-          "controller 0 never-comes-up",
-          "controller 1 comes-up-after 500",
-          "controller 1 class-entry file",
-          "driver bind-file refuses EIO",
-          "endpoint 1 first 2 late 500 silent then answering",
-          "host never-answers",
-          "host says",
-          "daemon start",
-          "daemon stop",
-          "daemon term",
-          "daemon kill",
-          "daemon status",
-          "platform cpu-vendor 1",
-          "bus broker-dies",
-          "loglevel 4",
-          "tree",
-          "endpoints",
-          "bus",
-          "timeline",
-          "timeline 5",
-          "await ready",
-          "await log some text",
-          "await published 29",
-          "await withdrawn 0x1d",
-          "await exit",
-          "await bind 0",
-          "await unbind 1",
-          "await up 0",
-          "await down 1",
-          "from now",
-          "limit 60000",
-          "pause 500",
-          "expect endpoints none",
-          "expect endpoints 29 157",
-          "expect exit 0",
-          "expect exit SIGKILL",
-          "expect no log TEXT",
-          "note a text",
-          "help",
-          "help await",
-          "quit"})
-    {
-        EXPECT_NO_THROW(static_cast<void>(allCommands().understand(line)))
-            << line;
-    }
-}
-
 TEST(CommandTable, KnowsTheEndsOfAProcess)
 {
     const auto end = endOf("0x0f");
@@ -312,76 +257,87 @@ TEST(CommandTable, KnowsTheEndsOfAProcess)
     }
 }
 
-TEST(Script, IsUnderstoodBeforeAnythingIsDone)
-{
-    const std::string text("# a story\n\nhost Running\nreset\n");
-    try
-    {
-        const Script script("a.board", text, allCommands());
-        FAIL() << "understood";
-    }
-    catch (const Error& error)
-    {
-        EXPECT_STREQ(error.what(),
-                     "a.board:4: \"reset\" is not all; after it: CAUSE");
-    }
-}
-
-/** Why a scenario of this text is refused. */
-std::string refusalOf(const std::string& text)
+/** What a scenario is as JSON, or why it is refused. */
+std::string parsed(const std::string& text)
 {
     try
     {
-        const Script script("a.board", text, allCommands());
+        return Scenario("a.board", text, allCommands()).asJson();
     }
     catch (const Error& error)
     {
         return error.what();
     }
-    return "understood";
 }
 
-TEST(Script, IsRefusedWithoutACommand)
+TEST(Scenario, IsParsedAsAWhole)
 {
-    for (const auto* text : {"", "\n\n", "# a comment\n \n"})
+    EXPECT_EQ(parsed("# a scenario\n\nhost Running\nwait log\n"),
+              "a.board:4: \"wait log\" is not all; after it: TEXT");
+}
+
+TEST(Scenario, HasItsTargetsLinesCommandsAndArgumentsInJson)
+{
+    EXPECT_EQ(parsed("# one\ntargets virtual service\n\n  endpoint 0  silent \n"
+                     "run echo  \"a\"\n"),
+              R"({"file":"a.board","targets":["service","virtual"],)"
+              R"("commands":[{"line":4,"text":"endpoint 0  silent",)"
+              R"("command":"endpoint CONTROLLER silent","arguments":["0"]},)"
+              R"({"line":5,"text":"run echo  \"a\"","command":"run COMMAND",)"
+              R"("arguments":["echo  \"a\""]}]})");
+    EXPECT_THAT(parsed("quit"), HasSubstr(R"("targets":["simulated"],)"));
+}
+
+TEST(Scenario, HasNoCommandThatATargetLacks)
+{
+    EXPECT_EQ(parsed("broker kill"),
+              "a.board:1: \"broker kill\" does not exist on the target "
+              "simulated; it does on service, virtual");
+    EXPECT_EQ(parsed("targets service virtual\nloglevel 4"),
+              "a.board:2: \"loglevel LEVEL\" does not exist on the target "
+              "service, virtual; it does on simulated");
+    EXPECT_EQ(parsed("targets simulated virtual\nendpoint 0 short 1"),
+              "a.board:2: \"endpoint CONTROLLER short [BYTES]\" does not exist "
+              "on the target virtual; it does on simulated, service");
+    EXPECT_EQ(parsed("note one\ntargets simulated"),
+              "a.board:2: only the first command can be \"targets\"");
+    EXPECT_THAT(parsed("targets board"),
+                HasSubstr("possible: TARGET (simulated, service or virtual)"));
+}
+
+TEST(Scenario, IsRefusedWithoutACommand)
+{
+    for (const auto* text : {"", "\n\n", "# a comment\n \n", "targets virtual"})
     {
-        EXPECT_EQ(refusalOf(text), "cannot play a.board: it has no command; "
-                                   "write one on each line");
+        EXPECT_EQ(parsed(text),
+                  "a.board: it has no command; write one on each line");
     }
 }
 
-TEST(Script, IsPlainText)
+TEST(Scenario, IsPlainText)
 {
     using namespace std::string_literals;
     for (const auto& text : {"note one\nno\0te two\n"s, "\n# \0\n"s})
     {
-        EXPECT_EQ(refusalOf(text),
+        EXPECT_EQ(parsed(text),
                   "a.board:2: the line has a null byte; commands are plain "
                   "text: save them as UTF-8");
     }
     for (const auto* mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"})
     {
-        EXPECT_EQ(refusalOf(mark + "note one\n"s),
+        EXPECT_EQ(parsed(mark + "note one\n"s),
                   "a.board:1: the line begins with a byte order mark; commands "
                   "are plain text: save them as UTF-8 without that mark");
     }
 }
 
-TEST(Script, CountsItsCommands)
-{
-    const std::string text("# a story\n\nhost Running\n  quit");
-    const Script script("a.board", text, allCommands());
-    EXPECT_EQ(script.size(), 2U);
-    EXPECT_EQ(script.name(), "a.board");
-}
-
-TEST(Script, SaysWhichFileCannotBeRead)
+TEST(Scenario, SaysWhichFileCannotBeRead)
 {
     const auto why = [](const std::string& file) -> std::string
     {
         try
         {
-            static_cast<void>(Script::of(file, allCommands()));
+            static_cast<void>(Scenario::of(file, allCommands()));
         }
         catch (const Error& error)
         {
@@ -391,8 +347,8 @@ TEST(Script, SaysWhichFileCannotBeRead)
     };
     EXPECT_EQ(
         why("/no/such.board"),
-        "cannot open the story /no/such.board: No such file or directory");
-    EXPECT_EQ(why("/run"), "cannot read the story /run: Is a directory");
+        "cannot open the scenario /no/such.board: No such file or directory");
+    EXPECT_EQ(why("/run"), "cannot read the scenario /run: Is a directory");
 }
 
 } // namespace

@@ -34,17 +34,17 @@ EventThread::~EventThread()
     thread.join();
 }
 
-void EventThread::run(const std::function<void(sd_event*)>& deed)
+void EventThread::run(const std::function<void(sd_event*)>& action)
 {
     std::packaged_task<void()> task(
         [&]
         {
-            deed(loop.get());
+            action(loop.get());
         });
     auto done = task.get_future();
     {
         const std::lock_guard lock(mutex);
-        deeds.push_back(std::move(task));
+        actions.push_back(std::move(task));
     }
     wakeup.wake();
     done.get();
@@ -58,7 +58,7 @@ int EventThread::takeDeeds(sd_event_source* /*source*/, int /*fd*/,
     std::deque<std::packaged_task<void()>> taken;
     {
         const std::lock_guard lock(that.mutex);
-        taken.swap(that.deeds);
+        taken.swap(that.actions);
     }
     for (auto& task : taken)
     {

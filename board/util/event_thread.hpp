@@ -29,9 +29,9 @@ class EventThread
     EventThread& operator=(EventThread&&) = delete;
     ~EventThread();
 
-    /** @brief Run a deed on the loop's thread and wait until it is done. What
-     *         it throws is thrown here. From any other thread. */
-    void run(const std::function<void(sd_event*)>& deed);
+    /** @brief Run an action on the loop's thread and wait until it is done.
+     * What it throws is thrown here. From any other thread. */
+    void run(const std::function<void(sd_event*)>& action);
 
     /** @brief Call back on the loop's thread while a descriptor is readable.
      *         From the loop's thread.
@@ -47,7 +47,7 @@ class EventThread
     sd::Loop loop;
     Wakeup wakeup;
     std::mutex mutex;
-    std::deque<std::packaged_task<void()>> deeds;
+    std::deque<std::packaged_task<void()>> actions;
     std::thread thread;
 };
 

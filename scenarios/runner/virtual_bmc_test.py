@@ -191,7 +191,7 @@ class Awaits(unittest.TestCase):
     def test_allow_for_the_delay_of_the_bus(self):
         self.add(2_000_000, 29)
         self.timeline.add(Event(1_990_000, "kernel", "device_up", {"controller": 1}))
-        self.play("await published 29\nawait up 1")
+        self.play("await published 29\nwait up 1")
 
     def test_end_with_the_machine(self):
         self.board.limit = 60

@@ -45,18 +45,18 @@ def measure_objects(table, tools, options):
         daemon=lambda: object_costs(tools, registry, options),
     )
     group = "Objects, -Os: processor time"
-    for deed in ("publish", "withdraw", "GetManagedObjects", "GetAll"):
+    for action in ("publish", "withdraw", "GetManagedObjects", "GetAll"):
         for count in COUNTS:
-            each = {"publish": "an object", "withdraw": "an object"}.get(deed, "a call")
-            table.add(group, f"{deed}, {each}, {count} published", "µs",
-                      column(results["daemon"], (deed, count)),
-                      column(results["floor"], (deed, count)))  # fmt: skip
-    for deed in ("publish", "withdraw"):
-        table.add(group, f"{deed}, an object at 768 beside one at 16", "%",
-                  growth(results["daemon"], deed), growth(results["floor"], deed),
+            each = {"publish": "an object", "withdraw": "an object"}.get(action, "a call")
+            table.add(group, f"{action}, {each}, {count} published", "µs",
+                      column(results["daemon"], (action, count)),
+                      column(results["floor"], (action, count)))  # fmt: skip
+    for action in ("publish", "withdraw"):
+        table.add(group, f"{action}, an object at 768 beside one at 16", "%",
+                  growth(results["daemon"], action), growth(results["floor"], action),
                   at_most=110)  # fmt: skip
 
 
-def growth(results, deed):
+def growth(results, action):
     """What each round has at the most objects, in hundredths of few."""
-    return [100 * result[deed, 768] / result[deed, 16] for result in results]
+    return [100 * result[action, 768] / result[action, 16] for result in results]

@@ -18,7 +18,7 @@ def times(tools, program, is_daemon):
         ready = board.wait(lambda event: event.get("text") == "READY=1")
         result = {"start": (ready["at"] - started["at"] - START_SLEEP_US) / 1000}
         since = board.now()
-        board.tell("host power-state StateS5")
+        board.tell("power StateS5")
         sent = board.wait(lambda event: event["event"] == "control_signal", since)
         # The daemon's last line before it sets them, the floor's after it.
         line = "Power state is StateS5" if is_daemon else "Path:["

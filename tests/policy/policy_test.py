@@ -197,10 +197,10 @@ class Policy:
         self.addCleanup(SOCKET.unlink, missing_ok=True)
         self.start(self, file)
 
-    def start_process(self, deed):
+    def start_process(self, action):
         """Starts a process that lasts as long as the test.
         @return the end from which what it says can be read"""
-        process, answer = in_process(deed)
+        process, answer = in_process(action)
         self.addCleanup(os.waitpid, process, 0)
         self.addCleanup(os.kill, process, signal.SIGKILL)
         self.addCleanup(answer.close)

@@ -23,7 +23,7 @@ constexpr const char* address = "unix:path=/run/dbus/system_bus_socket";
 using Deed = std::function<std::string(sd_bus*, sd_bus_error*)>;
 
 /** The child's part: connects as nobody and does it. */
-std::string connectAndDo(const Deed& deed)
+std::string connectAndDo(const Deed& action)
 {
     if (setresuid(nobody, nobody, nobody) != 0)
     {
@@ -36,7 +36,7 @@ std::string connectAndDo(const Deed& deed)
     {
         return "no connection";
     }
-    std::string result = deed(bus, &error);
+    std::string result = action(bus, &error);
     if (sd_bus_error_is_set(&error) != 0)
     {
         result = error.name;
@@ -47,7 +47,7 @@ std::string connectAndDo(const Deed& deed)
 }
 
 /** Does it in a process of another user. @return what it says */
-std::string asAnotherUser(const Deed& deed)
+std::string asAnotherUser(const Deed& action)
 {
     std::array<int, 2> answer{};
     if (pipe2(answer.data(), O_CLOEXEC) != 0)
@@ -57,7 +57,7 @@ std::string asAnotherUser(const Deed& deed)
     const pid_t child = fork();
     if (child == 0)
     {
-        const auto result = connectAndDo(deed);
+        const auto result = connectAndDo(action);
         (void)!write(answer[1], result.data(), result.size());
         _exit(EXIT_SUCCESS);
     }
