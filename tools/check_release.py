@@ -153,4 +153,4 @@ def main(directory, tree):
 if __name__ == "__main__":
     if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
-    main(Path(sys.argv[1]), Path(*sys.argv[2:] or [__file__, "../../.."]).resolve())
+    main(Path(sys.argv[1]), Path(*sys.argv[2:] or [__file__, "../.."]).resolve())

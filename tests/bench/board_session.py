@@ -20,7 +20,7 @@ from pathlib import Path
 from processes import LIMIT, ended
 
 # Levels of the log: what is shown unless told, up to ordinary progress, and up
-# to what each pass says.
+# to what each iteration logs.
 LOG_SHIPPED = 2
 LOG_DISCOVERY = 4
 LOG_ALL = 11
@@ -178,7 +178,7 @@ class Board:
         if self.shell.poll() is not None or time.monotonic() > until:
             self.output.seek(0)
             tail = "".join(self.output.readlines()[-20:])
-            raise RuntimeError(f"waited in vain for {what}; the board says:\n{tail}")
+            raise RuntimeError(f"timed out waiting for {what}; the board says:\n{tail}")
 
 
 def _number_in(file):

@@ -2,10 +2,10 @@
 
 /*
  * Accelerated time: preloaded, it divides every sleep of a program by the
- * environment variable FAST_TIME, so that many passes and power cycles go by
+ * environment variable FAST_TIME, so that many iterations and power cycles go by
  * quickly. A sleep stays one system call, and everything else is as it was.
  *
- * Sleeps are counted, since a pass of the state loop has exactly one: the file
+ * Sleeps are counted, since an iteration of the state loop has exactly one: the file
  * that FAST_TIME_COUNT names has the number.
  */
 

@@ -16,7 +16,7 @@ from times import discovery_beyond_sleeps
 FLOOD_LIMIT = 5  # seconds that an endless flood lasts at most
 SIGNALS_LIMIT = 5  # seconds without a signal, after which none is expected
 MANY_SIGNALS = 100_000
-GROUP = "Floods, -Os"
+GROUP = "Floods"
 POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
 
 
@@ -140,11 +140,11 @@ def measure_floods(table, tools, options):
 
 
 def measure_signals(table, tools, runs, few):
-    daemon, floor = tools.daemon("os"), tools.floor("os")
+    daemon, baseline = tools.daemon(), tools.baseline()
     for count in (10, 1000, MANY_SIGNALS):
         results = rounds(
             few if count == MANY_SIGNALS else runs,
-            floor=lambda: flood_of_signals(tools, floor, count),
+            baseline=lambda: flood_of_signals(tools, baseline, count),
             daemon=lambda: flood_of_signals(tools, daemon, count),
         )
         add_both(table, f"{count} power signals, handled", "", results, "handled")
@@ -155,11 +155,11 @@ def measure_signals(table, tools, runs, few):
 
 
 def measure_calls(table, tools, runs):
-    registry, raw = tools.registry("os"), tools.raw_server("os")
+    registry, raw = tools.registry(), tools.raw_server()
     for peers in (1, 32):
         results = rounds(
             runs,
-            floor=lambda: flood_of_calls(tools, raw, peers, 20_000),
+            baseline=lambda: flood_of_calls(tools, raw, peers, 20_000),
             daemon=lambda: flood_of_calls(tools, registry, peers, 20_000),
         )
         asked = f"calls of {peers} peer{'s' if peers > 1 else ''}"
@@ -168,21 +168,21 @@ def measure_calls(table, tools, runs):
 
 
 def measure_publishing(table, tools, runs):
-    registry, raw = tools.registry("os"), tools.raw_server("os")
+    registry, raw = tools.registry(), tools.raw_server()
     for peers in (0, 1, 32):
         results = rounds(
             runs,
-            floor=lambda: publishing_under_flood(tools, raw, peers),
+            baseline=lambda: publishing_under_flood(tools, raw, peers),
             daemon=lambda: publishing_under_flood(tools, registry, peers),
         )
         table.add(GROUP, f"publishing 16 while {asking(peers)}", "ms",
-                  column(results["daemon"], "took"), column(results["floor"], "took"),
+                  column(results["daemon"], "took"), column(results["baseline"], "took"),
                   daemon_note=waited(results["daemon"]),
-                  floor_note=waited(results["floor"]))  # fmt: skip
+                  baseline_note=waited(results["baseline"]))  # fmt: skip
 
 
 def measure_discovery(table, tools, runs):
-    daemon = tools.daemon("os")
+    daemon = tools.daemon()
     for peers in (0, 1, 32):
         results = [discovery_under_flood(tools, daemon, peers) for _ in range(runs)]
         table.add(GROUP, f"full discovery beyond its sleeps while {asking(peers)}", "ms",
@@ -191,7 +191,7 @@ def measure_discovery(table, tools, runs):
 
 def add_both(table, what, unit, results, key):
     table.add(GROUP, what, unit, column(results["daemon"], key),
-              column(results["floor"], key))  # fmt: skip
+              column(results["baseline"], key))  # fmt: skip
 
 
 def waited(results):

@@ -10,7 +10,7 @@ PAGE_KIB = os.sysconf("SC_PAGE_SIZE") // 1024
 
 
 def measure_growth(table, tools, options):
-    daemon = tools.daemon("os")
+    daemon = tools.daemon()
     sizes = {}
     with Board(tools, daemon, "Off", fast=1000) as board:
         board.start()
@@ -20,11 +20,11 @@ def measure_growth(table, tools, options):
                 power_cycle(board)
                 done += 1
             sizes[cycles] = memory_kib(board.pid)["private_dirty"]
-            table.add("Growth, -Os", f"private dirty after {cycles} power cycles",
+            table.add("Growth", f"private dirty after {cycles} power cycles",
                       "KiB", [sizes[cycles]])  # fmt: skip
     first, *_, last = options.cycles
     growth = (sizes[last] - sizes[first]) / ((last - first) / 1000)
-    table.add("Growth, -Os", "growth for 1,000 power cycles", "KiB", [growth],
+    table.add("Growth", "growth for 1,000 power cycles", "KiB", [growth],
               at_most=PAGE_KIB)  # fmt: skip
 
 

@@ -19,10 +19,9 @@ from pathlib import Path
 
 from floods import measure_floods
 from growth import measure_growth
+from iterations import measure_iterations
 from memory import measure_memory
 from objects import measure_objects
-from passes import measure_passes
-from pieces import measure_micro
 from processes import end_in_order
 from sizes import measure_sizes
 from table import Table
@@ -30,14 +29,13 @@ from times import measure_times
 from tools import Tools
 
 GROUPS = {
-    "passes": measure_passes,
+    "iterations": measure_iterations,
     "memory": measure_memory,
     "sizes": measure_sizes,
     "times": measure_times,
     "objects": measure_objects,
     "floods": measure_floods,
     "growth": measure_growth,
-    "micro": measure_micro,
 }
 
 
@@ -47,8 +45,8 @@ def parse(arguments):
     parser.add_argument("groups", nargs="*", choices=[[], *GROUPS], metavar="GROUP",
                         help=f"what to measure, all by default: {', '.join(GROUPS)}")  # fmt: skip
     parser.add_argument("--runs", type=int, default=7, help="rounds of runs (7)")
-    parser.add_argument("--passes", type=int, default=100,
-                        help="passes in a run (100)")  # fmt: skip
+    parser.add_argument("--iterations", type=int, default=100,
+                        help="iterations in a run (100)")  # fmt: skip
     parser.add_argument("--cycles", type=int, nargs="+", default=[10, 1000, 10_000],
                         help="power cycles after which growth is looked at")  # fmt: skip
     parser.add_argument("--check", action="store_true",
@@ -60,7 +58,7 @@ def parse(arguments):
 def machine(tools):
     """What the results are of."""
     models = re.findall(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
-    commands = json.loads((tools.root / "os/compile_commands.json").read_text())
+    commands = json.loads((tools.root / "release/compile_commands.json").read_text())
     compiler = subprocess.run(
         [commands[0]["command"].split()[0], "--version"],
         capture_output=True, text=True, check=True,

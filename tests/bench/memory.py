@@ -7,7 +7,6 @@ import time
 from board_session import Board
 from process_cost import memory_kib, stacks_kib
 from rounds import column, rounds
-from tools import FLAVOURS
 
 
 def memory(tools, program, is_daemon):
@@ -16,7 +15,7 @@ def memory(tools, program, is_daemon):
             board.start_with_endpoints()
         else:
             board.start()
-        time.sleep(2.5)  # some passes
+        time.sleep(2.5)  # some iterations
         stacks = stacks_kib(board.pid)
         return {
             **memory_kib(board.pid),
@@ -29,19 +28,17 @@ def measure_memory(table, tools, options):
     # What was just installed and is not on the disk yet counts as dirty where
     # it is mapped.
     os.sync()
-    for flavour, name in FLAVOURS.items():
-        daemon, floor = tools.daemon(flavour), tools.floor(flavour)
-        results = rounds(
-            options.runs,
-            floor=lambda: memory(tools, floor, False),
-            daemon=lambda: memory(tools, daemon, True),
-        )
-        for key, what, goal in (
-            ("private_dirty", "private dirty, two endpoints published", 1.6),
-            ("pss", "PSS", None),
-            ("stacks_reserved", "thread stacks, reserved", None),
-            ("stacks_used", "thread stacks, in use", None),
-        ):
-            table.add(f"Memory, {name}", what, "KiB",
-                      column(results["daemon"], key),
-                      column(results["floor"], key), ratio_at_most=goal)  # fmt: skip
+    daemon, baseline = tools.daemon(), tools.baseline()
+    results = rounds(
+        options.runs,
+        baseline=lambda: memory(tools, baseline, False),
+        daemon=lambda: memory(tools, daemon, True),
+    )
+    for key, what, goal in (
+        ("private_dirty", "private dirty, two endpoints published", 1.6),
+        ("pss", "PSS", None),
+        ("stacks_reserved", "thread stacks, reserved", None),
+        ("stacks_used", "thread stacks, in use", None),
+    ):
+        table.add("Memory", what, "KiB", column(results["daemon"], key),
+                  column(results["baseline"], key), ratio_at_most=goal)  # fmt: skip

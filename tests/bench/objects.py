@@ -7,7 +7,7 @@ from process_cost import cpu_ns
 from rounds import column, rounds
 from servers import PrivateBus, Server, ask
 
-COUNTS = [1, 16, 64, 256, 768]
+COUNTS = [1, 16, 768]
 
 
 def object_costs(tools, program, options):
@@ -38,25 +38,25 @@ def object_costs(tools, program, options):
 
 
 def measure_objects(table, tools, options):
-    registry, raw = tools.registry("os"), tools.raw_server("os")
+    registry, raw = tools.registry(), tools.raw_server()
     results = rounds(
         options.runs,
-        floor=lambda: object_costs(tools, raw, options),
+        baseline=lambda: object_costs(tools, raw, options),
         daemon=lambda: object_costs(tools, registry, options),
     )
-    group = "Objects, -Os: processor time"
-    for action in ("publish", "withdraw", "GetManagedObjects", "GetAll"):
+    group = "Objects: processor time"
+    for operation in ("publish", "withdraw", "GetManagedObjects", "GetAll"):
         for count in COUNTS:
-            each = {"publish": "an object", "withdraw": "an object"}.get(action, "a call")
-            table.add(group, f"{action}, {each}, {count} published", "µs",
-                      column(results["daemon"], (action, count)),
-                      column(results["floor"], (action, count)))  # fmt: skip
-    for action in ("publish", "withdraw"):
-        table.add(group, f"{action}, an object at 768 beside one at 16", "%",
-                  growth(results["daemon"], action), growth(results["floor"], action),
+            each = {"publish": "an object", "withdraw": "an object"}.get(operation, "a call")
+            table.add(group, f"{operation}, {each}, {count} published", "µs",
+                      column(results["daemon"], (operation, count)),
+                      column(results["baseline"], (operation, count)))  # fmt: skip
+    for operation in ("publish", "withdraw"):
+        table.add(group, f"{operation}, an object at 768 beside one at 16", "%",
+                  growth(results["daemon"], operation), growth(results["baseline"], operation),
                   at_most=110)  # fmt: skip
 
 
-def growth(results, action):
+def growth(results, operation):
     """What each round has at the most objects, in hundredths of few."""
-    return [100 * result[action, 768] / result[action, 16] for result in results]
+    return [100 * result[operation, 768] / result[operation, 16] for result in results]

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What a running process has cost, read from outside of it.
 
-Times are the scheduler's own, in nanoseconds, so that passes of some hundred
+Times are the scheduler's own, in nanoseconds, so that iterations of some hundred
 microseconds count; clock ticks would not do.
 """
 

@@ -1,8 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """What is installed, in KiB."""
 
-from tools import FLAVOURS
-
 # The daemon and the libraries that are installed with it.
 INSTALLED = [
     "libplatform-hal.so.1",
@@ -25,13 +23,12 @@ def installed(stage):
 
 
 def measure_sizes(table, tools, options):
-    for machine, prefix, limit in (("x86-64", "", None), ("aarch64", "arm64-", ARM64_LIMIT)):
-        for flavour, name in FLAVOURS.items():
-            group = f"Size, {machine}, {name}"
-            if not (tools.root / (prefix + flavour)).exists():
-                table.add_unmeasured(group, ALL, "KiB", at_most=limit)
-                continue
-            sizes = installed(tools.stage(prefix + flavour))
-            for file, size in sizes.items():
-                table.add(group, file, "KiB", [size])
-            table.add(group, ALL, "KiB", [sum(sizes.values())], at_most=limit)
+    for machine, build, limit in (("x86-64", "release", None), ("aarch64", "arm64", ARM64_LIMIT)):
+        group = f"Size, {machine}"
+        if not (tools.root / build).exists():
+            table.add_unmeasured(group, ALL, "KiB", at_most=limit)
+            continue
+        sizes = installed(tools.stage(build))
+        for file, size in sizes.items():
+            table.add(group, file, "KiB", [size])
+        table.add(group, ALL, "KiB", [sum(sizes.values())], at_most=limit)

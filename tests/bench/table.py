@@ -3,7 +3,7 @@
 
 A measurement is a list of numbers, one a run; what is kept of it is its median
 and its spread, told by the first and the third quartile. Where the daemon
-stands beside a floor, both were measured in the same round of runs: there is a
+stands beside a baseline, both were measured in the same round of runs: there is a
 ratio of each round, and of these, too, median and spread are kept. Goals are
 for medians.
 """
@@ -19,7 +19,7 @@ class Row:
     what: str
     unit: str
     daemon: dict | None  # None: not measured
-    floor: dict | None = None
+    baseline: dict | None = None
     ratio: dict | None = None
     ratio_at_most: float | None = None
     at_most: float | None = None
@@ -59,17 +59,17 @@ class Table:
         self.section = section
         self.rows = [row for row in self.rows if row.section != section]
 
-    def add(self, group, what, unit, daemon, floor=None, ratio_at_most=None, at_most=None,
-            daemon_note=None, floor_note=None):
-        """Adds a row of measurements, the floor's in the same rounds as the
+    def add(self, group, what, unit, daemon, baseline=None, ratio_at_most=None, at_most=None,
+            daemon_note=None, baseline_note=None):
+        """Adds a row of measurements, the baseline's in the same rounds as the
         daemon's; ratio_at_most and at_most are goals for the medians of the
         ratio and of the daemon. A note stands behind its measurements."""
         row = Row(self.section, group, what, unit, summary(daemon, daemon_note),
                   ratio_at_most=ratio_at_most, at_most=at_most)  # fmt: skip
-        if floor:
-            row.floor = summary(floor, floor_note)
-            pairs = list(zip(daemon, floor, strict=True))
-            if all(floor):
+        if baseline:
+            row.baseline = summary(baseline, baseline_note)
+            pairs = list(zip(daemon, baseline, strict=True))
+            if all(baseline):
                 row.ratio = summary([above / below for above, below in pairs])
         if ratio_at_most is not None:
             row.met = row.ratio is not None and row.ratio["median"] <= ratio_at_most
@@ -94,33 +94,14 @@ class Table:
 
     def as_text(self):
         """As Markdown: read well in a terminal, and pasted as it is."""
-        head = ["What", "Unit", "Daemon", "Floor", "Ratio", "Goal"]
+        head = ["What", "Unit", "Daemon", "Baseline", "Ratio", "Goal"]
         groups = {}
         for row in self.rows:
             groups.setdefault(row.group, []).append(_cells(row))
-        tables = [(group, head, rows) for group, rows in groups.items()]
-        return "\n".join(map(_table, [*tables, *self._flavours()]))
-
-    def _flavours(self):
-        """The one table of what was measured with -Os and with -O2."""
-        small = {(row.group, row.what): row for row in self.rows}
-        rows = []
-        for row in self.rows:
-            group = row.group.removesuffix(", -O2")
-            other = small.get((f"{group}, -Os", row.what))
-            if group == row.group or not other or not row.daemon or not other.daemon:
-                continue
-            below = other.daemon["median"]
-            rows.append([
-                f"{group}: {row.what}", row.unit, _spread(other.daemon), _spread(row.daemon),
-                f"{row.daemon['median'] / below:.2f}" if below else "",
-            ])  # fmt: skip
-        if rows:
-            yield "The daemon with -Os and with -O2", ["What", "Unit", "-Os", "-O2", "Ratio"], rows
+        return "\n".join(_table(group, head, rows) for group, rows in groups.items())
 
 
-def _table(table):
-    title, head, rows = table
+def _table(title, head, rows):
     widths = [max(map(len, column)) for column in zip(head, *rows)]
     lines = [f"**{title}**", "", _line(head, widths),
              _line(["-" * width for width in widths], widths)]  # fmt: skip
@@ -132,7 +113,7 @@ def _cells(row):
         row.what,
         row.unit,
         _spread(row.daemon, row.at_most) if row.daemon else "not measured",
-        _spread(row.floor) if row.floor else "",
+        _spread(row.baseline) if row.baseline else "",
         _spread(row.ratio, row.ratio_at_most, _ratio) if row.ratio else "",
         _goal(row),
     ]

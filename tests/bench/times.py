@@ -20,7 +20,7 @@ def times(tools, program, is_daemon):
         since = board.now()
         board.tell("power StateS5")
         sent = board.wait(lambda event: event["event"] == "control_signal", since)
-        # The daemon's last line before it sets them, the floor's after it.
+        # The daemon's last line before it sets them, the baseline's after it.
         line = "Power state is StateS5" if is_daemon else "Path:["
         seen = board.wait(lambda event: line in event.get("text", ""), since)
         result["flags"] = (seen["at"] - sent["at"]) / 1000
@@ -50,19 +50,19 @@ def discovery_beyond_sleeps(board):
 
 
 def measure_times(table, tools, options):
-    daemon, floor = tools.daemon("os"), tools.floor("os")
+    daemon, baseline = tools.daemon(), tools.baseline()
     results = rounds(
         options.runs,
-        floor=lambda: times(tools, floor, False),
+        baseline=lambda: times(tools, baseline, False),
         daemon=lambda: times(tools, daemon, True),
     )
-    group = "Times, -Os"
+    group = "Times"
     for key, what in (
         ("start", "start to READY=1 beyond the mandated second"),
         ("flags", "power signal sent to its flags set"),
     ):
         table.add(group, what, "ms", column(results["daemon"], key),
-                  column(results["floor"], key))  # fmt: skip
+                  column(results["baseline"], key))  # fmt: skip
     table.add(group, "full discovery beyond its sleeps of 2.1 s", "ms",
               column(results["daemon"], "discovery"), at_most=10)  # fmt: skip
     table.add(group, "first SIGTERM to both endpoints withdrawn", "ms",

@@ -11,14 +11,14 @@
  *    one with the two subscriptions, one with the name and the three object
  *    managers. Each thread sleeps in sd_bus_wait, without an event loop.
  *  - A signal thread, asleep in a semaphore that SIGTERM posts.
- *  - In each pass the main thread takes its default connection, reads one
+ *  - In each iteration the main thread takes its default connection, reads one
  *    property and gives the connection up: opening, authentication, Hello, one
  *    call, closing. No message is built that sd-bus does not build itself.
  *  - A signal of a power state is logged with one line, unconditionally, and
  *    raises two flags.
- *  - With --off, a pass sleeps 100 ms, removes two nodes and writes two names
+ *  - With --off, an iteration sleeps 100 ms, removes two nodes and writes two names
  *    into the unbind file, as the withdrawal of a host that is off does;
- *    without it, a pass sleeps a second.
+ *    without it, an iteration sleeps a second.
  *
  * Errors end it: there is nothing to measure then.
  */
@@ -50,7 +50,7 @@ static int checked(int result, const char* what)
 {
     if (result < 0)
     {
-        (void)fprintf(stderr, "floor: %s: %s\n", what, strerror(-result));
+        (void)fprintf(stderr, "baseline: %s: %s\n", what, strerror(-result));
         exit(EXIT_FAILURE);
     }
     return result;
@@ -69,7 +69,7 @@ static void logPath(sd_bus_message* message)
 {
     char line[160];
     const int length = snprintf(line, sizeof(line),
-                                "dlog 1 324 floor:1:powerState:Path:[%s]\n",
+                                "dlog 1 324 baseline:1:powerState:Path:[%s]\n",
                                 sd_bus_message_get_path(message));
     (void)!write(STDERR_FILENO, line, (size_t)length);
 }
