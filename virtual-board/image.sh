@@ -7,7 +7,7 @@
 # stage in the cache; a change of the daemon, of a unit or of the module costs
 # their build and a small archive, which is put behind the big one.
 
-virtual=$top/build/virtual-bmc
+virtual=$top/build/virtual-board
 
 # virtual_kernel: sets `kernel` to a directory with Image, the drivers that a
 # virtual machine needs, and below headers/ what modules are built with.
@@ -108,7 +108,7 @@ virtual_packages() {
     rm -rf "$packaged"
     for package in "$packages"/{morrow,libmorrow-platform1}_*_arm64.deb; do
         dpkg-deb -x "$package" "$packaged" ||
-            fail "cannot unpack $package: remove it, to have it made anew"
+            fail "cannot unpack $package: remove it and run this again"
     done
     # The host-state service is no part of any package.
     mkdir -p "$packaged/usr/bin"

@@ -1,11 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What happens in a virtual machine, in the words of docs/timeline.md: events
-out of its journal (the daemon's, the service manager's and the kernel's) and
-off its bus, with the machine's time of day.
+"""The timeline of a system with a service manager, with the kinds and fields of
+docs/timeline.md: events out of the journal (of the daemon, the service manager
+and the kernel), off the bus, and from the simulated board in a container.
 
-The daemon's records and the kernel's events carry the time at which they
-happened, so that the order between them is exact. The bus is watched by another
-client, which sees what happened a little later.
+All times are the machine's time of day in microseconds. The bus is watched by
+another client, which sees an event a little later than it happened.
 """
 
 import json
@@ -17,61 +16,63 @@ from dataclasses import dataclass, field
 ENDPOINT = "xyz.openbmc_project.mctp.Endpoint"
 UNIT = "morrow.service"
 
-# The journal's own names for what the service manager tells of a unit.
+# The journal's id of the service manager's "Started ...".
 UNIT_STARTED = "39f53479d3a045ac8e11786248231fbf"
 
 KERNEL_EVENT = re.compile(r"i3c_mctp_board: event (\d+) (.*)")
 
+# How much later than it happened an event of another source may be reported, in
+# microseconds, on a busy machine.
+SOURCE_DELAY = 100_000
+
 
 class WaitFailed(Exception):
-    """What was waited for did not happen within its limit."""
+    """An event did not come before the timeout."""
 
 
 @dataclass
 class Event:
-    """at: microseconds; source: journal, kernel or bus."""
+    """source: journal, kernel (or the board in its place) or bus."""
 
     at: int
     source: str
     kind: str
     facts: dict = field(default_factory=dict)
 
-    def as_json(self, began):
-        """The line that a saved timeline has for it."""
-        return json.dumps({"at": self.at - began, "event": self.kind, **self.facts})
-
 
 class Timeline:
     """May be used by any thread."""
 
-    def __init__(self):
+    def __init__(self, since=0):
+        """Events before `since` do not belong to it."""
+        self.since = since
         self.changed = threading.Condition()
         self.events = []
         self.ended = False
 
     def end(self):
-        """Nothing happens any more: breaks off all waits."""
+        """No more events come: ends all waits."""
         with self.changed:
             self.ended = True
             self.changed.notify_all()
 
     def add(self, event):
-        if event:
+        if event and event.at >= self.since:
             with self.changed:
                 self.events.append(event)
                 self.changed.notify_all()
 
-    def take_journal(self, line):
+    def add_journal(self, line):
         self.add(event_of_journal(line))
 
-    def take_bus(self, line):
+    def add_bus(self, line):
         for event in events_of_bus(line):
             self.add(event)
 
-    def wait_for(self, what, matches, first, since, limit):
+    def wait_for(self, what, matches, first, since, timeout):
         """Waits for an event that matches, at or after this time, and is not
-        among the `first` ones. Gives its number and itself."""
-        deadline = time.monotonic() + limit
+        among the `first` ones. Returns its number and itself."""
+        deadline = time.monotonic() + timeout
         with self.changed:
             while True:
                 while first < len(self.events):
@@ -83,7 +84,7 @@ class Timeline:
                     raise WaitFailed(f"no {what}: the machine was ended")
                 left = deadline - time.monotonic()
                 if left <= 0:
-                    raise WaitFailed(f"no {what} within {limit:g} s")
+                    raise WaitFailed(f"no {what} within {timeout:g} s")
                 self.changed.wait(left)
 
     def sorted(self):
@@ -91,9 +92,16 @@ class Timeline:
         with self.changed:
             return sorted(self.events, key=lambda event: event.at)
 
+    def save(self, path):
+        events = self.sorted()
+        with path.open("w", encoding="utf-8") as file:
+            for event in events:
+                line = {"at": event.at - events[0].at, "event": event.kind}
+                file.write(json.dumps({**line, **event.facts}) + "\n")
+
 
 def event_of_journal(line):
-    """The event that a journal's record tells of, if any."""
+    """The event of a journal's record, if it is one."""
     try:
         record = json.loads(line)
     except ValueError:
@@ -107,7 +115,7 @@ def event_of_journal(line):
     if "DLOG_LEVEL" in record:
         return _of_daemon(at, record, text)
     if record.get("UNIT") == UNIT:
-        # It says so, too, of a start that a condition has skipped.
+        # A start that a condition has skipped has that id too.
         if record.get("MESSAGE_ID") == UNIT_STARTED and text.startswith("Started"):
             return Event(at, "journal", "notified", {"text": "READY=1"})
         return Event(at, "journal", "unit", {"text": text})
@@ -117,24 +125,23 @@ def event_of_journal(line):
 
 
 def _of_daemon(at, record, text):
-    place = {
+    facts = {
         "level": int(record["DLOG_LEVEL"]),
         "file": record.get("CODE_FILE", ""),
         "line": int(record.get("CODE_LINE", 0)),
         "text": text,
     }
     if "DLOG_MODULE" not in record:
-        return Event(at, "journal", "trace", place)
-    return Event(at, "journal", "log", {**place, "module": int(record["DLOG_MODULE"])})
+        return Event(at, "journal", "trace", facts)
+    return Event(at, "journal", "log", {**facts, "module": int(record["DLOG_MODULE"])})
 
 
 def _of_kernel(text):
     found = KERNEL_EVENT.match(text)
     if not found:
         return None
-    at = int(found[1])
     word, *rest = found[2].split()
-    facts = {
+    kind, facts = {
         "write": lambda: (
             "driver_write",
             {"file": rest[0], "controller": rest[1], "error": int(rest[2])},
@@ -152,16 +159,16 @@ def _of_kernel(text):
                 "error": 0,
             },
         ),
-    }
-    return Event(at, "kernel", *facts[word]())
+    }[word]()
+    return Event(int(found[1]), "kernel", kind, facts)
 
 
 def events_of_bus(line):
-    """The events that a message on the bus tells of."""
+    """The events of a message on the bus."""
     try:
         message = json.loads(line)
     except ValueError:
-        return  # what is no message, and what was cut off
+        return  # no message, or one that was cut off
     at = message["timestamp-realtime"]
     data = message["payload"]["data"]
     match message.get("member"):

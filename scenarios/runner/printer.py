@@ -3,18 +3,20 @@
 
 import os
 
-from .board import CONTROLLERS
+from .system import CONTROLLERS
 
 
-def lines_of(events, began):
-    """One line for each event; `began` is when the story did."""
+def lines_of(timeline):
+    """One line for each event."""
+    events = timeline.sorted()
     return [
-        f"{(event.at - began) / 1000:10.3f}  {_who(event):<8} {_what(event)}"
+        f"{(event.at - events[0].at) / 1000:10.3f}  {_who(event):<8} {_what(event)}"
         for event in events
     ]
 
 
 def _who(event):
+    source = {"kernel": "driver", "scenario": "board"}.get(event.source, event.source)
     return {
         "log": "log",
         "trace": "trace",
@@ -22,7 +24,9 @@ def _who(event):
         "notified": "unit",
         "output": "daemon",
         "packet": "mctp",
-    }.get(event.kind, {"kernel": "driver", "bus": "bus"}.get(event.source))
+        "host_state": "host",
+        "host_answer": "host",
+    }.get(event.kind, source)
 
 
 def _error(number):
@@ -34,7 +38,7 @@ def _what(event):
     match event.kind:
         case "log" | "trace":
             return f"{facts['file']}:{facts['line']}  {facts['text']}"
-        case "unit" | "output":
+        case "note" | "unit" | "output":
             return facts["text"]
         case "notified":
             return "it is ready"
@@ -51,6 +55,12 @@ def _what(event):
         case "packet":
             way = ">" if facts["to_endpoint"] else "<"
             return f"{facts['node']} {way} {bytes(facts['bytes']).hex(' ')}"
+        case "host_state":
+            return f"CurrentHostState is {facts['value'].rpartition('.')[2]}"
+        case "host_answer":
+            return f"asked for CurrentHostState: {facts['what']}"
+        case "node_removed":
+            return f"{facts['node']} was removed"
         case "name_owner":
             return f"{facts['name']} is {facts['owner'] or 'nobody'}"
         case "endpoint_added":

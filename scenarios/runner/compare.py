@@ -1,25 +1,25 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the daemon did, in an order that two boards have to agree on.
+"""Compares timelines of one scenario on two targets: what the daemon did, in an
+order that both have to agree on.
 
-Of a saved timeline two orders are taken. In one is what the main thread did: its
+Of each timeline two orders are taken. In one is what the main thread did: its
 log, its writes to the driver's files with their results, the nodes that it
 opened and the packets that crossed them. In the other is what the bus saw. They
-are not compared with each other, since a client of the bus sees a thing some
+are not compared with each other, since a client of the bus sees an event some
 time after it happened.
 
-How often the daemon goes round while nothing changes is a matter of time, and a
-packet's tag one of chance; so what is repeated at once counts as done once, and
+How often the daemon repeats a discovery while nothing changes depends on time,
+and a packet's tag on chance; so what is repeated at once counts as done once, and
 tags are left out. So is the closing of a node: a file system in user space, which
-the simulated one is, hears of it after it has happened.
+the simulated one is, learns of it after it has happened.
 """
 
 import difflib
 import itertools
 import json
 import os
-import sys
 
-# Up to this level the virtual board's service logs.
+# Up to this level the service logs in scenarios.
 LEVEL = 4
 
 # What other files log on the main thread begins with one of these.
@@ -103,32 +103,12 @@ def _drop_repeated_end(kept):
             return
 
 
-def differences(simulated, virtual):
+def differences(one, other, names=("one", "other")):
     """How the second timeline differs from the first, as lines of a diff; none
     when they agree."""
     found = []
     for order in (main_thread, bus):
         found += difflib.unified_diff(
-            order(simulated), order(virtual), "simulated", "virtual", n=5, lineterm=""
+            order(one), order(other), *names, n=5, lineterm=""
         )
     return found
-
-
-def main(simulated, virtual, *stories):
-    """Compares two directories of saved timelines; gives the exit status."""
-    differing = 0
-    for story in stories:
-        lines = differences(
-            events_of(f"{simulated}/{story}.jsonl"), events_of(f"{virtual}/{story}.jsonl")
-        )
-        print(f"  {story:<28} {'differs' if lines else 'agrees'}")
-        for line in lines:
-            print(f"    {line}")
-        differing += bool(lines)
-    agreeing = len(stories) - differing
-    print(f"compare-boards: {agreeing} agree, {differing} differ")
-    return 1 if differing else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))

@@ -9,12 +9,10 @@ than a small board and shares its computer with others.
 import concurrent.futures
 import re
 
-from .board import Board
+from .system import DROP_INS
 from .timeline import UNIT, Timeline
 
 MEASURED_SECONDS = 60
-
-DROP_IN = "/etc/systemd/system/morrow.service.d/board.conf"
 
 
 def measure(player):
@@ -26,11 +24,8 @@ def measure(player):
 
 
 def _measured(player, name, measure_on):
-    timeline = Timeline()
-    with player.machine(name, timeline) as guest:
-        guest.resume(player.state)
-        board = Board(guest, timeline)
-        board.run(f"rm {DROP_IN} && systemctl daemon-reload")
+    with player.machine(name, Timeline()) as board:
+        board.run(f"rm -r {DROP_INS} && systemctl daemon-reload")
         return measure_on(board)
 
 
@@ -44,19 +39,16 @@ def _with_host_on(board):
     ready = _microseconds(board, "ActiveEnterTimestampMonotonic") - _microseconds(
         board, "ExecMainStartTimestampMonotonic"
     )
-    began = board.run("/usr/libexec/board/tell-host goes-to Running").began
-    published = board.await_event(
-        "announcement of the second endpoint",
-        "bus",
-        lambda event: event.kind == "endpoint_added"
-        and event.facts["path"].endswith("/157"),
-    )
+    began = board.run("tell_host host Running").began
+    board.look_from(began)
+    board.wait_published("157")
     rows = [
         ("start to READY=1", f"{ready / 1e6:.2f} s"),
-        ("Running to the second object", f"{(published.at - began) / 1e6:.2f} s"),
+        ("Running to the second object", f"{(board.since - began) / 1e6:.2f} s"),
     ]
     rows += _memory(board)
-    rows.append(("CPU over a minute, host on", _percent(_processor_over_a_minute(board))))
+    processor = _percent(_processor_over_a_minute(board))
+    rows.append(("CPU over a minute, host on", processor))
     security = board.run(f"systemd-analyze security --no-pager {UNIT}").output
     exposure = re.search(r"exposure level for .*: ([\d.]+)", security)
     rows.append(("systemd-analyze security", exposure[1] if exposure else "unknown"))
@@ -85,7 +77,7 @@ def _microseconds(board, name):
 def _processor_over_a_minute(board):
     """Nanoseconds."""
     before = int(board.unit("CPUUsageNSec"))
-    board.run(f"sleep {MEASURED_SECONDS}", limit=MEASURED_SECONDS * 3)
+    board.run(f"sleep {MEASURED_SECONDS}", seconds=MEASURED_SECONDS * 10)
     return int(board.unit("CPUUsageNSec")) - before
 
 

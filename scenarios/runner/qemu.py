@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """A virtual machine with three lines out of it: commands, journal and bus.
 
-A machine begins by booting, or as the copy of one that has booted: `save` keeps
-a machine's whole state in a directory, and any number of machines can go on from
-there. They share the kept memory until they write to it. What the machine says is handed to whoever made it, line by line, on
-threads of this module. A machine ends with its `with` block, and with the
-process, whatever becomes of that.
+A machine boots, or goes on from the state of one that has booted: `save` keeps a
+machine's whole state in a directory, for any number of copies. They share its
+memory until they write to it. Journal and bus go line by line to functions, which
+run on threads of this module. A machine ends with its `with` block, and with the
+process, however that ends.
 """
 
 import contextlib
@@ -17,8 +17,9 @@ import socket
 import subprocess
 import threading
 import time
-from dataclasses import dataclass
 from pathlib import Path
+
+from .system import COMMAND_SECONDS, Answer
 
 MEMORY_MB = 512
 PROCESSORS = 1
@@ -28,27 +29,14 @@ MEMORY = "memory"
 DEVICES = "devices"
 
 # From power-on to the first answer, on a machine that is busy with others.
-BOOT_SECONDS = 600
-
-# How long a command may take: some wait for the service manager.
-COMMAND_SECONDS = 300
+BOOT_SECONDS = 900
 
 # Authentication of pointers and scalable vectors are slow in emulation.
-SLOW_FEATURES = ",pauth=off,sve=off"
+CPU = "max,pauth=off,sve=off"
 
 
 class GuestError(Exception):
     """What went wrong with the machine itself, as one line."""
-
-
-@dataclass
-class Answer:
-    """What became of a command. Times of day in the machine, in microseconds."""
-
-    status: int
-    began: int
-    ended: int
-    output: str
 
 
 class Line:
@@ -71,12 +59,11 @@ class Line:
 class Guest:
     """Used by one thread, which has to live as long as the machine."""
 
-    def __init__(self, files, console, on_journal, on_bus, cpu="max"):
+    def __init__(self, files, console, on_journal, on_bus):
         """files: a directory with Image and initrd; console: where to log what
         the machine prints, or None for the terminal."""
         self.files = Path(files)
         self.console = console
-        self.cpu = cpu
         self.commands = Line("commands", 1)
         self.listeners = [(Line("journal", 2), on_journal), (Line("bus", 3), on_bus)]
         self.monitor_line = Line("monitor", 0)
@@ -150,11 +137,6 @@ class Guest:
         """Waits until the machine is switched off."""
         self.process.wait()
 
-    def resident_kb(self):
-        """What the machine takes of this computer's memory."""
-        status = Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
-        return int(status.split("VmRSS:")[1].split()[0])
-
     def _start(self, beginning):
         ends = [self.commands, self.monitor_line] + [line for line, _ in self.listeners]
         arguments = [
@@ -162,7 +144,7 @@ class Guest:
             *("setpriv", "--pdeathsig", "KILL"),
             "qemu-system-aarch64",
             *("-M", "virt", "-accel", "tcg,thread=multi"),
-            *("-cpu", self.cpu + (SLOW_FEATURES if self.cpu == "max" else "")),
+            *("-cpu", CPU),
             *("-smp", str(PROCESSORS)),
             *("-display", "none", "-nic", "none", "-no-reboot"),
             *("-serial", f"file:{self.console}" if self.console else "mon:stdio"),
