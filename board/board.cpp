@@ -72,36 +72,6 @@ const fs::path& present(const fs::path& daemon)
 
 } // namespace
 
-EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
-    kernel(kernel), index(index)
-{
-}
-
-void EndpointControl::answers()
-{
-    kernel.setBehaviour(index, answering());
-}
-
-void EndpointControl::staysSilent()
-{
-    kernel.setBehaviour(index, silent());
-}
-
-void EndpointControl::behaves(Endpoint::Behaviour behaviour)
-{
-    kernel.setBehaviour(index, std::move(behaviour));
-}
-
-void EndpointControl::hasEid(std::uint8_t eid)
-{
-    kernel.setEid(index, eid);
-}
-
-std::uint8_t EndpointControl::eid() const
-{
-    return kernel.eid(index);
-}
-
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), simulatedKernel(timeline),
     privateBus(timeline, options.installation.policy),

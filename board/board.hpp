@@ -2,11 +2,8 @@
 #pragma once
 
 #include "board/bus/bus.hpp"
-#include "board/endpoint/behaviours.hpp"
-#include "board/endpoint/endpoint.hpp"
 #include "board/host/host.hpp"
 #include "board/kernel/controller.hpp"
-#include "board/kernel/kernel.hpp"
 #include "board/process/daemon.hpp"
 #include "board/process/installation.hpp"
 #include "board/process/platform_values.hpp"
@@ -20,33 +17,6 @@
 
 namespace board
 {
-
-/** @brief The MCTP endpoint behind one of the two controllers. What is said
- *         holds from the next message on. */
-class EndpointControl
-{
-  public:
-    EndpointControl(Kernel& kernel, std::size_t index);
-
-    /** @brief It answers as it should. */
-    void answers();
-
-    /** @brief It never says anything. */
-    void staysSilent();
-
-    /** @brief It behaves in this way. */
-    void behaves(Endpoint::Behaviour behaviour);
-
-    /** @brief It has this endpoint id. */
-    void hasEid(std::uint8_t eid);
-
-    /** @brief Its endpoint id. */
-    [[nodiscard]] std::uint8_t eid() const;
-
-  private:
-    Kernel& kernel;
-    std::size_t index;
-};
 
 /** @brief What a board begins with. */
 struct BoardOptions

@@ -41,8 +41,6 @@ class Bus
 
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
-    Bus(Bus&&) = delete;
-    Bus& operator=(Bus&&) = delete;
     ~Bus();
 
     /** @brief Its address, for DBUS_SYSTEM_BUS_ADDRESS. */

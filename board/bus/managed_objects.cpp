@@ -34,34 +34,19 @@ void forEachEntry(sd_bus_message* message, const char* contents,
     sd::check(sd_bus_message_exit_container(message), misunderstood);
 }
 
-std::string readText(sd_bus_message* message, char type)
+void read(sd_bus_message* message, const char* types, auto... values)
 {
-    const char* text = nullptr;
-    sd::check(sd_bus_message_read_basic(message, type, &text), misunderstood);
-    return text;
-}
-
-template <typename Value>
-void readValue(sd_bus_message* message, char type, Value& value)
-{
-    const std::string contents(1, type);
-    sd::check(sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT,
-                                             contents.c_str()),
-              misunderstood);
-    sd::check(sd_bus_message_read_basic(message, type, &value), misunderstood);
-    sd::check(sd_bus_message_exit_container(message), misunderstood);
+    sd::check(sd_bus_message_read(message, types, values...), misunderstood);
 }
 
 std::vector<std::uint8_t> readBytes(sd_bus_message* message)
 {
     const void* bytes = nullptr;
     std::size_t size = 0;
-    sd::check(
-        sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, "ay"),
-        misunderstood);
-    sd::check(
-        sd_bus_message_read_array(message, SD_BUS_TYPE_BYTE, &bytes, &size),
-        misunderstood);
+    sd::check(sd_bus_message_enter_container(message, 'v', "ay"),
+              misunderstood);
+    sd::check(sd_bus_message_read_array(message, 'y', &bytes, &size),
+              misunderstood);
     sd::check(sd_bus_message_exit_container(message), misunderstood);
     const auto* const first = static_cast<const std::uint8_t*>(bytes);
     return {first, first + size};
@@ -69,14 +54,16 @@ std::vector<std::uint8_t> readBytes(sd_bus_message* message)
 
 void readProperty(sd_bus_message* message, EndpointObject& object)
 {
-    const auto name = readText(message, SD_BUS_TYPE_STRING);
+    const char* text = nullptr;
+    read(message, "s", &text);
+    const std::string_view name(text);
     if (name == "NetworkId")
     {
-        readValue(message, SD_BUS_TYPE_UINT32, object.networkId);
+        read(message, "v", "u", &object.networkId);
     }
     else if (name == "EID")
     {
-        readValue(message, SD_BUS_TYPE_BYTE, object.eid);
+        read(message, "v", "y", &object.eid);
     }
     else if (name == "SupportedMessageTypes")
     {
@@ -84,47 +71,48 @@ void readProperty(sd_bus_message* message, EndpointObject& object)
     }
     else if (name == "EndpointType")
     {
-        readValue(message, SD_BUS_TYPE_UINT16, object.endpointType);
+        read(message, "v", "q", &object.endpointType);
     }
     else if (name == "Slot")
     {
-        readValue(message, SD_BUS_TYPE_UINT16, object.slot);
+        read(message, "v", "q", &object.slot);
     }
     else if (name == "DevicePath")
     {
-        const char* path = nullptr;
-        readValue(message, SD_BUS_TYPE_STRING, path);
-        object.devicePath = path;
+        read(message, "v", "s", &text);
+        object.devicePath = text;
     }
     else
     {
-        throw Error("an endpoint has an unknown property " + name);
+        throw Error("an endpoint has an unknown property " + std::string(name));
     }
 }
 
-/** @return the object, when one of its interfaces makes it an endpoint */
-std::vector<EndpointObject> readObject(sd_bus_message* message)
+/** Reads an object, and keeps it when one of its interfaces makes it an
+ *  endpoint. */
+void readObject(sd_bus_message* message, std::vector<EndpointObject>& objects)
 {
-    EndpointObject object{.path = readText(message, SD_BUS_TYPE_OBJECT_PATH)};
-    auto isEndpoint = false;
-    forEachEntry(message, "{sa{sv}}", "sa{sv}",
-                 [&]
-                 {
-                     if (readText(message, SD_BUS_TYPE_STRING) !=
-                         "xyz.openbmc_project.mctp.Endpoint")
-                     {
-                         sd::check(sd_bus_message_skip(message, "a{sv}"),
-                                   misunderstood);
-                         return;
-                     }
-                     isEndpoint = true;
-                     forEachEntry(message, "{sv}", "sv",
-                                  [&]
-                                  {
-                                      readProperty(message, object);
-                                  });
-                 });
-    return isEndpoint ? std::vector{object} : std::vector<EndpointObject>();
+    const char* path = nullptr;
+    read(message, "o", &path);
+    forEachEntry(
+        message, "{sa{sv}}", "sa{sv}",
+        [&]
+        {
+            const char* interface = nullptr;
+            read(message, "s", &interface);
+            if (std::string_view(interface) !=
+                "xyz.openbmc_project.mctp.Endpoint")
+            {
+                sd::check(sd_bus_message_skip(message, "a{sv}"), misunderstood);
+                return;
+            }
+            auto& object = objects.emplace_back(EndpointObject{.path = path});
+            forEachEntry(message, "{sv}", "sv",
+                         [&]
+                         {
+                             readProperty(message, object);
+                         });
+        });
 }
 
 } // namespace
@@ -134,15 +122,13 @@ std::vector<EndpointObject> managedEndpoints(sd_bus* bus,
                                              const std::string& manager)
 {
     const auto what = "cannot read the endpoints at " + manager;
-    sd_bus_message* made = nullptr;
-    sd::check(sd_bus_message_new_method_call(
-                  bus, &made, service.c_str(), manager.c_str(),
-                  "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"),
-              what);
-    const sd::Message call(made);
     sd::BusError error;
     sd_bus_message* answered = nullptr;
-    if (sd_bus_call(bus, made, answerLimitUs, &error.error, &answered) < 0)
+    sd::check(sd_bus_set_method_call_timeout(bus, answerLimitUs), what);
+    if (sd_bus_call_method(bus, service.c_str(), manager.c_str(),
+                           "org.freedesktop.DBus.ObjectManager",
+                           "GetManagedObjects", &error.error, &answered,
+                           "") < 0)
     {
         throw Error(what + ": " + error.error.name + ": " +
                     error.error.message);
@@ -152,10 +138,7 @@ std::vector<EndpointObject> managedEndpoints(sd_bus* bus,
     forEachEntry(answered, "{oa{sa{sv}}}", "oa{sa{sv}}",
                  [&]
                  {
-                     for (auto& object : readObject(answered))
-                     {
-                         objects.push_back(std::move(object));
-                     }
+                     readObject(answered, objects);
                  });
     std::sort(objects.begin(), objects.end(),
               [](const auto& one, const auto& other)

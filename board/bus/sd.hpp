@@ -37,8 +37,6 @@ struct BusError
     BusError() = default;
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
-    BusError(BusError&&) = delete;
-    BusError& operator=(BusError&&) = delete;
     ~BusError()
     {
         sd_bus_error_free(&error);

@@ -2,6 +2,7 @@
 #include "board/commands/arguments.hpp"
 #include "board/commands/commands.hpp"
 #include "board/commands/session.hpp"
+#include "board/endpoint/behaviours.hpp"
 
 #include <cctype>
 #include <csignal>

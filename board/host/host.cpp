@@ -45,11 +45,11 @@ std::string interfaceOf(const ControlMessage& message)
                                    : "ResetCause");
 }
 
-bool isProper(const ControlMessage& message)
+bool isRegular(const ControlMessage& message)
 {
     return message.interface == propertiesInterface &&
            message.member == "PropertiesChanged" &&
-           message.body == ControlMessage::properBody &&
+           message.body == ControlMessage::regularBody &&
            std::all_of(message.properties.begin(), message.properties.end(),
                        [](const ControlProperty& property)
                        {
@@ -57,11 +57,11 @@ bool isProper(const ControlMessage& message)
                        });
 }
 
-/** What is not as it should be with a signal. */
-std::string oddity(const ControlMessage& message)
+/** A malformed signal with its differences from a regular one. */
+std::string description(const ControlMessage& message)
 {
     auto text = message.interface + "." + message.member;
-    if (message.body != ControlMessage::properBody)
+    if (message.body != ControlMessage::regularBody)
     {
         return text + " with the body \"" + message.body + "\"";
     }
@@ -77,34 +77,12 @@ bool isDisconnected(int result)
     return result == -ENOTCONN || result == -ECONNRESET || result == -EPIPE;
 }
 
-void refuseUnless(bool isValid, const std::string& what)
-{
-    if (!isValid)
-    {
-        throw Error(what);
-    }
-}
-
-/** Appends one entry of the changed properties. */
-void appendProperty(sd_bus_message* made, const ControlProperty& property,
-                    const std::string& what)
-{
-    sd::check(sd_bus_message_open_container(made, 'e', "sv"), what);
-    sd::check(sd_bus_message_append_basic(made, 's', property.name.c_str()),
-              what);
-    sd::check(sd_bus_message_open_container(made, 'v', property.type.c_str()),
-              what);
-    sd::check(appendSample(made, property.type, property.value), what);
-    sd::check(sd_bus_message_close_container(made), what);
-    sd::check(sd_bus_message_close_container(made), what);
-}
-
 void appendBody(sd_bus_message* made, const ControlMessage& message,
                 const std::string& what)
 {
-    if (message.body != ControlMessage::properBody)
+    if (message.body != ControlMessage::regularBody)
     {
-        sd::check(appendSample(made, message.body), what);
+        appendSample(made, message.body);
         return;
     }
     sd::check(
@@ -113,7 +91,11 @@ void appendBody(sd_bus_message* made, const ControlMessage& message,
     sd::check(sd_bus_message_open_container(made, 'a', "{sv}"), what);
     for (const auto& property : message.properties)
     {
-        appendProperty(made, property, what);
+        sd::check(sd_bus_message_open_container(made, 'e', "sv"), what);
+        sd::check(sd_bus_message_append_basic(made, 's', property.name.c_str()),
+                  what);
+        appendSampleVariant(made, property.type, property.value);
+        sd::check(sd_bus_message_close_container(made), what);
     }
     sd::check(sd_bus_message_close_container(made), what);
     sd::check(sd_bus_message_append(made, "as", 0), what);
@@ -200,33 +182,29 @@ int Host::readState(sd_bus* /*bus*/, const char* /*path*/,
                                  static_cast<Host*>(self)->current.c_str());
 }
 
-int Host::onCall(sd_bus_message* call, void* self, sd_bus_error* /*error*/)
+int Host::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
 {
     auto& host = *static_cast<Host*>(self);
-    const auto isAsked =
+    const auto& answer = host.answer;
+    const auto isRead =
         sd_bus_message_is_method_call(call, propertiesInterface, "Get") > 0 ||
         sd_bus_message_is_method_call(call, propertiesInterface, "GetAll") > 0;
-    constexpr int leftToTheMembers = 0;
-    return isAsked && host.answer.kind != Answer::Kind::value
-               ? host.answerOddly(call)
-               : leftToTheMembers;
-}
-
-int Host::answerOddly(sd_bus_message* call)
-{
-    constexpr int handled = 1;
+    if (!isRead || answer.kind == Answer::Kind::value)
+    {
+        return 0; // for the object's own members
+    }
     if (answer.kind == Answer::Kind::none)
     {
-        timeline.record(event::HostAnswer{"no answer"});
-        return handled;
+        host.timeline.record(event::HostAnswer{"no answer"});
+        return 1;
     }
     if (answer.kind == Answer::Kind::error)
     {
-        timeline.record(event::HostAnswer{"the error " + answer.detail});
-        return sd_bus_reply_method_errorf(call, answer.detail.c_str(), "%s",
-                                          answer.message.c_str());
+        host.timeline.record(event::HostAnswer{"the error " + answer.detail});
+        return sd_bus_error_set(error, answer.detail.c_str(),
+                                answer.message.c_str());
     }
-    timeline.record(
+    host.timeline.record(
         event::HostAnswer{"a value of type \"" + answer.detail + "\""});
     sd_bus_message* made = nullptr;
     if (const auto result = sd_bus_message_new_method_return(call, &made);
@@ -235,17 +213,8 @@ int Host::answerOddly(sd_bus_message* call)
         return result;
     }
     const sd::Message reply(made);
-    auto result =
-        sd_bus_message_open_container(made, 'v', answer.detail.c_str());
-    if (result >= 0)
-    {
-        result = appendSample(made, answer.detail);
-    }
-    if (result >= 0)
-    {
-        result = sd_bus_message_close_container(made);
-    }
-    return result < 0 ? result : sd_bus_send(nullptr, made, nullptr);
+    appendSampleVariant(made, answer.detail); // was tried when it was set
+    return sd_bus_send(nullptr, made, nullptr);
 }
 
 void Host::goesTo(const std::string& state)
@@ -283,7 +252,7 @@ void Host::change(const std::string& text)
             {
                 result = sd_bus_flush(service.get());
             }
-            // Where the broker has died nobody is there to be told.
+            // Without a broker nobody listens.
             if (!isDisconnected(result))
             {
                 sd::check(result, "cannot announce the host's state");
@@ -324,12 +293,12 @@ void Host::comes()
         });
 }
 
-void Host::setAnswer(const Answer& how)
+void Host::setAnswer(const Answer& newAnswer)
 {
     thread.run(
         [&](sd_event*)
         {
-            answer = how;
+            answer = newAnswer;
         });
 }
 
@@ -345,19 +314,24 @@ void Host::neverAnswers()
 
 void Host::answersWithError(const std::string& name, const std::string& message)
 {
-    refuseUnless(sd_bus_interface_name_is_valid(name.c_str()) > 0,
-                 "cannot answer with the error " + inQuotes(name) +
-                     ": it is no D-Bus error name such as "
-                     "org.freedesktop.DBus.Error.Failed");
+    if (sd_bus_interface_name_is_valid(name.c_str()) <= 0)
+    {
+        throw Error("cannot answer with the error " + inQuotes(name) +
+                    ": it is no D-Bus error name such as "
+                    "org.freedesktop.DBus.Error.Failed");
+    }
     setAnswer({Answer::Kind::error, name, message});
 }
 
 void Host::answersWithType(const std::string& signature)
 {
-    refuseUnless(isCompleteType(signature),
-                 "cannot answer with the type " + inQuotes(signature) +
-                     ": it is no D-Bus type such as u, o or as");
-    setAnswer({Answer::Kind::otherType, signature});
+    thread.run(
+        [&](sd_event*)
+        {
+            const auto trial = newSignal({}, "cannot try a type");
+            appendSampleVariant(trial.get(), signature);
+            answer = {Answer::Kind::otherType, signature};
+        });
 }
 
 void Host::entersPowerState(const std::string& state, std::size_t times)
@@ -379,26 +353,24 @@ void Host::isReset(const std::string& cause, std::size_t times)
 
 void Host::sends(const ControlMessage& message, std::size_t times)
 {
-    refuseUnless(isSignature(message.body),
-                 "cannot send a body of the types " + inQuotes(message.body) +
-                     ": they are no D-Bus signature such as sa{sv}as");
-    for (const auto& property : message.properties)
-    {
-        refuseUnless(isCompleteType(property.type),
-                     "cannot send a property of the type " +
-                         inQuotes(property.type) +
-                         ": it is no D-Bus type such as u, o or as");
-    }
     const auto what = "cannot send " + message.interface + "." +
                       message.member + " from " + pathOf(message.object);
-    record(message, times);
     thread.run(
         [&](sd_event*)
         {
+            const auto made = [&]
+            {
+                auto next = newSignal(message, what);
+                appendBody(next.get(), message, what);
+                return next;
+            };
+            static_cast<void>(made()); // fails before it is recorded
+            record(message, times);
             for (std::size_t sent = 1; sent <= times; ++sent)
             {
-                send(message, what);
-                // What waits to be sent is bounded, the number asked for not.
+                sd::check(sd_bus_send(control.get(), made().get(), nullptr),
+                          what);
+                // The queue is bounded, the number of signals is not.
                 if (sent % mostWaiting == 0 || sent == times)
                 {
                     sd::check(sd_bus_flush(control.get()), what);
@@ -410,9 +382,10 @@ void Host::sends(const ControlMessage& message, std::size_t times)
 void Host::record(const ControlMessage& message, std::size_t times)
 {
     const auto path = pathOf(message.object);
-    if (!isProper(message))
+    if (!isRegular(message))
     {
-        timeline.record(event::OddSignal{path, oddity(message), times});
+        timeline.record(
+            event::MalformedSignal{path, description(message), times});
         return;
     }
     for (const auto& property : message.properties)
@@ -422,16 +395,15 @@ void Host::record(const ControlMessage& message, std::size_t times)
     }
 }
 
-void Host::send(const ControlMessage& message, const std::string& what)
+sd::Message Host::newSignal(const ControlMessage& message,
+                            const std::string& what)
 {
     sd_bus_message* made = nullptr;
     sd::check(sd_bus_message_new_signal(
                   control.get(), &made, pathOf(message.object).c_str(),
                   message.interface.c_str(), message.member.c_str()),
               what);
-    const sd::Message owner(made);
-    appendBody(made, message, what);
-    sd::check(sd_bus_send(control.get(), made, nullptr), what);
+    return sd::Message(made);
 }
 
 } // namespace board

@@ -29,32 +29,31 @@ struct ControlProperty
     std::string type = "s"; //!< the signature of one complete type
 };
 
-/** @brief A signal of a control object in all its details: what is not said
- *         is as it should be. */
+/** @brief A signal of a control object in all its details; the defaults are
+ *         those of a regular one. */
 struct ControlMessage
 {
     ControlObject object = ControlObject::powerState;
     std::vector<ControlProperty> properties{};
     std::string interface = "org.freedesktop.DBus.Properties";
     std::string member = "PropertiesChanged";
-    /** The interface that is said to have changed; empty: the object's own. */
+    /** The interface whose property changed; empty: the object's own. */
     std::string changed{};
-    /** The body's signature; any other than this one is filled with zeros,
-     *  empty arrays and empty texts instead of the properties. */
-    std::string body = properBody;
+    /** The body's signature; any other than this one is filled with sample
+     *  values instead of the properties. */
+    std::string body = regularBody;
 
-    static constexpr auto properBody = "sa{sv}as";
+    static constexpr auto regularBody = "sa{sv}as";
 };
 
 /** The host as the BMC sees it: the host-state service with its property
  *  CurrentHostState, and the two control objects that announce power states
  *  and resets.
  *
- *  Service and control objects serve on connections of their own, so that one
- *  can go without the other, and on one thread. What the functions below do
- *  is recorded before anybody can see it, and sent when they return. They
- *  take the short names of states, e.g. "Running" or "StateS5", unless they
- *  say that they take a whole text.
+ *  Service and control objects have a connection each, so that one can leave
+ *  without the other. Events are recorded before anybody can see them, and
+ *  sent when a function returns. States are short names, e.g. "Running" or
+ *  "StateS5", unless a function takes a whole text.
  */
 class Host
 {
@@ -68,45 +67,37 @@ class Host
 
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
-    Host(Host&&) = delete;
-    Host& operator=(Host&&) = delete;
     ~Host();
 
-    /** @brief Change CurrentHostState, e.g. to "Running" or "Off". A state
-     *         that is none of hostStates() may be a typing error, so the
-     *         timeline gets a note of it. */
+    /** @brief Change CurrentHostState. A state that is none of hostStates()
+     *         may be a typing error, so it is noted on the timeline. */
     void goesTo(const std::string& state);
 
     /** @brief Let CurrentHostState be this whole text, whatever it is. */
     void says(const std::string& text);
 
-    /** @brief The service leaves the bus, as if its process had ended: its
-     *         name has no owner, and who waits for an answer gets NoReply. The
+    /** @brief The service leaves the bus as if its process had ended. The
      *         control objects stay. */
     void leaves();
 
-    /** @brief The service comes (back) to the bus and takes its name. Both
-     *         connections are new then, so that they work after the broker
-     *         came back, too.
+    /** @brief The service comes (back) to the bus. Both connections are made
+     *         again, in case there is another broker.
      *  @throws Error when the name cannot be had */
     void comes();
 
-    /** @brief Who asks for CurrentHostState gets it, as it should be. */
+    /** @brief A read of CurrentHostState gets its value. */
     void answers();
 
-    /** @brief Who asks for it never gets an answer. A caller gives up after
-     *         its own limit, with sd-bus usually 25 s. */
+    /** @brief A read never gets an answer. */
     void neverAnswers();
 
-    /** @brief Who asks for it gets an error.
-     *  @param name the D-Bus error, e.g.
-     *              "org.freedesktop.DBus.Error.AccessDenied"
-     *  @throws Error when it is no such name */
+    /** @brief A read gets an error.
+     *  @param name e.g. "org.freedesktop.DBus.Error.AccessDenied"
+     *  @throws Error when it is no name of an error */
     void answersWithError(const std::string& name,
                           const std::string& message = "It is not available.");
 
-    /** @brief Who asks for it gets a value of another type: a zero, or what
-     *         is empty.
+    /** @brief A read gets a sample value of another type.
      *  @param signature that of one complete type, e.g. "u", "o", "as"
      *  @throws Error when it is none */
     void answersWithType(const std::string& signature);
@@ -123,7 +114,7 @@ class Host
     void sends(const ControlMessage& message, std::size_t times = 1);
 
   private:
-    /** How the service answers who asks for the state. */
+    /** How the service answers a read of the state. */
     struct Answer
     {
         enum class Kind
@@ -143,10 +134,10 @@ class Host
     void serve(sd_event* loop);
     void leave();
     void change(const std::string& text);
-    void setAnswer(const Answer& how);
-    int answerOddly(sd_bus_message* call);
+    void setAnswer(const Answer& newAnswer);
     void record(const ControlMessage& message, std::size_t times);
-    void send(const ControlMessage& message, const std::string& what);
+    [[nodiscard]] sd::Message newSignal(const ControlMessage& message,
+                                        const std::string& what);
     static int readState(sd_bus* bus, const char* path, const char* interface,
                          const char* property, sd_bus_message* reply,
                          void* self, sd_bus_error* error);
@@ -165,7 +156,6 @@ class Host
 /** @brief The short names of the states that a host can be in. */
 [[nodiscard]] const std::vector<std::string>& hostStates();
 
-/** @brief What the host does. */
 using HostAction = std::function<void(Host&)>;
 
 /** @brief The actions that follow "host", but for a state. */

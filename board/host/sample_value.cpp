@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/host/sample_value.hpp"
 
-#include <cerrno>
+#include "board/util/error.hpp"
+#include "board/util/plain_text.hpp"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -10,192 +12,111 @@ namespace board
 namespace
 {
 
-constexpr std::string_view numbers = "ybnqiuxtd";
-constexpr std::string_view texts = "sog";
-
-bool isBasic(char type)
-{
-    return numbers.find(type) != std::string_view::npos ||
-           texts.find(type) != std::string_view::npos;
-}
-
-// What a D-Bus signature may be: bytes, and arrays or structs in each other.
 constexpr std::size_t longestSignature = 255;
-constexpr unsigned deepest = 32;
 
-/** How many containers a type is in. A dict entry counts as a struct. */
-struct Nesting
+void check(int result, std::string_view type)
 {
-    unsigned arrays = 0;
-    unsigned structs = 0;
-
-    [[nodiscard]] Nesting inArray() const
+    if (result < 0)
     {
-        return {arrays + 1, structs};
+        throw Error("cannot send a value of the type " + inQuotes(type) +
+                    ": it is no D-Bus type such as u, o or as");
     }
+}
 
-    [[nodiscard]] Nesting inStruct() const
-    {
-        return {arrays, structs + 1};
-    }
-
-    [[nodiscard]] bool isTooDeep() const
-    {
-        return arrays > deepest || structs > deepest;
-    }
-};
-
-std::size_t completeLength(std::string_view signature, Nesting nesting = {});
-
-/** @return the length of the bracketed types up to the closing bracket and
- *          with it; 0 when there are none or no bracket */
-std::size_t structLength(std::string_view signature, Nesting nesting)
+/** The length of the first type of a signature, if it is well formed. */
+std::size_t firstLength(std::string_view signature)
 {
-    std::size_t length = 1;
-    while (length < signature.size() && signature[length] != ')')
+    std::size_t depth = 0;
+    for (std::size_t index = 0; index < signature.size(); ++index)
     {
-        const auto member =
-            completeLength(signature.substr(length), nesting.inStruct());
-        if (member == 0)
+        const auto letter = signature[index];
+        depth += letter == '(' || letter == '{' ? 1 : 0;
+        depth -= (letter == ')' || letter == '}') && depth > 0 ? 1 : 0;
+        if (depth == 0 && letter != 'a')
         {
-            return 0;
+            return index + 1;
         }
-        length += member;
     }
-    const auto isClosed = length < signature.size();
-    return isClosed && length > 1 ? length + 1 : 0;
+    return signature.size();
 }
 
-/** @return the length of "{", a basic type, a type and "}"; 0 otherwise */
-std::size_t entryLength(std::string_view signature, Nesting nesting)
+const char* basicText(char type, const std::string& text)
 {
-    if (signature.size() < 2 || !isBasic(signature[1]))
+    if (type == 's')
     {
-        return 0;
+        return text.c_str();
     }
-    const auto value = completeLength(signature.substr(2), nesting.inStruct());
-    const auto length = 2 + value;
-    return value != 0 && length < signature.size() && signature[length] == '}'
-               ? length + 1
-               : 0;
+    if (type == 'g')
+    {
+        return "";
+    }
+    return sd_bus_object_path_is_valid(text.c_str()) > 0 ? text.c_str() : "/";
 }
 
-/** @return the length of the first complete type; 0 when there is none */
-std::size_t completeLength(std::string_view signature, Nesting nesting)
+void appendContainer(sd_bus_message* message, char kind,
+                     const std::string& contents, std::string_view members,
+                     const std::string& text)
 {
-    if (signature.empty() || nesting.isTooDeep())
-    {
-        return 0;
-    }
-    if (signature.front() == '(')
-    {
-        return structLength(signature, nesting);
-    }
-    if (signature.front() == 'a')
-    {
-        const auto rest = signature.substr(1);
-        const auto element = rest.starts_with('{')
-                                 ? entryLength(rest, nesting.inArray())
-                                 : completeLength(rest, nesting.inArray());
-        return element == 0 ? 0 : element + 1;
-    }
-    return isBasic(signature.front()) || signature.front() == 'v' ? 1 : 0;
+    check(sd_bus_message_open_container(message, kind, contents.c_str()),
+          contents);
+    appendSample(message, members, text);
+    check(sd_bus_message_close_container(message), contents);
 }
 
-int appendText(sd_bus_message* message, char type, const std::string& text)
-{
-    const auto isPath = sd_bus_object_path_is_valid(text.c_str()) > 0;
-    const auto* const sent = type == 's'             ? text.c_str()
-                             : type == 'g'           ? ""
-                             : type == 'o' && isPath ? text.c_str()
-                                                     : "/";
-    return sd_bus_message_append_basic(message, type, sent);
-}
-
-int appendContainer(sd_bus_message* message, char type,
-                    const std::string& contents, std::string_view members,
-                    const std::string& text)
-{
-    auto result =
-        sd_bus_message_open_container(message, type, contents.c_str());
-    if (result >= 0)
-    {
-        result = appendSample(message, members, text);
-    }
-    return result < 0 ? result : sd_bus_message_close_container(message);
-}
-
-int appendOne(sd_bus_message* message, std::string_view type,
-              const std::string& text)
+void appendOne(sd_bus_message* message, std::string_view type,
+               const std::string& text)
 {
     constexpr std::uint64_t zero = 0;
     switch (type.front())
     {
         case 'a':
-            return appendContainer(message, SD_BUS_TYPE_ARRAY,
-                                   std::string(type.substr(1)), "", text);
+            appendContainer(message, 'a', std::string(type.substr(1)), "",
+                            text);
+            return;
         case '(':
         {
             const auto members = type.substr(1, type.size() - 2);
-            return appendContainer(message, SD_BUS_TYPE_STRUCT,
-                                   std::string(members), members, text);
+            appendContainer(message, 'r', std::string(members), members, text);
+            return;
         }
         case 'v':
-            return appendContainer(message, SD_BUS_TYPE_VARIANT, "s", "s",
-                                   text);
+            appendContainer(message, 'v', "s", "s", text);
+            return;
+        case 'h':
+            check(-1, type);
+            return;
+        case 's':
+        case 'o':
+        case 'g':
+            check(sd_bus_message_append_basic(message, type.front(),
+                                              basicText(type.front(), text)),
+                  type);
+            return;
         default:
-            break;
+            check(sd_bus_message_append_basic(message, type.front(), &zero),
+                  type);
     }
-    return texts.find(type.front()) != std::string_view::npos
-               ? appendText(message, type.front(), text)
-               : sd_bus_message_append_basic(message, type.front(), &zero);
 }
 
 } // namespace
 
-bool isCompleteType(std::string_view signature)
+void appendSample(sd_bus_message* message, std::string_view signature,
+                  const std::string& text)
 {
-    return !signature.empty() && signature.size() <= longestSignature &&
-           completeLength(signature) == signature.size();
-}
-
-bool isSignature(std::string_view signature)
-{
-    if (signature.size() > longestSignature)
-    {
-        return false;
-    }
+    check(signature.size() > longestSignature ? -1 : 0, signature);
     while (!signature.empty())
     {
-        const auto length = completeLength(signature);
-        if (length == 0)
-        {
-            return false;
-        }
+        const auto length = firstLength(signature);
+        appendOne(message, signature.substr(0, length), text);
         signature.remove_prefix(length);
     }
-    return true;
 }
 
-int appendSample(sd_bus_message* message, std::string_view signature,
-                 const std::string& text)
+void appendSampleVariant(sd_bus_message* message, const std::string& type,
+                         const std::string& text)
 {
-    while (!signature.empty())
-    {
-        const auto length = completeLength(signature);
-        if (length == 0)
-        {
-            return -EINVAL;
-        }
-        if (const auto result =
-                appendOne(message, signature.substr(0, length), text);
-            result < 0)
-        {
-            return result;
-        }
-        signature.remove_prefix(length);
-    }
-    return 0;
+    check(type.size() > longestSignature ? -1 : 0, type);
+    appendContainer(message, 'v', type, type, text);
 }
 
 } // namespace board

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kernel/controller.hpp"
 
+#include "board/endpoint/behaviours.hpp"
 #include "board/util/plain_text.hpp"
 
-#include <array>
 #include <cerrno>
+#include <map>
 #include <utility>
 
 namespace board
@@ -12,76 +13,168 @@ namespace board
 
 using std::chrono::milliseconds;
 
+namespace
+{
+
+void setNodeRefusal(ControllerState& controller, const NodeRefusal& refusal)
+{
+    controller.refusals.node = refusal;
+    if (controller.device)
+    {
+        controller.device->refuse(refusal);
+    }
+}
+
+} // namespace
+
 Controller::Controller(Kernel& kernel, std::size_t index) :
     kernel(kernel), index(index)
 {
 }
 
+void Controller::change(
+    const std::function<void(ControllerState&)>& action) const
+{
+    kernel.change(
+        [&](I3cDriver& driver)
+        {
+            action(driver.controller(index));
+        });
+}
+
 void Controller::behavesWell()
 {
-    kernel.setComingUp(index, {});
-    kernel.setRefusals(index, {});
+    change(
+        [](ControllerState& controller)
+        {
+            controller.comingUp = {};
+            controller.refusals = {};
+            setNodeRefusal(controller, {});
+        });
 }
 
 void Controller::comesUpAfter(milliseconds delay)
 {
-    auto how = kernel.comingUp(index);
-    how.after = delay;
-    how.afterTheOther = false;
-    kernel.setComingUp(index, how);
+    change(
+        [=](ControllerState& controller)
+        {
+            controller.comingUp.after = delay;
+            controller.comingUp.afterTheOther = false;
+        });
 }
 
 void Controller::comesUpAfterTheOther(milliseconds delay)
 {
-    auto how = kernel.comingUp(index);
-    how.after = delay;
-    how.afterTheOther = true;
-    kernel.setComingUp(index, how);
+    change(
+        [=](ControllerState& controller)
+        {
+            controller.comingUp.after = delay;
+            controller.comingUp.afterTheOther = true;
+        });
 }
 
 void Controller::neverComesUp()
 {
-    auto how = kernel.comingUp(index);
-    how.after.reset();
-    kernel.setComingUp(index, how);
-}
-
-void Controller::hasClassEntry(bool has)
-{
-    hasClassEntry(has ? ClassEntry::directory : ClassEntry::none);
+    change(
+        [](ControllerState& controller)
+        {
+            controller.comingUp.after.reset();
+        });
 }
 
 void Controller::hasClassEntry(ClassEntry entry)
 {
-    auto how = kernel.comingUp(index);
-    how.classEntry = entry;
-    kernel.setComingUp(index, how);
+    change(
+        [=](ControllerState& controller)
+        {
+            controller.comingUp.classEntry = entry;
+        });
 }
 
 void Controller::refusesBind(int error)
 {
-    auto refusals = kernel.refusals(index);
-    refusals.bind = error;
-    kernel.setRefusals(index, refusals);
+    change(
+        [=](ControllerState& controller)
+        {
+            controller.refusals.bind = error;
+        });
 }
 
 void Controller::refusesUnbind(int error)
 {
-    auto refusals = kernel.refusals(index);
-    refusals.unbind = error;
-    kernel.setRefusals(index, refusals);
+    change(
+        [=](ControllerState& controller)
+        {
+            controller.refusals.unbind = error;
+        });
 }
 
 void Controller::nodeRefuses(int error, Openers who)
 {
-    auto refusals = kernel.refusals(index);
-    refusals.node = {error, who};
-    kernel.setRefusals(index, refusals);
+    change(
+        [=](ControllerState& controller)
+        {
+            setNodeRefusal(controller, {error, who});
+        });
 }
 
 std::optional<std::string> Controller::node() const
 {
-    return kernel.node(index);
+    std::optional<std::string> name;
+    change(
+        [&](const ControllerState& controller)
+        {
+            if (controller.device)
+            {
+                name = controller.device->node();
+            }
+        });
+    return name;
+}
+
+EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
+    kernel(kernel), index(index)
+{
+}
+
+void EndpointControl::behaves(Endpoint::Behaviour behaviour)
+{
+    kernel.change(
+        [&](I3cDriver& driver)
+        {
+            driver.controller(index).endpoint->setBehaviour(
+                std::move(behaviour));
+        });
+}
+
+void EndpointControl::answers()
+{
+    behaves(answering());
+}
+
+void EndpointControl::staysSilent()
+{
+    behaves(silent());
+}
+
+void EndpointControl::hasEid(std::uint8_t eid)
+{
+    kernel.change(
+        [=, this](I3cDriver& driver)
+        {
+            driver.controller(index).endpoint->setEid(eid);
+        });
+}
+
+std::uint8_t EndpointControl::eid() const
+{
+    std::uint8_t eid = 0;
+    kernel.change(
+        [&](I3cDriver& driver)
+        {
+            eid = driver.controller(index).endpoint->eid();
+        });
+    return eid;
 }
 
 DriverFiles::DriverFiles(Kernel& kernel) : kernel(kernel)
@@ -90,17 +183,21 @@ DriverFiles::DriverFiles(Kernel& kernel) : kernel(kernel)
 
 void DriverFiles::works(DriverFile file)
 {
-    kernel.setDriverFile(file, 0);
+    refusesToOpen(file, 0);
 }
 
 void DriverFiles::isMissing(DriverFile file)
 {
-    kernel.setDriverFile(file, ENOENT);
+    refusesToOpen(file, ENOENT);
 }
 
 void DriverFiles::refusesToOpen(DriverFile file, int error)
 {
-    kernel.setDriverFile(file, error);
+    kernel.change(
+        [=](I3cDriver& driver)
+        {
+            driver.setFile(file, error);
+        });
 }
 
 namespace
@@ -108,28 +205,19 @@ namespace
 
 constexpr Range aMinute{0, 60'000}; // in milliseconds
 
-struct NamedClassEntry
-{
-    const char* name;
-    ClassEntry entry;
-};
-
-constexpr std::array classEntries{
-    NamedClassEntry{"directory", ClassEntry::directory},
-    NamedClassEntry{"file", ClassEntry::file},
-    NamedClassEntry{"none", ClassEntry::none}};
-
 ClassEntry classEntryOf(Arguments& arguments)
 {
+    static const std::map<std::string, ClassEntry> known{
+        {"directory", ClassEntry::directory},
+        {"file", ClassEntry::file},
+        {"none", ClassEntry::none}};
     const auto word = arguments.text();
-    for (const auto& [name, entry] : classEntries)
+    const auto found = known.find(word);
+    if (found == known.end())
     {
-        if (word == name)
-        {
-            return entry;
-        }
+        arguments.refuse(inQuotes(word) + " is no kind of class entry");
     }
-    arguments.refuse(inQuotes(word) + " is no kind of class entry");
+    return found->second;
 }
 
 Openers openersOf(Arguments& arguments)
@@ -146,116 +234,87 @@ Openers openersOf(Arguments& arguments)
     return Openers::writers;
 }
 
+/** A call of one of the controller's functions. */
+template <typename Function, typename... Values>
+ControllerAction call(Function function, Values... values)
+{
+    return [=](Controller& controller)
+    {
+        (controller.*function)(values...);
+    };
+}
+
 std::vector<Vocabulary<ControllerAction>::Entry> controllerTable()
 {
     return {
         {{"default", "", "comes up as it should again, and refuses nothing"},
-         [](Arguments&) -> ControllerAction
+         [](Arguments&)
          {
-             return &Controller::behavesWell;
+             return call(&Controller::behavesWell);
          }},
         {{"comes-up-after", "MS", "its device comes up so long after a bind"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const milliseconds delay(arguments.number(aMinute));
-             return [delay](Controller& controller)
-             {
-                 controller.comesUpAfter(delay);
-             };
+             return call(&Controller::comesUpAfter,
+                         milliseconds(arguments.number(aMinute)));
          }},
         {{"comes-up-after-the-other", "[MS]",
           "its device comes up only after the other controller's"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const milliseconds delay(arguments.numberOr(aMinute, 0));
-             return [delay](Controller& controller)
-             {
-                 controller.comesUpAfterTheOther(delay);
-             };
+             return call(&Controller::comesUpAfterTheOther,
+                         milliseconds(arguments.numberOr(aMinute, 0)));
          }},
         {{"never-comes-up", "", "its device never comes up"},
-         [](Arguments&) -> ControllerAction
+         [](Arguments&)
          {
-             return &Controller::neverComesUp;
+             return call(&Controller::neverComesUp);
          }},
         {{"class-entry", "directory|file|none",
           "what its device has under /sys/class/i3c-mctp"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const auto entry = classEntryOf(arguments);
-             return [entry](Controller& controller)
-             {
-                 controller.hasClassEntry(entry);
-             };
+             return call(&Controller::hasClassEntry, classEntryOf(arguments));
          }},
         {{"refuses-bind", "ERRNO", "a bind fails, e.g. with EIO"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const auto error = arguments.errnoValue();
-             return [error](Controller& controller)
-             {
-                 controller.refusesBind(error);
-             };
+             return call(&Controller::refusesBind, arguments.errnoValue());
          }},
         {{"refuses-unbind", "ERRNO", "an unbind fails and changes nothing"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const auto error = arguments.errnoValue();
-             return [error](Controller& controller)
-             {
-                 controller.refusesUnbind(error);
-             };
+             return call(&Controller::refusesUnbind, arguments.errnoValue());
          }},
         {{"node-busy", "[writers]",
           "somebody else holds its node; or it can still be read"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
-             const auto who = openersOf(arguments);
-             return [who](Controller& controller)
-             {
-                 controller.nodeRefuses(EBUSY, who);
-             };
+             return call(&Controller::nodeRefuses, EBUSY, openersOf(arguments));
          }},
         {{"node-refuses", "ERRNO [writers]",
           "its node cannot be opened, or not for writing"},
-         [](Arguments& arguments) -> ControllerAction
+         [](Arguments& arguments)
          {
              const auto error = arguments.errnoValue();
-             const auto who = openersOf(arguments);
-             return [error, who](Controller& controller)
-             {
-                 controller.nodeRefuses(error, who);
-             };
+             return call(&Controller::nodeRefuses, error, openersOf(arguments));
          }},
     };
 }
 
-DriverAction fileAction(DriverFile file, Arguments& arguments)
+/** The errno with which an open of a driver file fails. */
+int fileErrorOf(Arguments& arguments)
 {
     const auto how = arguments.text();
-    if (how == "works")
+    if (how == "works" || how == "missing")
     {
-        return [file](DriverFiles& files)
-        {
-            files.works(file);
-        };
-    }
-    if (how == "missing")
-    {
-        return [file](DriverFiles& files)
-        {
-            files.isMissing(file);
-        };
+        return how == "works" ? 0 : ENOENT;
     }
     if (how != "refuses")
     {
         arguments.refuse(inQuotes(how) + " is none of these");
     }
-    const auto error = arguments.errnoValue();
-    return [file, error](DriverFiles& files)
-    {
-        files.refusesToOpen(file, error);
-    };
+    return arguments.errnoValue();
 }
 
 Vocabulary<DriverAction>::Entry fileEntryOf(DriverFile file,
@@ -263,9 +322,13 @@ Vocabulary<DriverAction>::Entry fileEntryOf(DriverFile file,
 {
     return {{name + "-file", "works|missing|refuses ERRNO",
              "whether the " + name + " file is there and can be opened"},
-            [file](Arguments& arguments)
+            [file](Arguments& arguments) -> DriverAction
             {
-                return fileAction(file, arguments);
+                const auto error = fileErrorOf(arguments);
+                return [=](DriverFiles& files)
+                {
+                    files.refusesToOpen(file, error);
+                };
             }};
 }
 

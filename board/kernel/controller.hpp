@@ -6,22 +6,23 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
-/** The I3C controllers and their driver as a story tells them how to behave,
- *  well and badly. Objects here are handles on a kernel: cheap to make and to
- *  copy, for any thread but an endpoint's behaviour, valid as long as the
- *  kernel.
+/** The I3C controllers, the endpoints behind them and their driver, as
+ *  scenarios set them up. Objects here are handles on a kernel: cheap to make
+ *  and to copy, for any thread but an endpoint's behaviour, valid as long as
+ *  the kernel.
  *
- *  What is said about a device's coming up holds from the controller's next
- *  bind on; what is said about refusals holds at once.
+ *  How a device comes up applies from the controller's next bind on; all else
+ *  applies at once.
  */
 namespace board
 {
 
-/** @brief One of the two I3C controllers, to be told how to behave. */
+/** @brief One of the two I3C controllers. */
 class Controller
 {
   public:
@@ -37,17 +38,11 @@ class Controller
 
     /** @brief Its device comes up this long after the other controller's, or
      *         after its own bind where the other's is up then; so the other's
-     *         device has the lower number, whatever the order of the binds.
-     *         Who binds one and waits for it before the other waits in vain.
-     */
+     *         device has the lower number, whatever the order of the binds. */
     void comesUpAfterTheOther(
         std::chrono::milliseconds delay = std::chrono::milliseconds(0));
 
-    /** @brief Its device never comes up. */
     void neverComesUp();
-
-    /** @brief Its device has a class entry, or has none. */
-    void hasClassEntry(bool has);
 
     /** @brief Its device's class entry is this. */
     void hasClassEntry(ClassEntry entry);
@@ -61,15 +56,40 @@ class Controller
      *  @param error an errno value; 0 ends it */
     void refusesUnbind(int error);
 
-    /** @brief Its device's node cannot be opened, as EBUSY while somebody
-     *         else holds it. Whoever has it open keeps it.
+    /** @brief Its device's node cannot be opened; a descriptor that is open
+     *         still works.
      *  @param error an errno value; 0 ends it
-     *  @param who   with Openers::writers a node can be read still, so that
-     *               it seems well until it is used */
+     *  @param who   with Openers::writers the node can still be read */
     void nodeRefuses(int error, Openers who = Openers::all);
 
-    /** @brief Its node's name, while its device is up. */
+    /** @brief Its node's name, "i3c-mctp-N", while its device is up. */
     [[nodiscard]] std::optional<std::string> node() const;
+
+  private:
+    void change(const std::function<void(ControllerState&)>& action) const;
+
+    Kernel& kernel;
+    std::size_t index;
+};
+
+/** @brief The MCTP endpoint behind one of the two controllers. */
+class EndpointControl
+{
+  public:
+    /** @param index that of the controller, 0 or 1 */
+    EndpointControl(Kernel& kernel, std::size_t index);
+
+    /** @brief It behaves in this way from the next message on. */
+    void behaves(Endpoint::Behaviour behaviour);
+
+    /** @brief It answers by the standard. */
+    void answers();
+
+    /** @brief It never answers. */
+    void staysSilent();
+
+    void hasEid(std::uint8_t eid);
+    [[nodiscard]] std::uint8_t eid() const;
 
   private:
     Kernel& kernel;
@@ -85,7 +105,6 @@ class DriverFiles
     /** @brief The file is there and can be opened. */
     void works(DriverFile file);
 
-    /** @brief The file is not there. */
     void isMissing(DriverFile file);
 
     /** @brief The file cannot be opened.
@@ -96,17 +115,14 @@ class DriverFiles
     Kernel& kernel;
 };
 
-/** @brief What a controller is told to do. */
 using ControllerAction = std::function<void(Controller&)>;
 
-/** @brief What a controller can be told in words, e.g. "never-comes-up". */
+/** @brief The phrases for a controller, e.g. "never-comes-up". */
 [[nodiscard]] const Vocabulary<ControllerAction>& controllerActions();
 
-/** @brief What becomes of the driver's files. */
 using DriverAction = std::function<void(DriverFiles&)>;
 
-/** @brief What can be said of the driver's files in words, e.g.
- *         "bind-file missing". */
+/** @brief The phrases for the driver's files, e.g. "bind-file missing". */
 [[nodiscard]] const Vocabulary<DriverAction>& driverActions();
 
 } // namespace board

@@ -5,101 +5,72 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace board
 {
 
-/** The names that the simulated kernel shows: directories, links, attribute
- *  files and device nodes, as values in memory. It knows nothing of how it is
- *  mounted.
+/** @brief A directory, link, attribute file or device node. */
+struct FileEntry
+{
+    mode_t mode = 0; //!< type and permissions, as in stat(2)
+    std::string content{}; //!< of a file, or the target of a link
+    /** Whether a file can be opened; its result is an errno value. */
+    std::function<int()> onOpen{};
+    /** What a write to a file does; its result is an errno value. */
+    std::function<int(std::string_view)> onWrite{};
+    std::shared_ptr<MctpDevice> device{}; //!< of a device node
+    ino_t inode = 0; //!< set by the tree
+};
+
+[[nodiscard]] FileEntry directoryEntry();
+[[nodiscard]] FileEntry linkEntry(std::string target);
+[[nodiscard]] FileEntry readableEntry(std::string content);
+
+/** @brief A write-only file, as sysfs has them. */
+[[nodiscard]] FileEntry
+controlEntry(std::function<int(std::string_view)> onWrite);
+
+/** @brief A write-only file that cannot be opened. */
+[[nodiscard]] FileEntry refusingEntry(std::function<int()> onOpen);
+
+[[nodiscard]] FileEntry deviceEntry(std::shared_ptr<MctpDevice> device);
+
+/** The names that the simulated kernel shows, by their paths relative to the
+ *  root, e.g. "dev/null".
  *
- *  Each entry has an id for its life and an inode number for its path: a node
- *  that is removed and made anew is another entry, yet shows the same inode
- *  number, as lock keys are made from it. An entry that was removed stays
- *  reachable by its id for as long as somebody refers to it.
- *
- *  No lock of its own. Paths are relative to the root, e.g. "dev/null".
+ *  A path keeps its inode number when its entry is removed and comes back:
+ *  lock keys are made from it. No lock of its own.
  */
 class FileTree
 {
   public:
-    using Id = std::uint64_t;
-    static constexpr Id root = 1;
-
-    struct Entry
-    {
-        mode_t mode = 0; //!< type and permissions, as in stat(2)
-        std::string content{}; //!< of a file, or the target of a link
-        /** Whether a file can be opened; its result is an errno value. */
-        std::function<int()> onOpen{};
-        /** What a write to a file does; its result is an errno value. */
-        std::function<int(std::string_view)> onWrite{};
-        std::shared_ptr<MctpDevice> device{}; //!< of a device node
-        bool fixed = false; //!< will never change: may be remembered
-
-        Id id = 0; //!< this and what follows is the tree's to fill
-        ino_t inode = 0;
-        Id parent = 0; //!< 0 once removed
-        std::map<std::string, Id, std::less<>> children{};
-        std::uint64_t references = 0;
-    };
-
     FileTree();
 
-    /** @brief Add an entry; missing directories on its way are made. One that
-     *         has the path already is replaced. */
-    Entry& add(std::string_view path, Entry entry);
+    /** @brief Add an entry with the directories that lead to it, or replace
+     *         it. */
+    void add(const std::string& path, FileEntry entry);
 
-    /** @brief Add a directory unless it is there. */
-    Entry& addDirectory(std::string_view path);
+    /** @brief Remove an entry and everything below it, if it is there. */
+    void remove(const std::string& path);
 
-    /** @brief Remove an entry with everything below it, if it is there. */
-    void remove(std::string_view path);
+    /** @return the entry at a path, "" for the root, or nullptr */
+    [[nodiscard]] FileEntry* find(std::string_view path);
 
-    /** @brief The entry of this id, or nullptr. */
-    [[nodiscard]] Entry* find(Id id);
-
-    /** @brief The entry at this path, or nullptr. */
-    [[nodiscard]] Entry* at(std::string_view path);
-
-    /** @brief The entry of this name in a directory, or nullptr. */
-    [[nodiscard]] Entry* child(const Entry& directory, std::string_view name);
-
-    /** @brief Give up references that were counted up in an entry: one that
-     *         was removed is forgotten with the last. */
-    void release(Id id, std::uint64_t references);
+    /** @brief The names in a directory. */
+    [[nodiscard]] std::vector<std::string> names(std::string_view directory);
 
   private:
-    void detach(Entry& entry);
+    void put(const std::string& path, FileEntry entry);
 
-    std::map<Id, Entry> entries;
-    std::map<std::string, ino_t, std::less<>> inodes;
-    Id lastId = root;
+    std::map<std::string, FileEntry, std::less<>> entries;
+    std::map<std::string, ino_t> inodes;
 };
-
-/** @brief An entry for a directory. */
-[[nodiscard]] FileTree::Entry directoryEntry();
-
-/** @brief An entry for a symbolic link. */
-[[nodiscard]] FileTree::Entry linkEntry(std::string target);
-
-/** @brief An entry for a file that can be read. */
-[[nodiscard]] FileTree::Entry fileEntry(std::string content);
-
-/** @brief An entry for a file that can be written, as sysfs has them. */
-[[nodiscard]] FileTree::Entry
-controlEntry(std::function<int(std::string_view)> onWrite);
-
-/** @brief An entry for such a file that cannot be opened. */
-[[nodiscard]] FileTree::Entry refusingEntry(std::function<int()> onOpen);
-
-/** @brief An entry for a device's node. */
-[[nodiscard]] FileTree::Entry deviceEntry(std::shared_ptr<MctpDevice> device);
 
 } // namespace board

@@ -1,66 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kernel/fuse_operations.hpp"
 
+#define FUSE_USE_VERSION 314
 #include <fcntl.h>
+#include <fuse.h>
 #include <poll.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <span>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace board
 {
-
-// The signatures are libfuse's.
-// NOLINTBEGIN(readability-non-const-parameter)
-
-/** One function for each request of the kernel. */
-struct FuseOperations
-{
-    static void lookup(fuse_req_t req, fuse_ino_t parent, const char* name);
-    static void forget(fuse_req_t req, fuse_ino_t ino, std::uint64_t count);
-    static void getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info);
-    static void setattr(fuse_req_t req, fuse_ino_t ino, struct stat* wanted,
-                        int which, fuse_file_info* info);
-    static void readlink(fuse_req_t req, fuse_ino_t ino);
-    static void unlink(fuse_req_t req, fuse_ino_t parent, const char* name);
-    static void readdir(fuse_req_t req, fuse_ino_t ino, std::size_t size,
-                        off_t offset, fuse_file_info* info);
-    static void open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info);
-    static void release(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info);
-    static void read(fuse_req_t req, fuse_ino_t ino, std::size_t size,
-                     off_t offset, fuse_file_info* info);
-    static void write(fuse_req_t req, fuse_ino_t ino, const char* bytes,
-                      std::size_t size, off_t offset, fuse_file_info* info);
-    static void poll(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info,
-                     fuse_pollhandle* handle);
-
-  private:
-    static void readDevice(fuse_req_t req, MctpDevice& device,
-                           std::size_t size);
-    static FuseFiles& filesOf(fuse_req_t req)
-    {
-        return *static_cast<FuseFiles*>(fuse_req_userdata(req));
-    }
-};
-
 namespace
 {
 
-// What a call answers to the kernel cannot fail in a way that matters: it
-// fails only when the asking process has been killed.
-template <typename... Args>
-void answer(int (*reply)(fuse_req_t, Args...), fuse_req_t req,
-            std::type_identity_t<Args>... args)
+ServedFiles& served()
 {
-    static_cast<void>(reply(req, args...));
+    return *static_cast<ServedFiles*>(fuse_get_context()->private_data);
 }
 
-struct stat attributes(const FileTree::Entry& entry)
+/** The entry of a request, which comes with a path or an open file or both. */
+FileEntry* entryOf(const char* path, const fuse_file_info* info)
+{
+    return path == nullptr ? &served().open.at(info->fh).entry
+                           : served().tree.find(path + 1);
+}
+
+struct stat attributes(const FileEntry& entry)
 {
     struct stat status = {};
     status.st_ino = entry.inode;
@@ -70,287 +38,259 @@ struct stat attributes(const FileTree::Entry& entry)
     return status;
 }
 
-/** Names and attributes change without the real kernel's knowledge, so it is
- *  to remember none of them, but for those that never change. */
-double memoryOf(const FileTree::Entry& entry)
-{
-    constexpr double forEver = 1e6;
-    return entry.fixed ? forEver : 0;
-}
-
-void replyBytes(fuse_req_t req, std::span<const char> bytes)
-{
-    answer(fuse_reply_buf, req, bytes.data(), bytes.size());
-}
-
 /** sysfs takes a value with or without a line end. */
 std::string_view withoutLineEnd(std::string_view text)
 {
-    if (!text.empty() && text.back() == '\n')
-    {
-        text.remove_suffix(1);
-    }
+    text.remove_suffix(text.ends_with('\n') ? 1 : 0);
     return text;
 }
 
-} // namespace
-
-void FuseOperations::lookup(fuse_req_t req, fuse_ino_t parent, const char* name)
+void* init(fuse_conn_info* connection, fuse_config* config)
 {
-    auto& tree = filesOf(req).tree;
-    const auto* const directory = tree.find(parent);
-    auto* const entry =
-        directory == nullptr ? nullptr : tree.child(*directory, name);
+    // Names come and go without the real kernel's knowledge, so it may
+    // remember none.
+    config->entry_timeout = 0;
+    config->attr_timeout = 0;
+    config->negative_timeout = 0;
+    config->use_ino = 1;
+    config->hard_remove = 1;
+    config->nullpath_ok = 1;
+    connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS);
+    return fuse_get_context()->private_data;
+}
+
+int getattr(const char* path, struct stat* status, fuse_file_info* info)
+{
+    const auto* const entry = entryOf(path, info);
     if (entry == nullptr)
     {
-        answer(fuse_reply_err, req, ENOENT);
-        return;
+        return -ENOENT;
     }
-    ++entry->references;
-    fuse_entry_param found{};
-    found.ino = entry->id;
-    found.attr = attributes(*entry);
-    found.attr_timeout = memoryOf(*entry);
-    found.entry_timeout = memoryOf(*entry);
-    answer(fuse_reply_entry, req, &found);
+    *status = attributes(*entry);
+    return 0;
 }
 
-void FuseOperations::forget(fuse_req_t req, fuse_ino_t ino, std::uint64_t count)
+int chmod(const char* path, mode_t mode, fuse_file_info* info)
 {
-    filesOf(req).tree.release(ino, count);
-    fuse_reply_none(req);
-}
-
-void FuseOperations::getattr(fuse_req_t req, fuse_ino_t ino,
-                             fuse_file_info* /*info*/)
-{
-    const auto* const entry = filesOf(req).tree.find(ino);
+    auto* const entry = entryOf(path, info);
     if (entry == nullptr)
     {
-        answer(fuse_reply_err, req, ESTALE);
-        return;
+        return -ENOENT;
     }
-    const auto status = attributes(*entry);
-    answer(fuse_reply_attr, req, &status, memoryOf(*entry));
+    entry->mode = (entry->mode & S_IFMT) | (mode & ~S_IFMT);
+    return 0;
 }
 
-void FuseOperations::setattr(fuse_req_t req, fuse_ino_t ino,
-                             struct stat* wanted, int which,
-                             fuse_file_info* info)
+int readlink(const char* path, char* target, std::size_t size)
 {
-    auto* const entry = filesOf(req).tree.find(ino);
-    if (entry != nullptr && (which & FUSE_SET_ATTR_MODE) != 0)
-    {
-        constexpr mode_t permissions = 07777;
-        entry->mode = (entry->mode & S_IFMT) | (wanted->st_mode & permissions);
-    }
-    // A new size or time means nothing to an attribute file or a device and
-    // is accepted, as the real ones do.
-    getattr(req, ino, info);
-}
-
-void FuseOperations::readlink(fuse_req_t req, fuse_ino_t ino)
-{
-    const auto* const entry = filesOf(req).tree.find(ino);
+    const auto* const entry = entryOf(path, nullptr);
     if (entry == nullptr)
     {
-        answer(fuse_reply_err, req, ESTALE);
-        return;
+        return -ENOENT;
     }
-    answer(fuse_reply_readlink, req, entry->content.c_str());
+    target[entry->content.copy(target, size - 1)] = '\0';
+    return 0;
 }
 
-void FuseOperations::unlink(fuse_req_t req, fuse_ino_t parent, const char* name)
+int unlink(const char* path)
 {
-    auto& files = filesOf(req);
-    const auto* const directory = files.tree.find(parent);
-    const auto* const entry =
-        directory == nullptr ? nullptr : files.tree.child(*directory, name);
+    const auto* const entry = entryOf(path, nullptr);
     if (entry == nullptr)
     {
-        answer(fuse_reply_err, req, ENOENT);
-        return;
+        return -ENOENT;
     }
-    answer(fuse_reply_err, req,
-           entry->device ? files.driver.removeNode(name) : EPERM);
+    return entry->device ? -served().driver.removeNode(entry->device->node())
+                         : -EPERM;
 }
 
-void FuseOperations::readdir(fuse_req_t req, fuse_ino_t ino, std::size_t size,
-                             off_t offset, fuse_file_info* /*info*/)
+int opendir(const char* path, fuse_file_info* info)
 {
-    auto& tree = filesOf(req).tree;
-    const auto* const directory = tree.find(ino);
-    if (directory == nullptr)
-    {
-        answer(fuse_reply_err, req, ESTALE);
-        return;
-    }
-    std::vector<std::pair<std::string, FileTree::Id>> names{
-        {".", ino}, {"..", directory->parent == 0 ? ino : directory->parent}};
-    names.insert(names.end(), directory->children.begin(),
-                 directory->children.end());
-    std::vector<char> bytes(size);
-    std::size_t used = 0;
-    for (auto next = static_cast<std::size_t>(offset); next < names.size();
-         ++next)
-    {
-        const auto& [name, id] = names[next];
-        const auto status = attributes(*tree.find(id));
-        const auto needed = fuse_add_direntry(
-            req, bytes.data() + used, size - used, name.c_str(), &status,
-            static_cast<off_t>(next + 1));
-        if (needed > size - used)
-        {
-            break;
-        }
-        used += needed;
-    }
-    replyBytes(req, std::span(bytes).first(used));
+    auto& files = served();
+    info->fh = ++files.lastHandle;
+    files.open[info->fh] = {.path = path + 1};
+    return 0;
 }
 
-void FuseOperations::open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* info)
+int readdir(const char* /*path*/, void* buffer, fuse_fill_dir_t fill,
+            off_t /*offset*/, fuse_file_info* info,
+            fuse_readdir_flags /*flags*/)
 {
-    auto& files = filesOf(req);
-    const auto* const entry = files.tree.find(ino);
+    auto& tree = served().tree;
+    const auto& directory = served().open.at(info->fh).path;
+    for (const auto* name : {".", ".."})
+    {
+        fill(buffer, name, nullptr, 0, {});
+    }
+    for (const auto& name : tree.names(directory))
+    {
+        const auto place = directory.empty() ? name : directory + '/' + name;
+        const auto status = attributes(*tree.find(place));
+        fill(buffer, name.c_str(), &status, 0, {});
+    }
+    return 0;
+}
+
+int open(const char* path, fuse_file_info* info)
+{
+    auto& files = served();
+    const auto* const entry = entryOf(path, nullptr);
     if (entry == nullptr)
     {
-        answer(fuse_reply_err, req, ESTALE);
-        return;
+        return -ENOENT;
     }
     if (const auto error = entry->onOpen ? entry->onOpen() : 0; error != 0)
     {
-        answer(fuse_reply_err, req, error);
-        return;
+        return -error;
     }
-    const auto device = entry->device;
-    if (device)
+    if (const auto& device = entry->device)
     {
         const auto error = device->open((info->flags & O_ACCMODE) != O_RDONLY);
         files.timeline.record(event::NodeOpened{device->node(), error});
         if (error != 0)
         {
-            answer(fuse_reply_err, req, error);
-            return;
+            return -error;
         }
     }
     info->fh = ++files.lastHandle;
     info->direct_io = 1;
-    info->nonseekable = device ? 1 : 0;
-    files.openFiles[info->fh] = {ino, device};
-    answer(fuse_reply_open, req, info);
+    info->nonseekable = entry->device ? 1 : 0;
+    files.open[info->fh] = {.entry = *entry};
+    return 0;
 }
 
-void FuseOperations::release(fuse_req_t req, fuse_ino_t /*ino*/,
-                             fuse_file_info* info)
+int release(const char* /*path*/, fuse_file_info* info)
 {
-    auto& files = filesOf(req);
-    const auto device = files.openFiles[info->fh].device;
-    files.openFiles.erase(info->fh);
-    if (device)
+    auto& files = served();
+    const auto file = files.open.extract(info->fh);
+    if (const auto& device = file.mapped().entry.device)
     {
         device->close();
         files.timeline.record(event::NodeClosed{device->node()});
     }
-    answer(fuse_reply_err, req, 0);
+    return 0;
 }
 
-void FuseOperations::readDevice(fuse_req_t req, MctpDevice& device,
-                                std::size_t size)
+int readDevice(MctpDevice& device, char* bytes, std::size_t size)
 {
-    const auto result = device.read();
-    if (result.error != 0)
-    {
-        answer(fuse_reply_err, req, result.error);
-        return;
-    }
-    filesOf(req).timeline.record(
-        event::Packet{device.node(), false, result.packet});
-    // A reader with too small a buffer loses the rest, as with a datagram.
-    const std::string bytes(result.packet.begin(), result.packet.end());
-    replyBytes(req, std::span(bytes).first(std::min(size, bytes.size())));
-}
-
-void FuseOperations::read(fuse_req_t req, fuse_ino_t ino, std::size_t size,
-                          off_t offset, fuse_file_info* info)
-{
-    auto& files = filesOf(req);
-    if (const auto device = files.openFiles[info->fh].device)
-    {
-        readDevice(req, *device, size);
-        return;
-    }
-    const auto* const entry = files.tree.find(ino);
-    if (entry == nullptr || entry->onWrite)
-    {
-        answer(fuse_reply_err, req, EIO);
-        return;
-    }
-    const auto from =
-        std::min(static_cast<std::size_t>(offset), entry->content.size());
-    const auto rest = std::span(entry->content).subspan(from);
-    replyBytes(req, rest.first(std::min(size, rest.size())));
-}
-
-void FuseOperations::write(fuse_req_t req, fuse_ino_t ino, const char* bytes,
-                           std::size_t size, off_t /*offset*/,
-                           fuse_file_info* info)
-{
-    auto& files = filesOf(req);
-    auto error = EIO;
-    const auto* const entry = files.tree.find(ino);
-    if (const auto device = files.openFiles[info->fh].device)
-    {
-        const Bytes packet(bytes, bytes + size);
-        error = device->write(packet, Clock::now());
-        files.timeline.record(
-            event::Packet{device->node(), true, packet, error});
-    }
-    else if (entry != nullptr && entry->onWrite)
-    {
-        error = entry->onWrite(withoutLineEnd({bytes, size}));
-    }
+    const auto [error, packet] = device.read();
     if (error != 0)
     {
-        answer(fuse_reply_err, req, error);
-        return;
+        return -error;
     }
-    answer(fuse_reply_write, req, size);
+    served().timeline.record(event::Packet{device.node(), false, packet});
+    // A reader with too small a buffer loses the rest, as with a datagram.
+    const auto taken = std::min(size, packet.size());
+    std::copy_n(packet.begin(), taken, bytes);
+    return static_cast<int>(taken);
 }
 
-void FuseOperations::poll(fuse_req_t req, fuse_ino_t /*ino*/,
-                          fuse_file_info* info, fuse_pollhandle* handle)
+int read(const char* /*path*/, char* bytes, std::size_t size, off_t offset,
+         fuse_file_info* info)
+{
+    const auto& entry = served().open.at(info->fh).entry;
+    if (entry.device)
+    {
+        return readDevice(*entry.device, bytes, size);
+    }
+    if (entry.onWrite)
+    {
+        return -EIO;
+    }
+    const auto from =
+        std::min(static_cast<std::size_t>(offset), entry.content.size());
+    return static_cast<int>(entry.content.copy(bytes, size, from));
+}
+
+int write(const char* /*path*/, const char* bytes, std::size_t size,
+          off_t /*offset*/, fuse_file_info* info)
+{
+    auto& files = served();
+    auto error = EIO;
+    const auto& entry = files.open.at(info->fh).entry;
+    if (entry.device)
+    {
+        const Bytes packet(bytes, bytes + size);
+        error = entry.device->write(packet, Clock::now());
+        files.timeline.record(
+            event::Packet{entry.device->node(), true, packet, error});
+    }
+    else if (entry.onWrite)
+    {
+        error = entry.onWrite(withoutLineEnd({bytes, size}));
+    }
+    return error == 0 ? static_cast<int>(size) : -error;
+}
+
+int poll(const char* /*path*/, fuse_file_info* info, fuse_pollhandle* handle,
+         unsigned* events)
 {
     constexpr unsigned always =
         POLLIN | POLLRDNORM | POLLOUT | POLLWRNORM; // plain files
-    auto& file = filesOf(req).openFiles[info->fh];
+    auto& file = served().open.at(info->fh);
     if (handle != nullptr)
     {
         file.poller.reset(handle);
     }
-    answer(fuse_reply_poll, req,
-           file.device ? file.device->readiness() : always);
+    *events = file.entry.device ? file.entry.device->readiness() : always;
+    return 0;
 }
 
-// NOLINTEND(readability-non-const-parameter)
+} // namespace
 
-const fuse_lowlevel_ops& fuseOperations()
+void PollHandleDeleter::operator()(fuse_pollhandle* handle) const
+{
+    fuse_pollhandle_destroy(handle);
+}
+
+ServedFiles::ServedFiles(Timeline& timeline) :
+    timeline(timeline), driver(tree, timeline)
+{
+}
+
+void ServedFiles::wakePollers()
+{
+    for (auto& [handle, file] : open)
+    {
+        constexpr unsigned worthWaking = POLLIN | POLLHUP | POLLERR;
+        const auto& device = file.entry.device;
+        if (file.poller && device && (device->readiness() & worthWaking) != 0)
+        {
+            // Fails only when the poller is gone.
+            static_cast<void>(fuse_notify_poll(file.poller.get()));
+            file.poller.reset();
+        }
+    }
+}
+
+const fuse_operations& fuseOperations()
 {
     static const auto table = []
     {
-        fuse_lowlevel_ops ops{};
-        ops.lookup = FuseOperations::lookup;
-        ops.forget = FuseOperations::forget;
-        ops.getattr = FuseOperations::getattr;
-        ops.setattr = FuseOperations::setattr;
-        ops.readlink = FuseOperations::readlink;
-        ops.unlink = FuseOperations::unlink;
-        ops.readdir = FuseOperations::readdir;
-        ops.open = FuseOperations::open;
-        ops.release = FuseOperations::release;
-        ops.read = FuseOperations::read;
-        ops.write = FuseOperations::write;
-        ops.poll = FuseOperations::poll;
-        return ops;
+        fuse_operations operations{};
+        operations.init = init;
+        operations.getattr = getattr;
+        operations.chmod = chmod;
+        operations.readlink = readlink;
+        operations.unlink = unlink;
+        operations.opendir = opendir;
+        operations.readdir = readdir;
+        operations.releasedir = release;
+        operations.open = open;
+        operations.release = release;
+        operations.read = read;
+        operations.write = write;
+        operations.poll = poll;
+        // A size or a time means nothing to an attribute file or a device.
+        operations.truncate = [](const char*, off_t, fuse_file_info*)
+        {
+            return 0;
+        };
+        operations.utimens =
+            [](const char*, const timespec*, fuse_file_info*) // NOLINT
+        {
+            return 0;
+        };
+        return operations;
     }();
     return table;
 }

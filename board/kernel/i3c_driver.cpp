@@ -19,26 +19,17 @@ const std::string deviceDirectory = "sys/devices/platform/";
 const std::string classDirectory = "sys/class/i3c-mctp/";
 const std::string nodeDirectory = "dev/";
 
-/** Where a device's own directory is, below sys/. */
-std::string ownDirectory(std::size_t controller, const std::string& node)
-{
-    return std::string("devices/platform/") + controllerNames[controller] +
-           "/i3c-mctp/" + node;
-}
-
 } // namespace
 
 I3cDriver::I3cDriver(FileTree& tree, Timeline& timeline) :
     tree(tree), timeline(timeline),
-    controllers{Controller{std::make_shared<Endpoint>(usualEids[0])},
-                Controller{std::make_shared<Endpoint>(usualEids[1])}}
+    controllers{ControllerState{std::make_shared<Endpoint>(usualEids[0])},
+                ControllerState{std::make_shared<Endpoint>(usualEids[1])}}
 {
-    tree.addDirectory(driverDirectory.substr(0, driverDirectory.size() - 1));
-    tree.addDirectory(classDirectory.substr(0, classDirectory.size() - 1));
-    tree.addDirectory("dev");
+    tree.add("sys/class/i3c-mctp", directoryEntry());
     for (const auto* name : controllerNames)
     {
-        tree.addDirectory(deviceDirectory + name);
+        tree.add(deviceDirectory + name, directoryEntry());
     }
     setFile(DriverFile::bind, 0);
     setFile(DriverFile::unbind, 0);
@@ -120,14 +111,17 @@ void I3cDriver::advance(Clock::time_point now)
     {
         const auto at = *std::exchange(controller->upAt, std::nullopt);
         bringUp(*controller);
-        startWhoWaited(at);
+        startWaiting(at);
     }
     for (auto& controller : controllers)
     {
         if (controller.device)
         {
             controller.device->advance(now);
-            takeDownIfLost(controller);
+            if (controller.device->isGone())
+            {
+                takeDown(controller);
+            }
         }
     }
 }
@@ -156,7 +150,7 @@ std::optional<Clock::time_point> I3cDriver::nextDue() const
 int I3cDriver::removeNode(std::string_view node)
 {
     const auto path = nodeDirectory + std::string(node);
-    if (tree.at(path) == nullptr)
+    if (tree.find(path) == nullptr)
     {
         return ENOENT;
     }
@@ -165,38 +159,12 @@ int I3cDriver::removeNode(std::string_view node)
     return 0;
 }
 
-ComingUp& I3cDriver::comingUp(std::size_t controller)
+ControllerState& I3cDriver::controller(std::size_t index)
 {
-    return controllers.at(controller).comingUp;
+    return controllers.at(index);
 }
 
-void I3cDriver::setRefusals(std::size_t controller, const Refusals& refusals)
-{
-    auto& refusing = controllers.at(controller);
-    refusing.refusals = refusals;
-    if (refusing.device)
-    {
-        refusing.device->refuse(refusals.node);
-    }
-}
-
-const Refusals& I3cDriver::refusals(std::size_t controller) const
-{
-    return controllers.at(controller).refusals;
-}
-
-Endpoint& I3cDriver::endpoint(std::size_t controller)
-{
-    return *controllers.at(controller).endpoint;
-}
-
-std::optional<std::string> I3cDriver::node(std::size_t controller) const
-{
-    const auto& device = controllers.at(controller).device;
-    return device ? std::optional(device->node()) : std::nullopt;
-}
-
-I3cDriver::Controller* I3cDriver::find(std::string_view name)
+ControllerState* I3cDriver::find(std::string_view name)
 {
     for (std::size_t index = 0; index < controllerCount; ++index)
     {
@@ -208,9 +176,9 @@ I3cDriver::Controller* I3cDriver::find(std::string_view name)
     return nullptr;
 }
 
-I3cDriver::Controller* I3cDriver::firstToComeUp(Clock::time_point now)
+ControllerState* I3cDriver::firstToComeUp(Clock::time_point now)
 {
-    Controller* first = nullptr;
+    ControllerState* first = nullptr;
     for (auto& controller : controllers)
     {
         if (controller.upAt && *controller.upAt <= now &&
@@ -222,7 +190,7 @@ I3cDriver::Controller* I3cDriver::firstToComeUp(Clock::time_point now)
     return first;
 }
 
-std::size_t I3cDriver::indexOf(const Controller& controller) const
+std::size_t I3cDriver::indexOf(const ControllerState& controller) const
 {
     return static_cast<std::size_t>(&controller - controllers.data());
 }
@@ -232,7 +200,7 @@ std::size_t I3cDriver::lowestFreeNumber() const
     const auto taken = [this](std::size_t number)
     {
         return std::any_of(controllers.begin(), controllers.end(),
-                           [number](const Controller& other)
+                           [number](const ControllerState& other)
                            {
                                return other.device && other.number == number;
                            });
@@ -245,16 +213,17 @@ std::size_t I3cDriver::lowestFreeNumber() const
     return number;
 }
 
-bool I3cDriver::isOtherUp(const Controller& controller) const
+bool I3cDriver::isOtherUp(const ControllerState& controller) const
 {
     return std::any_of(controllers.begin(), controllers.end(),
-                       [&controller](const Controller& other)
+                       [&controller](const ControllerState& other)
                        {
                            return &other != &controller && other.device;
                        });
 }
 
-void I3cDriver::startComingUp(Controller& controller, Clock::time_point now)
+void I3cDriver::startComingUp(ControllerState& controller,
+                              Clock::time_point now)
 {
     const auto after = controller.comingUp.after;
     if (controller.comingUp.afterTheOther && !isOtherUp(controller))
@@ -267,7 +236,7 @@ void I3cDriver::startComingUp(Controller& controller, Clock::time_point now)
     }
 }
 
-void I3cDriver::startWhoWaited(Clock::time_point now)
+void I3cDriver::startWaiting(Clock::time_point now)
 {
     for (auto& controller : controllers)
     {
@@ -279,49 +248,34 @@ void I3cDriver::startWhoWaited(Clock::time_point now)
     }
 }
 
-void I3cDriver::bringUp(Controller& controller)
+void I3cDriver::bringUp(ControllerState& controller)
 {
     const auto index = indexOf(controller);
     controller.number = lowestFreeNumber();
     const auto node = "i3c-mctp-" + std::to_string(controller.number);
     controller.device = std::make_shared<MctpDevice>(node, controller.endpoint);
     controller.device->refuse(controller.refusals.node);
-    const auto own = ownDirectory(index, node);
+    // Its directory below sys/.
+    const auto own = std::string("devices/platform/") +
+                     controllerNames.at(index) + "/i3c-mctp/" + node;
     // The first of the numbers that the kernel hands out dynamically.
     constexpr auto majorNumber = "234:";
-    tree.add("sys/" + own + "/dev",
-             fileEntry(majorNumber + std::to_string(controller.number) + "\n"));
-    addClassEntry(controller.comingUp.classEntry, node, own);
+    tree.add(
+        "sys/" + own + "/dev",
+        readableEntry(majorNumber + std::to_string(controller.number) + "\n"));
+    if (controller.comingUp.classEntry != ClassEntry::none)
+    {
+        tree.add(classDirectory + node,
+                 controller.comingUp.classEntry == ClassEntry::directory
+                     ? linkEntry("../../" + own)
+                     : readableEntry(""));
+    }
     tree.add(nodeDirectory + node, deviceEntry(controller.device));
     timeline.record(
         event::DeviceUp{index, node, controller.comingUp.classEntry});
 }
 
-void I3cDriver::addClassEntry(ClassEntry kind, const std::string& node,
-                              const std::string& own)
-{
-    switch (kind)
-    {
-        case ClassEntry::directory:
-            tree.add(classDirectory + node, linkEntry("../../" + own));
-            return;
-        case ClassEntry::file:
-            tree.add(classDirectory + node, fileEntry(""));
-            return;
-        case ClassEntry::none:
-            return;
-    }
-}
-
-void I3cDriver::takeDownIfLost(Controller& controller)
-{
-    if (controller.device->isGone())
-    {
-        takeDown(controller);
-    }
-}
-
-void I3cDriver::takeDown(Controller& controller)
+void I3cDriver::takeDown(ControllerState& controller)
 {
     if (!controller.device)
     {

@@ -35,13 +35,27 @@ struct ComingUp
     bool afterTheOther = false;
 };
 
-/** @brief What fails of what is asked of a controller: errno values, 0 where
- *         nothing does. */
+/** @brief The errors of the requests to a controller: errno values, 0 for
+ *         none. */
 struct Refusals
 {
     int bind = 0;
     int unbind = 0;
     NodeRefusal node{};
+};
+
+/** @brief What the driver knows about one controller. */
+struct ControllerState
+{
+    std::shared_ptr<Endpoint> endpoint; //!< outlives every bind
+    ComingUp comingUp{}; //!< from the next bind on
+    Refusals refusals{};
+    bool bound = false;
+    std::optional<Clock::time_point> upAt{};
+    /** Since its bind: it waits for the other's device, then this long. */
+    std::optional<std::chrono::milliseconds> upAfterTheOther{};
+    std::shared_ptr<MctpDevice> device{}; //!< while up
+    std::size_t number = 0; //!< while up
 };
 
 /** @brief The driver's two files. */
@@ -62,24 +76,24 @@ enum class DriverFile
  *  the controller stays bound then, and a new device comes up with the next
  *  bind.
  *
- *  No lock and no thread of its own; time is told to it. What happens is
- *  recorded on the timeline.
+ *  No lock and no thread of its own; the caller passes the time. What happens
+ *  is recorded on the timeline.
  */
 class I3cDriver
 {
   public:
     /** @param tree where the names appear; outlives this
-     *  @param timeline what is told; outlives this */
+     *  @param timeline outlives this */
     I3cDriver(FileTree& tree, Timeline& timeline);
 
     /** @brief Bind a controller.
-     *  @return 0, ENODEV for an unknown name, EBUSY for a bound one, or what
-     *          the controller refuses it with */
+     *  @return 0, ENODEV for an unknown name, EBUSY for a bound one, or the
+     *          controller's refusal */
     int bind(std::string_view name, Clock::time_point now);
 
     /** @brief Unbind a controller.
-     *  @return 0, ENODEV for a name that is unknown or not bound, or what the
-     *          controller refuses it with */
+     *  @return 0, ENODEV for a name that is unknown or not bound, or the
+     *          controller's refusal */
     int unbind(std::string_view name, Clock::time_point now);
 
     /** @brief Do what is due. */
@@ -88,62 +102,32 @@ class I3cDriver
     /** @brief When the next thing is due, if anything is. */
     [[nodiscard]] std::optional<Clock::time_point> nextDue() const;
 
-    /** @brief Somebody removes a node from dev/; the device lives on.
+    /** @brief Remove a node from dev/; the device lives on.
      *  @return 0, or ENOENT when there is no such node */
     int removeNode(std::string_view node);
 
-    /** @brief How a controller comes up from the next bind on.
-     *  @param controller 0 or 1 */
-    [[nodiscard]] ComingUp& comingUp(std::size_t controller);
-
-    /** @brief What fails at a controller from now on.
-     *  @param controller 0 or 1 */
-    void setRefusals(std::size_t controller, const Refusals& refusals);
-
-    /** @brief What fails at a controller. */
-    [[nodiscard]] const Refusals& refusals(std::size_t controller) const;
-
-    /** @brief Whether the bind or the unbind file can be opened.
+    /** @brief Set whether the bind or the unbind file can be opened.
      *  @param error what an open fails with: 0 it works, ENOENT the file is
      *               not there, any other errno value it is and refuses */
     void setFile(DriverFile file, int error);
 
-    /** @brief The endpoint behind a controller; it outlives every bind. */
-    [[nodiscard]] Endpoint& endpoint(std::size_t controller);
-
-    /** @brief The name of a controller's node while its device is up. */
-    [[nodiscard]] std::optional<std::string> node(std::size_t controller) const;
+    /** @param index 0 or 1 */
+    [[nodiscard]] ControllerState& controller(std::size_t index);
 
   private:
-    struct Controller
-    {
-        std::shared_ptr<Endpoint> endpoint;
-        ComingUp comingUp{};
-        Refusals refusals{};
-        bool bound = false;
-        std::optional<Clock::time_point> upAt{};
-        /** Since its bind: it waits for the other's device, then this long. */
-        std::optional<std::chrono::milliseconds> upAfterTheOther{};
-        std::shared_ptr<MctpDevice> device{}; //!< while up
-        std::size_t number = 0; //!< while up
-    };
-
-    [[nodiscard]] Controller* find(std::string_view name);
-    [[nodiscard]] Controller* firstToComeUp(Clock::time_point now);
-    [[nodiscard]] std::size_t indexOf(const Controller& controller) const;
+    [[nodiscard]] ControllerState* find(std::string_view name);
+    [[nodiscard]] ControllerState* firstToComeUp(Clock::time_point now);
+    [[nodiscard]] std::size_t indexOf(const ControllerState& controller) const;
     [[nodiscard]] std::size_t lowestFreeNumber() const;
-    [[nodiscard]] bool isOtherUp(const Controller& controller) const;
-    void startComingUp(Controller& controller, Clock::time_point now);
-    void bringUp(Controller& controller);
-    void addClassEntry(ClassEntry kind, const std::string& node,
-                       const std::string& own);
-    void startWhoWaited(Clock::time_point now);
-    void takeDownIfLost(Controller& controller);
-    void takeDown(Controller& controller);
+    [[nodiscard]] bool isOtherUp(const ControllerState& controller) const;
+    void startComingUp(ControllerState& controller, Clock::time_point now);
+    void startWaiting(Clock::time_point now);
+    void bringUp(ControllerState& controller);
+    void takeDown(ControllerState& controller);
 
     FileTree& tree;
     Timeline& timeline;
-    std::array<Controller, controllerCount> controllers;
+    std::array<ControllerState, controllerCount> controllers;
 };
 
 } // namespace board

@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/kernel/i3c_driver.hpp"
-#include "board/timeline/timeline.hpp"
+#include "board/kernel/fuse_operations.hpp"
+#include "board/kernel/mounts.hpp"
+#include "board/util/wakeup.hpp"
 
-#include <cstddef>
-#include <cstdint>
+#include <atomic>
 #include <functional>
 #include <memory>
-#include <optional>
-#include <string>
+#include <mutex>
+#include <thread>
+
+struct fuse;
 
 namespace board
 {
@@ -22,10 +24,10 @@ namespace board
  *  call that asks for it returns, and nothing is cached: what the driver does
  *  on its own (a device comes up) is seen by the next call.
  *
- *  The one thread of this object runs the driver, the devices and the
- *  endpoints; the functions below may be called from any other thread and are
- *  done when they return. They must not be called from an endpoint's
- *  behaviour.
+ *  One thread takes requests one after the other, so that the close of one
+ *  opener is done before the open of the next. It runs the driver, the devices
+ *  and the endpoints. The functions below are for any other thread and must
+ *  not be called from an endpoint's behaviour.
  */
 class Kernel
 {
@@ -36,50 +38,36 @@ class Kernel
 
     Kernel(const Kernel&) = delete;
     Kernel& operator=(const Kernel&) = delete;
-    Kernel(Kernel&&) = delete;
-    Kernel& operator=(Kernel&&) = delete;
     ~Kernel();
 
     /** @brief Bring the board to the state that it has after boot: both
      *         controllers bound, their devices up. Takes no time. */
     void boot();
 
-    /** @brief Set how a controller's device comes up from the next bind on.
-     *  @param controller 0 or 1 */
-    void setComingUp(std::size_t controller, const ComingUp& how);
-
-    /** @brief How a controller's device comes up. */
-    [[nodiscard]] ComingUp comingUp(std::size_t controller);
-
-    /** @brief Set what fails at a controller from now on. */
-    void setRefusals(std::size_t controller, const Refusals& refusals);
-
-    /** @brief What fails at a controller. */
-    [[nodiscard]] Refusals refusals(std::size_t controller);
-
-    /** @brief Set whether the bind or the unbind file can be opened.
-     *  @param error what an open fails with: 0 it works, ENOENT the file is
-     *               not there, any other errno value it is and refuses */
-    void setDriverFile(DriverFile file, int error);
-
-    /** @brief Give the endpoint behind a controller another id. */
-    void setEid(std::size_t controller, std::uint8_t eid);
-
-    /** @brief The id of the endpoint behind a controller. */
-    [[nodiscard]] std::uint8_t eid(std::size_t controller);
-
-    /** @brief Let the endpoint behind a controller behave in another way. */
-    void setBehaviour(std::size_t controller, Endpoint::Behaviour behaviour);
-
-    /** @brief The name of a controller's node, "i3c-mctp-N", while its device
-     *         is up. */
-    [[nodiscard]] std::optional<std::string> node(std::size_t controller);
-
-  private:
-    class Files;
+    /** @brief Run an action on the driver between two requests, and show its
+     *         effects. */
     void change(const std::function<void(I3cDriver&)>& action);
 
-    std::unique_ptr<Files> files;
+  private:
+    struct FuseDeleter
+    {
+        void operator()(fuse* server) const;
+    };
+
+    void showDevNames();
+    void startFuse();
+    void serve();
+    void stop();
+    [[nodiscard]] int untilNextDue();
+    void letTimePass();
+
+    KernelMounts mounts;
+    std::mutex mutex; //!< guards the files
+    ServedFiles files;
+    std::unique_ptr<fuse, FuseDeleter> server;
+    std::atomic<bool> stopping = false;
+    Wakeup wakeup;
+    std::thread thread;
 };
 
 } // namespace board

@@ -33,8 +33,6 @@ class KernelMounts
 
     KernelMounts(const KernelMounts&) = delete;
     KernelMounts& operator=(const KernelMounts&) = delete;
-    KernelMounts(KernelMounts&&) = delete;
-    KernelMounts& operator=(KernelMounts&&) = delete;
     ~KernelMounts();
 
     /** @brief The descriptor of /dev/fuse that serves it; handed over. */

@@ -41,8 +41,6 @@ class Daemon
 
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
-    Daemon(Daemon&&) = delete;
-    Daemon& operator=(Daemon&&) = delete;
 
     /** @brief Kills the daemon if it still runs. */
     ~Daemon();

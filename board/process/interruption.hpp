@@ -47,8 +47,6 @@ class Interruption
 
     Interruption(const Interruption&) = delete;
     Interruption& operator=(const Interruption&) = delete;
-    Interruption(Interruption&&) = delete;
-    Interruption& operator=(Interruption&&) = delete;
     ~Interruption();
 
     /** @brief Wait until a descriptor is readable, or at its end.

@@ -73,8 +73,6 @@ class Process
 
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
-    Process(Process&&) = delete;
-    Process& operator=(Process&&) = delete;
     ~Process();
 
     [[nodiscard]] pid_t id() const;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/endpoint/behaviours.hpp"
-#include "board/kernel/kernel.hpp"
+#include "board/kernel/controller.hpp"
 #include "board/test/files.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/error.hpp"
@@ -79,7 +79,7 @@ class Behaviour : public testing::Test
 
     Outcome of(const Words& words, std::uint64_t limitMs = longLimitMs)
     {
-        kernel.setBehaviour(0, behaviourFromWords(words));
+        EndpointControl(kernel, 0).behaves(behaviourFromWords(words));
         return exchange(limitMs);
     }
 
@@ -166,7 +166,7 @@ TEST_F(Behaviour, VanishingTakesTheDeviceAlongUntilTheNextBind)
     EXPECT_FALSE(std::filesystem::exists("/sys/class/i3c-mctp/i3c-mctp-0"));
 
     const std::string driver("/sys/bus/platform/drivers/silvaco-i3c-master/");
-    kernel.setBehaviour(0, answering());
+    EndpointControl(kernel, 0).behaves(answering());
     ASSERT_EQ(writeText(driver + "bind", "fff10000.i3c"), EBUSY);
     ASSERT_EQ(writeText(driver + "unbind", "fff10000.i3c"), 0);
     kernel.boot();
@@ -175,7 +175,7 @@ TEST_F(Behaviour, VanishingTakesTheDeviceAlongUntilTheNextBind)
 
 TEST_F(Behaviour, VanishingIsENODEVForWhoHoldsTheNode)
 {
-    kernel.setBehaviour(0, vanishing(50ms));
+    EndpointControl(kernel, 0).behaves(vanishing(50ms));
     const auto held = openNode(node);
     ASSERT_EQ(writeTo(held, {0x01, 0x00, 0x08, 0xC8, 0x00, 0x81, 0x0D}), 0);
     EXPECT_NE(pollFor(held, POLLIN) & POLLHUP, 0);

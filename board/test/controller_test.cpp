@@ -23,14 +23,6 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-const std::string bindFile =
-    "/sys/bus/platform/drivers/silvaco-i3c-master/bind";
-const std::string unbindFile =
-    "/sys/bus/platform/drivers/silvaco-i3c-master/unbind";
-const std::string node0 = "/dev/i3c-mctp-0";
-const std::string class0 = "/sys/class/i3c-mctp/i3c-mctp-0";
-constexpr auto first = "fff10000.i3c";
-constexpr auto second = "fff11000.i3c";
 constexpr auto limit = 10s;
 
 class Controllers : public testing::Test
@@ -64,6 +56,41 @@ class Controllers : public testing::Test
     Controller controller1{kernel, 1};
 };
 
+TEST_F(Controllers, ComeUpAfterTheSetTime)
+{
+    is(controller0, {"comes-up-after", "300"});
+    const auto bound = timeline.now();
+    ASSERT_EQ(writeText(bindFile, first), 0);
+    EXPECT_EQ(openError(node0), ENOENT);
+    static_cast<void>(waitForDeviceUp(0));
+    EXPECT_GE(timeline.now() - bound, 300ms);
+    EXPECT_EQ(openError(node0), 0);
+}
+
+TEST_F(Controllers, StayAwayWhenUnboundBeforeTheyAreUp)
+{
+    is(controller0, {"comes-up-after", "50"});
+    is(controller1, {"comes-up-after", "100"});
+    ASSERT_EQ(writeText(bindFile, first), 0);
+    ASSERT_EQ(writeText(unbindFile, first), 0);
+    ASSERT_EQ(writeText(bindFile, second), 0);
+    // The first was due earlier.
+    EXPECT_EQ(waitForDeviceUp(0).controller, 1U);
+}
+
+TEST_F(Controllers, TakeTheLowestFreeNumber)
+{
+    ASSERT_EQ(writeText(bindFile, second), 0);
+    ASSERT_EQ(writeText(bindFile, first), 0);
+    EXPECT_EQ(controller1.node(), "i3c-mctp-0");
+    EXPECT_EQ(controller0.node(), "i3c-mctp-1");
+    ASSERT_EQ(writeText(unbindFile, second), 0);
+    EXPECT_FALSE(fs::exists(node0));
+    ASSERT_EQ(writeText(unbindFile, first), 0);
+    ASSERT_EQ(writeText(bindFile, first), 0);
+    EXPECT_EQ(controller0.node(), "i3c-mctp-0");
+}
+
 TEST_F(Controllers, CanBeSlowOrNeverComeUp)
 {
     is(controller0, {"never-comes-up"});
@@ -82,10 +109,10 @@ TEST_F(Controllers, CanHaveAFileAsClassEntry)
     EXPECT_TRUE(std::ifstream(class0).good());
     EXPECT_EQ(waitForDeviceUp(0).classEntry, ClassEntry::file);
     ASSERT_EQ(writeText(unbindFile, first), 0);
-    EXPECT_FALSE(fs::exists(class0));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(class0)));
     is(controller0, {"class-entry", "none"});
     ASSERT_EQ(writeText(bindFile, first), 0);
-    EXPECT_FALSE(fs::exists(class0));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(class0)));
     EXPECT_TRUE(fs::exists(node0));
 }
 

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -21,7 +23,7 @@ std::string shown(Event::Body body, const PrintStyle& style = {})
     return printed({0, 1234567us, std::move(body)}, style);
 }
 
-TEST(Printer, AlignsTimeWhoAndWhat)
+TEST(Printer, AlignsTheColumns)
 {
     EXPECT_EQ(printedHeading({}), "        ms  who      what\n");
     EXPECT_EQ(shown(event::Notified{"READY=1"}),
@@ -30,74 +32,60 @@ TEST(Printer, AlignsTimeWhoAndWhat)
               "     0.001  board    Begin.\n");
 }
 
-TEST(Printer, TellsStatesByTheirShortNames)
+struct Line
 {
-    EXPECT_EQ(shown(event::HostState{
-                  "xyz.openbmc_project.State.Host.HostState.Running"}),
-              "  1234.567  host     CurrentHostState is Running\n");
-    EXPECT_EQ(
-        shown(event::ControlSignal{"/p", "InternalPowerState",
-                                   "xyz.openbmc_project.State.StateS5"}),
-        "  1234.567  host     InternalPowerState is StateS5, announced\n");
-}
+    Event::Body body;
+    std::string text;
+};
 
-TEST(Printer, TellsWhereTheHostMisbehaves)
+TEST(Printer, ShowsWhoAndWhat)
 {
-    EXPECT_EQ(shown(event::HostState{""}),
-              "  1234.567  host     CurrentHostState is \"\"\n");
-    EXPECT_EQ(shown(event::ControlSignal{"/o", "ResetCause", "a.b", 3}),
-              "  1234.567  host     ResetCause is \"a.b\", announced 3 times"
-              "\n");
-    EXPECT_EQ(shown(event::OddSignal{"/o", "x.Y with the body \"\"", 2}),
-              "  1234.567  host     odd signal 2 times: x.Y with the body "
-              "\"\"\n");
-    EXPECT_EQ(shown(event::HostService{true}),
-              "  1234.567  host     the host-state service comes\n");
-    EXPECT_EQ(shown(event::HostService{false}),
-              "  1234.567  host     the host-state service is not there\n");
-    EXPECT_EQ(shown(event::HostAnswer{"no answer"}),
-              "  1234.567  host     asked for CurrentHostState: no answer\n");
-}
-
-TEST(Printer, TellsWhatBefallsBusAndPlatform)
-{
-    EXPECT_EQ(shown(event::Broker{false}),
-              "  1234.567  bus      the broker dies\n");
-    EXPECT_EQ(shown(event::Broker{true}),
-              "  1234.567  bus      a new broker takes the dead one's place\n");
-    EXPECT_EQ(shown(event::PlatformValue{"CPU_VENDOR", "missing"}),
-              "  1234.567  board    The platform's CPU_VENDOR is missing.\n");
-}
-
-TEST(Printer, TellsWhatTheDriverDid)
-{
-    EXPECT_EQ(shown(event::DriverWrite{true, "fff10000.i3c", 0}),
-              "  1234.567  driver   bind fff10000.i3c\n");
-    EXPECT_EQ(shown(event::DriverWrite{false, "fff10000.i3c", ENODEV}),
-              "  1234.567  driver   unbind fff10000.i3c: No such device\n");
-    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::none}),
-              "  1234.567  driver   device i3c-mctp-0 is up, without a class "
-              "entry\n");
-    EXPECT_EQ(shown(event::DeviceUp{0, "i3c-mctp-0", ClassEntry::file}),
-              "  1234.567  driver   device i3c-mctp-0 is up, with a file as "
-              "class entry\n");
-    EXPECT_EQ(shown(event::DriverFileRefused{false, EACCES}),
-              "  1234.567  driver   cannot open the unbind file: Permission "
-              "denied\n");
-}
-
-TEST(Printer, ExplainsPackets)
-{
-    EXPECT_EQ(shown(event::Packet{
-                  "i3c-mctp-0", true, {0x01, 0, 0x08, 0xC8, 0, 0x81, 0x0D}, 0}),
-              "  1234.567  mctp     i3c-mctp-0 > 01 00 08 c8 00 81 0d     "
-              "Discovery Notify, request\n");
-    EXPECT_EQ(shown(event::Packet{"i3c-mctp-1",
-                                  false,
-                                  {0x01, 0x08, 0x9D, 0xC0, 0, 0x01, 0x0D, 0},
-                                  0}),
-              "  1234.567  mctp     i3c-mctp-1 < 01 08 9d c0 00 01 0d 00  "
-              "Discovery Notify, success from EID 157\n");
+    const std::vector<Line> lines{
+        {event::HostState{"xyz.openbmc_project.State.Host.HostState.Running"},
+         "host     CurrentHostState is Running"},
+        {event::HostState{""}, "host     CurrentHostState is \"\""},
+        {event::ControlSignal{"/p", "InternalPowerState",
+                              "xyz.openbmc_project.State.StateS5"},
+         "host     InternalPowerState is StateS5, announced"},
+        {event::ControlSignal{"/o", "ResetCause", "a.b", 3},
+         "host     ResetCause is \"a.b\", announced 3 times"},
+        {event::MalformedSignal{"/o", "x.Y with the body \"\"", 2},
+         "host     malformed signal 2 times: x.Y with the body \"\""},
+        {event::HostService{true}, "host     the host-state service comes"},
+        {event::HostService{false},
+         "host     the host-state service is not there"},
+        {event::HostAnswer{"no answer"},
+         "host     asked for CurrentHostState: no answer"},
+        {event::Broker{false}, "bus      the broker dies"},
+        {event::Broker{true},
+         "bus      a new broker takes the dead one's place"},
+        {event::PlatformValue{"CPU_VENDOR", "missing"},
+         "board    The platform's CPU_VENDOR is missing."},
+        {event::DriverWrite{true, "fff10000.i3c", 0},
+         "driver   bind fff10000.i3c"},
+        {event::DriverWrite{false, "fff10000.i3c", ENODEV},
+         "driver   unbind fff10000.i3c: No such device"},
+        {event::DeviceUp{0, "i3c-mctp-0", ClassEntry::none},
+         "driver   device i3c-mctp-0 is up, without a class entry"},
+        {event::DeviceUp{0, "i3c-mctp-0", ClassEntry::file},
+         "driver   device i3c-mctp-0 is up, with a file as class entry"},
+        {event::DriverFileRefused{false, EACCES},
+         "driver   cannot open the unbind file: Permission denied"},
+        {event::Packet{"i3c-mctp-0", true, {1, 0, 8, 0xC8, 0, 0x81, 0x0D}, 0},
+         "mctp     i3c-mctp-0 > 01 00 08 c8 00 81 0d     Discovery Notify, "
+         "request"},
+        {event::Packet{
+             "i3c-mctp-1", false, {1, 8, 0x9D, 0xC0, 0, 1, 0x0D, 0}, 0},
+         "mctp     i3c-mctp-1 < 01 08 9d c0 00 01 0d 00  Discovery Notify, "
+         "success from EID 157"},
+        {event::Signalled{SIGTERM}, "daemon   gets SIGTERM"},
+        {event::Exited{0, 0}, "daemon   ended with status 0"},
+        {event::Exited{-1, SIGSEGV}, "daemon   ended by SIGSEGV"},
+    };
+    for (const auto& [body, text] : lines)
+    {
+        EXPECT_EQ(shown(body), "  1234.567  " + text + '\n');
+    }
 }
 
 TEST(Printer, ShowsAnEndpointWithItsSixProperties)
@@ -113,17 +101,7 @@ TEST(Printer, ShowsAnEndpointWithItsSixProperties)
         "                         DevicePath             /d\n");
 }
 
-TEST(Printer, TellsHowTheDaemonEnded)
-{
-    EXPECT_EQ(shown(event::Signalled{SIGTERM}),
-              "  1234.567  daemon   gets SIGTERM\n");
-    EXPECT_EQ(shown(event::Exited{0, 0}),
-              "  1234.567  daemon   ended with status 0\n");
-    EXPECT_EQ(shown(event::Exited{-1, SIGSEGV}),
-              "  1234.567  daemon   ended by SIGSEGV\n");
-}
-
-TEST(Printer, ShowsLogRecordsThatTellProgress)
+TEST(Printer, ShowsLogRecordsThatShowProgress)
 {
     EXPECT_EQ(shown(event::Log{4, 324, "morrow", 57, "Discovery complete"}),
               "  1234.567  log      morrow:57  Discovery complete\n");
@@ -200,7 +178,7 @@ TEST(PacketText, CutsLongPackets)
               "... (68 bytes)");
 }
 
-TEST(PacketText, TellsErrorsAndCutAnswers)
+TEST(PacketText, ShowsErrorsAndCutAnswers)
 {
     const auto meaning = [](std::vector<std::uint8_t> message)
     {
@@ -215,22 +193,18 @@ TEST(PacketText, TellsErrorsAndCutAnswers)
     EXPECT_EQ(meaning({0x00, 0x81, 0x02}), "command 02, request");
 }
 
-TEST(LogLine, ReadsARecord)
+TEST(LogLine, ReadsRecordsAndTraces)
 {
-    const auto body = parseLogLine("dlog 4 324 morrow:57:Entry [main]: x");
-    const auto* const log = std::get_if<event::Log>(&body);
+    const auto record = parseLogLine("dlog 4 324 morrow:57:Entry [main]: x");
+    const auto* const log = std::get_if<event::Log>(&record);
     ASSERT_TRUE(log);
     EXPECT_EQ(log->level, 4);
     EXPECT_EQ(log->module, 324);
     EXPECT_EQ(log->file, "morrow");
     EXPECT_EQ(log->line, 57U);
     EXPECT_EQ(log->text, "Entry [main]: x");
-}
-
-TEST(LogLine, ReadsATrace)
-{
-    const auto body = parseLogLine("trace 4 morrow_client:57:text");
-    const auto* const trace = std::get_if<event::Trace>(&body);
+    const auto other = parseLogLine("trace 4 morrow_client:57:text");
+    const auto* const trace = std::get_if<event::Trace>(&other);
     ASSERT_TRUE(trace);
     EXPECT_EQ(trace->level, 4);
     EXPECT_EQ(trace->file, "morrow_client");

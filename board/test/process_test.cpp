@@ -87,20 +87,14 @@ bool exists(pid_t process)
     return kill(process, 0) == 0;
 }
 
-TEST(Process, TellsItsExitStatus)
+TEST(Process, ReportsHowItEnded)
 {
-    Script script("exit 7");
-    const auto end = script.end();
-    EXPECT_EQ(end.status, 7);
-    EXPECT_EQ(end.signal, 0);
-}
-
-TEST(Process, TellsTheSignalThatEndedIt)
-{
-    Script script("kill -SEGV $$");
-    const auto end = script.end();
-    EXPECT_EQ(end.status, -1);
-    EXPECT_EQ(end.signal, SIGSEGV);
+    const auto exited = Script("exit 7").end();
+    EXPECT_EQ(exited.status, 7);
+    EXPECT_EQ(exited.signal, 0);
+    const auto killed = Script("kill -SEGV $$").end();
+    EXPECT_EQ(killed.status, -1);
+    EXPECT_EQ(killed.signal, SIGSEGV);
 }
 
 TEST(Process, RunsUntilItIsSignalled)
@@ -145,30 +139,27 @@ TEST(Process, StartsWithSignalsAsInAFreshProcess)
     EXPECT_EQ(script.line(), "SigIgn:\t0000000000000000");
 }
 
-TEST(Process, IsTheLeaderOfItsOwnGroup)
+/** The group's new parent may still have to notice its end. */
+bool ends(pid_t process)
 {
-    Script script("echo up; exec sleep 60", {"PATH=/usr/bin:/bin"});
-    ASSERT_EQ(script.line(), "up");
-    EXPECT_EQ(getpgid(script.get().id()), script.get().id());
-}
-
-TEST(Process, IsKilledWithItsWholeGroupAtTheEnd)
-{
-    pid_t leader = 0;
-    pid_t follower = 0;
-    {
-        Script script("sleep 60 & echo $!; wait", {"PATH=/usr/bin:/bin"});
-        leader = script.get().id();
-        follower = std::stoi(script.line());
-        ASSERT_TRUE(exists(follower));
-    }
-    EXPECT_FALSE(exists(leader));
-    // Whoever adopted the follower may still have to notice its end.
-    for (auto tries = 0; tries < 1000 && exists(follower); ++tries)
+    for (auto tries = 0; tries < 1000 && exists(process); ++tries)
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    EXPECT_FALSE(exists(follower));
+    return !exists(process);
+}
+
+TEST(Process, IsKilledWithItsWholeGroup)
+{
+    auto script = std::make_unique<Script>(
+        "sleep 60 & echo $!; wait",
+        std::vector<std::string>{"PATH=/usr/bin:/bin"});
+    const auto leader = script->get().id();
+    const auto follower = std::stoi(script->line());
+    EXPECT_EQ(getpgid(follower), leader);
+    script.reset();
+    EXPECT_FALSE(exists(leader));
+    EXPECT_TRUE(ends(follower));
 }
 
 TEST(Process, TakesTheRestOfItsGroupAlongWhenItEnds)
@@ -176,11 +167,7 @@ TEST(Process, TakesTheRestOfItsGroupAlongWhenItEnds)
     Script script("sleep 60 & echo $!", {"PATH=/usr/bin:/bin"});
     const auto follower = std::stoi(script.line());
     EXPECT_EQ(script.end().status, 0);
-    for (auto tries = 0; tries < 1000 && exists(follower); ++tries)
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_FALSE(exists(follower));
+    EXPECT_TRUE(ends(follower));
 }
 
 TEST(Process, DiesWithTheThreadThatStartedIt)

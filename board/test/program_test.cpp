@@ -412,8 +412,6 @@ class WithoutFuse
 
     WithoutFuse(const WithoutFuse&) = delete;
     WithoutFuse& operator=(const WithoutFuse&) = delete;
-    WithoutFuse(WithoutFuse&&) = delete;
-    WithoutFuse& operator=(WithoutFuse&&) = delete;
 
     ~WithoutFuse()
     {

@@ -5,7 +5,6 @@
 #include <sys/ipc.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,17 +81,6 @@ bool touch(const fs::path& path)
     return std::ofstream(path).good();
 }
 
-bool isCharacterDevice(const std::string& path)
-{
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 && S_ISCHR(status.st_mode);
-}
-
-TEST(Sandbox, SaysThatItWasEntered)
-{
-    EXPECT_TRUE(board::sandbox::entered());
-}
-
 constexpr uid_t nobody = 65534;
 
 /** The first piece of this user namespace's map. */
@@ -111,9 +99,12 @@ UserMap userMap()
     return map;
 }
 
-TEST(Sandbox, KnowsThatRootEnteredIt)
+TEST(Sandbox, MakesTheCallerRootAndKnowsWhoEnteredIt)
 {
+    EXPECT_TRUE(board::sandbox::entered());
     EXPECT_EQ(board::sandbox::enteredByRoot(), userMap().outside == 0);
+    EXPECT_EQ(geteuid(), 0U);
+    EXPECT_EQ(getegid(), 0U);
 }
 
 TEST(Sandbox, KnowsThatAnotherUserEnteredIt)
@@ -163,37 +154,21 @@ TEST(Sandbox, EndsWhoIsInsideAndNobodyElse)
     EXPECT_EQ(kill(outside, SIGKILL), 0);
 }
 
-TEST(Sandbox, MakesTheCallerRoot)
-{
-    EXPECT_EQ(geteuid(), 0U);
-    EXPECT_EQ(getegid(), 0U);
-}
-
-TEST(Sandbox, HasTheDriverFilesAndAnEmptyClass)
+TEST(Sandbox, HasTheTreesOfABoard)
 {
     const fs::path driver("/sys/bus/platform/drivers/silvaco-i3c-master");
     EXPECT_TRUE(fs::is_regular_file(driver / "bind"));
     EXPECT_TRUE(fs::is_regular_file(driver / "unbind"));
-    EXPECT_TRUE(fs::is_directory("/sys/class/i3c-mctp"));
     EXPECT_TRUE(fs::is_empty("/sys/class/i3c-mctp"));
     EXPECT_FALSE(fs::exists("/sys/kernel"));
-}
-
-TEST(Sandbox, HasTheUsualDeviceNodes)
-{
     for (const auto* name : {"null", "zero", "full", "random", "urandom"})
     {
-        EXPECT_TRUE(isCharacterDevice(std::string("/dev/") + name)) << name;
+        EXPECT_TRUE(fs::is_character_file(fs::path("/dev") / name)) << name;
     }
     EXPECT_TRUE(touch("/dev/null"));
     EXPECT_TRUE(fs::exists("/dev/fd"));
     EXPECT_TRUE(touch("/dev/shm/x"));
     EXPECT_TRUE(fs::remove("/dev/shm/x"));
-}
-
-TEST(Sandbox, HasItsOwnRun)
-{
-    EXPECT_TRUE(fs::is_directory("/run/dbus"));
     EXPECT_TRUE(fs::is_empty("/run/dbus"));
     EXPECT_TRUE(fs::is_directory("/run/platform/io"));
 }
@@ -227,9 +202,15 @@ TEST(Sandbox, EnteredTwiceIsRenewed)
     fs::remove("/run/mine");
 }
 
-TEST(Sandbox, RenewGivesFreshIpc)
+TEST(Sandbox, RenewGivesFreshIpcAndLeavesNoMountBehind)
 {
+    const auto mounts = []
+    {
+        std::ifstream file("/proc/self/mounts");
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
     constexpr key_t key = 0x6d6f7272;
+    const auto before = mounts();
     const auto mine = shmget(key, 1, IPC_CREAT | 0600);
     ASSERT_GE(mine, 0);
     EXPECT_TRUE(inChild(
@@ -239,45 +220,21 @@ TEST(Sandbox, RenewGivesFreshIpc)
             return shmget(key, 1, 0) < 0 && errno == ENOENT;
         }));
     EXPECT_EQ(shmctl(mine, IPC_RMID, nullptr), 0);
-}
-
-TEST(Sandbox, LeavesNoMountBehind)
-{
-    const auto mounts = []
-    {
-        std::ifstream file("/proc/self/mounts");
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    };
-    const auto before = mounts();
-    EXPECT_TRUE(inChild(
-        []
-        {
-            board::sandbox::renew();
-            return true;
-        }));
     EXPECT_EQ(mounts(), before);
 }
 
-TEST(SandboxProgram, RunsTheCommandAndReturnsItsStatus)
+TEST(SandboxProgram, RunsACommand)
 {
     const auto result = wrapper("-- sh -c 'ls -A /run; exit 7'");
     EXPECT_EQ(result.output, "dbus\nmorrow-sandbox\nplatform\n");
     EXPECT_EQ(result.status, 7);
-}
-
-TEST(SandboxProgram, TakesTheCommandWithoutTheDashesToo)
-{
     EXPECT_EQ(wrapper("echo -n --help").output, "--help");
+    const auto missing = wrapper("/no/such/program");
+    EXPECT_EQ(missing.output, "/no/such/program: No such file or directory\n");
+    EXPECT_EQ(missing.status, 127);
 }
 
-TEST(SandboxProgram, SaysWhatItCannotRun)
-{
-    const auto result = wrapper("/no/such/program");
-    EXPECT_EQ(result.output, "/no/such/program: No such file or directory\n");
-    EXPECT_EQ(result.status, 127);
-}
-
-TEST(SandboxProgram, ExplainsItself)
+TEST(SandboxProgram, PrintsItsUsage)
 {
     EXPECT_EQ(wrapper("--help").status, 0);
     EXPECT_THAT(wrapper("--help").output,

@@ -59,16 +59,7 @@ TEST(Timeline, OrderHoldsWithManyWriters)
     }
 }
 
-TEST(Timeline, WaitFindsWhatIsThereAlready)
-{
-    Timeline timeline;
-    timeline.record(event::Note{"one"});
-    timeline.record(event::Notified{"READY=1"});
-    EXPECT_EQ(timeline.waitFor<event::Notified>("message", 0ms).text,
-              "READY=1");
-}
-
-TEST(Timeline, WaitFindsWhatComesLater)
+TEST(Timeline, WaitFindsALaterEvent)
 {
     Timeline timeline;
     auto found =
@@ -82,13 +73,14 @@ TEST(Timeline, WaitFindsWhatComesLater)
     EXPECT_EQ(found.get(), "later");
 }
 
-TEST(Timeline, WaitBeginsAtAnIndex)
+TEST(Timeline, WaitFindsAnEarlierEventFromAnIndexOn)
 {
     Timeline timeline;
     timeline.record(event::Note{"old"});
     const auto mark = timeline.size();
     timeline.record(event::Note{"new"});
-    EXPECT_EQ(timeline.waitFor<event::Note>("note", limit, mark).text, "new");
+    EXPECT_EQ(timeline.waitFor<event::Note>("note", 0ms).text, "old");
+    EXPECT_EQ(timeline.waitFor<event::Note>("note", 0ms, mark).text, "new");
 }
 
 TEST(Timeline, WaitThatFailsSaysForWhatAndHowLong)
@@ -106,7 +98,7 @@ TEST(Timeline, WaitThatFailsSaysForWhatAndHowLong)
     EXPECT_THROW(timeline.waitFor<event::Note>("x", 0ms), board::WaitFailed);
 }
 
-TEST(Timeline, InterruptBreaksOffPresentAndLaterWaits)
+TEST(Timeline, InterruptEndsPresentAndLaterWaits)
 {
     Timeline timeline;
     auto waiting = std::async(std::launch::async,
@@ -120,7 +112,7 @@ TEST(Timeline, InterruptBreaksOffPresentAndLaterWaits)
                  board::Interrupted);
 }
 
-TEST(Timeline, CollectsWhatWaitsElsewhereBeforeAnEntry)
+TEST(Timeline, CallsTheCollectorBeforeAnEntry)
 {
     Timeline timeline;
     timeline.setCollector(

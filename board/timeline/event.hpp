@@ -12,9 +12,8 @@
 #include <variant>
 #include <vector>
 
-/** What can happen on a board: one small struct for each kind, with the facts
- *  as values, so that a test compares facts and not their printing. How they
- *  read is the printer's business.
+/** The events of a board: one struct for each kind, with values that tests
+ *  compare; the printer makes text of them.
  */
 namespace board
 {
@@ -33,13 +32,13 @@ enum class ClassEntry
 namespace event
 {
 
-/** @brief The board itself says something, e.g. a step of a story. */
+/** @brief A note of the board itself or of a scenario. */
 struct Note
 {
     std::string text;
 };
 
-/** @brief A line of commands was told to the board, by hand or by a story. */
+/** @brief The board was given a line of commands, by hand or by a scenario. */
 struct Told
 {
     std::string line;
@@ -60,12 +59,12 @@ struct ControlSignal
     std::size_t times = 1; //!< sent so often in a row
 };
 
-/** @brief A signal was sent from one of the host's control objects that is
- *         not as it should be. */
-struct OddSignal
+/** @brief A malformed signal was sent from one of the host's control
+ *         objects. */
+struct MalformedSignal
 {
     std::string path;
-    std::string what; //!< the signal and what is odd about it
+    std::string what; //!< the signal and what is malformed
     std::size_t times = 1;
 };
 
@@ -75,14 +74,13 @@ struct HostService
     bool isThere = false;
 };
 
-/** @brief The host-state service was asked for the state and did not answer as
- *         it should. */
+/** @brief The host-state service did not answer a read with the state. */
 struct HostAnswer
 {
-    std::string what; //!< what it gave instead, e.g. "no answer"
+    std::string what; //!< the answer, e.g. "no answer"
 };
 
-/** @brief Somebody wrote to the driver's bind or unbind file. */
+/** @brief A write to the driver's bind or unbind file. */
 struct DriverWrite
 {
     bool bind = false; //!< the file: bind, else unbind
@@ -90,8 +88,7 @@ struct DriverWrite
     int error = 0; //!< the errno that the write gave; 0 success
 };
 
-/** @brief Somebody could not open the driver's bind or unbind file, though it
- *         is there. */
+/** @brief The driver's bind or unbind file is there but could not be opened. */
 struct DriverFileRefused
 {
     bool bind = false; //!< the file: bind, else unbind
@@ -113,7 +110,7 @@ struct DeviceDown
     std::string node;
 };
 
-/** @brief Somebody removed a device node from /dev; the device lives on. */
+/** @brief A device node was removed from /dev; the device lives on. */
 struct NodeRemoved
 {
     std::string node;
@@ -181,9 +178,8 @@ struct EndpointChanged
 };
 
 /** @brief The board read an endpoint object over the bus, as a client does. */
-struct EndpointRead
+struct EndpointRead : EndpointObject
 {
-    EndpointObject object;
 };
 
 /** @brief The daemon's process was started. */
@@ -217,8 +213,8 @@ struct Trace
     std::string text;
 };
 
-/** @brief A line from a process that is no record: kept as it is, for it is
- *         what a sanitizer, the loader or a shell says. */
+/** @brief A line from a process that is no log record, e.g. of a sanitizer or
+ *         the loader. */
 struct Output
 {
     std::string program;
@@ -245,7 +241,7 @@ struct Event
 {
     using Body = std::variant<
         event::Note, event::Told, event::HostState, event::ControlSignal,
-        event::OddSignal, event::HostService, event::HostAnswer,
+        event::MalformedSignal, event::HostService, event::HostAnswer,
         event::DriverWrite, event::DriverFileRefused, event::DeviceUp,
         event::DeviceDown, event::NodeRemoved, event::NodeOpened,
         event::NodeClosed, event::Packet, event::Broker, event::PlatformValue,

@@ -3,6 +3,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <functional>
+#include <tuple>
+#include <type_traits>
+
 namespace board
 {
 namespace
@@ -11,73 +15,14 @@ namespace
 // Keeps the order in which fields are added.
 using Json = nlohmann::ordered_json;
 
-/** A kind's name and its facts. */
-struct Fields
+const char* fileOf(const auto& event)
 {
-    const char* kind;
-    Json facts;
-};
-
-Fields tell(const event::Note& note)
-{
-    return {"note", {{"text", note.text}}};
+    return event.bind ? "bind" : "unbind";
 }
 
-Fields tell(const event::Told& told)
+const char* classEntryOf(const event::DeviceUp& up)
 {
-    return {"told", {{"line", told.line}}};
-}
-
-Fields tell(const event::HostState& state)
-{
-    return {"host_state", {{"value", state.value}}};
-}
-
-Fields tell(const event::ControlSignal& signal)
-{
-    return {"control_signal",
-            {{"path", signal.path},
-             {"property", signal.property},
-             {"value", signal.value},
-             {"times", signal.times}}};
-}
-
-Fields tell(const event::OddSignal& signal)
-{
-    return {"odd_signal",
-            {{"path", signal.path},
-             {"what", signal.what},
-             {"times", signal.times}}};
-}
-
-Fields tell(const event::HostService& service)
-{
-    return {"host_service", {{"is_there", service.isThere}}};
-}
-
-Fields tell(const event::HostAnswer& answer)
-{
-    return {"host_answer", {{"what", answer.what}}};
-}
-
-Fields tell(const event::DriverWrite& write)
-{
-    return {"driver_write",
-            {{"file", write.bind ? "bind" : "unbind"},
-             {"controller", write.controller},
-             {"error", write.error}}};
-}
-
-Fields tell(const event::DriverFileRefused& refused)
-{
-    return {
-        "driver_file_refused",
-        {{"file", refused.bind ? "bind" : "unbind"}, {"error", refused.error}}};
-}
-
-const char* nameOf(ClassEntry entry)
-{
-    switch (entry)
+    switch (up.classEntry)
     {
         case ClassEntry::directory:
             return "directory";
@@ -89,134 +34,120 @@ const char* nameOf(ClassEntry entry)
     return "none";
 }
 
-Fields tell(const event::DeviceUp& up)
+Json statusOf(const event::Exited& exited)
 {
-    return {"device_up",
-            {{"controller", up.controller},
-             {"node", up.node},
-             {"class_entry", nameOf(up.classEntry)}}};
+    return exited.signal == 0 ? Json(exited.status) : Json();
 }
 
-Fields tell(const event::DeviceDown& down)
+Json signalOf(const event::Exited& exited)
 {
-    return {"device_down",
-            {{"controller", down.controller}, {"node", down.node}}};
+    return exited.signal == 0 ? Json() : Json(exited.signal);
 }
 
-Fields tell(const event::NodeRemoved& removed)
+/** A field's name, and the member or the function that gives its value. */
+template <typename Value>
+struct Field
 {
-    return {"node_removed", {{"node", removed.node}}};
+    const char* name;
+    Value value;
+};
+
+template <typename Event, typename... Fields>
+struct Kind
+{
+    const char* name;
+    std::tuple<Fields...> fields;
+};
+
+template <typename Event, typename... Fields>
+constexpr Kind<Event, Fields...> kind(const char* name, Fields... fields)
+{
+    return {name, {fields...}};
 }
 
-Fields tell(const event::NodeOpened& opened)
-{
-    return {"node_opened", {{"node", opened.node}, {"error", opened.error}}};
-}
+using namespace event;
 
-Fields tell(const event::NodeClosed& closed)
-{
-    return {"node_closed", {{"node", closed.node}}};
-}
+constexpr std::tuple kinds{
+    kind<Note>("note", Field{"text", &Note::text}),
+    kind<Told>("told", Field{"line", &Told::line}),
+    kind<HostState>("host_state", Field{"value", &HostState::value}),
+    kind<ControlSignal>("control_signal", Field{"path", &ControlSignal::path},
+                        Field{"property", &ControlSignal::property},
+                        Field{"value", &ControlSignal::value},
+                        Field{"times", &ControlSignal::times}),
+    kind<MalformedSignal>("odd_signal", Field{"path", &MalformedSignal::path},
+                          Field{"what", &MalformedSignal::what},
+                          Field{"times", &MalformedSignal::times}),
+    kind<HostService>("host_service", Field{"is_there", &HostService::isThere}),
+    kind<HostAnswer>("host_answer", Field{"what", &HostAnswer::what}),
+    kind<DriverWrite>("driver_write", Field{"file", fileOf<DriverWrite>},
+                      Field{"controller", &DriverWrite::controller},
+                      Field{"error", &DriverWrite::error}),
+    kind<DriverFileRefused>("driver_file_refused",
+                            Field{"file", fileOf<DriverFileRefused>},
+                            Field{"error", &DriverFileRefused::error}),
+    kind<DeviceUp>("device_up", Field{"controller", &DeviceUp::controller},
+                   Field{"node", &DeviceUp::node},
+                   Field{"class_entry", classEntryOf}),
+    kind<DeviceDown>("device_down",
+                     Field{"controller", &DeviceDown::controller},
+                     Field{"node", &DeviceDown::node}),
+    kind<NodeRemoved>("node_removed", Field{"node", &NodeRemoved::node}),
+    kind<NodeOpened>("node_opened", Field{"node", &NodeOpened::node},
+                     Field{"error", &NodeOpened::error}),
+    kind<NodeClosed>("node_closed", Field{"node", &NodeClosed::node}),
+    kind<Packet>("packet", Field{"node", &Packet::node},
+                 Field{"to_endpoint", &Packet::toEndpoint},
+                 Field{"bytes", &Packet::bytes},
+                 Field{"error", &Packet::error}),
+    kind<Broker>("broker", Field{"is_there", &Broker::isThere}),
+    kind<PlatformValue>("platform_value", Field{"key", &PlatformValue::key},
+                        Field{"what", &PlatformValue::what}),
+    kind<NameOwner>("name_owner", Field{"name", &NameOwner::name},
+                    Field{"owner", &NameOwner::owner}),
+    kind<EndpointAdded>("endpoint_added", Field{"path", &EndpointAdded::path}),
+    kind<EndpointRemoved>("endpoint_removed",
+                          Field{"path", &EndpointRemoved::path}),
+    kind<EndpointChanged>("endpoint_changed",
+                          Field{"path", &EndpointChanged::path},
+                          Field{"property", &EndpointChanged::property}),
+    kind<EndpointRead>("endpoint_read", Field{"path", &EndpointObject::path},
+                       Field{"network_id", &EndpointObject::networkId},
+                       Field{"eid", &EndpointObject::eid},
+                       Field{"supported_message_types",
+                             &EndpointObject::supportedMessageTypes},
+                       Field{"endpoint_type", &EndpointObject::endpointType},
+                       Field{"slot", &EndpointObject::slot},
+                       Field{"device_path", &EndpointObject::devicePath}),
+    kind<Started>("started", Field{"process", &Started::process}),
+    kind<Notified>("notified", Field{"text", &Notified::text}),
+    kind<Log>("log", Field{"level", &Log::level}, Field{"module", &Log::module},
+              Field{"file", &Log::file}, Field{"line", &Log::line},
+              Field{"text", &Log::text}),
+    kind<Trace>("trace", Field{"level", &Trace::level},
+                Field{"file", &Trace::file}, Field{"line", &Trace::line},
+                Field{"text", &Trace::text}),
+    kind<Output>("output", Field{"program", &Output::program},
+                 Field{"text", &Output::line}),
+    kind<Signalled>("signalled", Field{"signal", &Signalled::signal}),
+    kind<Exited>("exited", Field{"status", statusOf},
+                 Field{"signal", signalOf}),
+};
 
-Fields tell(const event::Packet& packet)
+/** Adds the fields of a body, if this is its kind. */
+template <typename Event, typename... Fields>
+void addIf(const Kind<Event, Fields...>& kind, const auto& body, Json& object)
 {
-    return {"packet",
-            {{"node", packet.node},
-             {"to_endpoint", packet.toEndpoint},
-             {"bytes", packet.bytes},
-             {"error", packet.error}}};
-}
-
-Fields tell(const event::Broker& broker)
-{
-    return {"broker", {{"is_there", broker.isThere}}};
-}
-
-Fields tell(const event::PlatformValue& value)
-{
-    return {"platform_value", {{"key", value.key}, {"what", value.what}}};
-}
-
-Fields tell(const event::NameOwner& name)
-{
-    return {"name_owner", {{"name", name.name}, {"owner", name.owner}}};
-}
-
-Fields tell(const event::EndpointAdded& added)
-{
-    return {"endpoint_added", {{"path", added.path}}};
-}
-
-Fields tell(const event::EndpointRemoved& removed)
-{
-    return {"endpoint_removed", {{"path", removed.path}}};
-}
-
-Fields tell(const event::EndpointChanged& changed)
-{
-    return {"endpoint_changed",
-            {{"path", changed.path}, {"property", changed.property}}};
-}
-
-Fields tell(const event::EndpointRead& read)
-{
-    const auto& object = read.object;
-    return {"endpoint_read",
-            {{"path", object.path},
-             {"network_id", object.networkId},
-             {"eid", object.eid},
-             {"supported_message_types", object.supportedMessageTypes},
-             {"endpoint_type", object.endpointType},
-             {"slot", object.slot},
-             {"device_path", object.devicePath}}};
-}
-
-Fields tell(const event::Started& started)
-{
-    return {"started", {{"process", started.process}}};
-}
-
-Fields tell(const event::Notified& notified)
-{
-    return {"notified", {{"text", notified.text}}};
-}
-
-Fields tell(const event::Log& log)
-{
-    return {"log",
-            {{"level", log.level},
-             {"module", log.module},
-             {"file", log.file},
-             {"line", log.line},
-             {"text", log.text}}};
-}
-
-Fields tell(const event::Trace& trace)
-{
-    return {"trace",
-            {{"level", trace.level},
-             {"file", trace.file},
-             {"line", trace.line},
-             {"text", trace.text}}};
-}
-
-Fields tell(const event::Output& output)
-{
-    return {"output", {{"program", output.program}, {"text", output.line}}};
-}
-
-Fields tell(const event::Signalled& signalled)
-{
-    return {"signalled", {{"signal", signalled.signal}}};
-}
-
-Fields tell(const event::Exited& exited)
-{
-    if (exited.signal != 0)
+    if constexpr (std::is_same_v<Event, std::remove_cvref_t<decltype(body)>>)
     {
-        return {"exited", {{"status", nullptr}, {"signal", exited.signal}}};
+        object["event"] = kind.name;
+        std::apply(
+            [&](const auto&... field)
+            {
+                ((object[field.name] = std::invoke(field.value, body)), ...);
+            },
+            kind.fields);
     }
-    return {"exited", {{"status", exited.status}, {"signal", nullptr}}};
 }
 
 } // namespace
@@ -224,14 +155,18 @@ Fields tell(const event::Exited& exited)
 std::string jsonLine(const Event& event)
 {
     constexpr int onOneLine = -1;
-    const auto fields = std::visit(
-        [](const auto& body)
+    Json object{{"at", event.at.count()}};
+    std::visit(
+        [&](const auto& body)
         {
-            return tell(body);
+            std::apply(
+                [&](const auto&... kind)
+                {
+                    (addIf(kind, body, object), ...);
+                },
+                kinds);
         },
         event.body);
-    Json object{{"at", event.at.count()}, {"event", fields.kind}};
-    object.update(fields.facts);
     // What a daemon writes is anything, and JSON is UTF-8.
     return object.dump(onOneLine, ' ', false, Json::error_handler_t::replace);
 }

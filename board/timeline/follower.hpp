@@ -14,11 +14,8 @@
 namespace board
 {
 
-/** Hands over a timeline's entries as it grows, in order, each once.
- *
- *  It has a thread of its own, so that whoever takes the entries may be slow
- *  (a terminal that stands still, a full disk) without holding up anybody who
- *  records.
+/** Hands over a timeline's entries as it grows, in order, each once, on a
+ *  thread of its own: a slow reader does not delay the board.
  */
 class Follower
 {
@@ -31,8 +28,6 @@ class Follower
 
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
-    Follower(Follower&&) = delete;
-    Follower& operator=(Follower&&) = delete;
 
     /** @brief Hands over what is left, after closing the timeline. */
     ~Follower();

@@ -8,7 +8,7 @@
 namespace board
 {
 
-/** @brief What a line of the daemon's standard error tells.
+/** @brief Parse a line of the daemon's standard error.
  *
  *  The log library writes one record a line:
  *

@@ -121,9 +121,10 @@ Shown show(const event::ControlSignal& signal)
                         ", announced" + inWords(signal.times)};
 }
 
-Shown show(const event::OddSignal& signal)
+Shown show(const event::MalformedSignal& signal)
 {
-    return {"host", "odd signal" + inWords(signal.times) + ": " + signal.what};
+    return {"host",
+            "malformed signal" + inWords(signal.times) + ": " + signal.what};
 }
 
 Shown show(const event::HostService& service)
@@ -247,9 +248,8 @@ Shown show(const event::EndpointChanged& changed)
             Weight::hidden};
 }
 
-Shown show(const event::EndpointRead& read)
+Shown show(const event::EndpointRead& object)
 {
-    const auto& object = read.object;
     const auto line = [](const char* name, const std::string& value)
     {
         return std::string("\n    ") + name +

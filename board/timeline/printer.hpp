@@ -11,31 +11,24 @@
 namespace board
 {
 
-/** @brief How a timeline is shown. */
 struct PrintStyle
 {
     bool colour = false;
-    /** Everything: opening and closing of nodes, every log record, traces.
-     *  Else what makes the story, and log records that tell progress. */
+    /** Also the opening and closing of nodes, every log record and traces. */
     bool everything = false;
-    /** What surrounds the story, shown in grey: the log, what was refused, the
-     *  lines that the board was told. Not at a prompt, where an idle daemon's
-     *  rounds would bury what is typed. */
+    /** Also what is shown in grey: the log, refusals, commands. Not at a
+     *  prompt, where an idle daemon's iterations would bury the input. */
     bool details = true;
 };
 
-/** @brief An event as it is shown, with line ends; empty when the style leaves
- *         it out. Columns: milliseconds since the beginning, who, what. */
+/** @brief An event's line or lines; empty when the style leaves it out. The
+ *         columns: milliseconds since the beginning, who, what. */
 [[nodiscard]] std::string printed(const Event& event, const PrintStyle& style);
 
-/** @brief The line that names the columns. */
 [[nodiscard]] std::string printedHeading(const PrintStyle& style);
 
-/** @brief Where text for the user goes. */
 using Write = std::function<void(const std::string& text)>;
 
-/** @brief Writes to a stream, at once.
- *  @param stream not closed */
 [[nodiscard]] Write to(std::FILE* stream);
 
 /** Shows a timeline as it grows, on a thread of its own. */

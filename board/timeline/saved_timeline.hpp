@@ -12,11 +12,8 @@
 namespace board
 {
 
-/** @brief A file that a timeline is saved in, opened for writing and empty.
- *
- *  It is opened before the sandbox is entered, so that its path means what it
- *  means to the user, also below /run and /dev.
- */
+/** @brief A new file for a timeline. It is opened before the sandbox is
+ *         entered, where /run and /dev are others. */
 class SaveFile
 {
   public:
@@ -32,11 +29,9 @@ class SaveFile
     Fd file;
 };
 
-/** Saves a timeline as JSON lines while it grows, one object for each event.
- *
- *  Each line is one write, so that a board that is killed leaves whole lines.
- *  When a write fails, nothing more is written, the board goes on, and
- *  finish() tells.
+/** Saves a timeline as JSON lines while it grows. Each line is one write, so
+ *  that a board that is killed leaves whole lines. A failed write ends the
+ *  saving, not the board.
  */
 class SavedTimeline
 {
@@ -44,8 +39,8 @@ class SavedTimeline
     /** @param timeline outlives this */
     SavedTimeline(Timeline& timeline, SaveFile target);
 
-    /** @brief Write what is still to be written, after closing the timeline.
-     *  @throws Error the first failure, if there was any */
+    /** @brief Close the timeline and save the rest of it.
+     *  @throws Error the first failure of a write */
     void finish();
 
   private:

@@ -18,7 +18,7 @@
 namespace board
 {
 
-/** @brief What was waited for did not happen within its limit. */
+/** @brief A wait ran into its limit. */
 class WaitFailed : public Error
 {
   public:
@@ -34,15 +34,11 @@ class Interrupted : public Error
     }
 };
 
-/** The one ordered record of everything that happens on a board, on one clock.
+/** The ordered record of all events of a board, on one clock. Nothing is ever
+ *  removed or changed.
  *
- *  Every part of the board records what it does and sees; tests, stories and
- *  the printer read it and wait on it. Nothing is ever taken out or changed.
- *
- *  Order is cause before effect, also across the pipe that carries the
- *  daemon's log: what the daemon logged before it wrote to a driver file was
- *  in the pipe by then, so before any other entry is made, the collector
- *  fetches what waits there.
+ *  A cause comes before its effect. The daemon's log comes through a pipe, so
+ *  before any other entry is made, the collector fetches what waits there.
  *
  *  All functions may be called from any thread. A collector must not call
  *  record(), only append().
@@ -61,8 +57,8 @@ class Timeline
     /** @brief Add an entry. */
     void append(Event::Body body);
 
-    /** @brief What record() calls first; an empty function ends it. When this
-     *         returns, the former collector is no longer running. */
+    /** @brief Set what record() calls first, or nothing. When this returns, the
+     *         former collector is no longer running. */
     void setCollector(std::function<void()> function);
 
     /** @brief The number of entries so far: the index of the next one. */
@@ -71,17 +67,12 @@ class Timeline
     /** @brief A copy of the entries from an index on. */
     [[nodiscard]] std::vector<Event> since(std::size_t first = 0) const;
 
-    /** @brief Wait until an entry satisfies a predicate.
-     *
-     *  @param what  what is waited for, in words, for the failure's text
-     *  @param matches called under the timeline's lock: a pure function
-     *  @param limit how long to wait at most
-     *  @param first the index to start looking at; entries that are already
-     *         there count
-     *  @return the first entry that matches
+    /** @brief Wait for the first entry that matches, also among those there.
+     *  @param what  for the failure's text: "no <what> within 20 s"
+     *  @param matches a pure function: called under the timeline's lock
+     *  @param first the index to start at
      *  @throws WaitFailed when the limit has passed
-     *  @throws Interrupted after interrupt()
-     */
+     *  @throws Interrupted after interrupt() */
     Event waitFor(const std::string& what, const Predicate& matches,
                   Limit limit, std::size_t first = 0) const;
 
@@ -100,14 +91,14 @@ class Timeline
         return std::get<Kind>(found.body);
     }
 
-    /** @brief For a reader that follows: entries from an index on, waiting
-     *         until there is one; none when the timeline was closed. */
+    /** @brief The entries from an index on. Waits until there is one; none
+     *         when the timeline was closed. */
     [[nodiscard]] std::vector<Event> follow(std::size_t first) const;
 
     /** @brief Let every follow() return what there is and then nothing. */
     void close();
 
-    /** @brief Break off all present and later waits. */
+    /** @brief End all present and later waits. */
     void interrupt();
 
     /** @brief Let later waits be waits again. */

@@ -10,8 +10,7 @@ Error Error::fromErrno(const std::string& what, int error,
                        const std::string& advice)
 {
     const auto why = what + ": " + std::generic_category().message(error);
-    Error told(advice.empty() ? why : why + "; " + advice);
-    return told;
+    return Error(advice.empty() ? why : why + "; " + advice);
 }
 
 } // namespace board

@@ -14,7 +14,7 @@ EventThread::EventThread()
     sd::check(sd_event_new(&made), "cannot make an event loop");
     loop.reset(made);
     sd::check(
-        sd_event_add_io(made, nullptr, wakeup.fd(), EPOLLIN, takeDeeds, this),
+        sd_event_add_io(made, nullptr, wakeup.fd(), EPOLLIN, takeActions, this),
         "cannot listen to an event loop");
     thread = std::thread(
         [made]
@@ -50,8 +50,8 @@ void EventThread::run(const std::function<void(sd_event*)>& action)
     done.get();
 }
 
-int EventThread::takeDeeds(sd_event_source* /*source*/, int /*fd*/,
-                           std::uint32_t /*events*/, void* self)
+int EventThread::takeActions(sd_event_source* /*source*/, int /*fd*/,
+                             std::uint32_t /*events*/, void* self)
 {
     auto& that = *static_cast<EventThread*>(self);
     that.wakeup.clear();

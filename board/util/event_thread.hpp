@@ -13,9 +13,8 @@
 namespace board
 {
 
-/** A thread with an sd-event loop, for parts of the board that listen to
- *  descriptors or sit on the bus. What is attached to the loop is made, used
- *  and released on that thread only, by run().
+/** A thread with an sd-event loop. Whatever is attached to the loop is made,
+ *  used and released on that thread only, by run().
  */
 class EventThread
 {
@@ -25,24 +24,22 @@ class EventThread
 
     EventThread(const EventThread&) = delete;
     EventThread& operator=(const EventThread&) = delete;
-    EventThread(EventThread&&) = delete;
-    EventThread& operator=(EventThread&&) = delete;
     ~EventThread();
 
     /** @brief Run an action on the loop's thread and wait until it is done.
      * What it throws is thrown here. From any other thread. */
     void run(const std::function<void(sd_event*)>& action);
 
-    /** @brief Call back on the loop's thread while a descriptor is readable.
-     *         From the loop's thread.
+    /** @brief Call back while a descriptor is readable. From the loop's
+     *         thread.
      *  @param ready outlives the source; returns false to be called no more
      */
     static sd::Source onReadable(sd_event* loop, int fd,
                                  std::function<bool()>& ready);
 
   private:
-    static int takeDeeds(sd_event_source* source, int fd, std::uint32_t events,
-                         void* self);
+    static int takeActions(sd_event_source* source, int fd,
+                           std::uint32_t events, void* self);
 
     sd::Loop loop;
     Wakeup wakeup;

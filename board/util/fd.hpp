@@ -8,10 +8,7 @@
 namespace board
 {
 
-/** @brief Owner of one file descriptor: closes it at the end of its life.
- *
- *  Moved, never copied. An empty one holds -1.
- */
+/** @brief Owner of one file descriptor. */
 class Fd
 {
   public:
@@ -43,13 +40,12 @@ class Fd
         reset();
     }
 
-    /** @brief The descriptor, still owned here; -1 when empty. */
+    /** @brief The descriptor, or -1. */
     [[nodiscard]] int get() const noexcept
     {
         return fd;
     }
 
-    /** @brief Whether a descriptor is held. */
     explicit operator bool() const noexcept
     {
         return fd >= 0;
@@ -61,12 +57,10 @@ class Fd
         return std::exchange(fd, -1);
     }
 
-    /** @brief Close now. */
     void reset() noexcept
     {
         if (fd >= 0)
         {
-            // A failed close leaves nothing that could be done about it.
             static_cast<void>(::close(fd));
             fd = -1;
         }

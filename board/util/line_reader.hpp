@@ -11,9 +11,7 @@
 namespace board
 {
 
-/** Cuts what comes out of a pipe into lines. The pipe does not block; what is
- *  not a whole line yet is kept for the next time, up to a length that no
- *  honest line has. One thread at a time. */
+/** Reads lines from a pipe that does not block. One thread at a time. */
 class LineReader
 {
   public:
@@ -26,13 +24,12 @@ class LineReader
 
     [[nodiscard]] int fd() const;
 
-    /** @brief Read what waits now and hand over the whole lines in it. What
-     *         is written meanwhile is for the next time, so that a writer
-     *         without end does not keep the caller for ever.
+    /** @brief Hand over the whole lines that wait now, and no more, so that an
+     *         endless writer does not keep the caller.
      *  @return false when all writers have closed it */
     bool drain(const Take& take);
 
-    /** @brief Hand over what is left without a line end, if anything is. */
+    /** @brief Hand over an unfinished last line, if there is one. */
     void finish(const Take& take);
 
   private:

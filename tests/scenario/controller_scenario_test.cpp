@@ -117,7 +117,7 @@ TEST_F(Controllers, FirstThatWaitsForTheSecondIsWaitedForInVain)
 
 TEST_F(Controllers, FirstWithoutClassEntryLeavesNothingToBeFound)
 {
-    board().controller(0).hasClassEntry(false);
+    board().controller(0).hasClassEntry(board::ClassEntry::none);
     board().daemon().start();
     // Nothing was found, so the second controller is looked for where the
     // first one is, and not found there either.
@@ -130,11 +130,11 @@ TEST_F(Controllers, FirstWithoutClassEntryLeavesNothingToBeFound)
 
 TEST_F(Controllers, SecondWithoutClassEntryIsRedone)
 {
-    board().controller(1).hasClassEntry(false);
+    board().controller(1).hasClassEntry(board::ClassEntry::none);
     board().daemon().start();
     const auto start = logs("Start partial discovery");
     EXPECT_EQ(logged("Number of elements in i3c_device_map: 1"), 1U);
-    board().controller(1).hasClassEntry(true);
+    board().controller(1).hasClassEntry(board::ClassEntry::directory);
     publishes(endpoint1, start.index);
     logs("Discovery complete", start.index);
     EXPECT_EQ(stop().status, 0);

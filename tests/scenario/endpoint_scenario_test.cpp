@@ -4,6 +4,7 @@
  * Endpoints that misbehave: what the daemon makes of each.
  */
 
+#include "board/endpoint/behaviours.hpp"
 #include "tests/scenario/scenario.hpp"
 
 #include <cctype>
