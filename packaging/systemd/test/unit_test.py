@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What can be said of the units without a running systemd.
+"""Checks of the units without a running systemd.
 
 Run by meson test, which says in the environment what it has built.
 """
@@ -52,12 +52,13 @@ class Unit(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.root = Path(directory.name)
 
-    def complaints(self, text):
+    def complaints(self):
         """What systemd says of our units when it reads them, with the daemon
         that is built in place of the installed one."""
         (self.root / "dbus.service").write_text(BROKER)
         shutil.copy(RETURN_UNIT, self.root)
-        (self.root / UNIT.name).write_text(text.replace(INSTALLED_DAEMON, str(DAEMON)))
+        text = UNIT.read_text().replace(INSTALLED_DAEMON, str(DAEMON))
+        (self.root / UNIT.name).write_text(text)
         done = analyze(
             "verify", "--man=no", "--recursive-errors=no",
             self.root / UNIT.name, self.root / RETURN_UNIT.name,
@@ -73,16 +74,8 @@ class Unit(unittest.TestCase):
             with self.subTest(unit=unit.name):
                 self.assertIn(["StartLimitIntervalSec", "0"], settings(unit))
 
-    def test_is_understood_by_systemd_without_a_complaint(self):
-        self.assertEqual(self.complaints(UNIT.read_text()), [])
-
-    def test_would_be_complained_about_with_a_misspelt_setting(self):
-        said = self.complaints(UNIT.read_text() + "\n[Service]\nProtectSytem=yes\n")
-        self.assertIn("Unknown key 'ProtectSytem'", " ".join(said))
-
-    def test_would_be_complained_about_without_its_daemon(self):
-        said = self.complaints(UNIT.read_text().replace(INSTALLED_DAEMON, "/no/such"))
-        self.assertIn("/no/such is not executable", " ".join(said))
+    def test_is_read_by_systemd_without_a_warning(self):
+        self.assertEqual(self.complaints(), [])
 
     def test_leaves_an_exposure_of_at_most_1_1(self):
         for unit in (UNIT, RETURN_UNIT):
@@ -94,12 +87,6 @@ class Unit(unittest.TestCase):
         for unit in (UNIT, RETURN_UNIT):
             with self.subTest(unit=unit.name):
                 self.assertIn(["LimitCORE", "0"], settings(unit))
-
-    def test_would_leave_more_without_its_filter_of_system_calls(self):
-        unit = self.root / "morrow.service"
-        unit.write_text(UNIT.read_text().replace("SystemCallFilter", "#"))
-        done = analyze("security", "--offline=true", "--threshold=11", unit)
-        self.assertNotEqual(done.returncode, 0, done.stdout)
 
 
 if __name__ == "__main__":
