@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <numeric>
 #include <random>
@@ -29,7 +30,6 @@ using test::FakeEndpoint;
 using test::Interruptions;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::SizeIs;
 
 constexpr std::uint8_t tag = 3;
 constexpr std::size_t capacity = 160;
@@ -38,6 +38,10 @@ constexpr std::uint64_t shortMs = 50;
 
 const Bytes notify{0x00, 0x81, 0x0D};
 const Bytes notified{0x00, 0x01, 0x0D, 0x00};
+
+/** Of the answer that the device expects. */
+constexpr Envelope own{
+    .destination = ownEid, .source = 0x1D, .tagOwner = false, .tag = tag};
 
 Bytes messageOf(std::size_t size)
 {
@@ -52,6 +56,8 @@ class ExchangeTest : public testing::Test
   protected:
     void SetUp() override
     {
+        // The far end may write to a device that has been closed.
+        static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
         std::array<int, 2> ends{};
         ASSERT_EQ(::socketpair(AF_UNIX,
                                SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0,
@@ -117,15 +123,6 @@ TEST_F(ExchangeTest, SendsOnePacketToTheDestination)
                                               0x81, 0x0D)));
 }
 
-TEST_F(ExchangeTest, GivesTheAnswerAndItsSender)
-{
-    const FakeEndpoint endpoint(farEnd.get(),
-                                FakeEndpoint::answering(0x9D, notified));
-    EXPECT_EQ(run(notify), 0);
-    EXPECT_EQ(answer, notified);
-    EXPECT_EQ(responder, 0x9D);
-}
-
 TEST_F(ExchangeTest, SendsALongRequestInSeveralPackets)
 {
     const Bytes request = messageOf(150);
@@ -143,35 +140,23 @@ TEST_F(ExchangeTest, SendsALongRequestInSeveralPackets)
     EXPECT_THAT(received.message(), ElementsAreArray(request));
 }
 
-TEST_F(ExchangeTest, TakesAnAnswerOfAsMuchAsFits)
+TEST_F(ExchangeTest, TakesNoAnswerLongerThanItsCapacity)
 {
-    const FakeEndpoint endpoint(
-        farEnd.get(), FakeEndpoint::answering(0x9D, messageOf(capacity)));
-    EXPECT_EQ(run(notify), 0);
-    EXPECT_EQ(answer, messageOf(capacity));
-}
-
-TEST_F(ExchangeTest, RefusesALongerAnswer)
-{
+    {
+        const FakeEndpoint endpoint(
+            farEnd.get(), FakeEndpoint::answering(0x9D, messageOf(capacity)));
+        EXPECT_EQ(run(notify), 0);
+        EXPECT_EQ(answer, messageOf(capacity));
+    }
+    SetUp();
     const FakeEndpoint endpoint(
         farEnd.get(), FakeEndpoint::answering(0x9D, messageOf(capacity + 1)));
     EXPECT_EQ(run(notify), EMSGSIZE);
 }
 
-TEST_F(ExchangeTest, TakesAnEmptyAnswer)
-{
-    const FakeEndpoint endpoint(farEnd.get(),
-                                FakeEndpoint::answering(0x9D, {}));
-    EXPECT_EQ(run(notify), 0);
-    EXPECT_THAT(answer, SizeIs(0));
-    EXPECT_EQ(responder, 0x9D);
-}
-
 TEST_F(ExchangeTest, DropsPacketsOfOtherConversations)
 {
     const Bytes wrong{0xFF};
-    const Envelope own{
-        .destination = ownEid, .source = 0x1D, .tagOwner = false, .tag = tag};
     auto otherTag = own;
     otherTag.tag = tag + 1;
     auto request = own;
@@ -189,11 +174,8 @@ TEST_F(ExchangeTest, DropsPacketsOfOtherConversations)
 
 TEST_F(ExchangeTest, DropsAnswersOfOthersThanTheDestination)
 {
-    const Envelope other{
-        .destination = ownEid, .source = 0x1D, .tagOwner = false, .tag = tag};
-    const Bytes wrong{0xFF};
     const FakeEndpoint endpoint(
-        farEnd.get(), answeringFirst({fragment(other, wrong)[0]}, 0x9D));
+        farEnd.get(), answeringFirst({fragment(own, Bytes{0xFF})[0]}, 0x9D));
     EXPECT_EQ(run(notify, generousMs, 0x9D), 0);
     EXPECT_EQ(answer, notified);
     EXPECT_EQ(responder, 0x9D);
@@ -201,8 +183,6 @@ TEST_F(ExchangeTest, DropsAnswersOfOthersThanTheDestination)
 
 TEST_F(ExchangeTest, DropsMalformedPackets)
 {
-    const Envelope own{
-        .destination = ownEid, .source = 0x1D, .tagOwner = false, .tag = tag};
     const Bytes good = fragment(own, Bytes{0xFF})[0];
     auto otherVersion = good;
     otherVersion[0] = 2;
@@ -217,8 +197,6 @@ TEST_F(ExchangeTest, DropsMalformedPackets)
 
 TEST_F(ExchangeTest, DropsAnswersThatWaitedBeforeTheRequest)
 {
-    const Envelope own{
-        .destination = ownEid, .source = 0x1D, .tagOwner = false, .tag = tag};
     deliver(fragment(own, Bytes{0xFF})[0]);
     deliver(fragment(own, Bytes{0xFE})[0]);
     const FakeEndpoint endpoint(farEnd.get(),
@@ -257,7 +235,7 @@ TEST_F(ExchangeTest, TimesOutAmidPacketsOfOthers)
         {
             while (!stop.stop_requested())
             {
-                // A full queue takes no more: that is as good.
+                // Fails when the queue is full.
                 static_cast<void>(
                     ::write(farEnd.get(), packet.data(), packet.size()) > 0);
             }
@@ -305,15 +283,9 @@ TEST_F(ExchangeTest, GoesOnAfterSignals)
     EXPECT_EQ(answer, notified);
 }
 
-TEST_F(ExchangeTest, TimesOutDespiteSignals)
-{
-    const Interruptions interruptions;
-    EXPECT_EQ(run(notify, shortMs), ETIMEDOUT);
-}
-
 TEST_F(ExchangeTest, StaysWithinItsBoundsWhateverTheDeviceDelivers)
 {
-    // The same packets each time, so that a failure comes again.
+    // A fixed seed: a failure can be reproduced.
     std::mt19937 random(1); // NOLINT(cert-msc32-c,cert-msc51-cpp)
     for (int round = 0; round < 300; ++round)
     {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "files.hpp"
 #include "program.hpp"
-#include "sandbox.hpp"
 #include "util/file_descriptor.hpp"
 
 #include <fcntl.h>
@@ -76,7 +76,8 @@ Fields parseJournalEntry(std::string_view entry)
     return fields;
 }
 
-/** Runs the speaker with a standard error that keeps each write(2) apart. */
+/** Runs the log speaker with a standard error that keeps each write(2) apart.
+ */
 class Log : public testing::Test
 {
   protected:
@@ -124,7 +125,7 @@ class Journal : public Log
                   0);
     }
 
-    /** The name of the stream, or of one that is not it by so much. */
+    /** The name of the stream, or with other numbers added. */
     [[nodiscard]] std::string stream(int otherDevice = 0,
                                      int otherInode = 0) const
     {
@@ -135,7 +136,7 @@ class Journal : public Log
     }
 
     /** @return the journal's entries */
-    std::vector<Fields> tell(std::vector<std::string> words)
+    std::vector<Fields> entriesOf(std::vector<std::string> words)
     {
         EXPECT_THAT(say(std::move(words),
                         {{"JOURNAL_STREAM", stream()}, {"DLOG_LEVEL", "99"}}),
@@ -158,23 +159,13 @@ TEST_F(Log, WritesEachRecordAsOneLineAtOnce)
                             "trace 4 morrow:58:Common Morrow [main]\n"));
 }
 
-TEST_F(Log, DropsTrailingLineEnds)
+TEST_F(Log, MakesOneLineOfAnyText)
 {
-    EXPECT_THAT(say({"dlog", "1", "CPU vendor : 0\n\n", "trace", "1", "x\n\n"}),
-                ElementsAre("dlog 1 324 morrow:57:CPU vendor : 0\n",
-                            "trace 1 morrow:58:x\n"));
-}
-
-TEST_F(Log, KeepsARecordOfSeveralLinesWhole)
-{
-    EXPECT_THAT(say({"dlog", "1", "one\ntwo\n"}),
-                ElementsAre("dlog 1 324 morrow:57:one two\n"));
-}
-
-TEST_F(Log, WritesAnEmptyText)
-{
-    EXPECT_THAT(say({"dlog", "1", "\n"}),
-                ElementsAre("dlog 1 324 morrow:57:\n"));
+    EXPECT_THAT(say({"dlog", "1", "one\ntwo\n\n", "trace", "1", "x\n\n", "dlog",
+                     "1", "\n"}),
+                ElementsAre("dlog 1 324 morrow:57:one two\n",
+                            "trace 1 morrow:58:x\n",
+                            "dlog 1 324 morrow:57:\n"));
 }
 
 TEST_F(Log, CutsALongTextAndNeverSplitsIt)
@@ -210,7 +201,7 @@ TEST_F(Log, WritesAFormatWithoutPlaceAsItIs)
                 ElementsAre("dlog 1 324 no place, 7\n"));
 }
 
-TEST_F(Log, ShowsLevelsUpToTwoUnlessTold)
+TEST_F(Log, ShowsLevelsUpToTwoByDefault)
 {
     ::unsetenv("DLOG_LEVEL");
     EXPECT_THAT(say({"dlog", "1", "a", "dlog", "2", "b", "dlog", "3", "c",
@@ -263,15 +254,11 @@ TEST_F(Log, LeavesErrno)
 {
     EXPECT_THAT(say({"with-errno"}), ElementsAre("dlog 1 324 morrow:1:kept\n",
                                                  "trace 1 morrow:2:kept\n"));
-}
-
-TEST_F(Log, LeavesErrnoWhenNothingCanBeWritten)
-{
     writer = FileDescriptor(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     EXPECT_THAT(say({"with-errno"}), IsEmpty());
 }
 
-TEST_F(Log, SpeaksFromASignalHandler)
+TEST_F(Log, WorksInASignalHandler)
 {
     writer = FileDescriptor(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     EXPECT_THAT(say({"from-handler"}), IsEmpty());
@@ -279,7 +266,7 @@ TEST_F(Log, SpeaksFromASignalHandler)
 
 TEST_F(Journal, GetsARecordWithItsFields)
 {
-    const auto entries = tell({"entry"});
+    const auto entries = entriesOf({"entry"});
     ASSERT_EQ(entries.size(), 2);
     EXPECT_THAT(entries[0],
                 testing::UnorderedElementsAre(
@@ -303,23 +290,19 @@ TEST_F(Journal, GetsThePriorityFromTheLevel)
     for (const auto& [level, priority] : priorities)
     {
         SCOPED_TRACE(level);
-        const auto entries = tell({"dlog", level, "text"});
+        const auto entries = entriesOf({"dlog", level, "text"});
         ASSERT_EQ(entries.size(), 1);
         EXPECT_THAT(entries[0], Contains(Pair("PRIORITY", priority)));
         EXPECT_THAT(entries[0], Contains(Pair("DLOG_LEVEL", level)));
     }
 }
 
-TEST_F(Journal, GetsOneEntryForATextOfSeveralLines)
+TEST_F(Journal, GetsOneEntryOfBoundedLengthForAnyText)
 {
-    const auto entries = tell({"dlog", "1", "one\ntwo\n\n"});
-    ASSERT_EQ(entries.size(), 1);
-    EXPECT_THAT(entries[0], Contains(Pair("MESSAGE", "one two")));
-}
-
-TEST_F(Journal, GetsALongTextCut)
-{
-    const auto entries = tell({"dlog", "1", std::string(5000, 'x')});
+    const auto lines = entriesOf({"dlog", "1", "one\ntwo\n\n"});
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_THAT(lines[0], Contains(Pair("MESSAGE", "one two")));
+    const auto entries = entriesOf({"dlog", "1", std::string(5000, 'x')});
     ASSERT_EQ(entries.size(), 1);
     EXPECT_EQ(entries[0].at("MESSAGE"),
               std::string(1023 - std::strlen("MESSAGE="), 'x'));
@@ -327,7 +310,7 @@ TEST_F(Journal, GetsALongTextCut)
 
 TEST_F(Journal, GetsNoPlaceWhenTheFormatHasNone)
 {
-    const auto entries = tell({"without-place"});
+    const auto entries = entriesOf({"without-place"});
     ASSERT_EQ(entries.size(), 1);
     EXPECT_THAT(entries[0], Contains(Pair("MESSAGE", "no place, 7")));
     EXPECT_THAT(entries[0], Not(Contains(Key("CODE_FILE"))));
@@ -336,7 +319,7 @@ TEST_F(Journal, GetsNoPlaceWhenTheFormatHasNone)
 
 TEST_F(Journal, LeavesErrno)
 {
-    const auto entries = tell({"with-errno"});
+    const auto entries = entriesOf({"with-errno"});
     ASSERT_EQ(entries.size(), 2);
     EXPECT_EQ(entries[0].at("MESSAGE"), "kept");
 }

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <numeric>
-#include <random>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -122,38 +121,27 @@ TEST(Wire, DecodesWhatItEncodes)
     }
 }
 
-TEST(Wire, RejectsShortPackets)
+TEST(Wire, RejectsPacketsOfAnotherSize)
 {
-    const Bytes packet{0x01, 0x08, 0x1D, 0xC0};
+    Bytes packet{0x01, 0x08, 0x1D, 0xC0};
     for (std::size_t size = 0; size < headerSize; ++size)
     {
         EXPECT_FALSE(decode(std::span(packet).first(size)));
     }
     EXPECT_TRUE(decode(packet));
-}
-
-TEST(Wire, RejectsLongPackets)
-{
-    Bytes packet{0x01, 0x08, 0x1D, 0xC0};
     packet.resize(maxPacketSize);
     EXPECT_TRUE(decode(packet));
     packet.push_back(0);
     EXPECT_FALSE(decode(packet));
 }
 
-TEST(Wire, RejectsOtherHeaderVersions)
+TEST(Wire, RejectsOtherHeaderVersionsAndIgnoresReservedBits)
 {
-    for (unsigned int version = 0; version <= 0x0F; ++version)
+    for (unsigned int first = 0; first <= 0xFF; ++first)
     {
-        const Bytes packet{static_cast<std::uint8_t>(version), 8, 0x1D, 0xC0};
-        EXPECT_EQ(decode(packet).has_value(), version == 1);
+        const Bytes packet{static_cast<std::uint8_t>(first), 8, 0x1D, 0xC0};
+        EXPECT_EQ(decode(packet).has_value(), (first & 0x0F) == 1);
     }
-}
-
-TEST(Wire, IgnoresReservedHeaderBits)
-{
-    const Bytes packet{0xF1, 0x08, 0x1D, 0xC0};
-    EXPECT_TRUE(decode(packet));
 }
 
 TEST(Wire, ReassemblesWhatItFragments)
@@ -238,7 +226,7 @@ TEST(Reassembler, DropsAMessageOfUnevenPackets)
               Progress::incomplete);
 }
 
-TEST(Reassembler, StartsAnewAtEachStart)
+TEST(Reassembler, BeginsANewMessageAtEachStart)
 {
     Reassembler reassembler(capacity);
     EXPECT_EQ(add(reassembler, {.start = true, .size = 64}),
@@ -270,40 +258,6 @@ TEST(Reassembler, KeepsConversationsApart)
     }
     EXPECT_EQ(add(reassembler, {.end = true, .sequence = 1}),
               Progress::complete);
-}
-
-TEST(Reassembler, StaysWithinItsCapacityWhateverComes)
-{
-    // The same packets each time, so that a failure comes again.
-    std::mt19937 random(1); // NOLINT(cert-msc32-c,cert-msc51-cpp)
-    Reassembler reassembler(capacity);
-    int complete = 0;
-    for (int round = 0; round < 200000; ++round)
-    {
-        Bytes bytes(random() % (maxPacketSize + 8));
-        for (auto& byte : bytes)
-        {
-            byte = static_cast<std::uint8_t>(random());
-        }
-        // Mostly packets of one conversation, or nothing would ever go on.
-        if (bytes.size() >= headerSize && random() % 8 != 0)
-        {
-            bytes[0] = 1;
-            bytes[1] = 8;
-            bytes[2] = 0x1D;
-            bytes[3] = static_cast<std::uint8_t>(random() & 0xF0);
-            bytes.resize(random() % 4 != 0 ? maxPacketSize : bytes.size());
-        }
-        if (const auto packet = decode(bytes))
-        {
-            if (reassembler.add(*packet) == Progress::complete)
-            {
-                ++complete;
-            }
-            ASSERT_LE(reassembler.message().size(), capacity);
-        }
-    }
-    EXPECT_GT(complete, 1000);
 }
 
 } // namespace
