@@ -1,25 +1,23 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Checks that installed programs and libraries are what a release promises.
+"""Checks the hardening and the exports of installed programs and libraries.
 
 Usage: check_release.py DIRECTORY [TREE]
 
-DIRECTORY is an installation, stripped, for whichever processor; TREE, by
-default the one of this script, has the exports.map of each library. Of every
-program and library in DIRECTORY it has to hold that
+DIRECTORY is a stripped installation, for any processor; TREE, by default the
+one of this script, has the exports.map of each library. Of every program and
+library in DIRECTORY it checks that
 
   - it may be loaded at any address, is bound when it is loaded and read-only
     from then on (PIE, BIND_NOW, GNU_RELRO), and its stack is not executable;
   - functions with arrays check for overflow (__stack_chk_fail), and calls of
-    the C library check the size of their buffers where that is not plain when
-    compiling (the log's __vsnprintf_chk);
-  - it looks for libraries in no directory of its own but one that is told
-    relative to it ($ORIGIN);
-  - a library shows what its exports.map lists, all of it and nothing else, and
-    a program shows nothing.
+    the C library check the size of their buffers where the compiler cannot (the
+    log's __vsnprintf_chk);
+  - it looks for libraries only in directories relative to itself ($ORIGIN);
+  - a library exports exactly what its exports.map lists, and a program nothing.
 
-Prints a line for each file, with its size; what is wrong follows it. The exit
-status is 0 when nothing is wrong.
+Prints a line for each file, with its size and then its faults. The exit status
+is 0 without faults.
 """
 
 import re
@@ -36,7 +34,7 @@ MAPS = {
     "libplatform-mctp.so.1": "platform/mctp/exports.map",
 }
 
-# Calls that cannot but be checked when they are made.
+# Calls whose buffers can only be checked at run time.
 CHECKED_CALLS = {"libplatform-log.so.1": "__vsnprintf_chk"}
 
 
@@ -47,7 +45,7 @@ def output(*command):
 
 
 def symbols(path, *options):
-    """Dynamic symbols as a person writes them, without their versions."""
+    """Demangled dynamic symbols, without their versions."""
     lines = output("nm", "--dynamic", "--demangle", "--format=posix", *options, path)
     names = (re.match(r"(.*?) [A-Za-z](?: [0-9a-f]+){0,2}\s*$", line)
              for line in lines.splitlines())  # fmt: skip
@@ -71,15 +69,15 @@ def wrong_exports(path, exports_map):
     wanted = patterns(exports_map)
     for name in sorted(names):
         if not any(fnmatchcase(name, pattern) for pattern in wanted):
-            yield f"shows {name}, which {exports_map.name} does not list"
+            yield f"exports {name}, which {exports_map.name} does not list"
     for pattern in wanted:
         if not any(fnmatchcase(name, pattern) for name in names):
-            yield f"does not show {pattern}, which {exports_map.name} lists"
+            yield f"does not export {pattern}, which {exports_map.name} lists"
 
 
 def wrong_exports_of_program(path):
     for name in sorted(exported(path)):
-        yield f"shows {name}"
+        yield f"exports {name}"
 
 
 def wrong_hardening(path, is_program):
@@ -135,7 +133,7 @@ def check(directory, tree):
         elif path.name in MAPS:
             wrong += wrong_exports(path, tree / MAPS[path.name])
         else:
-            wrong.append("has no exports.map that is known here")
+            wrong.append("has no known exports.map")
         yield path, wrong
 
 
@@ -153,4 +151,5 @@ def main(directory, tree):
 if __name__ == "__main__":
     if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
-    main(Path(sys.argv[1]), Path(*sys.argv[2:] or [__file__, "../.."]).resolve())
+    top = Path(__file__).resolve().parents[1]
+    main(Path(sys.argv[1]), Path(*sys.argv[2:] or [top]))

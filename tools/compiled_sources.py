@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes a compilation database in which each source has one command, so that a
-linter looks once at what several targets compile, and passes on those of the
-file names on standard input that are in it.
+"""Writes a compilation database for a linter: one command for each source,
+without precompiled headers. Prints the file names of standard input that it has.
 
 Usage: compiled_sources.py BUILD-DIRECTORY DATABASE-DIRECTORY
 """
 
 import json
 import os
+import re
 import sys
 
 
@@ -18,6 +18,10 @@ def one_command_each(directory):
     commands = {}
     for entry in entries:
         source = os.path.realpath(os.path.join(entry["directory"], entry["file"]))
+        # The compiler's precompiled headers are not the linter's.
+        entry["command"] = re.sub(
+            r"-fpch-preprocess -include \S+ ", "", entry["command"]
+        )
         commands.setdefault(source, entry)
     return commands
 

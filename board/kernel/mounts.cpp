@@ -48,7 +48,7 @@ void mountFuse(const Fd& server)
     }
 }
 
-void bind(const std::string& from, const std::string& to)
+void bindMount(const std::string& from, const std::string& to)
 {
     if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) !=
         0)
@@ -109,16 +109,16 @@ const std::vector<KernelMounts::DevName>& KernelMounts::devNames() const
 void KernelMounts::putInPlace()
 {
     const std::string served(hidden);
-    bind(served + "/sys", "/sys");
+    bindMount(served + "/sys", "/sys");
     mounted.emplace_back("/sys");
-    bind(served + "/dev", "/dev");
+    bindMount(served + "/dev", "/dev");
     mounted.emplace_back("/dev");
     const auto outer = "/proc/self/fd/" + std::to_string(outerDev.get()) + "/";
     for (const auto& [name, directory, target] : names)
     {
         if (target.empty())
         {
-            bind(outer + name, "/dev/" + name);
+            bindMount(outer + name, "/dev/" + name);
         }
     }
     outerDev.reset();

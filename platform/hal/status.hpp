@@ -2,9 +2,8 @@
 #pragma once
 
 /**
- * What ReadIO_Str_C returns here. Another board's library has numbers of its
- * own, so callers test for `ok` only; the others are for whoever reads them in
- * a log.
+ * What ReadIO_Str_C of this library returns. Other boards' libraries have other
+ * numbers, so callers test for `ok` only; the rest is for readers of a log.
  */
 
 #include <cstdint>

@@ -9,15 +9,14 @@
 #include <optional>
 
 /*
- * The lock is a System V semaphore that is free at 0 and held at 1: a fresh one
- * is 0, so there is no moment between creating and initialising it in which
- * another process could take it for something else.
+ * The lock is a System V semaphore, free at 0 and held at 1: a new one is 0 and
+ * needs no initialisation that another process could come before.
  */
 
 namespace
 {
 
-// The same on every platform process, for all must find the same objects.
+// The same in all processes of the platform, so that they share the objects.
 constexpr int projectId = 'M';
 
 constexpr int platformMode = 0660;
@@ -55,7 +54,7 @@ void removeLock(int lockId)
 {
     if (lockId != -1)
     {
-        // One that is gone already is as good as removed.
+        // Fails if it is removed already.
         static_cast<void>(::semctl(lockId, 0, IPC_RMID));
     }
 }
@@ -64,7 +63,7 @@ void removeShm(int shmId)
 {
     if (shmId != -1)
     {
-        // One that is gone already is as good as removed.
+        // Fails if it is removed already.
         static_cast<void>(::shmctl(shmId, IPC_RMID, nullptr));
     }
 }
@@ -84,7 +83,7 @@ void setLockPermission(const std::string& device)
         return;
     }
     status.sem_perm.mode = platformMode;
-    // Refused only to who does not own it, and then the owner has seen to it.
+    // Fails for other users than the owner, who has done it.
     static_cast<void>(::semctl(lockId, 0, IPC_SET, argument));
 }
 
@@ -106,6 +105,6 @@ void setShmPermission(const std::string& device)
         return;
     }
     status.shm_perm.mode = platformMode;
-    // Refused only to who does not own it, and then the owner has seen to it.
+    // Fails for other users than the owner, who has done it.
     static_cast<void>(::shmctl(shmId, IPC_SET, &status));
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <platform/dlog.h>
 
-// The places that are worth a CODE_FILE are the callers', not this file's.
+// CODE_FILE and CODE_LINE are the caller's.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,8 +29,8 @@
  * the heap nor anything shared; no caller prints floating point or wide text.
  */
 
-// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): clang-tidy 14 does not know
-// va_start any more when it checks several files in one run.
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): clang-tidy 14 forgets
+// va_start when it checks several files in one run.
 
 namespace
 {
@@ -53,8 +53,7 @@ struct Settings
 {
     int shownLevel;
     std::optional<JournalStream> journal;
-    /** Where it was closed from the beginning, another file of the program gets
-     *  its number, e.g. a pipe, and no record has a place in that. */
+    /** If it was closed at the start, another file may get its number later. */
     bool hasStderr;
 };
 
@@ -101,12 +100,11 @@ std::optional<JournalStream> readJournalStream()
     return stream;
 }
 
-// Read while the library is loaded: before any caller runs, and never in a
-// signal handler, where getenv has no place.
+// Read while the library is loaded: getenv is not async-signal-safe.
 const Settings settings{readShownLevel(), readJournalStream(),
                         ::fcntl(STDERR_FILENO, F_GETFD) >= 0};
 
-/** Gives the caller its errno back. */
+/** Restores the caller's errno. */
 class ErrnoKeeper
 {
   public:
@@ -135,12 +133,12 @@ class Line
     __attribute__((format(printf, 2, 0))) void append(const char* format,
                                                       va_list values)
     {
-        const std::size_t room = text.size() - length;
+        const std::size_t space = text.size() - length;
         const int wanted =
-            std::vsnprintf(text.data() + length, room, format, values);
+            std::vsnprintf(text.data() + length, space, format, values);
         if (wanted > 0)
         {
-            length += std::min(static_cast<std::size_t>(wanted), room - 1);
+            length += std::min(static_cast<std::size_t>(wanted), space - 1);
         }
     }
 
@@ -205,7 +203,7 @@ class Field
     std::size_t length;
 };
 
-/** Standard error may be redirected at any time, so each record looks anew. */
+/** Checked for each record: standard error may be redirected at any time. */
 bool stderrIsJournal()
 {
     if (!settings.journal)
@@ -253,7 +251,7 @@ sendToJournal(const Origin& origin, const char* format, va_list values)
         fields[count++] = file.vector();
         fields[count++] = line.vector();
     }
-    // A log has nowhere to complain about itself.
+    // There is nowhere to report a failure of the log.
     static_cast<void>(sd_journal_sendv(fields.data(), count));
 }
 

@@ -19,8 +19,8 @@ class Deadline
   public:
     using Clock = std::chrono::steady_clock;
 
-    /** The moment `milliseconds` from now; a year stands for all that is more,
-     *  which a clock could not hold. */
+    /** The moment `milliseconds` from now, at most a year: the clock could
+     *  overflow. */
     static Deadline after(std::uint64_t milliseconds)
     {
         constexpr std::chrono::milliseconds year = std::chrono::hours(24 * 365);

@@ -2,12 +2,12 @@
 #pragma once
 
 /**
- * Holds a device's platform lock for as long as an exchange lasts, so that
- * processes take turns on the device instead of finding it busy.
+ * Holds a device's platform lock during an exchange, so that processes take
+ * turns instead of finding the device busy.
  *
- * The lock is a courtesy, not a condition: where the device has none, or loses
- * it meanwhile, the exchange goes on, and the device's own refusal of a second
- * opener remains. A holder that dies gives it back through the kernel.
+ * Without a lock, or when it is removed meanwhile, the exchange goes on; the
+ * device still refuses a second opener. The kernel releases the lock of a
+ * process that dies.
  */
 
 #include "deadline.hpp"
@@ -31,7 +31,7 @@ class DeviceGuard
 
     ~DeviceGuard();
 
-    /** Whether somebody else had the lock until the deadline. */
+    /** Whether another process held the lock until the deadline. */
     [[nodiscard]] bool timedOut() const;
 
   private:

@@ -13,7 +13,7 @@ namespace platform::mctp
 namespace
 {
 
-/** One byte more than a packet has, to tell a longer one from a whole one. */
+/** One byte more than a packet has, to detect longer ones. */
 using ReadBuffer = std::array<std::uint8_t, maxPacketSize + 1>;
 
 struct ReadResult
@@ -35,7 +35,7 @@ ReadResult readPacket(int device, ReadBuffer& buffer)
     }
     if (got == 0)
     {
-        // Devices have no end; this is a plain file or a pipe.
+        // An end of file: this is no device.
         return {ENODEV, {}};
     }
     return {0, std::span(buffer).first(static_cast<std::size_t>(got))};
@@ -80,8 +80,8 @@ Eid Exchange::responder() const
     return reassembler.envelope().source;
 }
 
-/** Late answers to an earlier exchange may wait, and there are only eight tags
- *  to tell them by. It also keeps the request out of what is no device. */
+/** Late answers to an earlier exchange may wait, and there are only eight tags.
+ *  Reading first also keeps the request out of a file that is no device. */
 int Exchange::dropStalePackets()
 {
     ReadBuffer buffer;

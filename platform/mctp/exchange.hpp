@@ -4,10 +4,9 @@
 /**
  * One request and its answer over an open MCTP device.
  *
- * The device takes and gives one packet per write(2) and read(2), is opened
- * non-blocking and tells through poll(2) when a packet waits. Interrupted calls
- * are made again with the time that is left: a signal handler of the process
- * may run on this thread at any moment.
+ * The device, opened non-blocking, takes one packet per write(2), returns one
+ * per read(2), and supports poll(2). Calls that a signal interrupts are
+ * repeated with the remaining time.
  */
 
 #include "deadline.hpp"
@@ -30,8 +29,8 @@ class Exchange
   public:
     /**
      * @param device       an open MCTP device, owned from here on
-     * @param destination  endpoint id of the responder, nullEid for whoever is
-     *                     at the device
+     * @param destination  endpoint id of the responder, nullEid for any at the
+     *                     device
      * @param tag          the message tag, below tagCount; one that the
      *                     device's last exchange did not have
      * @param capacity     the longest answer accepted, in bytes

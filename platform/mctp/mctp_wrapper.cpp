@@ -28,15 +28,15 @@ struct Endpoint
     Eid eid;
 };
 
-/** Tags in turn, so that an answer that comes too late meets another tag. */
+/** Tags in turn, so that a late answer does not match the next request. */
 std::uint8_t freshTag()
 {
     static std::atomic<std::uint8_t> next{0};
     return next.fetch_add(1, std::memory_order_relaxed) % tagCount;
 }
 
-/** Whether an error says that there is no MCTP device or no right to use it:
- *  what another attempt right after this one cannot change. */
+/** Whether there is no MCTP device or no permission to use it, so that an
+ *  immediate further attempt cannot help. */
 bool isHopeless(int error)
 {
     switch (error)

@@ -5,12 +5,11 @@
  * The MCTP wire format (DMTF DSP0236): packets to and from bytes, messages to
  * and from packets.
  *
- * No input or output happens here, and neither side is preferred: a requester
- * fragments its request and reassembles the answer, a responder reassembles
- * the request and fragments `answerTo` it. What comes from the wire is checked
- * before it is believed; nothing here reads or writes outside what it is
- * given, whatever the bytes say. Functions may be called from any thread, an
- * object is for one thread at a time.
+ * No input or output happens here, and both sides use it: a requester fragments
+ * its request and reassembles the answer, a responder reassembles the request
+ * and fragments `answerTo` it. No bytes from the wire make it read or write
+ * outside its arguments. Functions may be called from any thread; only one
+ * thread at a time may use an object.
  */
 
 #include <cstddef>
@@ -24,7 +23,7 @@ namespace platform::mctp
 
 using Eid = std::uint8_t;
 
-/** The null endpoint id: whoever is at the physical address. */
+/** The null endpoint id: the endpoint at the physical address. */
 inline constexpr Eid nullEid = 0;
 
 inline constexpr std::size_t headerSize = 4;
@@ -39,12 +38,12 @@ inline constexpr std::uint8_t tagCount = 8;
 
 using Bytes = std::vector<std::uint8_t>;
 
-/** What all packets of one message have in common, and no other message. */
+/** What identifies the packets of one message. */
 struct Envelope
 {
     Eid destination;
     Eid source;
-    bool tagOwner; //!< set by who chose the tag: set in a request
+    bool tagOwner; //!< set in a request, whose sender chose the tag
     std::uint8_t tag; //!< below tagCount
 
     bool operator==(const Envelope&) const = default;
@@ -80,12 +79,12 @@ std::vector<Bytes> fragment(const Envelope& envelope,
                             std::span<const std::uint8_t> message);
 
 /**
- * Puts one message at a time together.
+ * Reassembles one message at a time.
  *
- * A packet that starts a message drops what was collected before; one that does
- * not continue the message at hand (of another envelope, or none started) is
- * ignored. A message in which a packet is out of sequence, or of a size other
- * than its first packet's, is dropped; only the last packet may be smaller.
+ * A packet that starts a message drops an incomplete one; a packet of another
+ * envelope, or without a start before it, is ignored. A message is dropped when
+ * a packet is out of sequence or differs in size from the first; only the last
+ * may be smaller.
  */
 class Reassembler
 {
@@ -93,7 +92,7 @@ class Reassembler
     enum class Progress
     {
         incomplete, //!< no message yet; go on
-        complete, //!< message() and envelope() tell it
+        complete, //!< message() and envelope() return it
         tooLong, //!< a message of more than the capacity was dropped
     };
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /*
- * A library with the contract's symbols and nothing behind them: each function
- * prints its name, and results are numbers that no other library gives.
+ * A library with the contract's symbols: each function prints its name and
+ * returns a number that no other library returns.
  */
 
 #include <platform/device_lock.hpp>
@@ -15,7 +15,7 @@
 namespace
 {
 
-int say(const char* name, int result = 0)
+int report(const char* name, int result = 0)
 {
     std::cout << name << std::endl;
     return result;
@@ -26,48 +26,48 @@ int say(const char* name, int result = 0)
 // NOLINTBEGIN(cert-dcl50-cpp): variadic by contract
 void dlog_printf(int, int, const char*, ...)
 {
-    say("dlog_printf");
+    report("dlog_printf");
 }
 
 void dmctp_trace(int, const char*, unsigned int, const char*, ...)
 {
-    say("dmctp_trace");
+    report("dmctp_trace");
 }
 // NOLINTEND(cert-dcl50-cpp)
 
 int32_t ReadIO_Str_C(const char*, void*, uint32_t*)
 {
-    return say("ReadIO_Str_C", 1001);
+    return report("ReadIO_Str_C", 1001);
 }
 
 int acquireLock(const std::string&)
 {
-    return say("acquireLock", 1002);
+    return report("acquireLock", 1002);
 }
 
 int getShmId(const std::string&)
 {
-    return say("getShmId", 1003);
+    return report("getShmId", 1003);
 }
 
 void removeLock(int)
 {
-    say("removeLock");
+    report("removeLock");
 }
 
 void removeShm(int)
 {
-    say("removeShm");
+    report("removeShm");
 }
 
 void setLockPermission(const std::string&)
 {
-    say("setLockPermission");
+    report("setLockPermission");
 }
 
 void setShmPermission(const std::string&)
 {
-    say("setShmPermission");
+    report("setShmPermission");
 }
 
 mctp_wrapper_ep::mctp_wrapper_ep(const std::string&, uint8_t, unsigned long,
@@ -75,16 +75,16 @@ mctp_wrapper_ep::mctp_wrapper_ep(const std::string&, uint8_t, unsigned long,
                                  _mctp_wrapper_network_id_) :
     impl(this)
 {
-    say("mctp_wrapper_ep");
+    report("mctp_wrapper_ep");
 }
 
 mctp_wrapper_ep::~mctp_wrapper_ep()
 {
-    say("~mctp_wrapper_ep");
+    report("~mctp_wrapper_ep");
 }
 
 int mctp_wrapper_ep::send_message_blocking(__mctp_wrapper_request_buffer_t&,
                                            __mctp_wrapper_resp_buffer_t&)
 {
-    return say("send_message_blocking", 1004);
+    return report("send_message_blocking", 1004);
 }

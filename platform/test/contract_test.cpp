@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 /*
- * What makes the platform's libraries replaceable: the exact symbols, the
- * names that the loader looks for, and no call that bypasses it.
+ * What makes the platform's libraries replaceable: exact symbols and sonames,
+ * and calls that all go through the loader.
  */
 
 namespace platform::test

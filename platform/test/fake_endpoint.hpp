@@ -2,9 +2,8 @@
 #pragma once
 
 /**
- * An endpoint at the far end of a descriptor: it takes each packet that comes
- * and does with it what it was told, on a thread of its own. It goes when the
- * object does.
+ * An endpoint at the far end of a descriptor: calls its behaviour for each
+ * packet, on a thread of its own, which ends with the object.
  */
 
 #include "mctp/wire.hpp"

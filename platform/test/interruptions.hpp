@@ -2,8 +2,8 @@
 #pragma once
 
 /**
- * Signals, one after the other, to the thread that made this, for as long as it
- * lives. Their handler does nothing but count, and restarts no call.
+ * Sends signals to the thread that created it, for as long as it lives. Their
+ * handler only counts, and interrupted calls are not restarted.
  */
 
 #include <pthread.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /*
- * Logs what its arguments say, in their order. The library reads its
- * environment once, so the log's tests run this program anew for each case.
+ * Executes its arguments as commands, in order. The library reads its
+ * environment once, so the tests of the log start this program for each case.
  */
 
 #include "tests/support/heap.hpp"
@@ -67,7 +67,7 @@ void changeLevel(Arguments& arguments)
     ::setenv("DLOG_LEVEL", next(arguments).c_str(), 1);
 }
 
-/** A hidden record that ends the program if anything looks at its values. */
+/** A hidden record; the program crashes if its values are read. */
 void sayUnprintable(Arguments&)
 {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): nothing is there on purpose

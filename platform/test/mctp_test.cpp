@@ -187,7 +187,7 @@ class LockHolder
     pid_t child = -1;
 };
 
-/** Returns once somebody waits for the lock to be free. */
+/** Returns once another thread waits for the lock. */
 void waitForAWaiter(int lockId)
 {
     const auto limit = std::chrono::steady_clock::now() +

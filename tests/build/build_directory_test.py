@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""How the scripts set build directories up (tools/shell/common.sh), tried on
-a project that builds nothing."""
+"""How tools/shell/common.sh sets up build directories, with an empty project."""
 
 import os
 import subprocess
@@ -51,9 +50,9 @@ class BuildDirectory(unittest.TestCase):
         self.assertIn("The Meson build system", self.configure())
         self.assertNotIn("The Meson build system", self.configure("-Dmark=x"))
 
-    def test_is_set_up_anew_after_an_interruption(self):
+    def test_is_set_up_again_after_an_interruption(self):
         self.configure()
-        # So Meson leaves it when it is interrupted near its end.
+        # The state after an interruption near the end.
         (self.directory / "meson-private" / "build.dat").unlink()
         (self.directory / "setup-complete").unlink()
         self.assertIn("The Meson build system", self.configure())

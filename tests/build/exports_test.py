@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What the programs of a build show to the libraries that they are linked with.
+"""What the programs of a build export: nothing.
 
-Run by meson test, which names the programs in the environment (PROGRAMS)."""
+Run by meson test, which sets the environment: PROGRAMS."""
 
 import os
 import subprocess
@@ -19,8 +19,7 @@ class Exports(unittest.TestCase):
                     text=True,
                     check=True,
                 ).stdout.splitlines()
-                # What has a version is a library's own variable, which compilers
-                # may copy into a program.
+                # A symbol with a version is a copy of a library's variable.
                 self.assertEqual([line for line in shown if "@" not in line], [])
 
 

@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Where an installation's files go: below its prefix, all of them, so that any
-user can install where they may write.
+"""That all files are installed below the prefix, and where below it units and
+policy are.
 
-Run by meson test, which says in the environment where the tree is (TREE) and
-where it is built (BUILD)."""
+Run by meson test, which sets the environment: TREE, and its build directory
+BUILD."""
 
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -20,7 +21,7 @@ BUILD = Path(os.environ["BUILD"])
 UNITS = ["morrow.service", "morrow-return.service"]
 POLICY = "xyz.openbmc_project.mctp.conf"
 
-# As systemd has them: of today, and with a second prefix for /.
+# The file of systemd now, and before 255, with a second prefix for /.
 SYSTEMD = """\
 prefix=/usr
 systemd_system_unit_dir=${prefix}/lib/systemd/system
@@ -51,60 +52,50 @@ class Installation(unittest.TestCase):
         self.root = Path(directory.name)
 
     def pkg_config(self, **files):
-        """Has pkg-config find this system's packages, but of systemd and D-Bus
-        only what is given."""
+        """Lets pkg-config find only the given files."""
         packages = self.root / "packages"
         packages.mkdir()
-        path = subprocess.run(
-            ["pkg-config", "--variable", "pc_path", "pkg-config"],
-            capture_output=True,
-            text=True,
-            check=True,
-        ).stdout.strip()
-        for directory in path.split(":"):
-            for file in sorted(Path(directory).glob("*.pc")):
-                link = packages / file.name
-                if file.stem not in ("systemd", "dbus-1") and not link.exists():
-                    link.symlink_to(file)
         for name, text in files.items():
             (packages / f"{name.replace('_', '-')}.pc").write_text(text)
         return {"PKG_CONFIG_LIBDIR": str(packages), "PKG_CONFIG_PATH": ""}
 
-    def set_up(self, prefix, *options, environment=None):
-        """@return the build directory, and where each file is to go"""
+    def set_up(self, tree, prefix, *options, environment=None):
+        """@return the build directory, and Meson's output"""
         build = self.root / "build"
         done = subprocess.run(
-            ["meson", "setup", build, TREE, f"--prefix={prefix}",
-             "-Dtests=disabled", *options],
+            ["meson", "setup", build, tree, f"--prefix={prefix}", *options],
             capture_output=True,
             text=True,
             check=False,
             env={**os.environ, **(environment or {})},
         )  # fmt: skip
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
-        self.summary = done.stdout
-        installed = json.loads(
-            (build / "meson-info" / "intro-installed.json").read_text()
-        )
-        return build, {Path(file): Path(place) for file, place in installed.items()}
+        return build, done.stdout
 
-    def places(self, prefix, *options, environment=None):
-        """@return the directories of the units and of the policy"""
-        _, installed = self.set_up(
-            prefix, "-Dboard=disabled", *options, environment=environment
+    def directories(self, prefix, *options, environment=None):
+        """@return the directories of the units and of the policy, from a project
+        that only computes them"""
+        project = self.root / "project"
+        project.mkdir()
+        (project / "directories").symlink_to(TREE / "packaging/directories")
+        (project / "meson_options.txt").symlink_to(TREE / "meson_options.txt")
+        (project / "meson.build").write_text(
+            "project('directories')\nsubdir('directories')\n"
         )
-        of = {place.name: place.parent for place in installed.values()}
-        self.assertEqual(of[UNITS[0]], of[UNITS[1]])
-        self.assertRegex(self.summary, rf"systemd units *: {of[UNITS[0]]}\n")
-        self.assertRegex(self.summary, rf"D-Bus policy *: {of[POLICY]}\n")
-        return str(of[UNITS[0]]), str(of[POLICY])
+        _, output = self.set_up(project, prefix, *options, environment=environment)
+        return tuple(
+            re.search(rf"{name} *: (.*)\n", output)[1]
+            for name in ("systemd units", "D-Bus policy")
+        )
 
     def test_stays_below_a_prefix_of_its_own(self):
         prefix = self.root / "prefix"
-        build, installed = self.set_up(prefix)
+        build, _ = self.set_up(TREE, prefix, "-Dtests=disabled")
+        names = json.loads((build / "meson-info" / "intro-installed.json").read_text())
+        installed = {Path(file): Path(place) for file, place in names.items()}
         for place in installed.values():
             self.assertTrue(place.is_relative_to(prefix), place)
-        # What is installed is built the same for any prefix, and was.
+        # What is installed does not depend on the prefix, and is built already.
         for file in installed:
             # Links between libraries have no file here.
             if file.is_absolute() and not file.exists():
@@ -122,43 +113,43 @@ class Installation(unittest.TestCase):
     def test_is_the_systems_with_its_prefix(self):
         environment = self.pkg_config(systemd=SYSTEMD_OF_ROOT, dbus_1=DBUS)
         self.assertEqual(
-            self.places("/usr", environment=environment),
+            self.directories("/usr", environment=environment),
             ("/lib/systemd/system", "/usr/share/dbus-1/system.d"),
         )
 
     def test_follows_the_prefix(self):
         environment = self.pkg_config(systemd=SYSTEMD, dbus_1=DBUS)
         self.assertEqual(
-            self.places("/opt/bmc", "--datadir=data", environment=environment),
+            self.directories("/opt/bmc", "--datadir=data", environment=environment),
             ("/opt/bmc/lib/systemd/system", "/opt/bmc/share/dbus-1/system.d"),
         )
 
     def test_follows_the_prefix_where_systemd_has_two(self):
         environment = self.pkg_config(systemd=SYSTEMD_OF_ROOT)
         self.assertEqual(
-            self.places("/opt/bmc", environment=environment),
+            self.directories("/opt/bmc", environment=environment),
             ("/opt/bmc/lib/systemd/system", "/opt/bmc/share/dbus-1/system.d"),
         )
 
-    def test_needs_no_answer(self):
+    def test_has_a_fallback(self):
         environment = self.pkg_config()
         self.assertEqual(
-            self.places("/opt/bmc", "--datadir=data", environment=environment),
+            self.directories("/opt/bmc", "--datadir=data", environment=environment),
             ("/opt/bmc/lib/systemd/system", "/opt/bmc/data/dbus-1/system.d"),
         )
 
-    def test_goes_nowhere_else_when_the_answer_knows_no_prefix(self):
+    def test_has_a_fallback_where_the_files_use_no_prefix(self):
         environment = self.pkg_config(
             systemd=SYSTEMD_OF_NO_PREFIX, dbus_1=DBUS_OF_NO_PREFIX
         )
         self.assertEqual(
-            self.places("/opt/bmc", environment=environment),
+            self.directories("/opt/bmc", environment=environment),
             ("/opt/bmc/lib/systemd/system", "/opt/bmc/share/dbus-1/system.d"),
         )
 
     def test_goes_where_the_options_say(self):
         self.assertEqual(
-            self.places(
+            self.directories(
                 "/opt/bmc",
                 "-Dsystemd_unit_dir=/etc/systemd/system",
                 "-Ddbus_policy_dir=/etc/dbus-1/system.d",

@@ -2,17 +2,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """That a platform library may link the system's bus wrapper.
 
-A vendor's library that does so brings a libsdbusplus.so.1 into the daemon's
-process. The daemon has the bundled wrapper in it, so there are two of them, of
-different releases as a rule. Neither may use anything of the other.
+Such a library brings libsdbusplus.so.1 into the daemon's process, usually of
+another release than the bundled wrapper that the daemon has. Neither may bind
+to symbols of the other.
 
 The daemon runs on the simulated board with a hardware-abstraction library that
-talks to the bus through its own wrapper, and the loader lists what it binds.
-The vendor's wrapper is the one that WRAPPER_PREFIX in the environment names;
-otherwise the tree's own sources play it, as a shared library with all symbols.
+uses its own wrapper, and the loader lists its bindings. That wrapper is the one
+below WRAPPER_PREFIX, if that is set, or built from the tree's own sources.
 
-Run by meson test, which says in the environment where tree and build are and
-which compiler builds them.
+Run by meson test, which sets the environment.
 """
 
 import os

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """A peer on a system bus, also as another user: makes calls, sends the host's
-power signals and follows them. What tests of the bus policy need, by sd-bus."""
+power signals and follows them. For tests of the bus policy, on sd-bus."""
 
 import ctypes
 import json
@@ -25,8 +25,8 @@ POWER_STATE = "/xyz/openbmc_project/control/host0/internal_power_state"
 RESET_CAUSE = "/xyz/openbmc_project/control/host0/reset_cause"
 POWER_PATHS = (POWER_STATE, RESET_CAUSE)
 
-# What the daemon takes for the host's, whoever sends it. The first two would
-# end it, the others make it withdraw its endpoints.
+# The daemon does not check their sender. The first two end it, the others make it
+# withdraw its endpoints.
 POWER_SIGNALS = (
     (POWER_STATE, "InternalPowerState", "u", 5),
     (RESET_CAUSE, "ResetCause", "u", 5),
@@ -34,10 +34,10 @@ POWER_SIGNALS = (
     (RESET_CAUSE, "ResetCause", "s", "org.example.ResetCause.WarmReset"),
 )
 
-# What the daemon asks for its name with.
+# The flags with which the daemon requests its name.
 REPLACE_AND_ALLOW_REPLACEMENT = 3
 
-# The kernel lets no more through at once.
+# The kernel's limit for one message.
 MOST_DESCRIPTORS = 253
 
 sd = ctypes.CDLL("libsystemd.so.0")
@@ -103,7 +103,7 @@ class Connection:
         )  # fmt: skip
 
     def settle(self):
-        """Returns when the broker has dealt with all that was sent before."""
+        """Returns when the broker has handled all earlier messages."""
         answer = self.call(BUS, BUS_PATH, BUS, "GetId")
         if answer != ANSWERED:
             raise OSError(f"GetId: {answer}")
@@ -125,8 +125,8 @@ class Connection:
         return [name for name in names if name.startswith(":")]
 
     def change(self, path, signature, *arguments, destination=None):
-        """Sends PropertiesChanged, to all that follow the path or to one
-        destination alone."""
+        """Sends PropertiesChanged, to all followers of the path or to one
+        destination."""
         signal = ctypes.c_void_p()
         checked(
             "signal",
@@ -160,8 +160,8 @@ class Connection:
         )  # fmt: skip
 
     def burst(self):
-        """Sends many power signals with as many descriptors as go; the broker
-        may close this connection for it."""
+        """Sends many power signals with as many descriptors as possible, for which
+        the broker may disconnect this peer."""
         try:
             for path in POWER_PATHS * 100:
                 self.change(path, "h" * MOST_DESCRIPTORS, *[0] * MOST_DESCRIPTORS)
@@ -169,19 +169,18 @@ class Connection:
         except OSError:
             pass
 
-    def follow(self, paths, heard):
-        """From now on, PropertiesChanged of these paths comes in, by the rules
-        of the daemon; and each signal that comes in goes to a function, by path
-        and sender."""
+    def follow(self, paths, received):
+        """Subscribes to PropertiesChanged of these paths with the daemon's rules,
+        and passes path and sender of each signal to a function."""
 
-        def hand_on(message, _userdata, _error):
+        def forward(message, _userdata, _error):
             message = ctypes.c_void_p(message)
             sender = sd.sd_bus_message_get_sender(message).decode()
             if sd.sd_bus_message_is_signal(message, None, None) > 0 and sender != BUS:
-                heard(sd.sd_bus_message_get_path(message).decode(), sender)
+                received(sd.sd_bus_message_get_path(message).decode(), sender)
             return 0
 
-        self._filter(hand_on)
+        self._filter(forward)
         for path in paths:
             rule = (
                 f"type='signal',member='PropertiesChanged',path='{path}',"
@@ -192,7 +191,7 @@ class Connection:
             )
 
     def answer_all(self):
-        """From now on, each call gets an empty answer."""
+        """Answers each call with an empty reply from now on."""
 
         def answer(message, _userdata, _error):
             message = ctypes.c_void_p(message)
@@ -208,22 +207,22 @@ class Connection:
         checked("filter", sd.sd_bus_add_filter(self.bus, None, handler, None))
 
     def serve(self):
-        """Handles what comes in; returns by an error alone."""
+        """Processes messages until an error."""
         while True:
             if checked("process", sd.sd_bus_process(self.bus, None)) == 0:
                 checked("wait", sd.sd_bus_wait(self.bus, FOREVER))
 
 
 def in_process(action):
-    """Starts a process that reports by the function that its action gets.
-    @return its id and the end from which the reports can be read"""
+    """Starts a process; its action gets a function for reports.
+    @return its id and the stream of its reports"""
     reading, writing = os.pipe()
     process = os.fork()
     if process == 0:
         try:
             os.close(reading)
             with os.fdopen(writing, "w") as report:
-                action(lambda said: print(json.dumps(said), file=report, flush=True))
+                action(lambda value: print(json.dumps(value), file=report, flush=True))
         finally:
             os._exit(0)
     os.close(writing)
@@ -231,13 +230,13 @@ def in_process(action):
 
 
 def as_user(user, action, socket=SOCKET):
-    """@return what the action returns for a connection of this user, made in a
-    process of its own"""
+    """@return the action's result for a connection of this user, in a separate
+    process"""
 
     def become_and_act(report):
         _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
         resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-        # The user need not be able to get there.
+        # The user may have no access to the directory.
         os.chdir(socket.parent)
         os.setgroups([])
         os.setresgid(user, user, user)
@@ -246,8 +245,8 @@ def as_user(user, action, socket=SOCKET):
 
     process, reports = in_process(become_and_act)
     with reports:
-        said = reports.read()
+        report = reports.read()
     os.waitpid(process, 0)
-    if not said:
-        raise OSError(f"user {user} could not do it")
-    return json.loads(said)
+    if not report:
+        raise OSError(f"user {user} failed: see above")
+    return json.loads(report)

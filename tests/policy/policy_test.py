@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What the shipped bus policy lets pass, on both brokers.
+"""What the shipped bus policy allows, on both brokers.
 
-The broker has the policy that brokers come with, and the shipped one. The
-daemon's name is owned by a peer that answers whatever reaches it, so what is
-answered was let pass. The host's power signals are followed by a peer with the
-daemon's rules, and by the daemon. Callers and senders are root and other users.
+The broker has its default policy and the shipped one. A peer that owns the
+daemon's name answers every call that reaches it. The host's power signals are
+followed by a peer with the daemon's rules, and by the daemon. Callers and senders
+are root and other users.
 
 Run by meson test, in the board's sandbox: with a /run of its own.
 """
@@ -56,7 +56,7 @@ READING = (
     (PEER, "GetMachineId"),
 )
 
-# No interface is legal: the receiver takes the first method of that name.
+# A call may have no interface: it is for the first method of that name.
 ANYTHING_ELSE = (
     (PROPERTIES, "Set"),
     (PEER, "Other"),
@@ -69,15 +69,15 @@ ANYTHING_ELSE = (
     (None, "Ping"),
 )
 
-# One that nobody follows.
+# A signal without followers.
 END = ("/org/example/End", "End", "s", "")
 
-# A user who is neither root nor anybody that a policy of these tests names.
+# A user that no policy of these tests names.
 THIRD = 1
 
 
 def configuration():
-    """That of a system's broker, with no policy of another service."""
+    """The configuration of a system's broker, without policies of other services."""
     root = xml.parse(USUAL_CONFIGURATION).getroot()
     for child in list(root):
         if child.tag not in ("type", "auth", "policy"):
@@ -102,23 +102,23 @@ def start_dbus_daemon(test, file):
 
 
 def start_journal(test):
-    """A journal's socket, without which dbus-broker does not start. What comes
-    in is read and forgotten."""
+    """A journal's socket, which dbus-broker needs to start. Its messages are
+    dropped."""
     JOURNAL.parent.mkdir(parents=True, exist_ok=True)
     journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     with journal:
         journal.bind(str(JOURNAL))
         test.addCleanup(JOURNAL.unlink)
 
-        def forget(_say):
+        def drop(_report):
             while True:
                 journal.recv(65536)
 
-        test.start_process(forget)
+        test.start_process(drop)
 
 
 def start_dbus_broker(test, file):
-    """It gets its socket as from systemd: ready to be connected to."""
+    """It gets its listening socket, as from systemd."""
     start_journal(test)
     with socket.socket(socket.AF_UNIX) as listening:
         listening.bind(str(SOCKET))
@@ -136,8 +136,8 @@ def start_dbus_broker(test, file):
 
 
 def send(user, *signals, to=(None,)):
-    """A user sends power signals, and the broker has dealt with them.
-    @param to unique names to send them to; without, they go to all
+    """Sends power signals as a user; returns when the broker has handled them.
+    @param to unique names to send them to; None: to all followers
     @return the sender's unique name"""
 
     def send_all(bus):
@@ -151,12 +151,12 @@ def send(user, *signals, to=(None,)):
 
 
 def all_of(signals, sender):
-    """What is heard of signals."""
+    """What a follower receives of signals."""
     return [[path, sender] for path, *_ in signals]
 
 
 class Follower:
-    """A process that hears signals."""
+    """A process that receives signals."""
 
     def __init__(self, process, name, stream):
         """@param stream from which each signal's path and sender can be read"""
@@ -164,21 +164,20 @@ class Follower:
         self.name = name
         self.stream = stream
 
-    def heard(self):
-        """@return path and sender of each signal that it has got since it was
-        asked last"""
+    def received(self):
+        """@return path and sender of each signal since the last call"""
         end = [END[0], send(ROOT, END, to=(self.name,))]
-        heard = []
+        received = []
         for line in self.stream:
             if json.loads(line) == end:
-                return heard
-            heard.append(json.loads(line))
+                return received
+            received.append(json.loads(line))
         return "its connection has ended"
 
 
 def example():
-    """The policy that the documentation has for a board where another user
-    sends the host's power signals."""
+    """The documented policy for a board where another user sends the host's power
+    signals."""
     text = SERVICE_DOCUMENT.read_text(encoding="utf-8")
     lines = text[text.index("    <busconfig>") :].splitlines()
     return "\n".join(lines[: lines.index("    </busconfig>") + 1])
@@ -199,7 +198,7 @@ class Policy:
 
     def start_process(self, action):
         """Starts a process that lasts as long as the test.
-        @return the end from which what it says can be read"""
+        @return the stream of its reports"""
         process, answer = in_process(action)
         self.addCleanup(os.waitpid, process, 0)
         self.addCleanup(os.kill, process, signal.SIGKILL)
@@ -207,26 +206,25 @@ class Policy:
         return answer
 
     def serve_as_daemon(self):
-        """Somebody owns the name and answers.
+        """Owns the name and answers calls.
         @return the unique names of that connection and of another one"""
 
-        def serve(say):
+        def serve(report):
             named, unnamed = Connection(), Connection()
             if named.request(NAME) == ANSWERED:
-                say([named.name(), unnamed.name()])
+                report([named.name(), unnamed.name()])
                 named.answer_all()
                 named.serve()
 
         return json.loads(self.start_process(serve).readline())
 
     def start_follower(self):
-        """Somebody of root's follows the host's power signals as the daemon
-        does."""
+        """Follows the host's power signals as root, as the daemon does."""
 
-        def follow(say):
+        def follow(report):
             bus = Connection()
-            bus.follow(POWER_PATHS, lambda *signal: say(signal))
-            say([os.getpid(), bus.name()])
+            bus.follow(POWER_PATHS, lambda *signal: report(signal))
+            report([os.getpid(), bus.name()])
             bus.serve()
 
         stream = self.start_process(follow)
@@ -248,13 +246,13 @@ class Policy:
             with self.subTest(call=call, user=user):
                 self.assertEqual(got, result)
 
-    def test_anybody_may_read_and_ask(self):
+    def test_every_user_may_read_and_call(self):
         unique, _ = self.serve_as_daemon()
         for user in (ROOT, NOBODY):
             self.assert_all(ANSWERED, user, NAME, READING)
             self.assert_all(ANSWERED, user, unique, READING)
 
-    def test_nobody_may_do_anything_else(self):
+    def test_no_user_may_do_anything_else(self):
         unique, _ = self.serve_as_daemon()
         for user in (ROOT, NOBODY):
             self.assert_all(DENIED, user, NAME, ANYTHING_ELSE)
@@ -287,35 +285,35 @@ class Policy:
         for spoof in POWER_SIGNALS:
             with self.subTest(signal=spoof):
                 send(NOBODY, spoof)
-                self.assertEqual(follower.heard(), [])
+                self.assertEqual(follower.received(), [])
 
     def test_no_other_user_may_send_them_to_one_connection(self):
         follower = self.start_follower()
         for spoof in POWER_SIGNALS:
             with self.subTest(signal=spoof):
                 send(NOBODY, spoof, to=(follower.name,))
-                self.assertEqual(follower.heard(), [])
+                self.assertEqual(follower.received(), [])
 
     def test_root_may_send_the_hosts_power_signals(self):
         follower = self.start_follower()
         sender = send(ROOT, *POWER_SIGNALS)
-        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
 
     def test_root_may_send_them_to_one_connection(self):
         follower = self.start_follower()
         sender = send(ROOT, *POWER_SIGNALS, to=(follower.name,))
-        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
 
-    def test_no_other_user_may_cut_off_who_follows_them(self):
-        """A broker closes the connection of a peer for which too much is
-        waiting, which is how a burst would leave the daemon without signals.
-        A burst of this size fills dbus-broker's limit, not dbus-daemon's."""
+    def test_no_other_user_may_disconnect_a_follower(self):
+        """A broker disconnects a peer for which too much is waiting, so that a
+        burst could leave the daemon without signals. This one reaches the limit
+        of dbus-broker, not of dbus-daemon."""
         follower = self.start_follower()
-        os.kill(follower.process, signal.SIGSTOP)  # so that everything waits
+        os.kill(follower.process, signal.SIGSTOP)  # all its signals wait
         as_user(NOBODY, Connection.burst)
         os.kill(follower.process, signal.SIGCONT)
         sender = send(ROOT, *POWER_SIGNALS)
-        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
 
     def test_example_in_the_documentation_lets_one_user_send_them(self):
         text = example()
@@ -330,7 +328,7 @@ class Policy:
         follower = self.start_follower()
         send(THIRD, *POWER_SIGNALS)
         sender = send(NOBODY, *POWER_SIGNALS)
-        self.assertEqual(follower.heard(), all_of(POWER_SIGNALS, sender))
+        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
 
     def start_daemon(self):
         """@return the daemon's log"""
@@ -349,21 +347,21 @@ class Policy:
                 return daemon.stderr
         return self.fail("the daemon has ended")
 
-    def test_daemon_hears_the_power_signals_of_root_alone(self):
+    def test_daemon_receives_the_power_signals_of_root_only(self):
         log = self.start_daemon()
         send(NOBODY, *POWER_SIGNALS)
         everybody = as_user(NOBODY, lambda bus: bus.names())
         send(NOBODY, *POWER_SIGNALS, to=everybody)
         roots = POWER_SIGNALS[2:]
         send(ROOT, *roots)
-        heard = []
+        received = []
         reads = 0
         for line in log:
-            heard += [path for path in POWER_PATHS if f"Path:[{path}]" in line]
+            received += [path for path in POWER_PATHS if f"Path:[{path}]" in line]
             reads += "Failed to get current" in line
-            if reads == 20 or heard[-1:] == [roots[-1][0]]:
+            if reads == 20 or received[-1:] == [roots[-1][0]]:
                 break
-        self.assertEqual(heard, [path for path, *_ in roots])
+        self.assertEqual(received, [path for path, *_ in roots])
 
 
 class OnDbusDaemon(Policy, unittest.TestCase):

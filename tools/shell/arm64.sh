@@ -1,16 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# An ARM64 Debian without an ARM64 machine: unpacked, never configured, so that
-# nothing foreign has to run or be installed here. The same tree is what the
-# cross compiler builds against and what a virtual board boots from. To be
-# sourced after common.sh and stages.sh; wants the group [arm64] installed.
+# An ARM64 Debian, unpacked but not configured, so that no ARM64 program has to run
+# here. The cross compiler builds against it, and a virtual board boots from it. To
+# be sourced after common.sh and stages.sh; needs the packages of [arm64].
 
 arm64_suite=bookworm
 
-# arm64_sources: the file that says where this machine has its Debian from, so
-# that a mirror or proxy set up for it is used here too; empty when it runs
-# another release.
+# arm64_sources: this machine's list of sources, with its mirror or proxy; empty when
+# it runs another release.
 arm64_sources() {
     local file
     for file in /etc/apt/sources.list.d/debian.sources /etc/apt/sources.list; do
@@ -21,7 +19,7 @@ arm64_sources() {
     done
 }
 
-# What a board has no use for. Copyright notices stay: they go where the files go.
+# What a board does not need. Copyright notices stay with their files.
 arm64_left_out() {
     local path
     for path in doc-base info lintian locale man; do
@@ -58,8 +56,8 @@ arm64_fetch() {
         arm64_relative_links "$directory/root"
 }
 
-# arm64_relative_links ROOT: makes links between libraries hold wherever the
-# root is; absolute ones lead out of it.
+# arm64_relative_links ROOT: makes links between libraries relative; absolute ones
+# would lead out of the root.
 arm64_relative_links() {
     local link target
     find "$1/usr/lib" -name '*.so' -lname '/*' | while read -r link; do
@@ -73,8 +71,7 @@ arm64_relative_links() {
 #   kernel/  the packages of its kernel for virtual machines: linux-image and
 #            linux-headers for ARM64, linux-headers-*-common, and linux-kbuild
 #            for this machine
-# fetching them (about 110 MB) when that was not done before.
-# Everything in it belongs to whoever made it; copy, never change.
+# which are fetched (about 110 MB) the first time. Do not modify them: copy.
 arm64_base() {
     local key
     key=$({

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# What the scripts share: where the tree is, how they speak, and how packages
-# are installed. To be sourced.
+# What the scripts share: the tree, messages, packages, build directories. To be
+# sourced.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
@@ -12,12 +12,12 @@ else
     bold='' red='' plain=''
 fi
 
-# Says what comes next.
+# Prints the next step.
 say() {
     printf '%s==> %s%s\n' "$bold" "$*" "$plain"
 }
 
-# Ends the script with one line that says why and what to do.
+# Ends the script with one line: why, and what to do.
 fail() {
     printf '%s%s: %s%s\n' "$red" "${0##*/}" "$*" "$plain" >&2
     exit 1
@@ -52,7 +52,7 @@ as_root() {
 install_missing() {
     local package missing=()
     command -v dpkg-query >/dev/null ||
-        fail "this is no Debian system: install what tools/packages.txt lists by hand, then build with meson"
+        fail "this is not a Debian system: install the packages of tools/packages.txt by hand, then build with meson"
     while read -r package; do
         is_installed "$package" || missing+=("$package")
     done < <(packages_of "$@")
@@ -69,18 +69,17 @@ install_missing() {
         fail "apt-get could not install ${missing[*]}: see above"
 }
 
-# make_build_directory: makes build/, below which everything goes that a script
-# builds; ends the script where that is not possible.
+# make_build_directory: makes build/, below which scripts write; ends the script
+# where that is not possible.
 make_build_directory() {
     if ! mkdir -p "$top/build" 2>/dev/null || [ ! -w "$top/build" ]; then
         fail "cannot write in $top/build, where everything is built: run this in a copy of the tree that you may write to"
     fi
 }
 
-# configure DIRECTORY [--cross-file FILE] OPTION...: sets a build directory up,
-# or brings one that is there up to date. A directory whose setup was interrupted
-# is set up anew, since Meson neither uses nor repairs it; so is one that is older
-# than its cross file.
+# configure DIRECTORY [--cross-file FILE] OPTION...: sets up a build directory, or
+# updates an existing one. It is deleted first if its setup was interrupted, which
+# Meson does not repair, or if it is older than its cross file.
 configure() {
     local directory=$1 complete=$1/setup-complete cross=()
     shift
@@ -98,19 +97,19 @@ configure() {
     fi
 }
 
-# logged LOG COMMAND...: runs a step of a build. What it says goes to the end of
-# the log; if it fails, the log's end is shown and the script ends.
+# logged LOG COMMAND...: runs a step of a build and appends its output to the log;
+# if it fails, the end of the log is shown and the script ends.
 logged() {
     local log=$1
     shift
     "$@" >>"$log" 2>&1 || {
         tail -n 40 "$log" >&2
-        fail "the build failed: the end of ${log#"$top/"} stands above"
+        fail "the build failed: see the end of ${log#"$top/"} above"
     }
 }
 
-# shown LOG COMMAND...: the same, but on a terminal the user sees what the step
-# says, such as ninja's progress.
+# shown LOG COMMAND...: the same, but on a terminal the user sees the output, such
+# as ninja's progress.
 shown() {
     if [ ! -t 1 ]; then
         logged "$@"

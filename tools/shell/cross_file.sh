@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# What tells Meson to build for the ARM64 Debian that arm64.sh has unpacked. To
-# be sourced after that.
+# Meson's cross file for the ARM64 Debian of arm64.sh. To be sourced after it.
 
 # cross_file [EMULATOR]: prints a cross file. EMULATOR, a Meson array, is what
 # ARM64 programs run with here; also for tests that start this machine's
@@ -38,8 +37,8 @@ endian = 'little'
 END
 }
 
-# write_if_new FILE: writes standard input into FILE, unless it has that already:
-# a new cross file makes a build begin anew.
+# write_if_new FILE: writes standard input into FILE unless it has that content: a
+# newer cross file deletes the build directory.
 write_if_new() {
     cat >"$1.new"
     if cmp -s "$1.new" "$1"; then

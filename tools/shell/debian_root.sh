@@ -1,17 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 #
-# Bare Debian roots in which packages are built and tried: made by mmdebstrap,
-# kept as archives below the user's cache, unpacked for one command at a time.
-# Root is not needed where the user has subordinate ids (/etc/subuid). To be
-# sourced after common.sh.
+# Bare Debian roots in which packages are built and tested: made by mmdebstrap, kept
+# as archives in the user's cache, unpacked for one command at a time. Users with
+# subordinate ids (/etc/subuid) need not be root. To be sourced after common.sh.
 
 debian_release=bookworm
 debian_cache=${XDG_CACHE_HOME:-$HOME/.cache}/morrow
 
 # debian_root NAME KEY MMDEBSTRAP_ARGUMENT...: makes the root unless the cache
 # has one of this name and key that is less than a week old. Sets `root` to its
-# archive. The key says all that the root depends on; the cache keeps one root
+# archive. The key has everything that the root depends on; the cache keeps one root
 # of each name.
 debian_root() {
     local name=$1 key
@@ -44,7 +43,7 @@ in_fresh_root() {
 }
 
 # in_fresh_root_of_streams NETWORK COMMAND...: as above; input on descriptor 3,
-# output on standard output. What the command says goes to standard error.
+# output on standard output, messages on standard error.
 in_fresh_root_of_streams() {
     mmdebstrap --unshare-helper \
         bash -c "$(cat "${BASH_SOURCE[0]%/*}/in_fresh_root")" in_fresh_root "$@" \

@@ -2,8 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compares the recipes with the tree, without BitBake.
 
-Run by meson test, which says in the environment where the recipes, the source
-and the build are.
+Run by meson test, which sets the environment.
 """
 
 import hashlib
@@ -69,7 +68,7 @@ class Recipes(unittest.TestCase):
         lists = matches(r'FILES:\$\{PN\}[\w-]* \+?= "([^"]*)"')
         units = matches(r'SYSTEMD_SERVICE:\$\{PN\} = "([^"]*)"')
         patterns = [expanded(path) for path in words(lists)]
-        # Where units go is systemd's to say.
+        # systemd decides where units are installed.
         patterns += ["*/" + unit for unit in words(units)]
         for pattern in patterns:
             with self.subTest(file=pattern):

@@ -3,7 +3,7 @@
  * The board's debug log: libplatform-log.so.1.
  *
  * Levels grow with detail: 1 an error, 2 a failure of the core, 4 ordinary
- * progress, 11 a line that comes with every pass of a loop. The library shows
+ * progress, 11 lines of every iteration of a loop. The library shows
  * a record when its level is not above the DLOG_LEVEL of the environment, 2
  * when that is not set; it reads that once.
  *

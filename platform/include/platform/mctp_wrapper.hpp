@@ -70,7 +70,7 @@ class mctp_wrapper_ep
     /** Remembers what to talk to; opens nothing yet.
      *
      *  @param device   path of the device node
-     *  @param eid      destination endpoint id, 0 for whoever is there
+     *  @param eid      destination endpoint id, 0 for any at the device
      *  @param network  the MCTP network, 0
      */
     mctp_wrapper_ep(const std::string& device, uint8_t eid, unsigned long,
@@ -86,7 +86,7 @@ class mctp_wrapper_ep
      *  Fills the response's `len`, `eid` and `stop` and the area behind `data`.
      *
      *  @return 0 on success, otherwise a positive errno value; the response's
-     *          `stop` then tells whether a further attempt can help.
+     *          `stop` is then set if no further attempt can help.
      */
     int send_message_blocking(__mctp_wrapper_request_buffer_t& request,
                               __mctp_wrapper_resp_buffer_t& response);
