@@ -39,7 +39,7 @@ def _with_host_on(board):
     ready = _microseconds(board, "ActiveEnterTimestampMonotonic") - _microseconds(
         board, "ExecMainStartTimestampMonotonic"
     )
-    began = board.run("tell_host host Running").began
+    began = board.run("set_host host Running").began
     board.look_from(began)
     board.wait_published("157")
     rows = [

@@ -26,10 +26,6 @@ def journal(**fields):
     return event_of_journal(json.dumps({"__REALTIME_TIMESTAMP": "7", **fields}))
 
 
-def kernel(text):
-    return journal(_TRANSPORT="kernel", MESSAGE=f"i3c_mctp_board: event 5 {text}")
-
-
 def bus(member, data, path="/"):
     message = {
         "timestamp-realtime": 9,
@@ -41,24 +37,6 @@ def bus(member, data, path="/"):
 
 
 class Journal(unittest.TestCase):
-    def test_reads_a_record_with_its_place_and_the_time_it_was_sent(self):
-        event = journal(
-            MESSAGE="Discovery complete",
-            DLOG_LEVEL="4",
-            DLOG_MODULE="324",
-            CODE_FILE="morrow",
-            CODE_LINE="510",
-            _SOURCE_REALTIME_TIMESTAMP="3",
-        )
-        facts = {
-            "level": 4,
-            "module": 324,
-            "file": "morrow",
-            "line": 510,
-            "text": "Discovery complete",
-        }
-        self.assertEqual(event, Event(3, "journal", "log", facts))
-
     def test_reads_a_record_without_a_module_as_a_trace(self):
         event = journal(MESSAGE="x", DLOG_LEVEL="4", CODE_FILE="f", CODE_LINE="1")
         self.assertEqual(event.kind, "trace")
@@ -85,38 +63,7 @@ class Journal(unittest.TestCase):
         self.assertIsNone(event_of_journal('{"MESSAGE": "a'))
 
 
-class Kernel(unittest.TestCase):
-    def test_reads_a_write_with_its_result(self):
-        facts = {"file": "unbind", "controller": "fff10000.i3c", "error": 19}
-        self.assertEqual(
-            kernel("write unbind fff10000.i3c 19"),
-            Event(5, "kernel", "driver_write", facts),
-        )
-
-    def test_reads_packets_both_ways(self):
-        sent = kernel("packet i3c-mctp-0 > 01 00 08 c8 00 81 0d")
-        self.assertTrue(sent.facts["to_endpoint"])
-        self.assertEqual(sent.facts["bytes"], [1, 0, 8, 0xC8, 0, 0x81, 0x0D])
-        self.assertFalse(kernel("packet i3c-mctp-0 < 01").facts["to_endpoint"])
-
-    def test_reads_devices_and_nodes(self):
-        self.assertEqual(kernel("up 1").facts, {"controller": 1})
-        self.assertEqual(kernel("down 0").kind, "device_down")
-        self.assertEqual(kernel("open i3c-mctp-1 16").facts["error"], 16)
-        self.assertEqual(kernel("close i3c-mctp-1").kind, "node_closed")
-
-
 class Bus(unittest.TestCase):
-    def test_reads_objects_that_come_and_go(self):
-        path = "/xyz/openbmc_project/mctp/0/29"
-        self.assertEqual(
-            bus("InterfacesAdded", [path, {}]),
-            [Event(9, "bus", "endpoint_added", {"path": path})],
-        )
-        self.assertEqual(
-            bus("InterfacesRemoved", [path, []])[0].kind, "endpoint_removed"
-        )
-
     def test_reads_each_changed_property_of_an_endpoint(self):
         data = ["xyz.openbmc_project.mctp.Endpoint", {"EID": {}, "Slot": {}}, []]
         names = [event.facts["property"] for event in bus("PropertiesChanged", data)]

@@ -42,7 +42,7 @@ class VirtualMachine(System):
         """Those of the host are morrow-host's."""
         if one.pattern.split()[0] not in ("host", "power", "reset"):
             super().other(one)
-        self.run(f"tell_host {shlex.quote(one.text)}")
+        self.run(f"set_host {shlex.quote(one.text)}")
 
     def counter(self, controller, name):
         return int(self.ask(f"cat {setting(controller, name)}").output)

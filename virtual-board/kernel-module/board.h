@@ -9,7 +9,7 @@
  * node), whose packets go to the controller's endpoint (endpoint.c). The
  * controller and its endpoint outlive every unbind, and so do the settings,
  * which are files in the directory "board" of the platform device (settings.c).
- * What happens is told to the kernel's log (record.c).
+ * Events go to the kernel's log (record.c).
  */
 #ifndef BOARD_H
 #define BOARD_H

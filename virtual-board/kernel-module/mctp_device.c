@@ -2,7 +2,7 @@
 /*
  * The character device of one MCTP device, from its coming up to its driver's
  * leaving: one packet per write and per read, one opener at a time. A read
- * never waits: EAGAIN says that there is no packet, poll tells when there is.
+ * never waits: EAGAIN says that there is no packet, poll waits for one.
  *
  * A device lives as long as somebody has it open, also after its driver has
  * left; then everything but closing gives ENODEV.
@@ -263,7 +263,7 @@ free_number:
 	return ERR_PTR(error);
 }
 
-/* The driver leaves it: it is gone for whoever holds it. */
+/* The driver leaves it: whoever has it open gets errors. */
 void mctp_device_destroy(struct mctp_device *device)
 {
 	const int number = MINOR(device->dev.devt);

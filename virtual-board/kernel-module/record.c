@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * What happens on the board, told to the kernel's log with the time of day in
- * microseconds, which is the clock that a journal sorts its records by.
+ * The board's events, in the kernel's log with the time of day in microseconds,
+ * which is the clock that a journal sorts its records by.
  *
  * A write to the driver's bind or unbind file ends in the driver core, which
- * refuses many of them without asking the driver. So that these are told as
- * well, the two functions behind the files are probed.
+ * refuses many of them without asking the driver. To report these as well,
+ * the two functions behind the files are probed.
  */
 #define pr_fmt(fmt) KBUILD_MODNAME ": " fmt
 
