@@ -104,30 +104,9 @@ std::optional<JournalStream> readJournalStream()
 const Settings settings{readShownLevel(), readJournalStream(),
                         ::fcntl(STDERR_FILENO, F_GETFD) >= 0};
 
-/** Restores the caller's errno. */
-class ErrnoKeeper
-{
-  public:
-    ErrnoKeeper() noexcept : kept(errno)
-    {
-    }
-
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-    ErrnoKeeper(ErrnoKeeper&&) = delete;
-    ErrnoKeeper& operator=(ErrnoKeeper&&) = delete;
-
-    ~ErrnoKeeper()
-    {
-        errno = kept;
-    }
-
-  private:
-    int kept;
-};
-
-/** One line of text of bounded length; what does not fit is cut. */
-class Line
+/** Text of bounded length; what does not fit is cut. */
+template <std::size_t Capacity>
+class Text
 {
   public:
     __attribute__((format(printf, 2, 0))) void append(const char* format,
@@ -173,35 +152,13 @@ class Line
     }
 
   private:
-    std::array<char, recordCapacity> text;
+    std::array<char, Capacity> text;
     std::size_t length = 0;
 };
 
+using Line = Text<recordCapacity>;
 /** A short "NAME=value" of a journal record. */
-class Field
-{
-  public:
-    // NOLINTNEXTLINE(cert-dcl50-cpp): so that the compiler checks the format
-    __attribute__((format(printf, 2, 3))) explicit Field(const char* format,
-                                                         ...)
-    {
-        va_list values;
-        va_start(values, format);
-        const int wanted =
-            std::vsnprintf(text.data(), text.size(), format, values);
-        va_end(values);
-        length = std::clamp<std::size_t>(wanted, 0, text.size() - 1);
-    }
-
-    [[nodiscard]] iovec vector()
-    {
-        return {text.data(), length};
-    }
-
-  private:
-    std::array<char, 80> text;
-    std::size_t length;
-};
+using Field = Text<80>;
 
 /** Checked for each record: standard error may be redirected at any time. */
 bool stderrIsJournal()
@@ -210,7 +167,6 @@ bool stderrIsJournal()
     {
         return false;
     }
-    const ErrnoKeeper keeper;
     struct stat status = {};
     return ::fstat(STDERR_FILENO, &status) == 0 &&
            status.st_dev == settings.journal->device &&
@@ -233,21 +189,25 @@ sendToJournal(const Origin& origin, const char* format, va_list values)
     message.append(format, values);
     message.flatten();
 
-    Field priority("PRIORITY=%d", priorityOf(origin.level));
-    Field level("DLOG_LEVEL=%d", origin.level);
-    Field module("DLOG_MODULE=%d", origin.module.value_or(0));
-    Field file("CODE_FILE=%s", origin.file != nullptr ? origin.file : "");
-    Field line("CODE_LINE=%u", origin.line);
-
+    Field priority;
+    Field level;
+    priority.append("PRIORITY=%d", priorityOf(origin.level));
+    level.append("DLOG_LEVEL=%d", origin.level);
     std::array<iovec, 6> fields{message.vector(), priority.vector(),
                                 level.vector()};
     int count = 3;
+    Field module;
     if (origin.module)
     {
+        module.append("DLOG_MODULE=%d", *origin.module);
         fields[count++] = module.vector();
     }
+    Field file;
+    Field line;
     if (origin.file != nullptr)
     {
+        file.append("CODE_FILE=%s", origin.file);
+        line.append("CODE_LINE=%u", origin.line);
         fields[count++] = file.vector();
         fields[count++] = line.vector();
     }
@@ -290,7 +250,10 @@ emit(const Origin& origin, const char* format, va_list values)
     {
         return;
     }
-    if (stderrIsJournal())
+    const int callersErrno = errno;
+    const bool toJournal = stderrIsJournal();
+    errno = callersErrno; // for %m
+    if (toJournal)
     {
         sendToJournal(origin, format, values);
     }
@@ -298,6 +261,7 @@ emit(const Origin& origin, const char* format, va_list values)
     {
         writeToStderr(origin, format, values);
     }
+    errno = callersErrno;
 }
 
 } // namespace
@@ -310,7 +274,6 @@ void dlog_printf(int level, int module, const char* format, ...)
     {
         return;
     }
-    const ErrnoKeeper keeper;
     Origin origin{level, module, nullptr, 0};
     va_list values;
     va_start(values, format);
@@ -331,7 +294,6 @@ void dmctp_trace(int level, const char* file, unsigned int line,
     {
         return;
     }
-    const ErrnoKeeper keeper;
     va_list values;
     va_start(values, format);
     emit({level, std::nullopt, file, line}, format, values);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "program.hpp"
 
-#include <cctype>
 #include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -38,55 +38,39 @@ std::set<std::string> exportsOf(const char* library)
 
 using Names = std::set<std::string>;
 
-TEST(Exports, OfTheLogAreItsContract)
-{
-    EXPECT_EQ(exportsOf("LIBRARY_LOG"), (Names{"dlog_printf", "dmctp_trace"}));
-}
-
-TEST(Exports, OfTheHardwareAbstractionAreItsContract)
-{
-    EXPECT_EQ(exportsOf("LIBRARY_HAL"), Names{"ReadIO_Str_C"});
-}
-
-TEST(Exports, OfTheLockAreItsContract)
+TEST(Exports, AreTheContract)
 {
     const std::string string =
         "RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+    const std::string constructor = string + "hmmb25_mctp_wrapper_network_id_";
+    EXPECT_EQ(exportsOf("LIBRARY_LOG"), (Names{"dlog_printf", "dmctp_trace"}));
+    EXPECT_EQ(exportsOf("LIBRARY_HAL"), Names{"ReadIO_Str_C"});
     EXPECT_EQ(exportsOf("LIBRARY_LOCK"),
               (Names{"_Z11acquireLock" + string, "_Z8getShmId" + string,
                      "_Z10removeLocki", "_Z9removeShmi",
                      "_Z17setLockPermission" + string,
                      "_Z16setShmPermission" + string}));
-}
-
-TEST(Exports, OfTheTransportAreItsContract)
-{
-    const std::string constructor =
-        "RKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEhmmb"
-        "25_mctp_wrapper_network_id_";
-    const std::string send = "_ZN15mctp_wrapper_ep21send_message_blockingE";
-    const std::string request = "R31__mctp_wrapper_request_buffer_t";
-    const std::string response = "R28__mctp_wrapper_resp_buffer_t";
     EXPECT_EQ(exportsOf("LIBRARY_MCTP"),
               (Names{"_ZN15mctp_wrapper_epC1E" + constructor,
                      "_ZN15mctp_wrapper_epC2E" + constructor,
                      "_ZN15mctp_wrapper_epD1Ev", "_ZN15mctp_wrapper_epD2Ev",
-                     send + request + response}));
+                     "_ZN15mctp_wrapper_ep21send_message_blockingE"
+                     "R31__mctp_wrapper_request_buffer_t"
+                     "R28__mctp_wrapper_resp_buffer_t"}));
 }
 
-TEST(Sonames, CarryTheVersion)
+TEST(Sonames, HaveTheVersion)
 {
-    for (const std::string name : {"LOG", "HAL", "LOCK", "MCTP"})
+    for (const auto& [library, soname] :
+         {std::pair("LIBRARY_LOG", "libplatform-log.so.1"),
+          std::pair("LIBRARY_HAL", "libplatform-hal.so.1"),
+          std::pair("LIBRARY_LOCK", "libplatform-lock.so.1"),
+          std::pair("LIBRARY_MCTP", "libplatform-mctp.so.1")})
     {
-        std::string expected = "libplatform-" + name + ".so.1";
-        for (char& character : expected)
-        {
-            character = static_cast<char>(std::tolower(character));
-        }
         const auto outcome = run({{fromEnvironment("READELF"), "--dynamic",
-                                   fromEnvironment("LIBRARY_" + name)},
+                                   fromEnvironment(library)},
                                   {}});
-        EXPECT_NE(outcome.output.find("soname: [" + expected + "]"),
+        EXPECT_NE(outcome.output.find("soname: [" + std::string(soname) + "]"),
                   std::string::npos)
             << outcome.output;
     }

@@ -213,18 +213,6 @@ TEST_F(ExchangeTest, TimesOutWithoutAnAnswer)
               std::chrono::milliseconds(shortMs));
 }
 
-TEST_F(ExchangeTest, TimesOutWhenTheAnswerNeverEnds)
-{
-    const FakeEndpoint endpoint(
-        farEnd.get(),
-        [](const Bytes& bytes, const FakeEndpoint::Send& send)
-        {
-            const auto envelope = answerTo(decode(bytes)->envelope, 0x1D);
-            send(fragment(envelope, messageOf(100))[0]);
-        });
-    EXPECT_EQ(run(notify, shortMs), ETIMEDOUT);
-}
-
 TEST_F(ExchangeTest, TimesOutAmidPacketsOfOthers)
 {
     const Envelope other{

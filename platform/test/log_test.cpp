@@ -174,10 +174,6 @@ TEST_F(Log, CutsALongTextAndNeverSplitsIt)
     expected.resize(1023, 'x');
     EXPECT_THAT(say({"dlog", "1", std::string(5000, 'x')}),
                 ElementsAre(expected + "\n"));
-}
-
-TEST_F(Log, KeepsATextThatJustFits)
-{
     const std::string text(1023 - std::strlen("trace 1 morrow:58:"), 'x');
     EXPECT_THAT(say({"trace", "1", text}),
                 ElementsAre("trace 1 morrow:58:" + text + "\n"));

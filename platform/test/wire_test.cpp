@@ -159,17 +159,6 @@ TEST(Wire, ReassemblesWhatItFragments)
     }
 }
 
-TEST(Reassembler, TakesOneMessageAfterTheOther)
-{
-    Reassembler reassembler(capacity);
-    for (const std::size_t size : {100, 3, 160})
-    {
-        ASSERT_EQ(addAll(reassembler, fragment(request, messageOf(size))),
-                  Progress::complete);
-        EXPECT_EQ(reassembler.message().size(), size);
-    }
-}
-
 TEST(Reassembler, DropsAMessageOfMoreThanItsCapacity)
 {
     Reassembler reassembler(capacity);

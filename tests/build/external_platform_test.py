@@ -116,6 +116,7 @@ class ExternalPlatform(unittest.TestCase):
 
     def test_the_daemon_links_the_board_s_libraries(self):
         self.assertEqual(self.configured.returncode, 0, self.configured.stdout)
+        self.reconfigure()
         done = run("meson", "compile", "-C", self.build)
         self.assertEqual(done.returncode, 0, done.stdout)
 

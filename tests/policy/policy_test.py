@@ -263,46 +263,25 @@ class Policy:
         for user in (ROOT, NOBODY):
             self.assert_all(DENIED, user, unnamed, READING + ANYTHING_ELSE)
 
-    def test_root_may_own_the_name(self):
-        self.assertEqual(as_user(ROOT, lambda bus: bus.request(NAME)), ANSWERED)
+    def test_only_root_may_own_the_names(self):
+        def request(user, name):
+            return as_user(user, lambda bus: bus.request(name))
 
-    def test_no_other_user_may_own_the_name(self):
-        self.assertEqual(as_user(NOBODY, lambda bus: bus.request(NAME)), DENIED)
-
-    def test_no_other_user_may_take_it_from_the_daemon(self):
+        self.assertEqual(request(ROOT, NAME), ANSWERED)
+        for name in (NAME, NAME + ".Other", HOST_STATE):
+            self.assertEqual(request(NOBODY, name), DENIED, name)
         self.serve_as_daemon()
-        self.assertEqual(as_user(NOBODY, lambda bus: bus.request(NAME)), DENIED)
+        self.assertEqual(request(NOBODY, NAME), DENIED, "replaced the daemon")
 
-    def test_no_other_user_may_own_names_below_it(self):
-        below = NAME + ".Other"
-        self.assertEqual(as_user(NOBODY, lambda bus: bus.request(below)), DENIED)
-
-    def test_no_other_user_may_own_the_name_of_the_host_state_service(self):
-        self.assertEqual(as_user(NOBODY, lambda bus: bus.request(HOST_STATE)), DENIED)
-
-    def test_no_other_user_may_send_the_hosts_power_signals(self):
+    def test_only_root_may_send_the_hosts_power_signals(self):
         follower = self.start_follower()
-        for spoof in POWER_SIGNALS:
-            with self.subTest(signal=spoof):
-                send(NOBODY, spoof)
-                self.assertEqual(follower.received(), [])
-
-    def test_no_other_user_may_send_them_to_one_connection(self):
-        follower = self.start_follower()
-        for spoof in POWER_SIGNALS:
-            with self.subTest(signal=spoof):
-                send(NOBODY, spoof, to=(follower.name,))
-                self.assertEqual(follower.received(), [])
-
-    def test_root_may_send_the_hosts_power_signals(self):
-        follower = self.start_follower()
-        sender = send(ROOT, *POWER_SIGNALS)
-        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
-
-    def test_root_may_send_them_to_one_connection(self):
-        follower = self.start_follower()
-        sender = send(ROOT, *POWER_SIGNALS, to=(follower.name,))
-        self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
+        for to in ((None,), (follower.name,)):
+            for spoof in POWER_SIGNALS:
+                with self.subTest(signal=spoof, to=to):
+                    send(NOBODY, spoof, to=to)
+                    self.assertEqual(follower.received(), [])
+            sender = send(ROOT, *POWER_SIGNALS, to=to)
+            self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
 
     def test_no_other_user_may_disconnect_a_follower(self):
         """A broker disconnects a peer for which too much is waiting, so that a

@@ -6,7 +6,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -128,25 +127,6 @@ TEST(Bus, WithoutAConnectionNamesTheCallThatNeedsOne)
     EXPECT_EQ(bus.get_fd(), -EINVAL);
 }
 
-TEST(Bus, DefaultConnectionIsSharedOnOneThreadOnly)
-{
-    const auto nameOnThread = []
-    {
-        std::string name;
-        std::thread(
-            [&]
-            {
-                auto one = sdbusplus::bus::new_default_system();
-                auto two = sdbusplus::bus::new_default();
-                name = one.get_unique_name();
-                EXPECT_EQ(two.get_unique_name(), name);
-            })
-            .join();
-        return name;
-    };
-    EXPECT_NE(nameOnThread(), nameOnThread());
-}
-
 TEST(Bus, SeparateConnectionIsClosedWithItsObject)
 {
     const auto last = []
@@ -204,16 +184,6 @@ TEST(Bus, CallReturnsTheReplyOrThrowsItsError)
                   }),
               "sd_bus_call: org.freedesktop.DBus.Error.ServiceUnknown: The "
               "name net.example.Absent was not provided by any .service files");
-}
-
-TEST(Bus, WaitEndsAfterItsTimeout)
-{
-    auto bus = new_system();
-    bus.request_name("net.example.Waiting"); // its reply is the last message
-    while (bus.process_discard())
-    {
-    }
-    EXPECT_EQ(bus.wait(1000), 0);
 }
 
 TEST(Bus, ThrowsAStoredExceptionOutOfTheNextProcessing)

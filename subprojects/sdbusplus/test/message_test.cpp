@@ -238,9 +238,4 @@ TEST_F(Message, HasItsHeader)
     EXPECT_TRUE(message_t().is_method_error());
 }
 
-TEST_F(Message, ASignalHasNoReturn)
-{
-    EXPECT_THROW(empty().new_method_return(), SdBusError);
-}
-
 } // namespace

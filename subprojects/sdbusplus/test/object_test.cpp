@@ -114,12 +114,6 @@ TEST_F(Object, CanBeDestroyedAfterTheBusItWasCreatedWith)
     EXPECT_NO_THROW(object.reset());
 }
 
-TEST_F(Object, WithoutManagerIsNotAnnounced)
-{
-    const Sample object(bus, "/elsewhere");
-    EXPECT_EQ(peer.signals(), Signals{});
-}
-
 TEST_F(Object, SaysWhyItCannotBeRegistered)
 {
     const Sample object(bus);
@@ -165,15 +159,6 @@ TEST_F(Object, AnswersACallWithTheResultOfItsMethod)
     EXPECT_EQ(ask("s", "x"),
               "org.freedesktop.DBus.Error.InvalidArgs: Invalid arguments 's' "
               "to call net.example.Sample.Ask(), expecting 'y'.");
-}
-
-TEST_F(Object, RefusesToBeSet)
-{
-    const Sample object(bus);
-    EXPECT_EQ(peer.calls("org.freedesktop.DBus.Properties", "Set", "ssv",
-                         Sample::interface, "EID", "y", 9),
-              "org.freedesktop.DBus.Error.PropertyReadOnly: Property 'EID' is "
-              "not writable.");
 }
 
 TEST_F(Object, AnswersWithTheErrorOfTheStepThatFailed)
