@@ -1,26 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /*
- * The least that a daemon with morrow's duties can cost: a C program on sd-bus
- * alone that does the mandated bus and file work and nothing else. What morrow
- * costs is told as a multiple of this.
+ * The least that a daemon with the same duties can cost: a C program on sd-bus
+ * alone that does the mandated bus and file work and nothing else. The cost of
+ * the daemon is given as a multiple of this.
  *
- * Why nothing can be left out of it:
+ *  - Two connections to the system bus, each on a thread of its own: one with
+ *    the two subscriptions, one with the name and the three object managers.
+ *    Each thread sleeps in sd_bus_wait, without an event loop.
+ *  - A signal thread that waits for a semaphore, which SIGTERM posts.
+ *  - In each iteration the main thread opens its default connection, reads one
+ *    property and closes the connection.
+ *  - A signal of a power state is logged with one line and sets two flags.
+ *  - With --off, an iteration sleeps 100 ms, removes two nodes and writes two
+ *    names into the unbind file; without it, it sleeps a second.
  *
- *  - Two connections to the system bus for life, each on a thread of its own:
- *    one with the two subscriptions, one with the name and the three object
- *    managers. Each thread sleeps in sd_bus_wait, without an event loop.
- *  - A signal thread, asleep in a semaphore that SIGTERM posts.
- *  - In each iteration the main thread takes its default connection, reads one
- *    property and gives the connection up: opening, authentication, Hello, one
- *    call, closing. No message is built that sd-bus does not build itself.
- *  - A signal of a power state is logged with one line, unconditionally, and
- *    raises two flags.
- *  - With --off, an iteration sleeps 100 ms, removes two nodes and writes two names
- *    into the unbind file, as the withdrawal of a host that is off does;
- *    without it, an iteration sleeps a second.
- *
- * Errors end it: there is nothing to measure then.
+ * An error ends the program: there is nothing to measure then.
  */
 
 #include <errno.h>
@@ -98,7 +93,7 @@ static int onPowerState(sd_bus_message* message, void* key,
     return 0;
 }
 
-/** Serves a connection for ever. */
+/** Serves a connection; never returns. */
 static void serve(sd_bus* bus)
 {
     checked(sem_post(&ready), "sem_post");
@@ -168,7 +163,7 @@ static void* signalThread(UNUSED void* argument)
     _exit(EXIT_SUCCESS);
 }
 
-/** Starts a thread that has no end. */
+/** Starts a thread that never ends. */
 static void start(void* (*body)(void*))
 {
     pthread_t thread;
@@ -189,7 +184,7 @@ static void unbind(const char* controller)
                         O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd >= 0)
     {
-        // A controller that is not bound is refused: nothing to be done.
+        // Fails for a controller that is not bound.
         (void)!write(fd, controller, strlen(controller));
         (void)close(fd);
     }
@@ -198,7 +193,7 @@ static void unbind(const char* controller)
 static void cleanUp(void)
 {
     sleepFor(0, 100000000);
-    (void)remove("/dev/i3c-mctp-0"); // usually gone
+    (void)remove("/dev/i3c-mctp-0"); // usually absent
     (void)remove("/dev/i3c-mctp-1");
     unbind("fff10000.i3c");
     unbind("fff11000.i3c");

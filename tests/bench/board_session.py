@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """A simulated board with a measured program in the daemon's place.
 
-The board is morrow-board, told by lines and heard by the timeline that it
-saves. The program gets what the board gives every daemon: its bus, its files,
-a notify socket and a pipe for what it logs.
+The board is morrow-board: it reads commands from its standard input and saves
+its timeline. The program gets what the board gives the daemon: the bus, the
+driver's files, a notify socket and a pipe for its log.
 """
 
 import contextlib
@@ -17,48 +17,70 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from processes import LIMIT, ended
+from process_cost import LIMIT, wait_for_end
 
-# Levels of the log: what is shown unless told, up to ordinary progress, and up
-# to what each iteration logs.
-LOG_SHIPPED = 2
+# Log levels: the default, up to ordinary progress, all of an iteration.
+LOG_DEFAULT = 2
 LOG_DISCOVERY = 4
 LOG_ALL = 11
 
 
 @dataclass
 class Program:
-    """What is measured: a program, and what it runs with."""
+    """A program to measure, with its libraries."""
 
     path: Path
     libraries: Path | None = None
     arguments: list = field(default_factory=list)
 
-    def command(self, environment, log):
-        """A shell's commands, by which the shell itself becomes the program
-        without another one in between: its start counts."""
+    def script(self, environment, log):
+        """A shell script that becomes the program without a process between."""
         if self.libraries:
             environment = {"LD_LIBRARY_PATH": self.libraries, **environment}
-        lines = ["unset LD_LIBRARY_PATH"]
+        lines = ["#!/bin/sh", "unset LD_LIBRARY_PATH"]
         lines += [f"export {name}={shlex.quote(str(value))}" for name, value in environment.items()]
         redirected = f" 2>{shlex.quote(str(log))}" if log else ""
         lines += [shlex.join(["exec", str(self.path), *self.arguments]) + redirected]
-        return "\n".join(lines)
+        return "\n".join(lines) + "\n"
+
+
+class Tools:
+    """What scripts/bench has built."""
+
+    def __init__(self, root):
+        programs = root / "release/tests/bench"
+        self.root = root
+        self.board = root / "board/board/morrow-board"
+        self.fast_time = programs / "libfast_time.so"
+        self.signals = programs / "signals"
+        self._baseline = programs / "baseline"
+        self.policy = self.stage("release") / (
+            "share/dbus-1/system.d/xyz.openbmc_project.mctp.conf"
+        )
+
+    def stage(self, build):
+        return self.root / build / "stage/usr"
+
+    @property
+    def daemon(self):
+        stage = self.stage("release")
+        libraries = next(stage.glob("lib/**/libplatform-log.so.1")).parent
+        return Program(stage / "libexec/morrow/morrow", libraries)
+
+    def baseline(self, *arguments):
+        return Program(self._baseline, None, list(arguments))
 
 
 class Board:
     """A board, until the end of the with statement."""
 
-    def __init__(self, tools, program, host="Off", log_level=LOG_SHIPPED, fast=None, own_log=False,
-                 counted=False):
-        """fast is what sleeps are divided by; own_log is whether the program
-        logs into a file, self.log, and never to the board; counted is whether
-        allocations are, with fast only."""
+    def __init__(self, tools, program, host="Off", log_level=LOG_DEFAULT, fast=None, own_log=False):
+        """fast is the divisor of sleeps; with own_log the program logs into the
+        file self.log instead of to the board."""
         self.directory = tempfile.TemporaryDirectory(prefix="bench-board-")
         here = Path(self.directory.name)
         self.timeline = here / "timeline.jsonl"
         self.count = here / "sleeps"
-        self.allocated = here / "allocations"
         environment = {}
         if fast:
             environment = {
@@ -66,16 +88,13 @@ class Board:
                 "FAST_TIME": fast,
                 "FAST_TIME_COUNT": self.count,
             }
-        if counted:
-            environment["LD_PRELOAD"] = f"{tools.fast_time}:{tools.count_allocations}"
-            environment["COUNT_ALLOCATIONS"] = self.allocated
         self.log = here / "log" if own_log else None
-        wrapper = here / "program"
-        wrapper.write_text(f"#!/bin/sh\n{program.command(environment, self.log)}\n")
-        wrapper.chmod(0o755)
+        script = here / "program"
+        script.write_text(program.script(environment, self.log))
+        script.chmod(0o755)
         self.output = open(here / "output", "w+")
         self.shell = subprocess.Popen(
-            [tools.board, "--shell", "--daemon", wrapper, "--policy", tools.policy,
+            [tools.board, "--shell", "--daemon", script, "--policy", tools.policy,
              "--save", self.timeline],
             stdin=subprocess.PIPE, stdout=self.output, stderr=subprocess.STDOUT,
             text=True,
@@ -83,38 +102,38 @@ class Board:
         self.seen = []
         self.pending = ""
         self.reader = None
-        self.tell(f"loglevel {log_level}", f"host {host}")
+        self.command(f"loglevel {log_level}", f"host {host}")
         # Hardware that answers at once.
-        self.tell("controller 0 comes-up-after 0", "controller 1 comes-up-after 0")
+        self.command("controller 0 comes-up-after 0", "controller 1 comes-up-after 0")
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exception):
-        # A board that is gone already has been heard of elsewhere.
+        # A board that has failed has closed its end; wait() reports that.
         with contextlib.suppress(BrokenPipeError):
-            self.tell("quit")
+            self.command("quit")
         with contextlib.suppress(BrokenPipeError):
             self.shell.stdin.close()
-        ended(self.shell)
-        self.events()  # up to the last one, for who still looks at them
+        wait_for_end(self.shell)
+        self.events()  # the last ones, for callers that still look at them
         if self.reader:
             self.reader.close()
         self.output.close()
         self.directory.cleanup()
 
-    def tell(self, *lines):
+    def command(self, *lines):
         self.shell.stdin.write("".join(f"{line}\n" for line in lines))
         self.shell.stdin.flush()
 
     def start(self):
         """Starts the program and waits until it is ready."""
-        self.tell("daemon start")
+        self.command("daemon start")
         self.wait(lambda event: event.get("text") == "READY=1")
 
     def start_with_endpoints(self):
-        """Starts the daemon with a running host, up to both endpoints."""
-        self.tell("host Running")
+        """Starts the daemon with a running host and waits for both endpoints."""
+        self.command("host Running")
         self.start()
         self.wait(lambda event: event["event"] == "endpoint_added", times=2)
 
@@ -124,11 +143,7 @@ class Board:
 
     def sleeps(self):
         """How often the program has slept; with fast only."""
-        return _number_in(self.count)
-
-    def allocations(self):
-        """How often it has taken from the heap; where that is counted."""
-        return _number_in(self.allocated)
+        return struct.unpack("=Q", self.count.read_bytes())[0]
 
     def wait_sleeps(self, number):
         """Waits until the program has slept so often again."""
@@ -139,7 +154,7 @@ class Board:
             time.sleep(0.002)
 
     def events(self):
-        """Everything on the timeline until now."""
+        """The timeline so far."""
         if not self.reader:
             if not self.timeline.exists():
                 return []
@@ -150,8 +165,8 @@ class Board:
         return self.seen
 
     def wait(self, wanted, since=0, times=1):
-        """The first event that is wanted, or the one that makes it so often,
-        among those from the index since on."""
+        """The event for which `wanted` is true the given number of times, from
+        the index `since` on."""
         until = time.monotonic() + LIMIT
         while True:
             found = [event for event in self.events()[since:] if wanted(event)]
@@ -163,23 +178,15 @@ class Board:
     def now(self):
         return len(self.events())
 
-    def bus_address(self):
-        return f"unix:path=/proc/{self._board_pid()}/root/run/dbus/system_bus_socket"
-
     def environment(self):
-        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.bus_address()}
-
-    def _board_pid(self):
-        """The board is the parent of what it started."""
+        """The environment of another client of the board's bus."""
         status = Path(f"/proc/{self.pid}/status").read_text()
-        return int(status.split("PPid:")[1].split()[0])
+        board = int(status.split("PPid:")[1].split()[0])
+        socket = f"/proc/{board}/root/run/dbus/system_bus_socket"
+        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={socket}"}
 
     def _check(self, until, what):
         if self.shell.poll() is not None or time.monotonic() > until:
             self.output.seek(0)
             tail = "".join(self.output.readlines()[-20:])
-            raise RuntimeError(f"timed out waiting for {what}; the board says:\n{tail}")
-
-
-def _number_in(file):
-    return struct.unpack("=Q", file.read_bytes())[0]
+            raise RuntimeError(f"timeout: no {what}; the board's output:\n{tail}")

@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Measures the daemon beside the least that it could cost.
+"""Measures the daemon and the baseline, the least that it could cost.
 
-Wants what scripts/bench builds, and is run by it. Programs take turns within a
-round, so that a machine that gets slower gets slower for all of them; medians
-of the rounds are what counts. Results that were saved earlier stay, but for the
-groups that are measured again.
+scripts/bench builds what this needs, and runs it. Medians of rounds are kept.
+Saved results of the same machine are kept for groups that are not measured.
 """
 
 import argparse
@@ -17,48 +15,31 @@ import subprocess
 import sys
 from pathlib import Path
 
-from floods import measure_floods
-from growth import measure_growth
-from iterations import measure_iterations
-from memory import measure_memory
-from objects import measure_objects
-from processes import end_in_order
-from sizes import measure_sizes
-from table import Table
-from times import measure_times
-from tools import Tools
-
-GROUPS = {
-    "iterations": measure_iterations,
-    "memory": measure_memory,
-    "sizes": measure_sizes,
-    "times": measure_times,
-    "objects": measure_objects,
-    "floods": measure_floods,
-    "growth": measure_growth,
-}
+from board_session import Tools
+from groups import GROUPS
+from process_cost import exit_on_signals
+from results import Table, write_document
 
 
 def parse(arguments):
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("root", type=Path, help="where scripts/bench has built")
+    parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
+    parser.add_argument("root", type=Path, help="the directory that scripts/bench builds in")
     parser.add_argument("groups", nargs="*", choices=[[], *GROUPS], metavar="GROUP",
-                        help=f"what to measure, all by default: {', '.join(GROUPS)}")  # fmt: skip
-    parser.add_argument("--runs", type=int, default=7, help="rounds of runs (7)")
+                        help=f"what to measure (default: all): {', '.join(GROUPS)}")  # fmt: skip
+    parser.add_argument("--runs", type=int, default=7, help="rounds (7)")
     parser.add_argument("--iterations", type=int, default=100,
                         help="iterations in a run (100)")  # fmt: skip
     parser.add_argument("--cycles", type=int, nargs="+", default=[10, 1000, 10_000],
                         help="power cycles after which growth is looked at")  # fmt: skip
-    parser.add_argument("--check", action="store_true",
-                        help="look at these arguments and measure nothing")  # fmt: skip
-    parser.add_argument("--json", type=Path, help="where the results are saved")
+    parser.add_argument("--check", action="store_true", help="check these arguments alone")
+    parser.add_argument("--document", type=Path, help="write saved results into this file alone")
     return parser.parse_intermixed_args(arguments)
 
 
-def machine(tools):
-    """What the results are of."""
-    models = re.findall(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
-    commands = json.loads((tools.root / "release/compile_commands.json").read_text())
+def machine(root):
+    cpu = Path("/proc/cpuinfo").read_text()
+    models = re.findall(r"^model name\s*: (.*)$", cpu, re.MULTILINE)
+    commands = json.loads((root / "release/compile_commands.json").read_text())
     compiler = subprocess.run(
         [commands[0]["command"].split()[0], "--version"],
         capture_output=True, text=True, check=True,
@@ -73,7 +54,6 @@ def machine(tools):
 
 
 def commit():
-    """What is measured, as git calls it."""
     done = subprocess.run(
         ["git", "-C", Path(__file__).parent, "describe", "--always", "--dirty"],
         capture_output=True, text=True,
@@ -81,29 +61,25 @@ def commit():
     return done.stdout.strip() or "unknown"
 
 
-def earlier(options, of):
-    """The results that were saved of this machine; none if there are none."""
-    if options.json and options.json.exists():
-        saved = json.loads(options.json.read_text())
+def saved_results(file, of):
+    """The saved results of this machine, empty if there are none."""
+    if file.exists():
+        saved = json.loads(file.read_text())
         if saved["machine"] == of:
             return saved
     return {"machine": of, "sections": {}, "rows": []}
 
 
 def save(results, file):
-    """Writes the whole file or, where that fails, none of it."""
-    beside = file.with_name(file.name + ".new")
-    beside.write_text(json.dumps(results, indent=2) + "\n")
-    beside.replace(file)
+    """Writes the whole file or, if that fails, nothing."""
+    new = file.with_name(file.name + ".new")
+    new.write_text(json.dumps(results, indent=2) + "\n")
+    new.replace(file)
 
 
-def main():
-    options = parse(sys.argv[1:])
-    if options.check:
-        return
-    end_in_order()
+def measure(options, file):
     tools = Tools(options.root.resolve())
-    results = earlier(options, machine(tools))
+    results = saved_results(file, machine(tools.root))
     table = Table(results["rows"], lambda line: print(line, file=sys.stderr, flush=True))
     for name in options.groups or GROUPS:
         how = {"runs": options.runs, "commit": commit(), "load": os.getloadavg()[0]}
@@ -112,9 +88,20 @@ def main():
         table.sort([*GROUPS])
         results["sections"][name] = how
         results["rows"] = table.as_json()
-        if options.json:  # at once, so that nothing is lost that comes before a failure
-            save(results, options.json)
+        save(results, file)  # a later group may fail
     print(table.as_text())
+
+
+def main():
+    options = parse(sys.argv[1:])
+    file = options.root / "results.json"
+    if options.document:
+        if not file.exists():
+            sys.exit("no results: run scripts/bench first")
+        write_document(json.loads(file.read_text(encoding="utf-8")), options.document)
+    elif not options.check:
+        exit_on_signals()
+        measure(options, file)
 
 
 if __name__ == "__main__":

@@ -1,34 +1,62 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a running process has cost, read from outside of it.
+"""What a running process has cost, read from outside, and how programs are run
+so that none outlives the measurement.
 
-Times are the scheduler's own, in nanoseconds, so that iterations of some hundred
-microseconds count; clock ticks would not do.
+Times are in nanoseconds of the scheduler: an iteration takes some hundred
+microseconds, and clock ticks are too coarse for that.
 """
 
 import re
 import signal
 import subprocess
+import sys
 import time
 from pathlib import Path
 
-from processes import tied
+LIMIT = 60  # seconds, longer than any wait takes
+
+
+def tied(command):
+    """The command of a process that is killed when its parent dies."""
+    return ["setpriv", "--pdeathsig", "KILL", "--", *command]
+
+
+def wait_for_end(process):
+    """Waits for a process that was asked to end, and kills it if it does not."""
+    try:
+        process.wait(LIMIT)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+
+
+def exit_on_signals():
+    """Makes SIGTERM and SIGHUP end this program with its clean-up."""
+
+    def leave(number, _frame):
+        for other in (signal.SIGTERM, signal.SIGHUP):
+            signal.signal(other, signal.SIG_IGN)
+        sys.exit(128 + number)
+
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, leave)
 
 
 def cpu_ns(pid):
     """Processor time of all its threads, user and system."""
-    process_clock = (~pid << 3) | 2  # as clock_getcpuclockid(3) makes it
+    process_clock = (~pid << 3) | 2  # see clock_getcpuclockid(3)
     return time.clock_gettime_ns(process_clock)
 
 
 def memory_kib(pid):
-    """Private dirty memory and the proportional share (PSS)."""
+    """Private dirty memory, and the proportional share (PSS)."""
     sizes = _sizes(Path(f"/proc/{pid}/smaps_rollup").read_text())
     return {"private_dirty": sizes["Private_Dirty"], "pss": sizes["Pss"]}
 
 
 def stacks_kib(pid):
-    """What the threads' stacks reserve and what of it is in use, added up;
-    the main thread's stack grows by itself and is left out."""
+    """What the stacks of its threads reserve and use together, without the main
+    thread's."""
     pointers = [
         int(_stack_pointer(task), 16)
         for task in Path(f"/proc/{pid}/task").iterdir()
@@ -43,7 +71,7 @@ def stacks_kib(pid):
 
 
 def syscalls(pid, meanwhile):
-    """Its system calls while a function runs, by name."""
+    """The number of its system calls during a function, by name."""
     tracer = subprocess.Popen(
         tied(["strace", "-f", "-c", "-U", "name,calls", "-p", str(pid)]),
         stderr=subprocess.PIPE,
@@ -63,11 +91,11 @@ def syscalls(pid, meanwhile):
 
 
 def _stack_pointer(task):
-    """The last but one word of "number arguments... sp pc"."""
-    words = (task / "syscall").read_text().split()
-    if words[0] == "running":
+    """The second last field of "number arguments... sp pc"."""
+    fields = (task / "syscall").read_text().split()
+    if fields[0] == "running":
         raise RuntimeError(f"thread {task.name} does not sleep")
-    return words[-2]
+    return fields[-2]
 
 
 def _sizes(text):
