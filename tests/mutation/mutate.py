@@ -1,14 +1,13 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Plants small faults in the daemon, one at a time, and sees whether the unit
-tests notice. See --help."""
+"""Changes the daemon in one small place at a time and runs the unit tests, which
+must fail. See --help."""
 
 import argparse
 import collections
 import fcntl
 import os
 import random
-import re
 import sys
 import threading
 import time
@@ -17,69 +16,64 @@ from pathlib import Path
 TOP = Path(__file__).resolve().parents[2]
 
 # pylint: disable=wrong-import-position
-from mutation.explained import ListError, entries_of, key_of, refuse_ambiguous
-from mutation.faults import mutants_of
+from mutation.explained import ListError, entries_of, explained_ids
+from mutation.mutants import mutants_of
 from mutation.scratch import Scratch, ScratchError
 
 EXPLAINED = "docs/mutants.md"
 
 DESCRIPTION = f"""\
-Plants small faults in morrow/, one at a time: another log level, another
-character in a text, a missing step, two steps or arguments in another order,
-another comparison, constant or branch. Each one is built in a copy of the tree
-under build/mutate, and the unit tests run on it until one fails. What no test
-notices is printed; a test is missing there, or what was changed does not
-matter.
+Changes one small place in morrow/ at a time: another log level, a missing
+statement, two statements or arguments swapped, another comparison, constant or
+branch. Each mutant is built in a copy of the tree in build/mutate, and the unit
+tests run until one fails. A mutant that survives is printed: a test is missing,
+or the change has no effect.
 
-What it needs is what scripts/test installs. Its outcomes are listed in
-build/mutate/results.txt.
+A mutant without effect is listed in {EXPLAINED} with the reason. An entry there
+that matches no mutant, or several, is an error.
 
-A mutant that does not matter is listed in {EXPLAINED} with the reason. An
-entry there that matches no mutant any more is an error, and so is one that
-does not say which of several places alike it means.
+Needs what scripts/test installs. Outcomes go to build/mutate/results.txt.
 """
 
 EPILOGUE = """\
-The exit status is 0 when every mutant was noticed or is explained, 1 when one
-was not, 2 when the tool could not do its work.
+The exit status is 0 when every mutant was killed or is explained, 1 when one
+survived, 2 when the tool failed.
 
 examples:
   scripts/mutate                                  all of them (an hour)
   scripts/mutate --sample 100                     some of them
   scripts/mutate --file morrow/morrow_signal.cpp  those of a file
-  scripts/mutate --list --file morrow/sleep.cpp   what they are
+  scripts/mutate --list --file morrow/sleep.cpp   only list them
   scripts/mutate --only morrow/sleep.cpp:14:60:comparison
 """
 
-# Lines that are that near to each other are likely to be tested together.
+# Lines at this distance are likely to be tested by the same program.
 NEARBY = 20
 
 OUTCOMES = ["killed", "timed out", "not compiling", "explained", "survived"]
 
 
 class UsageError(Exception):
-    """What the user got wrong, as one line."""
+    """An error of the user, in one line."""
 
 
 def main():
     options = parsed_options()
     mutants = mutants_of(sources())
-    entries = explained_entries()
-    refuse_ambiguous(entries, mutants, EXPLAINED)
-    stale = stale_entries(entries, mutants)
+    explained = explained_ids(
+        entries_of((TOP / EXPLAINED).read_text(), EXPLAINED), mutants, EXPLAINED
+    )
     chosen = selection(mutants, options)
     if options.list:
         for mutant in chosen:
             print_mutant(mutant)
         print(f"{len(chosen)} mutants: {by_kind(chosen)}")
         return 0
-    run = Run(chosen, {entry.key for entry in entries})
-    with Workshop(options.jobs) as scratches:
+    run = Run(chosen, explained)
+    with Scratches(options.jobs) as scratches:
         run.work(scratches)
     run.summarise()
-    for entry in stale:
-        print(f"{EXPLAINED}:{entry.line}: explained, but not there any more")
-    return 0 if not stale and run.counts["survived"] == 0 else 1
+    return 0 if run.counts["survived"] == 0 else 1
 
 
 def parsed_options():
@@ -90,19 +84,18 @@ def parsed_options():
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     add = parser.add_argument
-    add("--list", action="store_true", help="print the mutants and plant none")
+    add("--list", action="store_true", help="print the mutants alone")
     add("--file", action="append", metavar="PATH", help="those of this file")
     add("--kind", action="append", metavar="KIND", help="those of this kind")
     add("--only", action="append", metavar="ID", help="this one (see --list)")
-    add("--sample", type=int, metavar="N", help="N of them, picked at random")
-    add("--seed", type=int, default=1, help="another sample (default: 1)")
-    add("--shard", metavar="K/N", help="the K-th of N equal parts, from 1")
+    add("--sample", type=int, metavar="N", help="N of them at random")
+    add("--seed", type=int, default=1, help="for another sample (default: 1)")
     add(
         "--jobs",
         type=int,
         default=os.cpu_count(),
         metavar="N",
-        help="so many at a time (default: one for each processor)",
+        help="mutants at a time (default: the number of processors)",
     )
     return parser.parse_args()
 
@@ -113,16 +106,6 @@ def sources():
         for path in (TOP / "morrow").iterdir()
         if path.suffix in (".cpp", ".hpp")
     }
-
-
-def explained_entries():
-    path = TOP / EXPLAINED
-    return entries_of(path.read_text(), EXPLAINED) if path.exists() else []
-
-
-def stale_entries(entries, mutants):
-    keys = {key_of(mutant) for mutant in mutants}
-    return [entry for entry in entries if entry.key not in keys]
 
 
 def selection(mutants, options):
@@ -136,14 +119,8 @@ def selection(mutants, options):
     if options.sample is not None and options.sample < len(chosen):
         picked = random.Random(options.seed).sample(range(len(chosen)), options.sample)
         chosen = [chosen[index] for index in sorted(picked)]
-    if options.shard:
-        match = re.fullmatch(r"(\d+)/(\d+)", options.shard)
-        part, parts = (int(number) for number in match.groups()) if match else (0, 0)
-        if not 1 <= part <= parts:
-            raise UsageError(f"--shard {options.shard}: it is K/N with K from 1 to N")
-        chosen = chosen[part - 1 :: parts]
     if not chosen:
-        raise UsageError("no mutant is like that: see scripts/mutate --list")
+        raise UsageError("no such mutant: see scripts/mutate --list")
     return chosen
 
 
@@ -157,8 +134,8 @@ def by_kind(mutants):
     return ", ".join(f"{number} {kind}" for kind, number in counts.most_common())
 
 
-class Workshop:
-    """Scratch copies of the tree, for this run alone."""
+class Scratches:
+    """Copies of the tree, locked for this run."""
 
     def __init__(self, number):
         place = TOP / "build" / "mutate"
@@ -167,13 +144,12 @@ class Workshop:
             self.lock = open(place / "lock", "w")
         except OSError as error:
             raise UsageError(
-                f"cannot write in {place}, where everything is built: run this in"
-                " a copy of the tree that you may write to"
+                f"{place}: {error.strerror}: run this in a tree that you may write to"
             ) from error
         try:
             fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except OSError:
-            raise UsageError("another scripts/mutate runs in this tree: wait for it")
+            raise UsageError("another scripts/mutate runs in this tree: wait until it ends")
         self.scratches = [Scratch(TOP, place / str(n + 1)) for n in range(number)]
 
     def __enter__(self):
@@ -224,7 +200,7 @@ def in_parallel(tasks, scratches):
 
 
 class Run:
-    """Tries mutants out and counts what became of them."""
+    """Tries mutants and counts the outcomes."""
 
     def __init__(self, mutants, explained):
         self.waiting = collections.deque(mutants)
@@ -259,10 +235,10 @@ class Run:
                 self.take(mutant, outcome, killer)
 
     def order(self, mutant, programs):
-        """The programs, the one most likely to notice a mutant first: it has
-        noticed one nearby, or is named after the file, or is quick."""
+        """The programs, the one most likely to fail first: it has killed a mutant
+        nearby, or is named after the file, or is quick."""
 
-        def likeliness(name):
+        def rank(name):
             nearest = min(
                 (
                     abs(line - mutant.line)
@@ -273,12 +249,12 @@ class Run:
             )
             return nearest // NEARBY, name not in mutant.path, programs[name].limit
 
-        return sorted(programs, key=likeliness)
+        return sorted(programs, key=rank)
 
     def take(self, mutant, outcome, killer):
         if outcome == "killed":
             self.killers[mutant.path].append((mutant.line, killer.split(":")[0]))
-        if outcome == "survived" and key_of(mutant) in self.explained:
+        if outcome == "survived" and mutant.id in self.explained:
             outcome = "explained"
         self.counts[outcome] += 1
         self.kinds[mutant.kind][outcome] += 1
@@ -287,7 +263,7 @@ class Run:
         if outcome == "survived":
             self.show_progress(erase=True)
             print_mutant(mutant, " survived")
-        elif outcome == "killed" and key_of(mutant) in self.explained:
+        elif outcome == "killed" and mutant.id in self.explained:
             self.show_progress(erase=True)
             print_mutant(mutant, f" is explained, but killed by {killer}")
         self.show_progress()
@@ -307,10 +283,10 @@ class Run:
         print(" " * width, *(f"{outcome:>13}" for outcome in OUTCOMES))
         for kind, counts in sorted(self.kinds.items()):
             print(f"{kind:{width}}", *(f"{counts[o]:13}" for o in OUTCOMES))
-        noticed = self.counts["killed"] + self.counts["timed out"]
-        score = 100 * noticed / max(1, noticed + self.counts["survived"])
+        detected = self.counts["killed"] + self.counts["timed out"]
+        score = 100 * detected / max(1, detected + self.counts["survived"])
         numbers = ", ".join(f"{self.counts[o]} {o}" for o in OUTCOMES)
-        print(f"planted {self.total}: {numbers}; score {score:.1f} %")
+        print(f"{self.total} mutants: {numbers}; score {score:.1f} %")
         print(f"{seconds:.0f} s, {seconds / self.total:.1f} s a mutant")
 
 

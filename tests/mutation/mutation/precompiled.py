@@ -1,10 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the daemon's sources include, compiled once: most of the time that a
-mutant takes to compile goes into headers that it shares with all others.
+"""A precompiled header of what the daemon's sources include, which takes most of
+the time that a mutant takes to compile.
 
-The compiler is called through a small script, which includes the precompiled
-header in front of the daemon's sources as they are built for the tests. A
-source that finds its headers included already compiles as before.
+The compiler is called through a small script that includes it in front of the
+daemon's sources, as they are built for the tests.
 """
 
 import json
@@ -39,7 +38,7 @@ class PrecompiledHeader:
         self.compiler.chmod(0o755)
 
     def is_current(self):
-        """Writes the header anew when the sources include something else."""
+        """Writes the header if the includes of the sources have changed."""
         includes = {
             line
             for path in (self.tree / "morrow").iterdir()
@@ -54,7 +53,7 @@ class PrecompiledHeader:
         return False
 
     def command(self, build):
-        """What compiles it, with the very options that the sources have."""
+        """Compiles it, with the options of the sources."""
         commands = json.loads((build / "compile_commands.json").read_text())
         words = next(
             shlex.split(entry["command"])

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A copy of the tree with a build of its own, in which one mutant after the
-other is planted, built and tried. The tree that is worked in is never touched.
+"""A copy of the tree with a build of its own, in which mutants are built and
+tested one after the other. The original tree is never changed.
 """
 
 import json
@@ -13,24 +13,23 @@ from pathlib import Path
 
 from .precompiled import PrecompiledHeader
 
-# Neither belongs to what is built.
-LEFT_OUT = {".git", "__pycache__"}
+NOT_COPIED = {".git", "__pycache__"}
 
-# How long tests may take: this many times what they take on a clean tree, and
-# this many seconds more.
-PATIENCE = 10
-GRACE_SECONDS = 15
+# The limit for a test program: so many times its time without a mutant, and so
+# many seconds more.
+TIME_FACTOR = 10
+TIME_RESERVE_SECONDS = 15
 
-# How long a test waits for an event: most of what a mutant keeps from
-# happening is waited for in vain.
-EVENT_SECONDS = 5
+# The timeout of a test's wait. Most mutants prevent the event, so a long one
+# makes the run long.
+WAIT_SECONDS = 5
 
-# A compiler that needs longer than this has met a mutant that never ends.
+# For the compiler, which a mutant can send into an endless evaluation.
 BUILD_SECONDS = 300
 
 
 class ScratchError(Exception):
-    """What keeps a scratch copy from being used, as one line."""
+    """Why a scratch copy cannot be used, in one line."""
 
 
 class Scratch:
@@ -58,13 +57,14 @@ class Scratch:
             failed = program.failing_test(self, BUILD_SECONDS)
             if failed:
                 raise ScratchError(
-                    f"{program.name}: {failed} fails without any mutant: mend that first"
+                    f"{program.name}: {failed} fails without a mutant: fix that first"
                 )
-            program.limit = PATIENCE * (time.monotonic() - started) + GRACE_SECONDS
+            program.limit = TIME_FACTOR * (time.monotonic() - started)
+            program.limit += TIME_RESERVE_SECONDS
 
     def try_out(self, mutant, order):
-        """Plants a mutant, runs the test programs in this order until one
-        fails, and takes it out again. Gives the outcome and who killed it."""
+        """Builds a mutant and runs the test programs in this order until one
+        fails. @return the outcome, and the program and test that killed it"""
         file = self.tree / mutant.path
         original = file.read_text()
         file.write_text(mutant.text)
@@ -116,7 +116,7 @@ class Scratch:
             end_session(process)
 
     def _copy(self):
-        """Makes the copy equal to the original, touching only what differs."""
+        """Makes the copy equal to the original; equal files keep their time."""
         wanted = set(files_of(self.original))
         for path in wanted:
             content = (self.original / path).read_bytes()
@@ -134,7 +134,7 @@ class Scratch:
         complete = self.build / "setup-complete"
         if complete.exists():
             return
-        # What an interrupted setup left; Meson neither uses nor repairs it.
+        # An interrupted setup leaves what Meson neither uses nor repairs.
         shutil.rmtree(self.build)
         self.build.mkdir()
         self.precompiled.write_compiler()
@@ -154,16 +154,16 @@ class Scratch:
             raise ScratchError(f"meson fails: {last_line(output)}")
         files = {
             target["id"]: [os.path.relpath(file, self.build) for file in target["filename"]]
-            for target in self._told_by_meson("targets")
+            for target in self._introspect("targets")
         }
         programs = {
             test["name"]: Program(test, [f for id in test["depends"] for f in files[id]])
-            for test in self._told_by_meson("tests")
+            for test in self._introspect("tests")
             if any(suite.endswith(":unit") for suite in test["suite"])
             and any(part.startswith("tests/unit/") for part in test["cmd"])
         }
         if not programs:
-            raise ScratchError("meson knows no unit tests: are gtest and gmock there?")
+            raise ScratchError("no unit tests: are gtest and gmock installed?")
         return programs
 
     def _precompile(self):
@@ -175,7 +175,7 @@ class Scratch:
         if status != 0:
             raise ScratchError(f"the headers do not compile: {last_line(output)}")
 
-    def _told_by_meson(self, what):
+    def _introspect(self, what):
         file = self.build / "meson-info" / f"intro-{what}.json"
         return json.loads(file.read_text())
 
@@ -202,7 +202,7 @@ class Program:
         self.command = test["cmd"] + ["--jobs=4", "--fail-fast"]
         self.environment = {
             **test["env"],
-            "TEST_TIMEOUT_SECONDS": str(EVENT_SECONDS),
+            "TEST_TIMEOUT_SECONDS": str(WAIT_SECONDS),
         }
         self.targets = targets
         self.limit = None
@@ -225,7 +225,7 @@ def files_of(tree):
         names[:] = [
             name
             for name in names
-            if name not in LEFT_OUT
+            if name not in NOT_COPIED
             and not (below == Path(".") and name.startswith("build"))
         ]
         for name in files:
@@ -244,4 +244,4 @@ def end_session(process):
 
 def last_line(output):
     lines = output.strip().splitlines()
-    return lines[-1] if lines else "without a word"
+    return lines[-1] if lines else "no output"

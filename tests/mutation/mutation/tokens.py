@@ -1,11 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""C++ as far as a planter of faults has to understand it: tokens, brackets,
-statements.
+"""Tokens, brackets and statements of C++.
 
-This reads sources that the project's formatter has laid out, and relies on it
-where that saves a parser: a comparison has blanks around it, a template's
-angle bracket has not. Comments and preprocessor lines are no tokens, so that
-nothing is ever planted there.
+Relies on the project's formatter instead of a full parser: a comparison has
+blanks around it, a template's angle bracket has not. Comments and preprocessor
+lines are no tokens, so no mutant is made there.
 """
 
 import re

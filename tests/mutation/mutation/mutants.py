@@ -1,11 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The small faults that are planted, each kind by a function of its own that
-reads a source and says where the fault can be and what stands there then. What
-it gets besides is which named constants there are, each with the next one of
-its type.
+"""The kinds of mutants, one function each: it reads a source and yields the
+places where such a mutant is possible, with the replacement. `declared` maps
+each named constant to the next one of its type.
 
-Nothing here knows a particular source: whatever the daemon becomes, its faults
-are found in it as it is.
+A text is no kind: that each text is exact is verified by tests that compare
+whole log lines, and a mutant for each character would only repeat them.
 """
 
 import re
@@ -29,14 +28,11 @@ OTHER_OPERATOR = {
 
 OTHER_ARITHMETIC = {"+": "-", "-": "+", "*": "/", "/": "*", "&": "|", "|": "&"}
 
-# A character that stands for itself in a string, outside of what printf reads.
-PLAIN_OR_NOT = re.compile(r"\\x[0-9a-fA-F]+|\\.|%[-+ #0]*\d*(?:hh|[hlzjt]*)\w|.")
-
 CONSTANT = re.compile(r"[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)*$")
 
 
 @dataclass(frozen=True)
-class Fault:
+class Replacement:
     """`replacement` in the place of the text from `start` to `end`."""
 
     kind: str
@@ -46,7 +42,7 @@ class Fault:
 
 
 class Mutant:
-    """A fault in a source file."""
+    """A source file with one replacement."""
 
     def __init__(self, source, fault):
         self.path = source.path
@@ -65,9 +61,13 @@ class Mutant:
             + fault.replacement
             + source.text[fault.end : last]
         )
-        # Which of the places with this text in this function, from 1, and of
-        # how many.
-        self.number, self.places = 1, 1
+
+    @property
+    def description(self):
+        """The change, independent of line numbers."""
+        if self.kind in ("order", "step", "trace"):
+            return self.before
+        return f"{self.before} → {self.after}"
 
 
 def squeezed(text):
@@ -83,20 +83,7 @@ def mutants_of(texts):
     for source in sources:
         if source.path.endswith(".hpp"):
             shared.update(names_declared(source))
-    return numbered(
-        [mutant for source in sources for mutant in mutants_in(source, shared)]
-    )
-
-
-def numbered(mutants):
-    alike = {}
-    for mutant in mutants:
-        text = (mutant.path, mutant.function, mutant.before, mutant.after)
-        alike.setdefault(text, []).append(mutant)
-    for places in alike.values():
-        for number, mutant in enumerate(places, 1):
-            mutant.number, mutant.places = number, len(places)
-    return mutants
+    return [mutant for source in sources for mutant in mutants_in(source, shared)]
 
 
 def mutants_in(source, shared):
@@ -120,7 +107,7 @@ def with_unique_ids(mutants):
 
 
 def replaced(kind, token, replacement):
-    return Fault(kind, token.start, token.end, replacement)
+    return Replacement(kind, token.start, token.end, replacement)
 
 
 # The kinds
@@ -134,31 +121,6 @@ def levels(source, _declared):
             if level.text in LEVELS:
                 other = LEVELS[(LEVELS.index(level.text) + 1) % 3]
                 yield replaced("level", level, other)
-
-
-def texts(source, _declared):
-    """A character of a string is another, and the last one is missing."""
-    for token in source.tokens:
-        if token.kind != "string":
-            continue
-        parts = PLAIN_OR_NOT.findall(token.text[1:-1])
-        plain = [n for n, part in enumerate(parts) if len(part) == 1]
-        if plain:
-            middle = plain[len(plain) // 2]
-            changed = parts[:middle] + [other_character(parts[middle])]
-            changed += parts[middle + 1 :]
-            yield replaced("text", token, '"' + "".join(changed) + '"')
-        if parts and not parts[-1].startswith("%"):
-            shorter = "".join(parts[:-1])
-            yield replaced("text-end", token, f'"{shorter}"')
-
-
-def other_character(character):
-    if character.isalpha():
-        return character.swapcase()
-    if character.isdigit():
-        return str((int(character) + 1) % 10)
-    return {" ": "  ", "/": "|"}.get(character, "")
 
 
 def comparisons(source, _declared):
@@ -262,7 +224,7 @@ def steps(source, _declared):
             ):
                 continue
             kind = "trace" if first.text == "MORROW_TRACE" else "step"
-            yield Fault(kind, first.start, source.tokens[statement.last].end, ";")
+            yield Replacement(kind, first.start, source.tokens[statement.last].end, ";")
 
 
 def is_needed(source, opening, statement):
@@ -315,7 +277,7 @@ def returns(source, _declared):
             continue  # a kind of its own
         if source.is_text(last, "nullopt"):
             continue  # the default already
-        yield Fault("return", source.tokens[first].start, source.tokens[last].end, "{}")
+        yield Replacement("return", source.tokens[first].start, source.tokens[last].end, "{}")
 
 
 def is_constant(token):
@@ -346,13 +308,24 @@ def has_effect(source, statement):
         return True
     inside = range(statement.first, statement.last)
     calls = any(
-        source.tokens[n].kind == "name" and source.is_text(n + 1, "(") for n in inside
+        source.tokens[n].kind == "name" and source.is_text(n + 1, "(")
+        or ends_template_call(source, n)
+        for n in inside
     )
     assigns = any(
         source.is_text(n, "=", "++", "--", "+=", "-=", "<<", "|=") for n in inside
     )
     declares = declared_name(source, statement) is not None
     return calls or (assigns and not declares)
+
+
+def ends_template_call(source, index):
+    """Whether a token is the last of "name<type>" in front of arguments."""
+    return (
+        source.is_text(index, ">")
+        and not source.bare(index)
+        and source.is_text(index + 1, "(")
+    )
 
 
 def arguments(source, _declared):
@@ -391,7 +364,7 @@ def swapped(source, kind, one, other):
     first, second = source.span(*one), source.span(*other)
     start, end = source.tokens[one[0]].start, source.tokens[other[1]].end
     between = source.text[source.tokens[one[1]].end : source.tokens[other[0]].start]
-    return Fault(kind, start, end, second + between + first)
+    return Replacement(kind, start, end, second + between + first)
 
 
 def branches(source, _declared):
@@ -418,7 +391,7 @@ def branches(source, _declared):
             continue  # declares what the branch uses
         start, end = source.tokens[first].start, source.tokens[last].end
         for value in ("true", "false"):
-            yield Fault(f"branch-{value}", start, end, value)
+            yield Replacement(f"branch-{value}", start, end, value)
 
 
 def runs(source):
@@ -430,7 +403,6 @@ def runs(source):
 
 KINDS = [
     levels,
-    texts,
     comparisons,
     arithmetic,
     constants,
