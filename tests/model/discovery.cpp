@@ -30,17 +30,19 @@ bool has(const Texts& list, const std::string& text)
 
 void Model::fullDiscovery()
 {
-    forgetEverything();
+    const std::vector<int> locks{acquireLock(0), acquireLock(1)};
+    const std::vector<int> shms{getShmId(0), getShmId(1)};
+    tearDown(locks, shms);
     sleeps(betweenUnbindAndBind);
     for (std::size_t row = 0; row < controllers.size(); ++row)
     {
-        (void)writeBind(row); // waited for whether it was written or not
+        (void)writeBind(row); // waited for, written or not
         if (!bindAndScan(controllers.at(row)))
         {
-            return goWaiting(1, on);
+            return startWait(1, on);
         }
     }
-    tellLists();
+    logLists();
     logs("Number of elements in i3c_device_map: " +
          std::to_string(now.devices.size()));
     logs("Number of elements in i3c_device_notify_map: " +
@@ -48,10 +50,9 @@ void Model::fullDiscovery()
     decideAfterFullDiscovery();
 }
 
-void Model::forgetEverything()
+void Model::tearDown(const std::vector<int>& locks,
+                     const std::vector<int>& shms)
 {
-    const std::array<int, 2> locks{acquireLock(0), acquireLock(1)};
-    const std::array<int, 2> shms{getShmId(0), getShmId(1)};
     now.devices.clear();
     now.discovered.clear();
     now.notified.clear();
@@ -74,8 +75,8 @@ void Model::forgetEverything()
     writeUnbind(1);
 }
 
-/** Waits for the device that is expected next, whichever controller it is
- *  behind. @return false when the first one does not show up */
+/** Waits for the next expected device, whichever controller it belongs to.
+ *  @return false when the first one does not come up */
 bool Model::bindAndScan(const Controller& controller)
 {
     const bool isFirst = now.devices.empty();
@@ -97,7 +98,7 @@ void Model::decideAfterFullDiscovery()
     if (now.notified.empty())
     {
         logs("Retry discovering i3c devices:count = 0");
-        goWaiting(3, on);
+        startWait(3, on);
     }
     else if (complete())
     {
@@ -129,7 +130,7 @@ void Model::partialDiscovery()
         logs("Going to discover i3c device: " + controllers.at(missing).node);
         redo(missing);
     }
-    tellLists();
+    logLists();
     if (now.notified.size() >= 2)
     {
         logs("Discovery complete");
@@ -138,7 +139,7 @@ void Model::partialDiscovery()
     else
     {
         logs("Partial discovery retry");
-        goWaiting(10, partial);
+        startWait(10, partial);
     }
 }
 
@@ -177,37 +178,20 @@ void Model::powerOffCleanup()
         shms.push_back(getShmId(number));
     }
     std::erase(locks, -1);
-    std::erase(shms, -1);
-    now.devices.clear();
-    now.discovered.clear();
-    now.notified.clear();
     now.waitTicks = 0;
-    withdrawAll();
-    sleeps(settling);
-    for (const int lock : locks)
-    {
-        does("removeLock " + std::to_string(lock));
-    }
-    removeNode(0);
-    removeNode(1);
-    for (const int shm : shms)
-    {
-        does("removeShm " + std::to_string(shm));
-    }
-    writeUnbind(0);
-    writeUnbind(1);
+    tearDown(locks, shms);
     now.daemonState = sleep;
 }
 
-// Steps that they share
+// Common steps
 
-/** Decided by how many there are, not by which. */
+/** Only the numbers count. */
 bool Model::complete() const
 {
     return now.devices.size() == 2 && now.notified.size() == 2;
 }
 
-void Model::tellLists()
+void Model::logLists()
 {
     for (const auto& controller : now.discovered)
     {
@@ -219,7 +203,7 @@ void Model::tellLists()
     }
 }
 
-void Model::goWaiting(int32_t ticks, DaemonState afterwards)
+void Model::startWait(int32_t ticks, DaemonState afterwards)
 {
     now.waitTicks = ticks;
     now.stateAfterWait = afterwards;
@@ -250,7 +234,7 @@ bool Model::writeBind(std::size_t controller)
     return true;
 }
 
-/** Nobody sees the removal of what is not there. */
+/** The removal of a missing node has no effect. */
 void Model::removeNode(std::size_t number)
 {
     if (kernel.removesNode(number))
@@ -272,7 +256,7 @@ bool Model::waitForNode(std::size_t number)
     return false;
 }
 
-/** The node that is notified goes by the class entry, not by the controller. */
+/** The node is that of the class entry, whatever the controller is. */
 void Model::scan(const Controller& controller, std::size_t number)
 {
     const auto& node = controllers.at(number).node;

@@ -56,16 +56,6 @@ std::string hex(uint8_t byte)
     return text.data();
 }
 
-Attempt takeNext(std::deque<Attempt>& attempts)
-{
-    Attempt attempt = attempts.front();
-    if (attempts.size() > 1)
-    {
-        attempts.pop_front();
-    }
-    return attempt;
-}
-
 const std::string server = "morrow_server";
 
 } // namespace
@@ -81,9 +71,9 @@ void Model::notify(std::size_t number)
     does("~mctp_wrapper_ep " + node);
 }
 
-/** The response area is cleared once: what an attempt leaves there, the next
- *  one that writes less finds. The endpoint id is the last attempt's, the slot
- *  the last one that any id had. */
+/** The response area is cleared once, so an attempt that writes less finds the
+ *  bytes of the one before. The endpoint id is that of the last attempt, the
+ * slot that of the last id with a slot. */
 void Model::exchange(std::size_t number)
 {
     const auto& node = controllers.at(number).node;
@@ -127,14 +117,14 @@ void Model::exchange(std::size_t number)
             break;
         }
     }
-    // A wrong answer is an answer.
+    // A wrong answer counts.
     if (answered)
     {
         publish(number, eid, slot);
     }
 }
 
-/** A second endpoint of one id is recorded, but not shown. */
+/** A second endpoint of the same id is recorded but not shown. */
 void Model::publish(std::size_t number, uint8_t eid, uint16_t slot)
 {
     const auto& node = controllers.at(number).node;

@@ -38,7 +38,7 @@ void Kernel::unbinds(std::size_t controller)
     bus.number.reset();
 }
 
-void Kernel::passes(int milliseconds)
+void Kernel::advance(int milliseconds)
 {
     for (Bus& bus : buses)
     {

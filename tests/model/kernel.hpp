@@ -2,12 +2,11 @@
 #pragma once
 
 /**
- * The part of the kernel that the daemon deals with, as a plain value: which
- * controllers are bound, and which device nodes and class entries there are.
+ * The part of the kernel that the daemon uses, as a plain value: which
+ * controllers are bound, and which device nodes and class entries exist.
  *
- * It knows no files. Time passes when it is told so. Both sides of the
- * comparison have one of these: the model looks into its own, and the other
- * is shown to the daemon as real files.
+ * It has no files and no clock. The model reads its own; another one is shown
+ * to the daemon as real files.
  */
 
 #include <array>
@@ -18,23 +17,21 @@
 namespace model
 {
 
-/** What is found where a class entry belongs. */
+/** What exists at the path of a class entry. */
 enum class ClassEntry : uint8_t
 {
     none,
-    directory, //!< as it should be
+    directory,
     file,
 };
 
-/** What a controller's device does once the controller is bound. */
+/** What the device of a controller does after a bind. */
 struct Device
 {
     bool comesUp = true;
     int polls = 1; //!< after so many tenths of a second, at least 1
     std::size_t number = 0; //!< of the node and class entry that it gets
     ClassEntry entry = ClassEntry::directory;
-
-    bool operator==(const Device&) const = default;
 };
 
 /** A device node and a class entry of one number. */
@@ -42,34 +39,31 @@ struct Place
 {
     bool node = false;
     ClassEntry entry = ClassEntry::none;
-
-    bool operator==(const Place&) const = default;
 };
 
 class Kernel
 {
   public:
-    /** How a controller's device behaves from the next bind on. */
+    /** Sets the behaviour of a device from the next bind on. */
     void behaves(std::size_t controller, const Device& device);
 
     /** Binds a controller, unless it is bound. */
     void binds(std::size_t controller);
 
-    /** Unbinds a controller: the class entry goes; the node is left to whoever
-     *  removes it. */
+    /** Unbinds a controller: removes the class entry, not the node. */
     void unbinds(std::size_t controller);
 
-    /** Time passes: devices come up. */
-    void passes(int milliseconds);
+    /** Lets time pass: devices come up. */
+    void advance(int milliseconds);
 
-    /** A node is removed. @return whether it was there */
+    /** Removes a node. @return whether it existed */
     bool removesNode(std::size_t number);
 
-    /** A node or a class entry is there that no controller has made. */
+    /** Creates a node or a class entry without a controller. */
     void makesNode(std::size_t number);
     void makesEntry(std::size_t number, ClassEntry entry);
 
-    /** What there is of a number. */
+    /** The node and class entry of a number. */
     [[nodiscard]] const Place& at(std::size_t number) const
     {
         return places.at(number);
@@ -80,7 +74,7 @@ class Kernel
     {
         Device device;
         bool bound = false;
-        std::optional<int> comesUpIn{}; //!< milliseconds, while it is awaited
+        std::optional<int> comesUpIn{}; //!< milliseconds, while it comes up
         std::optional<std::size_t> number{}; //!< while its device is up
     };
 

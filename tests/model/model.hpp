@@ -2,19 +2,17 @@
 #pragma once
 
 /**
- * The state loop as it should be: a model to hold the daemon against.
+ * The model: a second implementation of the state loop, which the daemon is
+ * compared with. It shares no code with the daemon.
  *
- * It is written to be read. Each rule is one function, what is a table is
- * written as a table, and there are no files, threads, buses or clocks: the
- * surroundings are plain values that happenings change. What a pass would do
- * to the world outside comes out as effects, one line of text each, in the
- * words of the test programs' record; what it would leave behind is a State.
- *
- * It shares no code with the daemon.
+ * It is written to be read. Each rule is one function, tables are written as
+ * tables, and there are no files, threads, buses or clocks. What an iteration
+ * does comes out as effects, one line of text each, as in the record of the
+ * tests; what it leaves behind is a State.
  */
 
 #include "kernel.hpp"
-#include "world.hpp"
+#include "test_case.hpp"
 
 #include <array>
 #include <cstddef>
@@ -40,34 +38,45 @@ struct Endpoint
 /** The endpoints of network 0 by endpoint id. */
 using Published = std::map<uint8_t, Endpoint>;
 
+/** The next of some values; the last one repeats. */
+template <typename Value>
+Value takeNext(std::deque<Value>& values)
+{
+    Value value = values.front();
+    if (values.size() > 1)
+    {
+        values.pop_front();
+    }
+    return value;
+}
+
 class Model
 {
   public:
     explicit Model(State start);
 
-    /** Something happens before the next pass. */
-    void happens(const Happening& happening);
+    /** Applies an event before the next iteration. */
+    void apply(const Event& event);
 
-    /** One pass of the state loop. */
-    void pass();
+    /** One iteration of the state loop. */
+    void iterate();
 
-    /** The end of a pass on its own: what the host has done moves the state.
-     *  After a read of the host's state only some of the rules can apply. */
+    /** The end of an iteration alone. After a read of the host's state only
+     * some of the rules can apply. */
     void applyTransitionRules();
 
-    /** What is known after it. */
     [[nodiscard]] const State& state() const
     {
         return now;
     }
 
-    /** What the bus shows after it. */
+    /** What the bus shows. */
     [[nodiscard]] const Published& published() const
     {
         return endpoints;
     }
 
-    /** What was done since the last time that this was asked. */
+    /** The effects since the last call. */
     Texts takeEffects();
 
   private:
@@ -79,23 +88,23 @@ class Model
 
     // The host
     bool readHostState();
-    void hears(const PowerStateSignal& signal);
-    void hears(const ResetCauseSignal& signal);
+    void handle(const PowerStateSignal& signal);
+    void handle(const ResetCauseSignal& signal);
     void powerStateIs(const std::string& value);
     void resetCauseIs(const std::string& value);
     void armPowerDown();
 
     // Discovery
     void fullDiscovery();
-    void forgetEverything();
+    void tearDown(const std::vector<int>& locks, const std::vector<int>& shms);
     bool bindAndScan(const Controller& controller);
     void decideAfterFullDiscovery();
     void partialDiscovery();
     void redo(std::size_t number);
     void powerOffCleanup();
     bool complete() const;
-    void tellLists();
-    void goWaiting(int32_t ticks, DaemonState afterwards);
+    void logLists();
+    void startWait(int32_t ticks, DaemonState afterwards);
     void writeUnbind(std::size_t controller);
     bool writeBind(std::size_t controller);
     void removeNode(std::size_t number);
@@ -118,13 +127,13 @@ class Model
     int acquireLock(std::size_t number);
     int getShmId(std::size_t number);
 
-    /** What the daemon meets, as the last happenings left it. */
+    /** What the last events have set. */
     struct Surroundings
     {
         bool hostAnswers = true;
         std::string hostState = running;
         std::array<std::deque<Attempt>, 2> attempts{
-            {{goodAnswer(usualEids[0])}, {goodAnswer(usualEids[1])}}};
+            {{goodAnswer(defaultEids[0])}, {goodAnswer(defaultEids[1])}}};
         std::array<int, 2> locks{-1, -1};
         std::array<int, 2> shms{-1, -1};
         bool bindOpens = true;

@@ -20,20 +20,7 @@ constexpr int oneSecond = 1000;
 
 const std::string client = "morrow_client";
 
-/** The next of some values; the last one stays. */
-template <typename Value>
-Value takeNext(std::deque<Value>& values)
-{
-    Value value = values.front();
-    if (values.size() > 1)
-    {
-        values.pop_front();
-    }
-    return value;
-}
-
-/** What an internal power state means. The first one that a value contains
- *  decides. */
+/** The first one that a value contains decides. */
 struct PowerState
 {
     std::string_view name;
@@ -52,7 +39,6 @@ constexpr std::array<PowerState, 9> powerStates{{
     {"Unknown", true},
 }};
 
-/** Of a flag one bit counts. */
 bool isSet(uint8_t flag)
 {
     return (flag & 1U) != 0;
@@ -69,7 +55,7 @@ Model::Model(State start) : now(std::move(start))
 {
 }
 
-void Model::pass()
+void Model::iterate()
 {
     runAction();
     if (!readHostState())
@@ -202,7 +188,7 @@ void Model::armPowerDown()
     now.awaitHostRunning = 1;
 }
 
-void Model::hears(const PowerStateSignal& signal)
+void Model::handle(const PowerStateSignal& signal)
 {
     logs(1, client,
          "signalHandler_internalpowerstate:Path:"
@@ -239,7 +225,7 @@ void Model::powerStateIs(const std::string& value)
     }
 }
 
-void Model::hears(const ResetCauseSignal& signal)
+void Model::handle(const ResetCauseSignal& signal)
 {
     logs(1, client,
          "signalHandler_warmreset:Path:"
@@ -265,14 +251,14 @@ void Model::resetCauseIs(const std::string& value)
     }
 }
 
-void Model::happens(const Happening& happening)
+void Model::apply(const Event& event)
 {
     struct Visitor
     {
         Model& model;
         Surroundings& around;
 
-        void operator()(const Nothing& /*nothing*/) const
+        void operator()(const NoEvent& /*nothing*/) const
         {
         }
 
@@ -289,12 +275,12 @@ void Model::happens(const Happening& happening)
 
         void operator()(const PowerStateSignal& signal) const
         {
-            model.hears(signal);
+            model.handle(signal);
         }
 
         void operator()(const ResetCauseSignal& signal) const
         {
-            model.hears(signal);
+            model.handle(signal);
         }
 
         void operator()(const DeviceBehaves& behaviour) const
@@ -335,7 +321,7 @@ void Model::happens(const Happening& happening)
             around.vendorReads = {vendor.reads.begin(), vendor.reads.end()};
         }
     };
-    std::visit(Visitor{*this, surroundings}, happening);
+    std::visit(Visitor{*this, surroundings}, event);
 }
 
 Texts Model::takeEffects()
@@ -368,7 +354,7 @@ void Model::logsAndTraces(int level, const std::string& source,
 void Model::sleeps(int milliseconds)
 {
     does("sleep " + std::to_string(milliseconds) + " ms");
-    kernel.passes(milliseconds);
+    kernel.advance(milliseconds);
 }
 
 } // namespace model

@@ -2,18 +2,18 @@
 #pragma once
 
 /**
- * What the scenario tests share: a simulated board around the installed
- * daemon, and the words to drive and to question it.
+ * The fixture of the scenario tests: a simulated board with the installed
+ * daemon.
  *
- * A test that fails prints the timeline. What the daemon prints beside its log
- * records, as a sanitizer or the C++ runtime does, fails a test that does not
- * expect it.
+ * A test that fails prints the timeline. Output of the daemon beside its log,
+ * for example of a sanitizer, fails the test.
  */
 
 #include "board/board.hpp"
 #include "board/timeline/printer.hpp"
 #include "tests/support/isolated_main.hpp"
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -28,6 +28,7 @@ class Scenario : public testing::Test
     Scenario()
     {
         options.installation = board::Installation::of(BOARD_PROGRAM);
+        options.hostState = "Running";
     }
 
     ~Scenario() override
@@ -55,6 +56,9 @@ class Scenario : public testing::Test
         return timeline.size();
     }
 
+    /** Long enough for a loaded machine. */
+    static constexpr std::chrono::seconds timeout{120};
+
     /** Waits for the daemon to log a text. */
     board::Event logs(const std::string& text, std::size_t from = 0)
     {
@@ -65,24 +69,24 @@ class Scenario : public testing::Test
                 const auto* log = event.as<board::event::Log>();
                 return log != nullptr && log->text == text;
             },
-            from);
+            from, timeout);
     }
 
     /** Waits until an endpoint is announced. */
     board::Event publishes(const std::string& path, std::size_t from = 0)
     {
-        return awaitPath<board::event::EndpointAdded>("announcement of ", path,
-                                                      from);
+        return waitForPath<board::event::EndpointAdded>("announcement of ",
+                                                        path, from);
     }
 
     /** Waits until an endpoint is withdrawn. */
     board::Event withdraws(const std::string& path, std::size_t from = 0)
     {
-        return awaitPath<board::event::EndpointRemoved>("withdrawal of ", path,
-                                                        from);
+        return waitForPath<board::event::EndpointRemoved>("withdrawal of ",
+                                                          path, from);
     }
 
-    /** Waits until nobody owns the daemon's name any more; it may have ended
+    /** Waits until the daemon's name has no owner; the daemon may have ended
      *  before. */
     board::Event leavesTheBus(std::size_t from = 0)
     {
@@ -93,7 +97,7 @@ class Scenario : public testing::Test
                 const auto* name = event.as<board::event::NameOwner>();
                 return name != nullptr && name->owner.empty();
             },
-            board::Board::usualLimit, from);
+            timeout, from);
     }
 
     /** How often the daemon has logged a text. */
@@ -135,20 +139,6 @@ class Scenario : public testing::Test
         return texts;
     }
 
-    /** Waits until a controller's name is written to the bind file. */
-    board::Event binds(const std::string& controller, std::size_t from)
-    {
-        return board().await(
-            "bind of " + controller,
-            [&controller](const board::Event& event)
-            {
-                const auto* write = event.as<board::event::DriverWrite>();
-                return write != nullptr && write->bind &&
-                       write->controller == controller;
-            },
-            from);
-    }
-
     /** How many packets were sent to the endpoint behind a node. */
     std::size_t requests(const std::string& node, std::size_t from = 0) const
     {
@@ -171,12 +161,11 @@ class Scenario : public testing::Test
         return paths;
     }
 
-    /** Starts the daemon with a running host and waits for both endpoints. */
+    /** Starts the daemon and waits for both endpoints. */
     void startToBothEndpoints()
     {
-        options.hostState = "Running";
         board().daemon().start();
-        board().daemon().awaitReady(board::Board::usualLimit);
+        board().daemon().awaitReady(timeout);
         publishes(endpoint0);
         publishes(endpoint1);
         logs("Discovery complete");
@@ -190,40 +179,22 @@ class Scenario : public testing::Test
         board().daemon().terminate();
         logs("Stop initialization", from);
         board().daemon().terminate();
-        return board().daemon().awaitExit(board::Board::usualLimit);
+        return board().daemon().awaitExit(timeout);
     }
 
     static constexpr const char* endpoint0 = "/xyz/openbmc_project/mctp/0/29";
     static constexpr const char* endpoint1 = "/xyz/openbmc_project/mctp/0/157";
 
-    /** What the daemon printed beside its log records. */
-    std::vector<std::string> daemonOutput() const
-    {
-        std::vector<std::string> lines;
-        for (const auto& output : all<board::event::Output>())
-        {
-            if (output.program == "morrow")
-            {
-                lines.push_back(output.line);
-            }
-        }
-        return lines;
-    }
-
     board::BoardOptions options;
     board::Timeline timeline;
 
-    /** The daemon is to print something beside its log records. */
-    bool expectsOutput = false;
-
-    /** The number of events when the board had booted, which binds both
-     *  controllers. */
+    /** The number of events after the boot, which binds both controllers. */
     std::size_t booted = 0;
 
   private:
     template <typename Kind>
-    board::Event awaitPath(const std::string& what, const std::string& path,
-                           std::size_t from)
+    board::Event waitForPath(const std::string& what, const std::string& path,
+                             std::size_t from)
     {
         return board().await(
             what + path,
@@ -232,14 +203,14 @@ class Scenario : public testing::Test
                 const auto* body = event.as<Kind>();
                 return body != nullptr && body->path == path;
             },
-            from);
+            from, timeout);
     }
 
     void end()
     {
-        for (const auto& line : daemonOutput())
+        for (const auto& output : all<board::event::Output>())
         {
-            EXPECT_TRUE(expectsOutput) << "the daemon printed: " << line;
+            EXPECT_NE(output.program, "morrow") << output.line;
         }
         if (HasFailure() || isolated::show)
         {
@@ -253,14 +224,4 @@ class Scenario : public testing::Test
     }
 
     std::unique_ptr<board::Board> theBoard;
-};
-
-/** Stories in which the host runs from the beginning. */
-class ScenarioOfARunningHost : public Scenario
-{
-  protected:
-    ScenarioOfARunningHost()
-    {
-        options.hostState = "Running";
-    }
 };

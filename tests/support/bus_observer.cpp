@@ -173,11 +173,11 @@ BusObserver::~BusObserver()
     sd_bus_flush_close_unref(marker);
 }
 
-std::vector<std::string> BusObserver::seen() const
+std::vector<std::string> BusObserver::seen(std::size_t from) const
 {
     auto texts = record::textsOf(threadId);
     std::erase(texts, "mark");
-    return texts;
+    return {texts.begin() + static_cast<std::ptrdiff_t>(from), texts.end()};
 }
 
 void BusObserver::catchUp()

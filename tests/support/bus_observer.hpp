@@ -2,10 +2,8 @@
 #pragma once
 
 /**
- * A peer on the bus that puts into the record what the daemon announces, and
- * asks it as any client would.
+ * A client on the bus that records the daemon's signals. Its events:
  *
- * Its events read
  *
  *     InterfacesAdded PATH DevicePath= EID=0 ...     (by name)
  *     PropertiesChanged PATH EID=29
@@ -13,6 +11,7 @@
  *     NameOwnerChanged gone|owned
  */
 
+#include "pinned.hpp"
 #include "served_connection.hpp"
 
 #include <sdbusplus/bus.hpp>
@@ -25,28 +24,23 @@
 #include <string>
 #include <vector>
 
-class BusObserver
+class BusObserver : Pinned
 {
   public:
     BusObserver();
-    BusObserver(const BusObserver&) = delete;
-    BusObserver& operator=(const BusObserver&) = delete;
-    BusObserver(BusObserver&&) = delete;
-    BusObserver& operator=(BusObserver&&) = delete;
     ~BusObserver();
 
-    /** The texts of its events so far. */
-    std::vector<std::string> seen() const;
+    /** The texts of its events so far, from the n-th on. */
+    std::vector<std::string> seen(std::size_t from = 0) const;
 
-    /** Waits until all that the daemon sent before has been seen: sends a
-     *  signal of its own and waits for that. */
+    /** Waits until everything that the daemon has sent is recorded. */
     void catchUp();
 
   private:
     sd_bus* marker = nullptr;
     std::size_t marks = 0;
     std::atomic<pid_t> threadId{0};
-    ServedConnection connection; // goes first: its thread uses the others
+    ServedConnection connection; // destroyed first: its thread uses the others
 };
 
 /** A call to the daemon from a fresh connection. */

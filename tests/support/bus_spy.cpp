@@ -17,7 +17,7 @@
 namespace
 {
 
-/** Not while a call is passed on: libsystemd lets go of things of its own. */
+/** Not while a call is passed on: libsystemd releases things of its own. */
 thread_local bool watching = false;
 
 std::atomic<bool> repliesAreErrors{false};
@@ -101,7 +101,7 @@ extern "C" sd_bus_slot* sd_bus_slot_unref(sd_bus_slot* slot)
     if (watching)
     {
         const std::lock_guard lock(namesMutex);
-        record::add("lets go of the %s", names[slot].c_str());
+        record::add("releases the %s", names[slot].c_str());
     }
     const bool watched = std::exchange(watching, false);
     auto* const result = next(sd_bus_slot_unref, "sd_bus_slot_unref")(slot);
@@ -131,7 +131,7 @@ extern "C" sd_bus* sd_bus_unref(sd_bus* bus)
 {
     if (watching)
     {
-        record::add("lets go of the bus");
+        record::add("releases the bus");
     }
     return next(sd_bus_unref, "sd_bus_unref")(bus);
 }

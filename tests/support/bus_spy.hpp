@@ -2,22 +2,20 @@
 #pragma once
 
 /**
- * Sees a connection's matches and managers come, its waits, and its references
- * and slots go, in their order, which no peer on the bus can see. It stands in
- * front of libsystemd, passes every call on unless it is told otherwise, and,
- * while it watches, records
+ * Records calls of libsystemd that no client on the bus can see, in their
+ * order. It replaces the functions and forwards the calls. Its events:
  *
  *     adds the match RULE
  *     adds the manager PATH
  *     waits N us for the bus
  *     waits N us for an answer     (0 is the library's default)
  *     finds nothing more to do
- *     lets go of the bus
- *     lets go of the match RULE
- *     lets go of the manager PATH
+ *     releases the bus
+ *     releases the match RULE
+ *     releases the manager PATH
  *
- * A test program that uses it exports its own symbols, so that the wrapper's
- * library finds them first.
+ * The test program exports its symbols, so that a library of the wrapper calls
+ * these functions.
  */
 
 namespace bus_spy

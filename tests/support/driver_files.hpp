@@ -2,29 +2,26 @@
 #pragma once
 
 /**
- * The files of the I3C driver as the unit tests need them: plain files in the
- * sandbox's own /sys and /dev, with every write to bind and unbind and every
- * removal of a device node put into the record at its place.
+ * The files of the I3C driver for the unit tests: plain files in the sandbox,
+ * with every write to bind and unbind and every removal of a device node
+ * recorded in order.
  *
- * bind and unbind are FIFOs that this object keeps open, so that nothing
- * written is lost; inotify tells the order. What happened is collected before
- * each further event of the thread that made this object. When a controller
- * is bound that is to come up, its node and its class entry appear, under the
- * lowest number that is free.
+ * bind and unbind are FIFOs that this object keeps open, so that nothing is
+ * lost; inotify gives the order. Events are collected before each other event
+ * of the thread that created this object. A bind creates node and class entry,
+ * under the lowest free number, of a controller that comes up.
  */
+
+#include "pinned.hpp"
 
 #include <functional>
 #include <set>
 #include <string>
 
-class DriverFiles
+class DriverFiles : Pinned
 {
   public:
     DriverFiles();
-    DriverFiles(const DriverFiles&) = delete;
-    DriverFiles& operator=(const DriverFiles&) = delete;
-    DriverFiles(DriverFiles&&) = delete;
-    DriverFiles& operator=(DriverFiles&&) = delete;
     ~DriverFiles();
 
     /** The device of a controller appears as soon as it is seen to be bound:
@@ -34,8 +31,7 @@ class DriverFiles
     /** The same, but without a class entry. */
     void comesUpWithoutClassEntry(const std::string& controller);
 
-    /** Calls this with each event, in the words of the record, once it has
-     *  been recorded: for files that are to answer in another way. */
+    /** Calls this with each event after it was recorded. */
     void afterEach(std::function<void(const std::string&)> hook);
 
     /** Takes the file away, so that it can't be opened. */
@@ -55,7 +51,7 @@ class DriverFiles
     /** Makes a class entry, not recorded. */
     static void makeClassEntry(int number);
 
-    /** Puts what happened since the last event into the record. */
+    /** Records the events so far. */
     void collect();
 
   private:

@@ -52,7 +52,6 @@ struct Semaphores
 {
     std::mutex mutex;
     std::map<const sem_t*, Semaphore> known;
-    const sem_t* last = nullptr;
 
     static Semaphores& all()
     {
@@ -68,13 +67,6 @@ Semaphore semaphore(const sem_t* address)
     auto& all = Semaphores::all();
     const std::lock_guard lock(all.mutex);
     return all.known.at(address);
-}
-
-Semaphore lastSemaphore()
-{
-    auto& all = Semaphores::all();
-    const std::lock_guard lock(all.mutex);
-    return all.known.at(all.last);
 }
 
 Semaphore semaphoreWithin(const void* object, std::size_t size)
@@ -339,7 +331,6 @@ extern "C" int sem_init(sem_t* semaphore, int shared, unsigned int value)
     auto& all = fake::Semaphores::all();
     const std::lock_guard lock(all.mutex);
     all.known[semaphore] = {shared, value, 0};
-    all.last = semaphore;
     return realFunction<int(sem_t*, int, unsigned int)>("sem_init")(
         semaphore, shared, value);
 }

@@ -2,11 +2,10 @@
 #pragma once
 
 /**
- * The platform contract as the unit tests need it: every call is recorded, and
- * what it answers is set here. Sleeping takes no time: the request is recorded
- * and the sleeper goes on at once. The transport leaves nothing in a request
- * record, so that each attempt needs a new one. Semaphores are the system's
- * own, but can be refused, which the system itself never does.
+ * A fake of the platform contract: every call is recorded, and its answer is
+ * set here. Sleeping is recorded and takes no time. The transport clears a
+ * request record, so that each attempt needs a new one. Semaphores are real,
+ * but creating and destroying them can fail.
  */
 
 #include <semaphore.h>
@@ -30,7 +29,7 @@ struct VendorRead
     uint16_t vendor;
 };
 
-/** What the next reads of the CPU vendor give; the last one stays. */
+/** Results of the next reads of the CPU vendor; the last one repeats. */
 extern std::deque<VendorRead> vendorReads;
 
 /** Lock and shared-memory ids by device node; -1 for one that is not here. */
@@ -48,14 +47,14 @@ struct Attempt
     uint64_t beyond = 0; //!< what the length says too much
 };
 
-/** The attempt of an endpoint that answers Discovery Notify as it should. */
+/** The correct answer to Discovery Notify. */
 Attempt answer(uint8_t eid);
 
 /** The attempt of an endpoint that does not answer. */
 Attempt silence();
 
-/** What the next attempts on a device node end in; the last one stays. A node
- *  that is not here stays silent. */
+/** Results of the next attempts on a device node; the last one repeats. A node
+ *  without an entry is silent. */
 extern std::map<std::string, std::deque<Attempt>> endpoints;
 
 /** The 64-bit words of the last request and, as the caller laid it out, of the
@@ -92,9 +91,6 @@ struct Semaphore
 
 /** What became of a semaphore. Any thread. */
 Semaphore semaphore(const sem_t* address);
-
-/** The same of the one that was made last. */
-Semaphore lastSemaphore();
 
 /** What became of the semaphore that is somewhere in an object of this size.
  *  Any thread. */

@@ -2,10 +2,11 @@
 #pragma once
 
 /**
- * What a test program takes from the heap with operator new, counted and
- * refused. A program that is linked with this has operators of its own; what C
- * takes, sd-bus for one, goes past them.
+ * Counts allocations with operator new, and lets them fail. Allocations of C
+ * code, such as sd-bus, are not affected.
  */
+
+#include "pinned.hpp"
 
 #include <cstddef>
 
@@ -17,15 +18,10 @@ std::size_t allocationsOfThisThread();
 
 /** While there is one, allocations of this size and more fail, on every
  *  thread. */
-class NoMemoryFrom
+class NoMemoryFrom : Pinned
 {
   public:
     explicit NoMemoryFrom(std::size_t size);
-
-    NoMemoryFrom(const NoMemoryFrom&) = delete;
-    NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
-    NoMemoryFrom(NoMemoryFrom&&) = delete;
-    NoMemoryFrom& operator=(NoMemoryFrom&&) = delete;
 
     ~NoMemoryFrom();
 };

@@ -2,11 +2,11 @@
 #pragma once
 
 /**
- * The host-state service and the host-control objects, as the unit tests need
- * them: they answer what they are told to, sensible or not. On a connection
- * and a thread of their own.
+ * The host-state service and the host-control objects for the unit tests, on a
+ * connection and a thread of their own. A test sets the answers.
  */
 
+#include "pinned.hpp"
 #include "served_connection.hpp"
 
 #include <systemd/sd-bus.h>
@@ -17,15 +17,11 @@
 #include <string>
 #include <vector>
 
-class HostService
+class HostService : Pinned
 {
   public:
     /** Takes the name of the host-state service; the state is Off. */
     HostService();
-    HostService(const HostService&) = delete;
-    HostService& operator=(const HostService&) = delete;
-    HostService(HostService&&) = delete;
-    HostService& operator=(HostService&&) = delete;
     ~HostService() = default;
 
     /** Answers Get with the state of this name, for example "Running", as the
@@ -61,7 +57,7 @@ class HostService
     std::size_t answered = 0;
     std::string asked;
     std::string asker;
-    ServedConnection connection; // goes first: its thread uses the others
+    ServedConnection connection; // destroyed first: its thread uses the others
 };
 
 /** One property that a PropertiesChanged signal brings. */
@@ -72,14 +68,10 @@ struct Change
 };
 
 /** A connection that sends signals from the host-control objects. */
-class HostControl
+class HostControl : Pinned
 {
   public:
     HostControl();
-    HostControl(const HostControl&) = delete;
-    HostControl& operator=(const HostControl&) = delete;
-    HostControl(HostControl&&) = delete;
-    HostControl& operator=(HostControl&&) = delete;
     ~HostControl();
 
     static constexpr const char* powerState =

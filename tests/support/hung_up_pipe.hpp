@@ -2,10 +2,11 @@
 #pragma once
 
 /**
- * A stop pipe without a writer, for as long as an object lives: its reader is
- * told again and again that there is something, and reads nothing.
+ * A stop pipe without a writer, as long as an object exists: its reader is
+ * woken again and again and reads nothing.
  */
 
+#include "pinned.hpp"
 #include "tests/support/record.hpp"
 
 #include <fcntl.h>
@@ -19,7 +20,7 @@
 
 #include <gtest/gtest.h>
 
-class HungUpPipe
+class HungUpPipe : Pinned
 {
   public:
     /** Closes the only descriptor to write to.
@@ -29,11 +30,6 @@ class HungUpPipe
     {
         close(pipe[1]);
     }
-
-    HungUpPipe(const HungUpPipe&) = delete;
-    HungUpPipe& operator=(const HungUpPipe&) = delete;
-    HungUpPipe(HungUpPipe&&) = delete;
-    HungUpPipe& operator=(HungUpPipe&&) = delete;
 
     /** Makes a writer again, with the same number. */
     ~HungUpPipe()

@@ -17,16 +17,13 @@
 #include "board/util/error.hpp"
 
 #include <fnmatch.h>
-#include <poll.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -37,7 +34,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -45,9 +41,7 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr auto limit = std::chrono::minutes(5);
+constexpr unsigned limitSeconds = 300;
 constexpr int usageError = 2;
 
 constexpr const char* usage =
@@ -131,6 +125,7 @@ std::vector<std::string> testsMatching(const std::string& filter)
         std::cerr << error.what() << '\n';
         std::_Exit(EXIT_FAILURE);
     }
+    (void)alarm(limitSeconds);
     testing::GTEST_FLAG(filter) = name;
     const int result = RUN_ALL_TESTS();
     if ((result != 0 || isolated::show) && isolated::printEvents != nullptr)
@@ -147,9 +142,7 @@ struct Running
 {
     std::string name;
     pid_t child;
-    int handle; //!< readable when the child has ended
     int output; //!< what it prints
-    Clock::time_point deadline;
 };
 
 Running start(const std::string& name)
@@ -161,34 +154,21 @@ Running start(const std::string& name)
     {
         runAlone(name, output);
     }
-    return {name, child, static_cast<int>(syscall(SYS_pidfd_open, child, 0)),
-            output, Clock::now() + limit};
+    return {name, child, output};
 }
 
-/** Takes a child that has ended, or ends one that has not.
- *  @return why it failed, empty when it passed */
-std::string outcomeOf(const Running& test, bool hung)
+/** Why a test has failed; empty when it has passed. */
+std::string failureOf(int status)
 {
-    if (hung)
-    {
-        kill(test.child, SIGKILL);
-    }
-    int status = 0;
-    waitpid(test.child, &status, 0);
-    close(test.handle);
-    if (hung)
-    {
-        return "hung";
-    }
     if (WIFSIGNALED(status))
     {
-        return "ended by " + std::string(strsignal(WTERMSIG(status)));
+        return WTERMSIG(status) == SIGALRM
+                   ? "timeout"
+                   : "ended by " + std::string(strsignal(WTERMSIG(status)));
     }
-    if (WEXITSTATUS(status) != 0)
-    {
-        return "exit status " + std::to_string(WEXITSTATUS(status));
-    }
-    return {};
+    return WEXITSTATUS(status) == 0
+               ? ""
+               : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
 void printAsComments(int output)
@@ -209,9 +189,9 @@ void printAsComments(int output)
 }
 
 /** Prints a result. @return whether the test passed */
-bool report(const Running& test, bool hung, std::size_t number)
+bool report(const Running& test, int status, std::size_t number)
 {
-    const auto failure = outcomeOf(test, hung);
+    const auto failure = failureOf(status);
     std::cout << (failure.empty() ? "ok " : "not ok ") << number << " - "
               << test.name << '\n';
     if (!failure.empty())
@@ -226,42 +206,13 @@ bool report(const Running& test, bool hung, std::size_t number)
     return failure.empty();
 }
 
-/** Waits until one of these has ended or has run too long.
- *  @return which, and whether it ran too long */
-std::pair<std::size_t, bool> waitForOne(const std::vector<Running>& tests)
-{
-    while (true)
-    {
-        std::vector<pollfd> ended;
-        ended.reserve(tests.size());
-        for (const auto& test : tests)
-        {
-            ended.push_back(
-                {.fd = test.handle, .events = POLLIN, .revents = 0});
-        }
-        constexpr int lookAtDeadlinesMs = 1000;
-        (void)poll(ended.data(), ended.size(), lookAtDeadlinesMs);
-        for (std::size_t index = 0; index < tests.size(); ++index)
-        {
-            if (ended[index].revents != 0)
-            {
-                return {index, false};
-            }
-            if (Clock::now() >= tests[index].deadline)
-            {
-                return {index, true};
-            }
-        }
-    }
-}
-
 /** Ends the tests that still run. */
 void bailOut(const std::vector<Running>& tests)
 {
     for (const auto& test : tests)
     {
-        (void)outcomeOf(test, true);
-        close(test.output);
+        kill(test.child, SIGKILL);
+        waitpid(test.child, nullptr, 0);
     }
     std::cout << "Bail out! A test has failed\n";
 }
@@ -269,21 +220,29 @@ void bailOut(const std::vector<Running>& tests)
 /** Runs the tests. @return how many failed */
 std::size_t runAll(const Plan& plan)
 {
-    auto names = plan.names;
-    std::reverse(names.begin(), names.end());
+    auto next = plan.names.begin();
     std::vector<Running> running;
     std::size_t number = 0;
     std::size_t failed = 0;
-    while (!names.empty() || !running.empty())
+    while (next != plan.names.end() || !running.empty())
     {
-        while (!names.empty() && running.size() < plan.jobs)
+        while (next != plan.names.end() && running.size() < plan.jobs)
         {
-            running.push_back(start(names.back()));
-            names.pop_back();
+            running.push_back(start(*next++));
         }
-        const auto [index, hung] = waitForOne(running);
-        failed += report(running[index], hung, ++number) ? 0 : 1;
-        running.erase(running.begin() + static_cast<std::ptrdiff_t>(index));
+        int status = 0;
+        const pid_t ended = waitpid(-1, &status, 0);
+        const auto test = std::find_if(running.begin(), running.end(),
+                                       [ended](const auto& candidate)
+                                       {
+                                           return candidate.child == ended;
+                                       });
+        if (test == running.end())
+        {
+            continue; // an orphan of a test
+        }
+        failed += report(*test, status, ++number) ? 0 : 1;
+        running.erase(test);
         if (failed > 0 && plan.failFast)
         {
             bailOut(running);

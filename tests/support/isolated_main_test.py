@@ -11,7 +11,7 @@ import unittest
 # The sandbox with one of the test programs.
 COMMAND = shlex.split(os.environ["COMMAND"])
 SUITE = "InitialValues"
-TEST = f"{SUITE}.AreAsTheStateLoopNeedsThem"
+TEST = f"{SUITE}.AreAsTheStateLoopExpects"
 
 
 def run(*arguments):

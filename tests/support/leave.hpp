@@ -2,8 +2,8 @@
 #pragma once
 
 /**
- * Leaves a process from the middle of it, as a child does that has seen what
- * it was to see while the daemon's threads still run.
+ * Exits from a process whose other threads still run, as a child of a death
+ * test does.
  */
 
 #include <cstdlib>

@@ -2,9 +2,10 @@
 #pragma once
 
 /**
- * Real shortages, for as long as an object lives: the daemon's failures are
- * provoked with the system's own limits.
+ * Shortages of the system's resources, as long as an object exists.
  */
+
+#include "pinned.hpp"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -17,7 +18,7 @@ namespace limits
 {
 
 /** No new thread starts: its stack would be larger than any address space. */
-class NoNewThreads
+class NoNewThreads : Pinned
 {
   public:
     NoNewThreads()
@@ -27,11 +28,6 @@ class NoNewThreads
         pthread_attr_getstacksize(&attributes, &before);
         setDefault(std::size_t{1} << 50U);
     }
-
-    NoNewThreads(const NoNewThreads&) = delete;
-    NoNewThreads& operator=(const NoNewThreads&) = delete;
-    NoNewThreads(NoNewThreads&&) = delete;
-    NoNewThreads& operator=(NoNewThreads&&) = delete;
 
     ~NoNewThreads()
     {
@@ -52,7 +48,7 @@ class NoNewThreads
 };
 
 /** No new descriptor can be had. */
-class NoNewDescriptors
+class NoNewDescriptors : Pinned
 {
   public:
     NoNewDescriptors()
@@ -64,11 +60,6 @@ class NoNewDescriptors
                           .rlim_max = before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &none);
     }
-
-    NoNewDescriptors(const NoNewDescriptors&) = delete;
-    NoNewDescriptors& operator=(const NoNewDescriptors&) = delete;
-    NoNewDescriptors(NoNewDescriptors&&) = delete;
-    NoNewDescriptors& operator=(NoNewDescriptors&&) = delete;
 
     ~NoNewDescriptors()
     {

@@ -6,6 +6,8 @@
  * names.
  */
 
+#include "pinned.hpp"
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,7 +17,7 @@
 #include <stdexcept>
 #include <string>
 
-class NotifySocket
+class NotifySocket : Pinned
 {
   public:
     NotifySocket() :
@@ -31,11 +33,6 @@ class NotifySocket
         }
         setenv("NOTIFY_SOCKET", path, 1);
     }
-
-    NotifySocket(const NotifySocket&) = delete;
-    NotifySocket& operator=(const NotifySocket&) = delete;
-    NotifySocket(NotifySocket&&) = delete;
-    NotifySocket& operator=(NotifySocket&&) = delete;
 
     ~NotifySocket()
     {

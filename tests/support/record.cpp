@@ -138,7 +138,10 @@ void print()
 {
     for (const auto& event : events())
     {
-        (void)fprintf(stdout, "%d %s\n", event.thread, event.text.c_str());
+        // A log line ends with a line end, an event does not.
+        const bool ended = event.text.ends_with('\n');
+        (void)printf("%d %s%s", event.thread, event.text.c_str(),
+                     ended ? "" : "\n");
     }
     (void)fflush(stdout);
 }

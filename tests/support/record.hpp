@@ -2,11 +2,9 @@
 #pragma once
 
 /**
- * One ordered record of what a test program saw: log records, traces, sleeps,
- * platform calls and what happened to the driver's files.
- *
- * Each event is one line of text, so that an expectation reads like the story
- * that it tells:
+ * One ordered record of a test program's events: log records, traces, sleeps,
+ * platform calls and accesses to the driver's files. Each event is one line of
+ * text:
  *
  *     log 4 morrow: Entry [morrow_init]\n
  *     trace 4 morrow: Common Morrow [main]\n
@@ -80,9 +78,8 @@ void beforeEachOfThisThread(std::function<void()> hook);
  *  for the record again. Not for a thread that logs from a signal handler. */
 void divertThisThread(std::vector<std::string>* list);
 
-/** Runs something once, on the thread and at the moment of the first event
- *  whose text begins so: the way to do something to the daemon at a point that
- *  it can't be seen to be at otherwise. */
+/** Runs an action once, on the thread and at the moment of the first event
+ * whose text begins so. */
 void when(const std::string& beginning, std::function<void()> action);
 
 /** This thread's id, as events carry it. */

@@ -2,25 +2,21 @@
 #pragma once
 
 /**
- * A connection to the system bus that a thread of its own serves.
- *
- * What it is to answer or to hear is added to `get()` before `serve`; after
- * that the connection is the thread's.
+ * A connection to the system bus with a thread that processes it. Objects and
+ * matches are added to `get()` before `serve`.
  */
+
+#include "pinned.hpp"
 
 #include <systemd/sd-bus.h>
 
 #include <functional>
 #include <thread>
 
-class ServedConnection
+class ServedConnection : Pinned
 {
   public:
     ServedConnection();
-    ServedConnection(const ServedConnection&) = delete;
-    ServedConnection& operator=(const ServedConnection&) = delete;
-    ServedConnection(ServedConnection&&) = delete;
-    ServedConnection& operator=(ServedConnection&&) = delete;
 
     /** Ends the thread and closes the connection. */
     ~ServedConnection();

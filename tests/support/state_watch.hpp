@@ -2,8 +2,7 @@
 #pragma once
 
 /**
- * Sees which state the daemon is in at the moment when it logs something: what
- * it says and what it does have an order, too.
+ * Looks at the daemon's state at the moment of a log line.
  */
 
 #include "morrow/morrow.hpp"

@@ -8,6 +8,7 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
+#include "tests/support/transcript.hpp"
 
 #include <atomic>
 #include <memory>
@@ -20,13 +21,14 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using namespace transcript;
 
 namespace
 {
 
-std::vector<std::string> story()
+std::vector<std::string> trace()
 {
-    return record::textsOf(record::thisThread());
+    return traceFrom(0);
 }
 
 class ProbeCpuVendor : public testing::Test
@@ -57,11 +59,7 @@ class TransitionRules : public testing::Test
         cpu_vendor_status = 0;
         power_down_pending = 0;
         await_host_running = 0;
-        daemon_state = untouched;
     }
-
-    /** A state that no rule writes. */
-    static constexpr uint32_t untouched = 77;
 
     static constexpr const char* changesToOff =
         "log 4 morrow: Change State to OFF\n";
@@ -74,16 +72,16 @@ class StateAction : public testing::Test
 {
 };
 
-/** Whole passes of a daemon without bus sides. */
-class StatePass : public testing::Test
+/** Iterations of a daemon without bus sides. */
+class Iteration : public testing::Test
 {
 };
 
 } // namespace
 
-// What holds before main
+// Initial values
 
-TEST(InitialValues, AreAsTheStateLoopNeedsThem)
+TEST(InitialValues, AreAsTheStateLoopExpects)
 {
     EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
     EXPECT_EQ(init_state, 0U);
@@ -108,7 +106,7 @@ TEST(StateValues, AreNumberedAsGiven)
     EXPECT_EQ(MORROW_SLEEP_EVENT, 4U);
 }
 
-TEST(HostStates, AreSpelledAsTheHostSpellsThem)
+TEST(HostStates, HaveTheTextsOfTheHost)
 {
     EXPECT_STREQ(hostStateRunning,
                  "xyz.openbmc_project.State.Host.HostState.Running");
@@ -123,7 +121,7 @@ TEST_F(ProbeCpuVendor, LogsAndTracesWhatItReads)
     probe_cpu_vendor();
     EXPECT_EQ(cpu_vendor, 7);
     EXPECT_EQ(cpu_vendor_status, 0);
-    EXPECT_THAT(story(), ElementsAre("ReadIO_Str_C CPU_VENDOR size 2",
+    EXPECT_THAT(trace(), ElementsAre("ReadIO_Str_C CPU_VENDOR size 2",
                                      "log 4 morrow: CPU vendor : 7\n\n",
                                      "trace 4 morrow: CPU vendor : 7\n\n"));
 }
@@ -150,7 +148,7 @@ TEST_F(ProbeCpuVendor, FailureIsLoggedAndCountsAsIntel)
     EXPECT_EQ(cpu_vendor, 0);
     EXPECT_EQ(cpu_vendor_status, -5);
     EXPECT_THAT(
-        story(),
+        trace(),
         ElementsAre("ReadIO_Str_C CPU_VENDOR size 2",
                     "log 2 morrow: Failed to get CPU type, halStatus: -5\n\n",
                     "trace 2 morrow: Failed to get CPU type, halStatus: "
@@ -159,32 +157,40 @@ TEST_F(ProbeCpuVendor, FailureIsLoggedAndCountsAsIntel)
 
 // Changing the state
 
-TEST_F(ChangeState, Request1IsOn)
+TEST_F(ChangeState, DependsOnRequestAndVendor)
 {
-    change_State(1);
-    EXPECT_EQ(daemon_state, MORROW_ON_EVENT);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry change_State\n",
-                                     "log 4 morrow: Change State to ON\n"));
-}
-
-TEST_F(ChangeState, Request0IsOff)
-{
-    daemon_state = MORROW_SLEEP_EVENT;
-    change_State(0);
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry change_State\n",
-                                     "log 4 morrow: Change State to OFF\n"));
-}
-
-TEST_F(ChangeState, AnyOtherRequestIsOnByDefault)
-{
-    for (const int request : {2, -1, 1000})
+    struct Row
     {
-        daemon_state = MORROW_SLEEP_EVENT;
-        change_State(request);
-        EXPECT_EQ(daemon_state, MORROW_ON_EVENT) << request;
+        int request;
+        uint16_t vendor;
+        uint32_t state;
+        const char* logged;
+    };
+    const char* const notIntel = "Non Intel CPU : State MORROW_SLEEP_EVENT";
+    for (const Row& row :
+         {Row{1, 0, MORROW_ON_EVENT, "Change State to ON"},
+          Row{1, 0xFFFF, MORROW_ON_EVENT, "Change State to ON"},
+          Row{0, 0, MORROW_OFF_EVENT, "Change State to OFF"},
+          Row{2, 0, MORROW_ON_EVENT, "Change State to Default-ON"},
+          Row{-1, 0, MORROW_ON_EVENT, "Change State to Default-ON"},
+          Row{1000, 0, MORROW_ON_EVENT, "Change State to Default-ON"},
+          Row{0, 1, MORROW_SLEEP_EVENT, notIntel},
+          Row{1, 1, MORROW_SLEEP_EVENT, notIntel},
+          Row{2, 1, MORROW_SLEEP_EVENT, notIntel},
+          Row{0, 0xFFFE, MORROW_SLEEP_EVENT, notIntel},
+          Row{1, 0xFFFE, MORROW_SLEEP_EVENT, notIntel}})
+    {
+        SCOPED_TRACE(row.logged);
+        const auto start = trace().size();
+        cpu_vendor = row.vendor;
+        daemon_state = 77;
+        change_State(row.request);
+        EXPECT_EQ(daemon_state, row.state);
+        EXPECT_THAT(
+            traceFrom(start),
+            ElementsAre("log 4 morrow: Entry change_State\n",
+                        std::string("log 4 morrow: ") + row.logged + "\n"));
     }
-    EXPECT_EQ(record::count("log 4 morrow: Change State to Default-ON\n"), 3);
 }
 
 TEST_F(ChangeState, IsLoggedWhenItHasHappened)
@@ -205,42 +211,13 @@ TEST_F(ChangeState, IsLoggedWhenItHasHappened)
     EXPECT_EQ(sleeping.seen(), MORROW_SLEEP_EVENT);
 }
 
-TEST_F(ChangeState, Vendors0AndFFFFAreIntel)
-{
-    for (const uint16_t vendor : {0x0000, 0xFFFF})
-    {
-        cpu_vendor = vendor;
-        daemon_state = MORROW_SLEEP_EVENT;
-        change_State(1);
-        EXPECT_EQ(daemon_state, MORROW_ON_EVENT) << vendor;
-    }
-}
-
-TEST_F(ChangeState, Vendors1AndFFFEAreNot)
-{
-    for (const uint16_t vendor : {0x0001, 0xFFFE})
-    {
-        for (const int request : {0, 1, 2})
-        {
-            cpu_vendor = vendor;
-            daemon_state = MORROW_OFF_EVENT;
-            change_State(request);
-            EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT) << vendor;
-        }
-    }
-    EXPECT_EQ(record::count("log 4 morrow: Non Intel CPU : State "
-                            "MORROW_SLEEP_EVENT\n"),
-              6);
-    EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
-}
-
 TEST_F(ChangeState, ReadsTheVendorAgainAfterAFailedRead)
 {
     cpu_vendor_status = -1;
     fake::vendorReads = {{0, 3}};
     change_State(1);
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(story(), ElementsAre("log 4 morrow: Entry change_State\n",
+    EXPECT_THAT(trace(), ElementsAre("log 4 morrow: Entry change_State\n",
                                      "ReadIO_Str_C CPU_VENDOR size 2",
                                      "log 4 morrow: CPU vendor : 3\n\n",
                                      "trace 4 morrow: CPU vendor : 3\n\n",
@@ -259,14 +236,6 @@ TEST_F(ChangeState, ReadsTheVendorUntilAReadSucceedsAndThenNeverAgain)
     EXPECT_EQ(record::count("ReadIO_Str_C CPU_VENDOR size 2"), 2);
 }
 
-TEST_F(ChangeState, OnByDefaultIsLoggedAlone)
-{
-    change_State(2);
-    EXPECT_THAT(story(),
-                ElementsAre("log 4 morrow: Entry change_State\n",
-                            "log 4 morrow: Change State to Default-ON\n"));
-}
-
 // The count-down
 
 TEST_F(WaitStateTick, At0SwitchesAtOnceWithoutASleep)
@@ -276,7 +245,7 @@ TEST_F(WaitStateTick, At0SwitchesAtOnceWithoutASleep)
     state_after_wait = MORROW_PARTIAL_DISCOVERY_EVENT;
     wait_state_tick();
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
 }
 
 TEST_F(WaitStateTick, Below0IsSetTo0AndSwitches)
@@ -308,192 +277,132 @@ TEST_F(WaitStateTick, CountsOneSecondATickAndSwitchesOnTheCallAfter)
     fake::onSleep = {};
     wait_state_tick();
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
-    EXPECT_EQ(story(), std::vector<std::string>(10, "sleep 1000 ms"));
+    EXPECT_EQ(trace(), std::vector<std::string>(10, "sleep 1000 ms"));
 }
 
 // The transition rules
 
-TEST_F(TransitionRules, BothFlagsGiveOffAndClearOnlyTheFirst)
+TEST_F(TransitionRules, FollowTheTable)
 {
-    power_down_pending = 1;
-    await_host_running = 1;
-    current_host_state = hostStateRunning;
-    apply_transition_rules();
-    EXPECT_EQ(power_down_pending, 0);
-    EXPECT_EQ(await_host_running, 1);
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
-    EXPECT_THAT(story(), ElementsAre(enters, changesToOff));
-}
-
-TEST_F(TransitionRules, BothFlagsGiveOffFromSleepToo)
-{
-    daemon_state = MORROW_SLEEP_EVENT;
-    power_down_pending = 1;
-    await_host_running = 1;
-    current_host_state = hostStateOff;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
-}
-
-TEST_F(TransitionRules, RunningWhileAwaitedGivesOnOnce)
-{
-    await_host_running = 1;
-    current_host_state = hostStateRunning;
-    apply_transition_rules();
-    EXPECT_EQ(await_host_running, 0);
-    EXPECT_EQ(daemon_state, MORROW_ON_EVENT);
-    daemon_state = untouched;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, untouched);
-    EXPECT_THAT(story(), ElementsAre(enters, changesToOn));
-}
-
-TEST_F(TransitionRules, RunningWhileAwaitedLeavesSleep)
-{
-    daemon_state = MORROW_SLEEP_EVENT;
-    await_host_running = 1;
-    current_host_state = hostStateRunning;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_ON_EVENT);
-}
-
-TEST_F(TransitionRules, AnotherTextOf48CharactersChangesNothing)
-{
-    await_host_running = 1;
-    current_host_state = hostStateRunning;
-    current_host_state.back() = 'G';
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, untouched);
-    EXPECT_EQ(await_host_running, 1);
-    EXPECT_THAT(story(), IsEmpty());
-}
-
-TEST_F(TransitionRules, OffGivesOffInEveryPass)
-{
-    current_host_state = hostStateOff;
-    for (int pass = 0; pass < 3; ++pass)
+    struct Flags
     {
-        daemon_state = MORROW_WAIT_EVENT;
+        int pending;
+        int awaited;
+    };
+    struct Row
+    {
+        Flags before;
+        std::string host;
+        uint32_t state;
+        Flags after;
+        uint32_t newState;
+    };
+    constexpr uint32_t other = 77;
+    constexpr uint32_t sleep = MORROW_SLEEP_EVENT;
+    constexpr uint32_t off = MORROW_OFF_EVENT;
+    constexpr uint32_t on = MORROW_ON_EVENT;
+    const std::string running = hostStateRunning;
+    const std::string isOff = hostStateOff;
+    const std::string prefix = "xyz.openbmc_project.State.Host.HostState.";
+    for (const Row& row : std::vector<Row>{
+             // Both flags
+             {{1, 1}, running, other, {0, 1}, off},
+             {{1, 1}, isOff, sleep, {0, 1}, off},
+             {{3, 0xFF}, running, other, {0, 0xFF}, off},
+             // Running while it is awaited
+             {{0, 1}, running, other, {0, 0}, on},
+             {{0, 1}, running, sleep, {0, 0}, on},
+             {{0, 0}, running, other, {0, 0}, other},
+             {{1, 0}, running, other, {1, 0}, other},
+             {{2, 0xFE}, running, other, {2, 0xFE}, other},
+             // Off
+             {{0, 0}, isOff, other, {0, 0}, off},
+             {{0, 0}, isOff, MORROW_WAIT_EVENT, {0, 0}, off},
+             {{0, 1}, isOff, other, {0, 1}, off},
+             {{1, 0}, isOff, other, {1, 0}, off},
+             {{0, 0}, isOff, sleep, {0, 0}, sleep},
+             {{0, 1}, isOff, sleep, {0, 1}, sleep},
+             // Other texts, of the same and of other lengths
+             {{0, 1}, prefix + "RunninG", other, {0, 1}, other},
+             {{0, 0}, prefix + "OfF", other, {0, 0}, other},
+             {{0, 0}, "", other, {0, 0}, other},
+             {{0, 1}, "", other, {0, 1}, other},
+             {{0, 1}, "Running", other, {0, 1}, other},
+             {{0, 0}, "Off", other, {0, 0}, other},
+             {{0, 1}, running + "x", other, {0, 1}, other},
+             {{0, 0}, isOff + "x", other, {0, 0}, other},
+             {{0, 1}, isOff + "x", other, {0, 1}, other},
+             {{0, 0}, prefix + "Quiesced", other, {0, 0}, other},
+             {{0, 1}, prefix + "Quiesced", other, {0, 1}, other},
+         })
+    {
+        SCOPED_TRACE(std::to_string(row.before.pending) + " " +
+                     std::to_string(row.before.awaited) + " " + row.host);
+        const auto start = trace().size();
+        power_down_pending = static_cast<uint8_t>(row.before.pending);
+        await_host_running = static_cast<uint8_t>(row.before.awaited);
+        current_host_state = row.host;
+        daemon_state = row.state;
         apply_transition_rules();
-        EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
+        EXPECT_EQ(power_down_pending, row.after.pending);
+        EXPECT_EQ(await_host_running, row.after.awaited);
+        EXPECT_EQ(daemon_state, row.newState);
+        const std::vector<std::string> changed{
+            enters, row.newState == on ? changesToOn : changesToOff};
+        EXPECT_EQ(traceFrom(start), row.newState == row.state
+                                        ? std::vector<std::string>()
+                                        : changed);
     }
-    EXPECT_EQ(record::count(changesToOff), 3);
 }
 
-TEST_F(TransitionRules, OffWhileRunningIsAwaitedGivesOffToo)
+TEST_F(TransitionRules, FlagIsClearedBeforeTheStateChanges)
 {
-    await_host_running = 1;
-    current_host_state = hostStateOff;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
-    EXPECT_EQ(await_host_running, 1);
-}
-
-TEST_F(TransitionRules, OffWithAPowerDownAloneGivesOffToo)
-{
-    power_down_pending = 1;
-    current_host_state = hostStateOff;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
-    EXPECT_EQ(power_down_pending, 1);
-    EXPECT_THAT(story(), ElementsAre(enters, changesToOff));
-}
-
-TEST_F(TransitionRules, OffDoesNotLeaveSleep)
-{
-    daemon_state = MORROW_SLEEP_EVENT;
-    current_host_state = hostStateOff;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(story(), IsEmpty());
-}
-
-TEST_F(TransitionRules, TextsOfOtherLengthsChangeNothing)
-{
-    for (const uint8_t awaited : {0, 1})
+    std::vector<int> flags;
+    for (int change = 0; change < 2; ++change)
     {
-        for (const std::string& text :
-             {std::string(), std::string("Running"), std::string("Off"),
-              std::string(hostStateRunning) + "x",
-              std::string(hostStateOff) + "x",
-              std::string("xyz.openbmc_project.State.Host.HostState."
-                          "Quiesced")})
-        {
-            await_host_running = awaited;
-            current_host_state = text;
-            apply_transition_rules();
-            EXPECT_EQ(daemon_state, untouched) << text;
-            EXPECT_EQ(await_host_running, awaited) << text;
-        }
+        record::when(enters,
+                     [&flags]
+                     {
+                         flags.push_back(power_down_pending);
+                         flags.push_back(await_host_running);
+                     });
     }
-    EXPECT_THAT(story(), IsEmpty());
-}
-
-TEST_F(TransitionRules, OtherTextOf44CharactersChangesNothing)
-{
-    current_host_state = hostStateOff;
-    current_host_state.back() = 'F';
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, untouched);
-}
-
-TEST_F(TransitionRules, PowerDownAloneDoesNothingByItself)
-{
     power_down_pending = 1;
+    await_host_running = 1;
     current_host_state = hostStateRunning;
     apply_transition_rules();
-    EXPECT_EQ(daemon_state, untouched);
-    EXPECT_EQ(power_down_pending, 1);
-}
-
-TEST_F(TransitionRules, OnlyBit0OfTheFlagsCounts)
-{
-    power_down_pending = 2;
-    await_host_running = 0xFE;
-    current_host_state = hostStateRunning;
     apply_transition_rules();
-    EXPECT_EQ(daemon_state, untouched);
-    power_down_pending = 3;
-    await_host_running = 0xFF;
-    apply_transition_rules();
-    EXPECT_EQ(daemon_state, MORROW_OFF_EVENT);
+    EXPECT_THAT(flags, ElementsAre(0, 1, 0, 0));
 }
 
-// What a pass does
+// The action of a state
 
-TEST_F(StateAction, SleepingSleepsOneSecond)
+TEST_F(StateAction, WaitsAndSleeps)
 {
-    daemon_state = MORROW_SLEEP_EVENT;
-    run_state_action();
-    EXPECT_THAT(story(), ElementsAre("sleep 1000 ms"));
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-}
-
-TEST_F(StateAction, AnUnknownStateSleepsOneSecond)
-{
-    daemon_state = 5;
-    run_state_action();
-    EXPECT_THAT(story(), ElementsAre("sleep 1000 ms"));
-    EXPECT_EQ(daemon_state, 5U);
-}
-
-TEST_F(StateAction, WaitingCountsDown)
-{
-    daemon_state = MORROW_WAIT_EVENT;
-    wait_ticks = 2;
-    run_state_action();
-    EXPECT_EQ(wait_ticks, 1);
-    EXPECT_THAT(story(), ElementsAre("sleep 1000 ms"));
-}
-
-TEST_F(StateAction, WaitingWithNoTicksSwitchesAtOnce)
-{
-    daemon_state = MORROW_WAIT_EVENT;
-    wait_ticks = 0;
-    state_after_wait = MORROW_SLEEP_EVENT;
-    run_state_action();
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(story(), IsEmpty());
+    struct Row
+    {
+        uint32_t state;
+        int32_t ticks;
+        uint32_t newState;
+        int32_t newTicks;
+        std::size_t sleeps;
+    };
+    for (const Row& row : {Row{MORROW_SLEEP_EVENT, 2, MORROW_SLEEP_EVENT, 2, 1},
+                           Row{5, 2, 5, 2, 1}, // an unknown state
+                           Row{MORROW_WAIT_EVENT, 2, MORROW_WAIT_EVENT, 1, 1},
+                           Row{MORROW_WAIT_EVENT, 0, MORROW_SLEEP_EVENT, 0, 0}})
+    {
+        SCOPED_TRACE(row.state);
+        const auto start = trace().size();
+        daemon_state = row.state;
+        wait_ticks = row.ticks;
+        state_after_wait = MORROW_SLEEP_EVENT;
+        run_state_action();
+        EXPECT_EQ(daemon_state, row.newState);
+        EXPECT_EQ(wait_ticks, row.newTicks);
+        EXPECT_EQ(traceFrom(start),
+                  std::vector<std::string>(row.sleeps, "sleep 1000 ms"));
+    }
 }
 
 TEST_F(StateAction, OffCleansUp)
@@ -512,7 +421,7 @@ TEST_F(StateAction, OnDiscovers)
     EXPECT_EQ(record::count("sleep 2000 ms"), 1);
 }
 
-TEST_F(StateAction, SleepsAreTakenUpAgainAfterASignal)
+TEST_F(StateAction, SleepsAreResumedAfterASignal)
 {
     for (const uint32_t state : {MORROW_WAIT_EVENT, MORROW_SLEEP_EVENT})
     {
@@ -521,11 +430,11 @@ TEST_F(StateAction, SleepsAreTakenUpAgainAfterASignal)
         fake::interruptedSleeps = 1;
         run_state_action();
     }
-    EXPECT_THAT(story(), ElementsAre("sleep 1000 ms", "sleep 500 ms",
+    EXPECT_THAT(trace(), ElementsAre("sleep 1000 ms", "sleep 500 ms",
                                      "sleep 1000 ms", "sleep 500 ms"));
 }
 
-TEST_F(StatePass, StopIsSeenAfterTheActionOfEveryState)
+TEST_F(Iteration, StopIsSeenAfterTheActionOfEveryState)
 {
     ASSERT_EQ(morrow_init_signal(), 0U);
     auto& signal = morrow_signal::get_instance();
@@ -535,21 +444,21 @@ TEST_F(StatePass, StopIsSeenAfterTheActionOfEveryState)
     {
         daemon_state = state;
         wait_ticks = 1;
-        const auto before = story().size();
+        const auto before = trace().size();
         EXPECT_FALSE(run_state_iteration(signal)) << state;
-        EXPECT_GT(story().size(), before) << state;
+        EXPECT_GT(trace().size(), before) << state;
     }
     EXPECT_EQ(
         record::count("log 11 morrow_client: Entry [getcurrentpowerstate]\n"),
         0);
 }
 
-TEST_F(StatePass, SleepAfterAFailedReadIsTakenUpAgainAfterASignal)
+TEST_F(Iteration, SleepAfterAFailedReadIsResumedAfterASignal)
 {
     daemon_state = MORROW_WAIT_EVENT; // over at once, without a sleep
     fake::interruptedSleeps = 1;
     EXPECT_TRUE(run_state_iteration(morrow_signal::get_instance()));
-    const auto told = story();
+    const auto told = trace();
     EXPECT_THAT(std::vector<std::string>(told.end() - 3, told.end()),
                 ElementsAre("log 2 morrow: Failed to get current powerevent\n",
                             "sleep 1000 ms", "sleep 500 ms"));

@@ -15,20 +15,21 @@
 #include "tests/support/bus_observer.hpp"
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
+#include "tests/support/handshake_broker.hpp"
 #include "tests/support/host_service.hpp"
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/notify_socket.hpp"
+#include "tests/support/pinned.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/served_connection.hpp"
-#include "tests/support/story.hpp"
+#include "tests/support/transcript.hpp"
+#include "tests/unit/discovery_trace.hpp"
 
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): pthread_kill
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,7 +64,7 @@ using testing::Ge;
 using testing::HasSubstr;
 using testing::Lt;
 using testing::Not;
-using namespace telling;
+using namespace transcript;
 
 namespace
 {
@@ -118,70 +119,29 @@ Texts cleansUpNothing()
                                  "write unbind fff11000.i3c"};
 }
 
-/** From the scan of a node to its endpoint on the bus. */
-Texts publishes(const std::string& node, int eid)
+/** A publication on network 0. */
+Texts publishes(int eid)
 {
     const std::string text = "createEndpointObject "
                              "-[/xyz/openbmc_project/mctp/0/" +
                              std::to_string(eid) +
                              "] object created successful\n";
-    return {"setLockPermission " + node,
-            "setShmPermission " + node,
-            "log 4 morrow: Found i3c device: " + node + "\n",
-            "log 4 morrow: Entry [morrow_i3c_device_do_notify]\n",
-            "log 4 morrow: Device node path: [" + node + "]\n",
-            "log 4 morrow: ep: [00]\n",
-            "mctp_wrapper_ep " + node + " eid 0, 0, 0, false, network 0",
-            "send 00 81 0d",
-            "log 4 morrow: resp_buffer.len = [4]\n",
-            "log 4 morrow: [00]\n",
-            "log 4 morrow: [01]\n",
-            "log 4 morrow: [0d]\n",
-            "log 4 morrow: [00]\n",
-            "log 4 morrow: MCTP_CTRL_CMD_DISCOVERY_NOTIFY response received [" +
-                node + "]\n",
-            "log 4 morrow_server: createEndpointObject - Enter\n",
-            "log 4 morrow_server: " + text,
-            "trace 4 morrow_server: " + text,
-            "log 4 morrow_server: createEndpointObject - Exit\n",
-            "~mctp_wrapper_ep " + node};
+    return {"log 4 morrow_server: createEndpointObject - Enter\n",
+            "log 4 morrow_server: " + text, "trace 4 morrow_server: " + text,
+            "log 4 morrow_server: createEndpointObject - Exit\n"};
 }
 
-/** A full discovery that finds nothing left over and both endpoints. */
+/** A full discovery of both endpoints without locks and shared memory. */
 Texts discovers()
 {
-    return Texts{
-               "acquireLock /dev/i3c-mctp-0 gives -1",
-               "acquireLock /dev/i3c-mctp-1 gives -1",
-               "getShmId /dev/i3c-mctp-0 gives -1",
-               "getShmId /dev/i3c-mctp-1 gives -1",
-           } +
+    return Texts{"acquireLock /dev/i3c-mctp-0 gives -1",
+                 "acquireLock /dev/i3c-mctp-1 gives -1",
+                 "getShmId /dev/i3c-mctp-0 gives -1",
+                 "getShmId /dev/i3c-mctp-1 gives -1"} +
            withdraws({}) +
-           Texts{
-               "sleep 100 ms",
-               "removeLock -1",
-               "removeLock -1",
-               "write unbind fff10000.i3c",
-               "write unbind fff11000.i3c",
-               "sleep 2000 ms",
-               "write bind fff10000.i3c",
-               "sleep 100 ms",
-           } +
-           publishes("/dev/i3c-mctp-0", 0x1D) +
-           Texts{
-               "write bind fff11000.i3c",
-               "sleep 100 ms",
-           } +
-           publishes("/dev/i3c-mctp-1", 0x9D) +
-           Texts{
-               "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
-               "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
-               "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
-               "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-1\n",
-               "log 4 morrow: Number of elements in i3c_device_map: 2\n",
-               "log 4 morrow: Number of elements in i3c_device_notify_map: 2\n",
-               complete,
-           };
+           Texts{"sleep 100 ms", "removeLock -1", "removeLock -1",
+                 "write unbind fff10000.i3c", "write unbind fff11000.i3c"} +
+           discovery::discoversBoth(publishes(0x1D), publishes(0x9D));
 }
 
 /** What the main thread does up to the state loop. */
@@ -234,22 +194,16 @@ const Texts stopsAgainAndLeaves{
     "trace 4 morrow: Exit [main]\n",
 };
 
-/** Lets a thread pass when it has been opened, once for each time. Who waits
- *  takes signals meanwhile, also where the thread sanitizer holds them back
- *  until a thread enters a call that it knows to wait: a semaphore of the
- *  standard library's is none. */
-class Gate
+/** A semaphore whose wait handles signals, also under the thread sanitizer:
+ * that delays them until a call that it knows to wait, and std::semaphore has
+ * none. */
+class Gate : Pinned
 {
   public:
     Gate()
     {
         sem_init(&semaphore, 0, 0);
     }
-
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
-    Gate(Gate&&) = delete;
-    Gate& operator=(Gate&&) = delete;
 
     ~Gate()
     {
@@ -261,7 +215,7 @@ class Gate
         sem_post(&semaphore);
     }
 
-    void pass()
+    void wait()
     {
         while (sem_wait(&semaphore) != 0)
         {
@@ -341,8 +295,23 @@ class Daemon : public testing::Test
         hold = std::move(condition);
     }
 
+    /** Holds it when a text has been recorded so many times. */
+    void holdAfter(const std::string& text, std::size_t times = 1)
+    {
+        holdWhen(
+            [text, times]
+            {
+                return record::count(text) >= times;
+            });
+    }
+
+    void doNotHold()
+    {
+        holdWhen(nullptr);
+    }
+
     /** Waits until the main thread is held. */
-    void awaitHeld()
+    void waitUntilHeld()
     {
         ASSERT_TRUE(held.try_acquire_for(record::timeout()));
     }
@@ -351,6 +320,18 @@ class Daemon : public testing::Test
     void release()
     {
         go.open();
+    }
+
+    void startAndHold()
+    {
+        start();
+        waitUntilHeld();
+    }
+
+    void releaseAndHold()
+    {
+        release();
+        waitUntilHeld();
     }
 
     /** Expects one stop to have been served, and no other to follow in the
@@ -365,7 +346,7 @@ class Daemon : public testing::Test
     }
 
     /** The main thread's events from its n-th on. */
-    Texts story(std::size_t from = 0) const
+    Texts trace(std::size_t from = 0) const
     {
         const auto all = record::textsOf(daemonThread);
         return {all.begin() + static_cast<std::ptrdiff_t>(from), all.end()};
@@ -379,11 +360,10 @@ class Daemon : public testing::Test
         holdWhen(
             [this]
             {
-                return story().back() == "sleep 1000 ms" &&
+                return trace().back() == "sleep 1000 ms" &&
                        record::count(complete) > 0;
             });
-        start();
-        awaitHeld();
+        startAndHold();
     }
 
     std::optional<Broker> broker;
@@ -409,7 +389,7 @@ class Daemon : public testing::Test
             }
         }
         held.release();
-        go.pass();
+        go.wait();
     }
 
     std::mutex mutex;
@@ -459,13 +439,13 @@ uint64_t blockedBy(pid_t thread)
 
 } // namespace
 
-// The whole story, thread by thread
+// The whole trace, thread by thread
 
-TEST_F(Daemon, StartUpWithARunningHostIsTheWholeStory)
+TEST_F(Daemon, StartUpWithARunningHostHasTheExpectedTrace)
 {
     startToDiscovery();
     EXPECT_THAT(
-        story(),
+        trace(),
         ElementsAreArray(startsUp + cleansUpNothing() + reads("Running", "on") +
                          changes("Change State to ON") + discovers() +
                          reads("Running", "on") + Texts{"sleep 1000 ms"}));
@@ -478,29 +458,29 @@ TEST_F(Daemon, StartUpWithARunningHostIsTheWholeStory)
               "Slot=1 SupportedMessageTypes=[126,5]");
 }
 
-TEST_F(Daemon, StopIsTheWholeStory)
+TEST_F(Daemon, StopHasTheExpectedTrace)
 {
     startToDiscovery();
-    const auto before = story().size();
+    const auto before = trace().size();
     stop();
-    auto told = story(before);
+    auto texts = trace(before);
     // The handler runs on whichever thread takes the signal.
-    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(told, ElementsAreArray(stopsAgainAndLeaves));
+    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(texts, ElementsAreArray(stopsAgainAndLeaves));
     EXPECT_EQ(exitStatus, 0);
 }
 
-TEST_F(Daemon, FirstTerminationIsTheWholeStoryOnTheSignalThread)
+TEST_F(Daemon, FirstTerminationHasTheExpectedTraceOnTheSignalThread)
 {
     startToDiscovery();
     ::kill(getpid(), SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
-    auto told =
+    auto texts =
         record::textsOf(threadOf("log 4 morrow_signal: Got signal Stopping "
                                  "MORROW\n"));
-    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
     EXPECT_THAT(
-        told,
+        texts,
         ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
                     "log 4 morrow_signal: Got signal Stopping MORROW\n",
                     "log 4 morrow_signal: Stopping Dbus\n",
@@ -531,7 +511,7 @@ TEST_F(Daemon, FirstTerminationWithdrawsTheEndpointsAndTheName)
 TEST_F(Daemon, OneTerminationIsNotEnough)
 {
     startToDiscovery();
-    holdWhen(nullptr);
+    doNotHold();
     ::kill(getpid(), SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
     release();
@@ -543,58 +523,49 @@ TEST_F(Daemon, OneTerminationIsNotEnough)
     EXPECT_EQ(exitStatus, 0);
 }
 
-TEST_F(Daemon, HostThatGoesOffIsTheWholeStory)
+TEST_F(Daemon, HostThatGoesOffHasTheExpectedTrace)
 {
     startToDiscovery();
-    const auto before = story().size();
+    const auto before = trace().size();
     fake::lockIds = {{"/dev/i3c-mctp-0", 10}, {"/dev/i3c-mctp-1", 11}};
     fake::shmIds = {{"/dev/i3c-mctp-0", 20}, {"/dev/i3c-mctp-1", 21}};
     host->goesTo("Off");
-    // Held in the second cleanup: there is one in each pass.
+    // Held in the second cleanup: there is one in each iteration.
     holdWhen(
         [sleeps = 0]() mutable
         {
             return ++sleeps == 2;
         });
-    release();
-    awaitHeld();
+    releaseAndHold();
     EXPECT_THAT(
-        story(before),
+        trace(before),
         ElementsAreArray(reads("Off", "off") + changes("Change State to OFF") +
                          Texts{"acquireLock /dev/i3c-mctp-0 gives 10",
                                "getShmId /dev/i3c-mctp-0 gives 20",
                                "acquireLock /dev/i3c-mctp-1 gives 11",
                                "getShmId /dev/i3c-mctp-1 gives 21"} +
-                         withdraws({29, 157}) +
-                         Texts{"sleep 100 ms", "removeLock 10", "removeLock 11",
-                               "remove /dev/i3c-mctp-0",
-                               "remove /dev/i3c-mctp-1", "removeShm 20",
-                               "removeShm 21", "write unbind fff10000.i3c",
-                               "write unbind fff11000.i3c"} +
+                         withdraws({29, 157}) + discovery::removesBoth +
                          reads("Off", "off") + changes("Change State to OFF") +
                          withdraws({}) + Texts{"sleep 100 ms"}));
 }
 
-TEST_F(Daemon, HostThatIsOffAtStartIsCleanedUpAfterInEveryPass)
+TEST_F(Daemon, HostThatIsOffAtStartCausesACleanupInEveryIteration)
 {
     host->goesTo("Off");
-    holdWhen(
-        []
-        {
-            return record::count("log 4 morrow: Change State to OFF\n") == 3;
-        });
-    start();
-    awaitHeld();
-    const Texts pass = reads("Off", "off") + changes("Change State to OFF");
-    EXPECT_THAT(story(),
-                ElementsAreArray(startsUp + cleansUpNothing() + pass +
-                                 cleansUpNothing() + pass + cleansUpNothing() +
-                                 pass + withdraws({}) + Texts{"sleep 100 ms"}));
+    holdAfter("log 4 morrow: Change State to OFF\n", 3);
+    startAndHold();
+    const Texts iteration =
+        reads("Off", "off") + changes("Change State to OFF");
+    EXPECT_THAT(trace(),
+                ElementsAreArray(startsUp + cleansUpNothing() + iteration +
+                                 cleansUpNothing() + iteration +
+                                 cleansUpNothing() + iteration + withdraws({}) +
+                                 Texts{"sleep 100 ms"}));
 }
 
 // Start-up
 
-TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
+TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstIteration)
 {
     NotifySocket manager;
     std::string before;
@@ -602,18 +573,15 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
     {
         before = manager.received();
     };
-    bool readyInFirstPass = false;
     holdWhen(
         [&]
         {
             return record::count(getsState) == 0 &&
                    record::count("sleep 100 ms") == 1;
         });
-    start();
-    awaitHeld();
-    readyInFirstPass = manager.received() == "READY=1";
+    startAndHold();
     EXPECT_EQ(before, "");
-    EXPECT_TRUE(readyInFirstPass);
+    EXPECT_EQ(manager.received(), "READY=1");
     EXPECT_NE(getenv("NOTIFY_SOCKET"), nullptr);
     fake::onVendorRead = {};
 }
@@ -621,14 +589,9 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstPass)
 TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
 {
     daemon_state = MORROW_SLEEP_EVENT;
-    holdWhen(
-        []
-        {
-            return record::count("trace 4 morrow: CPU vendor : 0\n\n") > 0;
-        });
-    start();
-    awaitHeld();
-    EXPECT_EQ(story().back(), "sleep 100 ms");
+    holdAfter("trace 4 morrow: CPU vendor : 0\n\n", 1);
+    startAndHold();
+    EXPECT_EQ(trace().back(), "sleep 100 ms");
     EXPECT_EQ(init_state, 3U);
 }
 
@@ -653,7 +616,7 @@ TEST_F(Daemon, InitialisationCountsItsSteps)
     EXPECT_EQ(init_state, 3U);
 }
 
-TEST_F(Initialisation, WithoutTheSignalSideGives2AndBeginsAnew)
+TEST_F(Initialisation, WithoutTheSignalSideGives2AndStartsAgain)
 {
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_init(), 2U);
@@ -691,7 +654,7 @@ TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
 {
     std::optional<limits::NoNewThreads> none;
     fake::onSleep = {};
-    // Anew in each attempt, since each sets the stacks' size for itself.
+    // Again in each attempt, since each sets the stacks' size for itself.
     for (int attempt = 0; attempt < 2; ++attempt)
     {
         record::when("log 4 morrow: Entry [morrow_init]",
@@ -710,7 +673,7 @@ TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
     };
     start();
     ASSERT_TRUE(record::waitFor("log 4 morrow: Initialization successful\n"));
-    const auto told = story();
+    const auto texts = trace();
     const Texts failure{
         "log 4 morrow: Entry [morrow_init]\n",
         "log 4 morrow_signal: Entry [get_instance]\n",
@@ -721,9 +684,9 @@ TEST_F(Daemon, SleepsASecondBetweenFailedInitialisations)
         "log 4 morrow: Initialization failed\n",
         "sleep 1000 ms",
     };
-    EXPECT_EQ(Texts(told.begin() + 4, told.begin() + 4 + 16),
+    EXPECT_EQ(Texts(texts.begin() + 4, texts.begin() + 4 + 16),
               failure + failure);
-    EXPECT_EQ(Texts(told.begin() + 20, told.begin() + 20 + 5),
+    EXPECT_EQ(Texts(texts.begin() + 20, texts.begin() + 20 + 5),
               Texts(startsUp.begin() + 4, startsUp.begin() + 9));
 }
 
@@ -734,22 +697,15 @@ TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
     holdWhen(
         [this]
         {
-            return story().back() == "sleep 1000 ms" &&
+            return trace().back() == "sleep 1000 ms" &&
                    record::count("log 4 morrow: Non Intel CPU : "
                                  "State MORROW_SLEEP_EVENT\n") > 0;
         });
-    start();
-    awaitHeld();
+    startAndHold();
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     host->goesTo("Off");
-    holdWhen(
-        []
-        {
-            return record::count("log 4 morrow: Non Intel CPU : State "
-                                 "MORROW_SLEEP_EVENT\n") == 3;
-        });
-    release();
-    awaitHeld();
+    holdAfter("log 4 morrow: Non Intel CPU : State MORROW_SLEEP_EVENT\n", 3);
+    releaseAndHold();
     EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
     EXPECT_EQ(record::count("log 4 morrow: Change State to ON\n"), 0);
     EXPECT_EQ(record::count("write bind fff10000.i3c"), 0);
@@ -767,7 +723,7 @@ TEST_F(Daemon, HasFourThreads)
     EXPECT_EQ(threads() - before, 4);
 }
 
-TEST_F(Daemon, TellsTheManagerThatItIsReadyAndNothingElse)
+TEST_F(Daemon, NotifiesReadinessAndNothingElse)
 {
     const NotifySocket manager;
     startToDiscovery();
@@ -861,16 +817,15 @@ TEST_F(Daemon, StartUpThatIsCompleteIsNotDoneAgain)
                 {
                     return true;
                 });
-            start();
-            awaitHeld();
+            startAndHold();
             const Texts expected =
                 Texts(startsUp.begin(), startsUp.begin() + 4) +
                 Texts(startsUp.end() - 5, startsUp.end()) +
                 Texts{"log 4 morrow_server: morrow_dbus_server - Default "
                       "constructor\n"} +
                 withdraws({}) + Texts{"sleep 100 ms"};
-            EXPECT_EQ(story(), expected);
-            std::_Exit(story() == expected ? 42 : 1);
+            EXPECT_EQ(trace(), expected);
+            std::_Exit(trace() == expected ? 42 : 1);
         },
         testing::ExitedWithCode(42), "");
 }
@@ -893,14 +848,8 @@ void refuseToStart(const std::string& side)
 TEST_F(Daemon, GoesOnWithoutItsClient)
 {
     refuseToStart("log 4 morrow_client: morrow_dbus_client_init");
-    holdWhen(
-        []
-        {
-            return record::count("log 2 morrow: Failed to get current "
-                                 "powerevent\n") == 2;
-        });
-    start();
-    awaitHeld();
+    holdAfter("log 2 morrow: Failed to get current powerevent\n", 2);
+    startAndHold();
     EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
     EXPECT_EQ(record::count("log 1 morrow_client: GetProperty "
                             "-'currenthoststate' not found\n"),
@@ -937,27 +886,26 @@ TEST_F(Daemon, PowerSignalWithdrawsWhatWasPublishedAndRunningBringsItBack)
         {
             return shared_word::load(await_host_running) == 1;
         }));
-    const auto before = story().size();
+    const auto before = trace().size();
     holdWhen(
         [this]
         {
-            return story().back() == "sleep 1000 ms";
+            return trace().back() == "sleep 1000 ms";
         });
-    release();
-    awaitHeld();
-    // OFF in the first pass; the host still runs, so ON in the next.
-    const auto told = story(before);
-    EXPECT_THAT(told, testing::IsSupersetOf({
-                          "log 4 morrow: Change State to OFF\n",
-                          "log 4 morrow: Change State to ON\n",
-                          "log 4 morrow: Discovery complete\n",
-                      }));
+    releaseAndHold();
+    // OFF in the first iteration; the host still runs, so ON in the next.
+    const auto texts = trace(before);
+    EXPECT_THAT(texts, testing::IsSupersetOf({
+                           "log 4 morrow: Change State to OFF\n",
+                           "log 4 morrow: Change State to ON\n",
+                           "log 4 morrow: Discovery complete\n",
+                       }));
     EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 2U);
     EXPECT_EQ(shared_word::load(power_down_pending), 0);
     EXPECT_EQ(shared_word::load(await_host_running), 0);
 }
 
-TEST_F(Daemon, WarmResetDiscoversAnew)
+TEST_F(Daemon, WarmResetDiscoversAgain)
 {
     startToDiscovery();
     HostControl control;
@@ -970,10 +918,9 @@ TEST_F(Daemon, WarmResetDiscoversAnew)
     holdWhen(
         [this]
         {
-            return story().back() == "sleep 1000 ms";
+            return trace().back() == "sleep 1000 ms";
         });
-    release();
-    awaitHeld();
+    releaseAndHold();
     EXPECT_EQ(record::count(complete), 2);
 }
 
@@ -983,11 +930,10 @@ TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
     holdWhen(
         [this]
         {
-            return story().back() == "sleep 1000 ms" &&
+            return trace().back() == "sleep 1000 ms" &&
                    record::count(getsState) == 2;
         });
-    start();
-    awaitHeld();
+    startAndHold();
     const Texts failedRead{
         getsState,
         "log 4 morrow_client: GetProperty - Enter\n",
@@ -998,22 +944,17 @@ TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
         "log 2 morrow: Failed to get current powerevent\n",
         "sleep 1000 ms",
     };
-    EXPECT_THAT(story(),
+    EXPECT_THAT(trace(),
                 ElementsAreArray(startsUp + cleansUpNothing() + failedRead +
                                  Texts{"sleep 1000 ms"} + failedRead));
 }
 
-TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterPass)
+TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterIteration)
 {
     power_down_pending = 1;
     host->answersError("test.Error.Broken");
-    holdWhen(
-        []
-        {
-            return record::count(getsState) == 2;
-        });
-    start();
-    awaitHeld();
+    holdAfter(getsState, 2);
+    startAndHold();
     EXPECT_EQ(record::count("log 4 morrow: Entry change_State\n"), 0);
     EXPECT_EQ(shared_word::load(power_down_pending), 1);
 }
@@ -1022,19 +963,13 @@ TEST_F(Daemon, OneEndpointMissingIsRedoneEveryTenSeconds)
 {
     controllers = {"fff10000.i3c"};
     host->goesTo("Running");
-    holdWhen(
-        []
-        {
-            return record::count("log 4 morrow: Partial discovery retry\n") ==
-                   2;
-        });
-    start();
-    awaitHeld();
-    const auto told = story();
+    holdAfter("log 4 morrow: Partial discovery retry\n", 2);
+    startAndHold();
+    const auto texts = trace();
     const std::string retry = "log 4 morrow: Partial discovery retry\n";
-    const auto first = std::find(told.begin(), told.end(), retry);
-    const auto second = std::find(first + 1, told.end(), retry);
-    ASSERT_NE(second, told.end());
+    const auto first = std::find(texts.begin(), texts.end(), retry);
+    const auto second = std::find(first + 1, texts.end(), retry);
+    ASSERT_NE(second, texts.end());
     // A read after the redo, ten after a tick each, one after the last tick.
     EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 10);
     EXPECT_EQ(std::count(first, second, getsState), 12);
@@ -1045,17 +980,12 @@ TEST_F(Daemon, WaitOfNTicksIsNSleepsAndNPlus1Reads)
 {
     controllers = {};
     host->goesTo("Running");
-    // The first node never shows up: a wait of one tick, then once more.
-    holdWhen(
-        []
-        {
-            return record::count("sleep 2000 ms") == 2;
-        });
-    start();
-    awaitHeld();
-    const auto told = story();
-    const auto first = std::find(told.begin(), told.end(), "sleep 2000 ms");
-    const auto second = std::find(first + 1, told.end(), "sleep 2000 ms");
+    // The first node never appears: a wait of one tick, then once more.
+    holdAfter("sleep 2000 ms", 2);
+    startAndHold();
+    const auto texts = trace();
+    const auto first = std::find(texts.begin(), texts.end(), "sleep 2000 ms");
+    const auto second = std::find(first + 1, texts.end(), "sleep 2000 ms");
     // One read after the discovery, one after the tick, one after the switch.
     EXPECT_EQ(std::count(first, second, getsState), 3);
     EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 1);
@@ -1100,7 +1030,7 @@ TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
         testing::KilledBySignal(SIGABRT), "std::bad_variant_access");
 }
 
-/** Puts into the record whom calls on the bus are for. */
+/** Records the destination of calls on the bus. */
 int overhear(sd_bus_message* message, void* /*userData*/,
              sd_bus_error* /*error*/)
 {
@@ -1113,7 +1043,7 @@ int overhear(sd_bus_message* message, void* /*userData*/,
     return 1; // not to be answered
 }
 
-TEST_F(Daemon, CallsNobodyButTheBusAndTheHostStateService)
+TEST_F(Daemon, CallsOnlyTheBusAndTheHostStateService)
 {
     ServedConnection listener;
     check(sd_bus_add_filter(listener.get(), nullptr, overhear, nullptr),
@@ -1143,15 +1073,11 @@ TEST_F(Daemon, CallsNobodyButTheBusAndTheHostStateService)
     EXPECT_EQ(reads, record::count(getsState));
 }
 
-// Terminations at awkward moments
+// Terminations at other moments
 
-TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
+TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondRun)
 {
-    holdWhen(
-        []
-        {
-            return false;
-        });
+    doNotHold();
     record::when("log 4 morrow_client: morrow_dbus_client_init - Enter",
                  []
                  {
@@ -1164,14 +1090,14 @@ TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
     expectOneStopAlone();
     EXPECT_EQ(record::count("log 4 morrow_signal: Stopping Dbus\n"), 0);
     EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
-    const auto before = story().size();
+    const auto before = trace().size();
     ::kill(getpid(), SIGTERM);
     thread.join();
     EXPECT_EQ(exitStatus, 0);
-    auto told = story(before);
-    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    auto texts = trace(before);
+    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
     EXPECT_THAT(
-        told,
+        texts,
         ElementsAre("log 4 morrow_signal: Got signal Stopping MORROW\n",
                     "log 4 morrow_signal: Stopping Dbus\n",
                     "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
@@ -1185,20 +1111,15 @@ TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondPass)
                     "trace 4 morrow: Exit [main]\n"));
 }
 
-TEST_F(Daemon, TerminationInTheMiddleOfADiscoveryEndsWell)
+TEST_F(Daemon, TerminationDuringADiscoveryEndsCleanly)
 {
     host->goesTo("Running");
-    holdWhen(
-        []
-        {
-            return record::count("write bind fff11000.i3c") > 0;
-        });
-    start();
-    awaitHeld();
+    holdAfter("write bind fff11000.i3c", 1);
+    startAndHold();
     stop();
     EXPECT_EQ(exitStatus, 0);
     // The second endpoint comes too late for the bus.
-    EXPECT_THAT(story(), Contains("log 1 morrow_server: createEndpointObject - "
+    EXPECT_THAT(trace(), Contains("log 1 morrow_server: createEndpointObject - "
                                   "Error: Bus pointer not present\n"));
 }
 
@@ -1209,7 +1130,7 @@ TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
     ::kill(getpid(), SIGTERM);
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_server: stop_morrow_dbus_server - Enter\n"));
-    holdWhen(nullptr);
+    doNotHold();
     release();
     EXPECT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
     EXPECT_EQ(record::count(stopped), 0);
@@ -1223,7 +1144,7 @@ TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
 TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
 {
     startToDiscovery();
-    holdWhen(nullptr);
+    doNotHold();
     release();
     // The second arrives when the first has been taken, at the earliest.
     record::when("log 4 morrow_signal: Got signal Stopping MORROW",
@@ -1236,50 +1157,6 @@ TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
     EXPECT_EQ(exitStatus, 0);
 }
 
-/** A socket that takes connections and never answers. */
-class SilentBroker
-{
-  public:
-    SilentBroker() : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        std::string(path).copy(&address.sun_path[0],
-                               sizeof(address.sun_path) - 1);
-        if (bind(listener,
-                 reinterpret_cast<const sockaddr*>(&address), // NOLINT
-                 sizeof(address)) != 0 ||
-            listen(listener, 4) != 0)
-        {
-            throw std::runtime_error("no socket for a silent broker");
-        }
-        setenv("DBUS_SYSTEM_BUS_ADDRESS",
-               (std::string("unix:path=") + path).c_str(), 1);
-    }
-
-    SilentBroker(const SilentBroker&) = delete;
-    SilentBroker& operator=(const SilentBroker&) = delete;
-    SilentBroker(SilentBroker&&) = delete;
-    SilentBroker& operator=(SilentBroker&&) = delete;
-
-    ~SilentBroker()
-    {
-        close(listener);
-    }
-
-    /** Waits for a connection and for the first words on it. */
-    int takeConnection() const
-    {
-        const int connection = accept(listener, nullptr, nullptr);
-        char first = 0;
-        EXPECT_EQ(recv(connection, &first, 1, MSG_PEEK), 1);
-        return connection;
-    }
-
-  private:
-    static constexpr const char* path = "/run/silent";
-    int listener;
-};
-
 /** Holds the main thread at a sleep, then lets it into a handshake that takes
  *  until the test ends it. */
 class Handshake : public Daemon
@@ -1288,15 +1165,10 @@ class Handshake : public Daemon
     void enterHandshake()
     {
         startToDiscovery();
-        real = getenv("DBUS_SYSTEM_BUS_ADDRESS");
-        silent.emplace();
-        holdWhen(
-            []
-            {
-                return false;
-            });
+        broken.emplace();
+        doNotHold();
         release();
-        connection = silent->takeConnection();
+        broken->waitForClient();
         // It has sent its first words; now it is to wait for the answer, so
         // that a signal finds it in a system call.
         ASSERT_TRUE(record::waitUntil(
@@ -1323,14 +1195,10 @@ class Handshake : public Daemon
 
     void endHandshake()
     {
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", real.c_str(), 1);
-        silent.reset();
-        close(connection);
+        broken.reset();
     }
 
-    std::string real;
-    std::optional<SilentBroker> silent;
-    int connection = -1;
+    std::optional<HandshakeBroker> broken;
 };
 
 TEST_F(Handshake, TerminationStopsTheBusAtOnceAndTheReadFailsByItself)
@@ -1385,7 +1253,7 @@ TEST_F(Daemon, OnlyTheBusThreadsBlockTerminationAndNothingElse)
 
 // The log
 
-TEST_F(Daemon, EveryLineThatItLogsIsTheLineOfTheCall)
+TEST_F(Daemon, LogsTheSourceLineOfEachCall)
 {
     startToDiscovery();
     stop();

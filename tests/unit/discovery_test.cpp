@@ -7,8 +7,8 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
-#include "tests/support/story.hpp"
-#include "tests/unit/discovery_story.hpp"
+#include "tests/support/transcript.hpp"
+#include "tests/unit/discovery_trace.hpp"
 
 #include <sys/stat.h>
 
@@ -20,6 +20,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -31,7 +32,7 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
-using namespace telling;
+using namespace transcript;
 using namespace discovery;
 
 namespace
@@ -39,6 +40,13 @@ namespace
 
 class WaitDeviceNode : public WithFiles
 {
+  protected:
+    void removeNode()
+    {
+        std::filesystem::remove(node0);
+        driver.collect();
+        skipped += trace().size();
+    }
 };
 
 class WriteController : public WithFiles
@@ -134,131 +142,80 @@ class PowerOffCleanup : public WithFiles
 
 // Waiting for a device node
 
-TEST_F(WaitDeviceNode, NeverShowingUpIsGivenUpAfter31Sleeps)
+TEST_F(WaitDeviceNode, TriesOnceAndOnceMoreForEach100Ms)
 {
-    EXPECT_FALSE(wait_device_node(node0, 3000));
-    expectStory(Texts(31, "sleep 100 ms"));
-}
-
-TEST_F(WaitDeviceNode, PresentIsTakenAtTheFirstAttemptWithoutASleep)
-{
-    DriverFiles::makeNode(0);
-    EXPECT_TRUE(wait_device_node(node0, 3000));
-    EXPECT_THAT(story(), IsEmpty());
-}
-
-TEST_F(WaitDeviceNode, AppearingAfterTheLastSleepButOneIsTaken)
-{
-    fake::onSleep = [sleeps = 0](int64_t) mutable
+    for (const auto& [limit, attempts] :
+         {std::pair{3000, 31}, {199, 2}, {0, 1}, {-99, 1}, {-100, 0}})
     {
-        if (++sleeps == 30)
-        {
-            DriverFiles::makeNode(0);
-        }
-    };
-    EXPECT_TRUE(wait_device_node(node0, 3000));
-    expectStory(Texts(30, "sleep 100 ms"));
+        SCOPED_TRACE(limit);
+        removeNode();
+        EXPECT_FALSE(wait_device_node(node0, limit));
+        expectTrace(Texts(static_cast<std::size_t>(attempts), "sleep 100 ms"));
+        DriverFiles::makeNode(0);
+        skipped += trace().size();
+        EXPECT_EQ(wait_device_node(node0, limit), attempts > 0);
+        EXPECT_THAT(trace(), IsEmpty());
+    }
 }
 
-TEST_F(WaitDeviceNode, AppearingInTheLastSleepIsTooLate)
+TEST_F(WaitDeviceNode, NodeThatAppearsInTheLastSleepIsTooLate)
 {
-    fake::onSleep = [sleeps = 0](int64_t) mutable
+    for (const int appearsIn : {30, 31})
     {
-        if (++sleeps == 31)
+        removeNode();
+        fake::onSleep = [appearsIn, sleeps = 0](int64_t) mutable
         {
-            DriverFiles::makeNode(0);
-        }
-    };
-    EXPECT_FALSE(wait_device_node(node0, 3000));
+            if (++sleeps == appearsIn)
+            {
+                DriverFiles::makeNode(0);
+            }
+        };
+        EXPECT_EQ(wait_device_node(node0, 3000), appearsIn == 30);
+        expectTrace(Texts(static_cast<std::size_t>(appearsIn), "sleep 100 ms"));
+    }
 }
 
-TEST_F(WaitDeviceNode, PathWithThePrefixElsewhereIsInvalid)
+TEST_F(WaitDeviceNode, OtherPathsAreLoggedAndNotOpened)
 {
     std::filesystem::create_directories("/run/dev");
-    const std::ofstream made("/run/dev/i3c-mctp-0");
-    EXPECT_FALSE(wait_device_node("/run/dev/i3c-mctp-0", 3000));
-    EXPECT_THAT(story(), ElementsAre("log 2 morrow: Invalid device node name: "
-                                     "/run/dev/i3c-mctp-0\n"));
-}
-
-TEST_F(WaitDeviceNode, PathOf13CharactersIsInvalid)
-{
-    const std::ofstream made("/dev/i3c-mctp");
-    EXPECT_FALSE(wait_device_node("/dev/i3c-mctp", 3000));
-    EXPECT_THAT(
-        story(),
-        ElementsAre("log 2 morrow: Invalid device node name: /dev/i3c-mctp\n"));
+    for (const std::string path :
+         {"", "/run/dev/i3c-mctp-0", "/dev/i3c-mctp", "/dev/null"})
+    {
+        if (!path.empty() && path != "/dev/null")
+        {
+            std::ofstream{path};
+        }
+        for (const int limit : {3000, -100})
+        {
+            skipped += trace().size();
+            EXPECT_FALSE(wait_device_node(path, limit));
+            expectTrace(
+                {"log 2 morrow: Invalid device node name: " + path + "\n"});
+        }
+    }
 }
 
 TEST_F(WaitDeviceNode, PathThatIsThePrefixAloneIsWaitedFor)
 {
     EXPECT_FALSE(wait_device_node("/dev/i3c-mctp-", 0));
-    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
+    EXPECT_THAT(trace(), ElementsAre("sleep 100 ms"));
 }
 
-TEST_F(WaitDeviceNode, EmptyPathIsInvalid)
-{
-    EXPECT_FALSE(wait_device_node("", 3000));
-    EXPECT_THAT(story(),
-                ElementsAre("log 2 morrow: Invalid device node name: \n"));
-}
-
-TEST_F(WaitDeviceNode, LimitOf0GivesOneAttempt)
-{
-    EXPECT_FALSE(wait_device_node(node0, 0));
-    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
-    DriverFiles::makeNode(0);
-    EXPECT_TRUE(wait_device_node(node0, 0));
-}
-
-TEST_F(WaitDeviceNode, LimitOfMinus99GivesOneAttempt)
-{
-    EXPECT_FALSE(wait_device_node(node0, -99));
-    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
-    DriverFiles::makeNode(0);
-    EXPECT_TRUE(wait_device_node(node0, -99));
-}
-
-TEST_F(WaitDeviceNode, LimitOfMinus100GivesNoAttempt)
-{
-    DriverFiles::makeNode(0);
-    EXPECT_FALSE(wait_device_node(node0, -100));
-    EXPECT_THAT(story(), IsEmpty());
-}
-
-TEST_F(WaitDeviceNode, SleepsAreTakenUpAgainAfterASignal)
+TEST_F(WaitDeviceNode, SleepsAreResumedAfterASignalAlone)
 {
     fake::interruptedSleeps = 1;
     EXPECT_FALSE(wait_device_node(node0, 0));
-    EXPECT_THAT(story(), ElementsAre("sleep 100 ms", "sleep 50 ms"));
-}
-
-TEST_F(WaitDeviceNode, SleepThatFailsOtherwiseEndsEarly)
-{
     fake::brokenSleeps = 1;
     EXPECT_FALSE(wait_device_node(node0, 0));
-    EXPECT_THAT(story(), ElementsAre("sleep 100 ms"));
-}
-
-TEST_F(WaitDeviceNode, InvalidPathIsToldWhateverTheLimit)
-{
-    EXPECT_FALSE(wait_device_node("/dev/null", -100));
-    EXPECT_THAT(
-        story(),
-        ElementsAre("log 2 morrow: Invalid device node name: /dev/null\n"));
-}
-
-TEST_F(WaitDeviceNode, LimitOf199MsGivesTwoAttempts)
-{
-    EXPECT_FALSE(wait_device_node(node0, 199));
-    expectStory(Texts(2, "sleep 100 ms"));
+    EXPECT_THAT(trace(),
+                ElementsAre("sleep 100 ms", "sleep 50 ms", "sleep 100 ms"));
 }
 
 TEST_F(WaitDeviceNode, NodeThatIsThereButCannotBeOpenedIsWaitedFor)
 {
     ASSERT_EQ(mknod(node0.c_str(), S_IFSOCK | 0600, 0), 0);
     EXPECT_FALSE(wait_device_node(node0, 100));
-    expectStory(Texts(2, "sleep 100 ms"));
+    expectTrace(Texts(2, "sleep 100 ms"));
 }
 
 // Writing a controller's name
@@ -271,14 +228,14 @@ TEST_F(WriteController, WritesTheNameWithoutALineEnd)
     std::ifstream file("/run/test/file");
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}),
               controller0);
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
 }
 
 TEST_F(WriteController, LogsAFileThatCannotBeOpened)
 {
     write_controller_sysfs("/run/nowhere/bind", controller1);
     EXPECT_THAT(
-        story(),
+        trace(),
         ElementsAre(
             "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"));
 }
@@ -286,7 +243,7 @@ TEST_F(WriteController, LogsAFileThatCannotBeOpened)
 TEST_F(WriteController, IgnoresAWriteThatFails)
 {
     write_controller_sysfs("/dev/full", controller0);
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
 }
 
 // Scanning a controller
@@ -296,14 +253,14 @@ TEST_F(Scan, RecordsAndNotifiesADeviceThatIsThere)
     DriverFiles::makeClassEntry(0);
     fake::endpoints[node0] = {fake::answer(0x1D)};
     scan_i3c_device(controller0, entry0);
-    expectStory(Texts{"log 4 morrow: Found i3c device: " + node0 + "\n"} +
+    expectTrace(Texts{"log 4 morrow: Found i3c device: " + node0 + "\n"} +
                 goodExchange(node0));
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
-TEST_F(Scan, SpeaksThenRecordsThenNotifies)
+TEST_F(Scan, LogsThenRecordsThenNotifies)
 {
     DriverFiles::makeClassEntry(0);
     std::size_t whenSpoken = 1;
@@ -323,20 +280,23 @@ TEST_F(Scan, SpeaksThenRecordsThenNotifies)
     EXPECT_THAT(whenNotified, ElementsAre(node0, controller0));
 }
 
-TEST_F(Scan, MissingClassEntryIsSilent)
+TEST_F(Scan, ClassEntryThatIsNoDirectoryIsIgnored)
 {
-    scan_i3c_device(controller0, entry0);
-    EXPECT_THAT(story(), IsEmpty());
-    EXPECT_THAT(i3c_device_map, IsEmpty());
-    EXPECT_THAT(i3c_discovered_map, IsEmpty());
-}
-
-TEST_F(Scan, ClassEntryThatIsAFileIsIgnored)
-{
-    const std::ofstream made(entry0);
-    scan_i3c_device(controller0, entry0);
-    EXPECT_THAT(story(), IsEmpty());
-    EXPECT_THAT(i3c_device_map, IsEmpty());
+    const auto expectIgnored = []
+    {
+        scan_i3c_device(controller0, entry0);
+        EXPECT_THAT(trace(), IsEmpty());
+        EXPECT_THAT(i3c_device_map, IsEmpty());
+        EXPECT_THAT(i3c_discovered_map, IsEmpty());
+        std::filesystem::remove(entry0);
+    };
+    expectIgnored(); // it is missing
+    std::ofstream{entry0};
+    expectIgnored();
+    std::filesystem::create_directory_symlink("/sys/devices/gone", entry0);
+    expectIgnored();
+    std::filesystem::create_directory_symlink(entry0, entry0);
+    expectIgnored();
 }
 
 TEST_F(Scan, ClassEntryThatIsALinkToADirectoryCounts)
@@ -346,14 +306,6 @@ TEST_F(Scan, ClassEntryThatIsALinkToADirectoryCounts)
                                               entry1);
     scan_i3c_device(controller1, entry1);
     EXPECT_THAT(i3c_device_map, ElementsAre(node1));
-}
-
-TEST_F(Scan, ClassEntryThatIsADanglingLinkIsIgnored)
-{
-    std::filesystem::create_directory_symlink("/sys/devices/gone", entry1);
-    scan_i3c_device(controller1, entry1);
-    EXPECT_THAT(story(), IsEmpty());
-    EXPECT_THAT(i3c_device_map, IsEmpty());
 }
 
 TEST_F(Scan, TheNodeIsNamedAfterTheClassEntryNotAfterTheController)
@@ -380,95 +332,98 @@ TEST_F(Scan, TwiceAppendsTwice)
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller0));
 }
 
-TEST_F(Scan, ClassEntryThatLinksToItselfIsIgnored)
-{
-    std::filesystem::create_directory_symlink(entry0, entry0);
-    scan_i3c_device(controller0, entry0);
-    EXPECT_THAT(story(), IsEmpty());
-    EXPECT_THAT(i3c_device_map, IsEmpty());
-}
-
 // The Discovery Notify exchange
 
 TEST_F(Notify, GoodAnswerPublishesAfterOneAttempt)
 {
     fake::endpoints[node0] = {fake::answer(0x9D)};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    expectStory(goodExchange(node0));
+    expectTrace(goodExchange(node0));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
-TEST_F(Notify, LaysTheRecordsOutAsTheLibraryWantsThem)
+TEST_F(Notify, FillsBothRecordsBeforeEachAttempt)
 {
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    morrow_i3c_device_do_notify(node0);
-    EXPECT_THAT(fake::lastRequestWords, ElementsAre(0, 3, 0, 1000, 0));
-    EXPECT_THAT(fake::lastResponseWords, ElementsAre(0, 0, 0, 0));
+    for (const std::size_t attempts : {1U, 3U})
+    {
+        fake::endpoints[node0] = {{.result = ETIMEDOUT, .eid = 0x42},
+                                  fake::silence(),
+                                  fake::answer(0x1D)};
+        if (attempts == 1)
+        {
+            fake::endpoints[node0] = {fake::answer(0x1D)};
+        }
+        const auto before = record::count("send 00 81 0d");
+        morrow_i3c_device_do_notify(node0);
+        EXPECT_EQ(record::count("send 00 81 0d") - before, attempts);
+        EXPECT_THAT(fake::lastRequestWords, ElementsAre(0, 3, 0, 1000, 0));
+        EXPECT_THAT(fake::lastResponseWords, ElementsAre(0, 0, 0, 0));
+    }
 }
 
-TEST_F(Notify, FillsTheResponseRecordAnewBeforeEachAttempt)
+TEST_F(Notify, FailureIsTriedThreeTimesOrOnceWithTheStopFlag)
 {
-    fake::endpoints[node0] = {{.result = ETIMEDOUT, .eid = 0x42},
-                              fake::answer(0x1D)};
-    morrow_i3c_device_do_notify(node0);
-    EXPECT_THAT(fake::lastResponseWords, ElementsAre(0, 0, 0, 0));
-}
-
-TEST_F(Notify, SilenceIsTriedThreeTimesAndPublishesNothing)
-{
-    fake::endpoints[node0] = {fake::silence()};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
     const Texts attempt{"send 00 81 0d",
                         "log 4 morrow: Failed req_disc_notify to i3c device [" +
                             node0 + "]\n"};
-    expectStory(exchangeOpens(node0) + attempt + attempt + attempt +
-                Texts{"~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    for (const uint8_t stop : {0, 1})
+    {
+        skipped += trace().size();
+        // The response of a failed attempt is not evaluated.
+        fake::endpoints[node0] = {{.result = ETIMEDOUT,
+                                   .response = {0x00, 0x01, 0x0D, 0x00},
+                                   .eid = 0x1D,
+                                   .stop = stop}};
+        EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+        expectTrace(exchangeOpens(node0) + attempt +
+                    (stop == 0 ? attempt + attempt : Texts()) +
+                    Texts{"~mctp_wrapper_ep " + node0});
+        EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    }
 }
 
-TEST_F(Notify, StopFlagEndsAfterOneAttempt)
+TEST_F(Notify, AnswerOfLessThanThreeBytesIsLoggedAndEndsTheExchange)
 {
-    fake::endpoints[node0] = {{.result = ENODEV, .stop = 1}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    expectStory(exchangeOpens(node0) +
-                Texts{"send 00 81 0d",
-                      "log 4 morrow: Failed req_disc_notify to i3c device [" +
-                          node0 + "]\n",
-                      "~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    const Texts bytes{"log 4 morrow: [00]\n", "log 4 morrow: [01]\n"};
+    for (const std::size_t length : {0U, 1U, 2U})
+    {
+        skipped += trace().size();
+        std::vector<uint8_t> response{0x00, 0x01};
+        response.resize(length);
+        fake::endpoints[node0] = {{.response = response, .eid = 0x1D}};
+        EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
+        expectTrace(exchangeOpens(node0) +
+                    Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [" +
+                                               std::to_string(length) + "]\n"} +
+                    Texts(bytes.begin(),
+                          bytes.begin() + static_cast<std::ptrdiff_t>(length)) +
+                    Texts{"log 4 morrow: Invalid req_disc_notify response [" +
+                              node0 + "]\n",
+                          "~mctp_wrapper_ep " + node0});
+        EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    }
 }
 
-TEST_F(Notify, EmptyAnswerEndsAtOnce)
+TEST_F(Notify, NumberOfAttemptsDependsOnTheAnswer)
 {
-    fake::endpoints[node0] = {{.response = {}, .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
-    expectStory(exchangeOpens(node0) +
-                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [0]\n",
-                      "log 4 morrow: Invalid req_disc_notify response [" +
-                          node0 + "]\n",
-                      "~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
-}
-
-TEST_F(Notify, AnswerOfTwoBytesIsLoggedAndEndsAtOnce)
-{
-    fake::endpoints[node0] = {{.response = {0x00, 0x01}, .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
-    expectStory(exchangeOpens(node0) +
-                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [2]\n",
-                      "log 4 morrow: [00]\n", "log 4 morrow: [01]\n",
-                      "log 4 morrow: Invalid req_disc_notify response [" +
-                          node0 + "]\n",
-                      "~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
-}
-
-TEST_F(Notify, AnswerOfThreeBytesIsLongEnough)
-{
-    fake::endpoints[node0] = {{.response = {0x00, 0x01, 0x0D}, .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
-    EXPECT_EQ(record::count("send 00 81 0d"), 1);
+    using Bytes = std::vector<uint8_t>;
+    for (const auto& [response, stop, attempts] :
+         {std::tuple{Bytes{0x00, 0x01, 0x0D}, 0, 1U},
+          {Bytes{0x00, 0xFF, 0x0D, 0x80}, 0, 1U}, // an error, as a request
+          {Bytes{0x00, 0x01, 0x0C, 0x00}, 0, 2U}, // wrong command
+          {Bytes{0x05, 0x01, 0x0D}, 0, 2U}, // wrong type
+          {Bytes{0x05, 0x01, 0x0D}, 1, 1U}})
+    {
+        i3c_device_notify_map.clear();
+        const auto before = record::count("send 00 81 0d");
+        fake::endpoints[node0] = {{.response = response,
+                                   .eid = 0x1D,
+                                   .stop = static_cast<uint8_t>(stop)},
+                                  fake::answer(0x1D)};
+        EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+        EXPECT_EQ(record::count("send 00 81 0d") - before, attempts);
+        EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+    }
 }
 
 TEST_F(Notify, ShortAnswerAfterAWrongOneStillPublishesNothing)
@@ -481,7 +436,7 @@ TEST_F(Notify, ShortAnswerAfterAWrongOneStillPublishesNothing)
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
-TEST_F(Notify, WrongTypeThenFailuresPublishesAllTheSame)
+TEST_F(Notify, WrongTypeThenFailuresPublishesAnyway)
 {
     fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D},
                               {.result = ETIMEDOUT, .eid = 0x42}};
@@ -489,7 +444,7 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAllTheSame)
     const Texts failed{"send 00 81 0d",
                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
                            node0 + "]\n"};
-    expectStory(exchangeOpens(node0) +
+    expectTrace(exchangeOpens(node0) +
                 Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
                       "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
                       "log 4 morrow: [0d]\n"} +
@@ -498,38 +453,11 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAllTheSame)
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
-TEST_F(Notify, WrongCommandIsTriedAgain)
-{
-    fake::endpoints[node0] = {
-        {.response = {0x00, 0x01, 0x0C, 0x00}, .eid = 0x1D},
-        fake::answer(0x1D)};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    EXPECT_EQ(record::count("send 00 81 0d"), 2);
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
-}
-
-TEST_F(Notify, WrongAnswerWithTheStopFlagPublishesAfterOneAttempt)
-{
-    fake::endpoints[node0] = {
-        {.response = {0x05, 0x01, 0x0D}, .eid = 0x1D, .stop = 1}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    EXPECT_EQ(record::count("send 00 81 0d"), 1);
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
-}
-
-TEST_F(Notify, CompletionCodeAndInstanceAreNotLookedAt)
-{
-    fake::endpoints[node0] = {
-        {.response = {0x00, 0xFF, 0x0D, 0x80}, .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
-}
-
 TEST_F(Notify, ExceptionOfTheTransportComesOutAfterTheEndpointIsGone)
 {
     fake::endpoints[node0] = {{.throws = true}};
     EXPECT_THROW(morrow_i3c_device_do_notify(node0), std::runtime_error);
-    EXPECT_EQ(story().back(), "~mctp_wrapper_ep " + node0);
+    EXPECT_EQ(trace().back(), "~mctp_wrapper_ep " + node0);
     EXPECT_THAT(i3c_device_notify_map, IsEmpty());
 }
 
@@ -538,7 +466,7 @@ TEST_F(Notify, LengthBeyondTheAreaIsNotRead)
     fake::endpoints[node0] = {
         {.response = {0x00, 0x01, 0x0D}, .eid = 0x1D, .beyond = 1000}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts told = story();
+    const Texts told = trace();
     EXPECT_EQ(record::count("log 4 morrow: resp_buffer.len = [1003]\n"), 1);
     EXPECT_EQ(std::count_if(told.begin(), told.end(),
                             [](const auto& text)
@@ -559,82 +487,20 @@ TEST_F(Notify, AreaIsZeroedWhenTheExchangeStartsAndNotBeforeEachAttempt)
     EXPECT_EQ(record::count("log 4 morrow: [00]\n"), 3);
 }
 
-TEST_F(Notify, FillsTheRequestRecordAnewBeforeEachAttempt)
-{
-    morrow_i3c_device_do_notify(node0);
-    EXPECT_EQ(record::count("send 00 81 0d"), 3);
-    EXPECT_THAT(fake::lastRequestWords, ElementsAre(0, 3, 0, 1000, 0));
-}
-
-TEST_F(Notify, ResponseOfAFailedAttemptIsNotLookedAt)
-{
-    fake::endpoints[node0] = {{.result = ETIMEDOUT,
-                               .response = {0x00, 0x01, 0x0D, 0x00},
-                               .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts attempt{"send 00 81 0d",
-                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
-                            node0 + "]\n"};
-    expectStory(exchangeOpens(node0) + attempt + attempt + attempt +
-                Texts{"~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
-}
-
-TEST_F(Notify, AnswerOfOneByteIsLoggedAndEndsAtOnce)
-{
-    fake::endpoints[node0] = {{.response = {0x00}, .eid = 0x1D}};
-    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
-    expectStory(exchangeOpens(node0) +
-                Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [1]\n",
-                      "log 4 morrow: [00]\n",
-                      "log 4 morrow: Invalid req_disc_notify response [" +
-                          node0 + "]\n",
-                      "~mctp_wrapper_ep " + node0});
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
-}
-
-TEST_F(NotifyOnTheBus, SlotFollowsTheTableOfIds)
+TEST_F(NotifyOnTheBus, LastIdIsPublishedWithTheLastSlotThatAnIdHad)
 {
     expectPublished({fake::answer(0x1D)}, 0x1D, 0);
     expectPublished({fake::answer(0x9D)}, 0x9D, 1);
     expectPublished({fake::answer(0x5D)}, 0x5D, 2);
     expectPublished({fake::answer(0xDD)}, 0xDD, 3);
-}
-
-TEST_F(NotifyOnTheBus, IdBeyondTheTableIsSlot0)
-{
+    // Not the slot of the exchange before.
     expectPublished({fake::answer(0x42)}, 0x42, 0);
-}
-
-TEST_F(NotifyOnTheBus, IdBeyondTheTableKeepsTheSlotOfAnEarlierAttempt)
-{
     expectPublished({wrongCommand(0xDD), fake::answer(0x42)}, 0x42, 3);
-}
-
-TEST_F(NotifyOnTheBus, FailedAttemptSetsTheSlotToo)
-{
+    expectPublished({wrongCommand(0xDD), fake::answer(0x1D)}, 0x1D, 0);
+    // Failed attempts count, too.
     expectPublished({failure(0x5D), fake::answer(0x42)}, 0x42, 2);
-}
-
-TEST_F(NotifyOnTheBus, SlotOfOneExchangeIsForgottenInTheNext)
-{
-    expectPublished({fake::answer(0xDD)}, 0xDD, 3);
-    expectPublished({fake::answer(0x42)}, 0x42, 0);
-}
-
-TEST_F(NotifyOnTheBus, WrongAnswerIsPublishedWithTheIdOfTheLastAttempt)
-{
     expectPublished({wrongCommand(0x9D), failure(0x43), failure(0x42)}, 0x42,
                     1);
-}
-
-TEST_F(NotifyOnTheBus, IdOfSlot0SetsIt)
-{
-    expectPublished({wrongCommand(0xDD), fake::answer(0x1D)}, 0x1D, 0);
-}
-
-TEST_F(NotifyOnTheBus, IdsNextToThoseOfTheTableKeepTheSlot)
-{
     for (const uint8_t eid : {0x1E, 0x9E, 0x5E, 0xDE})
     {
         expectPublished({wrongCommand(0x9D), fake::answer(eid)}, eid, 1);
@@ -656,7 +522,7 @@ TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
 
 // Full discovery
 
-TEST_F(FullDiscovery, SaysWhatFollowsBeforeItDoes)
+TEST_F(FullDiscovery, LogsWhatFollowsBeforeItHappens)
 {
     const StateWatch retry("log 4 morrow: Retry discovering i3c devices");
     const StateWatch partial("log 4 morrow: Start partial discovery");
@@ -682,7 +548,7 @@ TEST_F(FullDiscovery, SaysWhatFollowsBeforeItDoes)
     }
 }
 
-TEST_F(FullDiscovery, BothAnsweringIsTheWholeStory)
+TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
 {
     driver.comesUp(controller0);
     driver.comesUp(controller1);
@@ -699,54 +565,17 @@ TEST_F(FullDiscovery, BothAnsweringIsTheWholeStory)
 
     discover();
 
-    EXPECT_THAT(
-        story(),
-        ElementsAreArray(
-            Texts{
-                "log 4 morrow_server: morrow_dbus_server - Default "
-                "constructor\n",
-                "acquireLock /dev/i3c-mctp-0 gives 10",
-                "acquireLock /dev/i3c-mctp-1 gives 11",
-                "getShmId /dev/i3c-mctp-0 gives 20",
-                "getShmId /dev/i3c-mctp-1 gives 21",
-            } +
-            withdrawNothing +
-            Texts{
-                "sleep 100 ms",
-                "removeLock 10",
-                "removeLock 11",
-                "remove /dev/i3c-mctp-0",
-                "remove /dev/i3c-mctp-1",
-                "removeShm 20",
-                "removeShm 21",
-                "write unbind fff10000.i3c",
-                "write unbind fff11000.i3c",
-                "sleep 2000 ms",
-                "write bind fff10000.i3c",
-                "sleep 100 ms",
-                "setLockPermission /dev/i3c-mctp-0",
-                "setShmPermission /dev/i3c-mctp-0",
-                "log 4 morrow: Found i3c device: /dev/i3c-mctp-0\n",
-            } +
-            goodExchange(node0) +
-            Texts{
-                "write bind fff11000.i3c",
-                "sleep 100 ms",
-                "setLockPermission /dev/i3c-mctp-1",
-                "setShmPermission /dev/i3c-mctp-1",
-                "log 4 morrow: Found i3c device: /dev/i3c-mctp-1\n",
-            } +
-            goodExchange(node1) +
-            Texts{
-                "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
-                "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
-                "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
-                "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-1\n",
-                "log 4 morrow: Number of elements in i3c_device_map: 2\n",
-                "log 4 morrow: Number of elements in "
-                "i3c_device_notify_map: 2\n",
-                "log 4 morrow: Discovery complete\n",
-            }));
+    EXPECT_THAT(trace(),
+                ElementsAreArray(
+                    Texts{
+                        "log 4 morrow_server: morrow_dbus_server - Default "
+                        "constructor\n",
+                        "acquireLock /dev/i3c-mctp-0 gives 10",
+                        "acquireLock /dev/i3c-mctp-1 gives 11",
+                        "getShmId /dev/i3c-mctp-0 gives 20",
+                        "getShmId /dev/i3c-mctp-1 gives 21",
+                    } +
+                    withdrawNothing + removesBoth + discoversBoth()));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller1));
@@ -758,10 +587,10 @@ TEST_F(FullDiscovery, MissingIdsAreGivenToRemoveLockButNotToRemoveShm)
     fake::lockIds = {{node1, 11}};
     fake::shmIds = {{node1, 21}};
     discover();
-    EXPECT_THAT(story(), Contains("removeLock -1"));
-    EXPECT_THAT(story(), Contains("removeLock 11"));
-    EXPECT_THAT(story(), Not(Contains("removeShm -1")));
-    EXPECT_THAT(story(), Contains("removeShm 21"));
+    EXPECT_THAT(trace(), Contains("removeLock -1"));
+    EXPECT_THAT(trace(), Contains("removeLock 11"));
+    EXPECT_THAT(trace(), Not(Contains("removeShm -1")));
+    EXPECT_THAT(trace(), Contains("removeShm 21"));
 }
 
 TEST_F(FullDiscovery, IdsOf0AreRemoved)
@@ -777,10 +606,10 @@ TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
     fake::endpoints[node0] = {fake::answer(0x1D)};
     discover();
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
-    EXPECT_THAT(story(), Contains("log 4 morrow: Failed to open device node "
+    EXPECT_THAT(trace(), Contains("log 4 morrow: Failed to open device node "
                                   "for fff11000.i3c\n"));
-    EXPECT_THAT(story(), Contains("setLockPermission /dev/i3c-mctp-1"));
-    EXPECT_EQ(story().back(), "log 4 morrow: Start partial discovery\n");
+    EXPECT_THAT(trace(), Contains("setLockPermission /dev/i3c-mctp-1"));
+    EXPECT_EQ(trace().back(), "log 4 morrow: Start partial discovery\n");
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
@@ -793,7 +622,7 @@ TEST_F(FullDiscovery, EndsEarlyWhenTheFirstNodeNeverOpens)
     EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
     EXPECT_EQ(wait_ticks, 1);
     EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
-    const auto told = story();
+    const auto told = trace();
     // Silent from the first bind on: 31 polls and nothing else.
     const auto bind =
         std::find(told.begin(), told.end(), "write bind fff10000.i3c");
@@ -811,7 +640,7 @@ TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
     EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
     EXPECT_EQ(wait_ticks, 3);
     EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
-    const auto told = story();
+    const auto told = trace();
     EXPECT_EQ(
         Texts(told.end() - 5, told.end()),
         (Texts{
@@ -827,7 +656,7 @@ TEST_F(FullDiscovery, MissingClassEntryMakesTheSecondControllerTheFirstAgain)
 {
     driver.comesUpWithoutClassEntry(controller0);
     discover();
-    const auto told = story();
+    const auto told = trace();
     EXPECT_EQ(std::count(told.begin(), told.end(),
                          "setLockPermission /dev/i3c-mctp-0"),
               2);
@@ -876,7 +705,7 @@ TEST_F(FullDiscovery, UnopenableUnbindFileIsLoggedAndTheCycleGoesOn)
     fake::endpoints[node1] = {fake::answer(0x9D)};
     discover();
     EXPECT_THAT(
-        story(),
+        trace(),
         testing::IsSupersetOf(
             {"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
              "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"}));
@@ -887,7 +716,7 @@ TEST_F(FullDiscovery, UnopenableBindFileIsLoggedAndTheNodeStillWaitedFor)
 {
     DriverFiles::removeBindFile();
     discover();
-    const auto told = story();
+    const auto told = trace();
     EXPECT_EQ(Texts(told.end() - 32, told.end()),
               Texts{"log 4 morrow: Failed to open sysfs file for "
                     "fff10000.i3c\n"} +
@@ -922,7 +751,7 @@ TEST_F(FullDiscovery, ListsAreEmptiedBetweenTheIdsAndTheWithdrawal)
     EXPECT_THAT(atTheWithdrawal, IsEmpty());
 }
 
-TEST_F(FullDiscovery, SleepsAreTakenUpAgainAfterASignal)
+TEST_F(FullDiscovery, SleepsAreResumedAfterASignal)
 {
     const auto interrupt = []
     {
@@ -932,7 +761,7 @@ TEST_F(FullDiscovery, SleepsAreTakenUpAgainAfterASignal)
                  interrupt);
     record::when("write unbind fff11000.i3c", interrupt);
     discover();
-    auto told = story();
+    auto told = trace();
     told.erase(std::remove_if(told.begin(), told.end(),
                               [](const auto& text)
                               {
@@ -944,14 +773,14 @@ TEST_F(FullDiscovery, SleepsAreTakenUpAgainAfterASignal)
                             "sleep 1000 ms"));
 }
 
-TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAllTheSame)
+TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
 {
     driver.comesUp(controller0);
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node0] = {fake::answer(0x1D)};
     fake::endpoints[node1] = {fake::answer(0x9D)};
     discover();
-    EXPECT_THAT(story(), Contains("log 4 morrow: Failed to open device node "
+    EXPECT_THAT(trace(), Contains("log 4 morrow: Failed to open device node "
                                   "for fff11000.i3c\n"));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
@@ -1005,7 +834,7 @@ TEST_F(WithEndpoints, PowerOffWithdrawsThoseOfItsNetwork)
 
 // Power-off cleanup
 
-TEST_F(PowerOffCleanup, IsTheWholeStory)
+TEST_F(PowerOffCleanup, HasTheExpectedTrace)
 {
     fake::lockIds = {{node0, 10}, {node1, 11}};
     fake::shmIds = {{node0, 20}, {node1, 21}};
@@ -1018,25 +847,14 @@ TEST_F(PowerOffCleanup, IsTheWholeStory)
 
     cleanUp();
 
-    EXPECT_THAT(story(), ElementsAreArray(
+    EXPECT_THAT(trace(), ElementsAreArray(
                              Texts{"log 4 morrow_server: morrow_dbus_server - "
                                    "Default constructor\n",
                                    "acquireLock /dev/i3c-mctp-0 gives 10",
                                    "getShmId /dev/i3c-mctp-0 gives 20",
                                    "acquireLock /dev/i3c-mctp-1 gives 11",
                                    "getShmId /dev/i3c-mctp-1 gives 21"} +
-                             withdrawNothing +
-                             Texts{
-                                 "sleep 100 ms",
-                                 "removeLock 10",
-                                 "removeLock 11",
-                                 "remove /dev/i3c-mctp-0",
-                                 "remove /dev/i3c-mctp-1",
-                                 "removeShm 20",
-                                 "removeShm 21",
-                                 "write unbind fff10000.i3c",
-                                 "write unbind fff11000.i3c",
-                             }));
+                             withdrawNothing + removesBoth));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_THAT(i3c_device_map, IsEmpty());
     EXPECT_THAT(i3c_discovered_map, IsEmpty());
@@ -1050,7 +868,7 @@ TEST_F(PowerOffCleanup, WithEmptyListsTouchesNoLockOrSharedMemory)
     DriverFiles::makeNode(0);
     DriverFiles::makeNode(1);
     cleanUp();
-    expectStory(Texts{"log 4 morrow_server: morrow_dbus_server - "
+    expectTrace(Texts{"log 4 morrow_server: morrow_dbus_server - "
                       "Default constructor\n"} +
                 withdrawNothing +
                 Texts{
@@ -1081,8 +899,8 @@ TEST_F(PowerOffCleanup, IdsOfMinus1AreLeftOut)
     fake::lockIds = {{node1, 11}};
     fake::shmIds = {{node0, 20}};
     cleanUp();
-    EXPECT_THAT(story(), Not(Contains("removeLock -1")));
-    EXPECT_THAT(story(), Not(Contains("removeShm -1")));
+    EXPECT_THAT(trace(), Not(Contains("removeLock -1")));
+    EXPECT_THAT(trace(), Not(Contains("removeShm -1")));
     EXPECT_EQ(record::count("removeLock 11"), 1);
     EXPECT_EQ(record::count("removeShm 20"), 1);
 }
@@ -1129,7 +947,7 @@ TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedForBothControllers)
 {
     DriverFiles::removeUnbindFile();
     cleanUp();
-    const auto told = story();
+    const auto told = trace();
     EXPECT_EQ(
         Texts(told.end() - 2, told.end()),
         (Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
@@ -1137,7 +955,7 @@ TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedForBothControllers)
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
-TEST_F(PowerOffCleanup, ForgetsEverythingBeforeTheWithdrawal)
+TEST_F(PowerOffCleanup, ClearsTheListsBeforeTheWithdrawal)
 {
     i3c_device_map = {node0};
     i3c_discovered_map = {controller0};
@@ -1157,7 +975,7 @@ TEST_F(PowerOffCleanup, ForgetsEverythingBeforeTheWithdrawal)
     EXPECT_EQ(ticks, 0);
 }
 
-TEST_F(PowerOffCleanup, SleepIsTakenUpAgainAfterASignal)
+TEST_F(PowerOffCleanup, SleepIsResumedAfterASignal)
 {
     fake::interruptedSleeps = 1;
     cleanUp();

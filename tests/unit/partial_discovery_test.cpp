@@ -7,7 +7,7 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
-#include "tests/unit/discovery_story.hpp"
+#include "tests/unit/discovery_trace.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,28 +47,17 @@ class PartialDiscovery : public WithFiles
         daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
     }
 
-    /** The state after a discovery in which the first controller's endpoint
-     *  answered and the second one's did not. */
-    static void firstAnswered()
+    /** The state after a discovery in which this endpoint alone answered. */
+    static void answered(int number)
     {
-        DriverFiles::makeNode(0);
-        DriverFiles::makeClassEntry(0);
+        DriverFiles::makeNode(number);
+        DriverFiles::makeClassEntry(number);
         i3c_device_map = {node0, node1};
         i3c_discovered_map = {controller0, controller1};
-        i3c_device_notify_map = {node0};
+        i3c_device_notify_map = {number == 0 ? node0 : node1};
     }
 
-    /** The same the other way about. */
-    static void secondAnswered()
-    {
-        DriverFiles::makeNode(1);
-        DriverFiles::makeClassEntry(1);
-        i3c_device_map = {node0, node1};
-        i3c_discovered_map = {controller0, controller1};
-        i3c_device_notify_map = {node1};
-    }
-
-    /** Runs the cycle and takes in what it did last. */
+    /** Runs the cycle and collects its last events. */
     void redo()
     {
         EXPECT_EQ(partial_discovery(), 0);
@@ -82,14 +71,13 @@ class PartialDiscovery : public WithFiles
         EXPECT_EQ(state_after_wait, MORROW_PARTIAL_DISCOVERY_EVENT);
     }
 
-    /** The last of the events, as many as these, are these. */
-    static void expectStoryEndsWith(const Texts& expected)
+    static void expectTraceEndsWith(const Texts& expected)
     {
-        const auto told = story();
-        ASSERT_GE(told.size(), expected.size());
+        const auto texts = trace();
+        ASSERT_GE(texts.size(), expected.size());
         EXPECT_EQ(
-            Texts(told.end() - static_cast<std::ptrdiff_t>(expected.size()),
-                  told.end()),
+            Texts(texts.end() - static_cast<std::ptrdiff_t>(expected.size()),
+                  texts.end()),
             expected);
     }
 };
@@ -98,107 +86,66 @@ class PartialDiscovery : public WithFiles
 
 // A whole redo, in order
 
-TEST_F(PartialDiscovery, RedoOfTheSecondControllerIsTheWholeStory)
+TEST_F(PartialDiscovery, RedoOfEitherControllerHasTheExpectedTrace)
 {
-    firstAnswered();
-    DriverFiles::makeNode(1);
-    driver.comesUp(controller1);
-    fake::endpoints[node1] = {fake::answer(0x9D)};
     fake::lockIds = {{node0, 10}, {node1, 11}};
     fake::shmIds = {{node0, 20}, {node1, 21}};
-
-    redo();
-
-    EXPECT_THAT(story(),
-                ElementsAreArray(
-                    choice(node0, node1) +
-                    Texts{
-                        "acquireLock /dev/i3c-mctp-1 gives 11",
-                        "getShmId /dev/i3c-mctp-1 gives 21",
-                        "removeLock 11",
-                        "remove /dev/i3c-mctp-1",
-                        "removeShm 21",
-                        "write unbind fff11000.i3c",
-                        "sleep 2000 ms",
-                        "write bind fff11000.i3c",
-                        "sleep 100 ms",
-                        "log 4 morrow: Discovered i3c device: "
-                        "/dev/i3c-mctp-1\n",
-                        "setLockPermission /dev/i3c-mctp-1",
-                        "setShmPermission /dev/i3c-mctp-1",
-                        "log 4 morrow: Found i3c device: /dev/i3c-mctp-1\n",
-                    } +
-                    goodExchange(node1) +
-                    Texts{
-                        "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
-                        "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
-                        "log 4 morrow: Notified i3c devices: "
-                        "/dev/i3c-mctp-0\n",
-                        "log 4 morrow: Notified i3c devices: "
-                        "/dev/i3c-mctp-1\n",
-                    } +
-                    complete));
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
-    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller1));
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
-}
-
-TEST_F(PartialDiscovery, RedoOfTheFirstControllerIsTheWholeStory)
-{
-    secondAnswered();
-    DriverFiles::makeNode(0);
     driver.comesUp(controller0);
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    fake::lockIds = {{node0, 10}, {node1, 11}};
-    fake::shmIds = {{node0, 20}, {node1, 21}};
+    driver.comesUp(controller1);
+    for (const int missing : {1, 0})
+    {
+        const bool first = missing == 0;
+        const auto& node = first ? node0 : node1;
+        const auto& other = first ? node1 : node0;
+        const auto& controller = first ? controller0 : controller1;
+        const auto& otherController = first ? controller1 : controller0;
+        const auto id = std::to_string(missing);
+        answered(1 - missing);
+        DriverFiles::makeNode(missing);
+        std::filesystem::remove(first ? entry0 : entry1);
+        fake::endpoints[node] = {fake::answer(0x9D)};
+        daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
+        skipped += trace().size();
 
-    redo();
+        redo();
 
-    EXPECT_THAT(story(),
-                ElementsAreArray(
-                    choice(node1, node0) +
-                    Texts{
-                        "acquireLock /dev/i3c-mctp-0 gives 10",
-                        "getShmId /dev/i3c-mctp-0 gives 20",
-                        "removeLock 10",
-                        "remove /dev/i3c-mctp-0",
-                        "removeShm 20",
-                        "write unbind fff10000.i3c",
-                        "sleep 2000 ms",
-                        "write bind fff10000.i3c",
-                        "sleep 100 ms",
-                        "log 4 morrow: Discovered i3c device: "
-                        "/dev/i3c-mctp-0\n",
-                        "setLockPermission /dev/i3c-mctp-0",
-                        "setShmPermission /dev/i3c-mctp-0",
-                        "log 4 morrow: Found i3c device: /dev/i3c-mctp-0\n",
-                    } +
-                    goodExchange(node0) +
-                    // What was redone comes last in the lists.
-                    Texts{
-                        "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
-                        "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
-                        "log 4 morrow: Notified i3c devices: "
-                        "/dev/i3c-mctp-1\n",
-                        "log 4 morrow: Notified i3c devices: "
-                        "/dev/i3c-mctp-0\n",
-                    } +
-                    complete));
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-    EXPECT_THAT(i3c_device_map, ElementsAre(node1, node0));
-    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller1, controller0));
-    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node1, node0));
+        EXPECT_THAT(
+            trace(),
+            ElementsAreArray(
+                choice(other, node) +
+                Texts{"acquireLock " + node + " gives 1" + id,
+                      "getShmId " + node + " gives 2" + id, "removeLock 1" + id,
+                      "remove " + node, "removeShm 2" + id,
+                      "write unbind " + controller, "sleep 2000 ms",
+                      "write bind " + controller, "sleep 100 ms",
+                      "log 4 morrow: Discovered i3c device: " + node + "\n",
+                      "setLockPermission " + node, "setShmPermission " + node,
+                      "log 4 morrow: Found i3c device: " + node + "\n"} +
+                goodExchange(node) +
+                // The new entries are the last of the lists.
+                Texts{
+                    "log 4 morrow: Discovered i3c device: " + otherController +
+                        "\n",
+                    "log 4 morrow: Discovered i3c device: " + controller + "\n",
+                    "log 4 morrow: Notified i3c devices: " + other + "\n",
+                    "log 4 morrow: Notified i3c devices: " + node + "\n"} +
+                complete));
+        EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+        EXPECT_THAT(i3c_device_map, ElementsAre(other, node));
+        EXPECT_THAT(i3c_discovered_map,
+                    ElementsAre(otherController, controller));
+        EXPECT_THAT(i3c_device_notify_map, ElementsAre(other, node));
+    }
 }
 
 // Which controller is redone
 
-TEST_F(PartialDiscovery, BothFoundAndAnsweredGoesIdleWithoutAWord)
+TEST_F(PartialDiscovery, BothFoundAndAnsweredGoesIdleWithoutALogLine)
 {
     i3c_device_map = {node0, node1};
     i3c_device_notify_map = {node0, node1};
     redo();
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
@@ -207,10 +154,10 @@ TEST_F(PartialDiscovery, NothingNotifiedRedoesTheFirstAndNamesTheSecond)
     i3c_device_map = {node0, node1};
     i3c_discovered_map = {controller0, controller1};
     redo();
-    const auto told = story();
-    EXPECT_EQ(Texts(told.begin(), told.begin() + 2), choice(node1, node0));
-    EXPECT_THAT(told, Contains("write bind fff10000.i3c"));
-    EXPECT_THAT(told, Not(Contains("write bind fff11000.i3c")));
+    const auto texts = trace();
+    EXPECT_EQ(Texts(texts.begin(), texts.begin() + 2), choice(node1, node0));
+    EXPECT_THAT(texts, Contains("write bind fff10000.i3c"));
+    EXPECT_THAT(texts, Not(Contains("write bind fff11000.i3c")));
 }
 
 TEST_F(PartialDiscovery, TwoNotifiedButOneFoundIsCompleteWithoutARedo)
@@ -219,7 +166,7 @@ TEST_F(PartialDiscovery, TwoNotifiedButOneFoundIsCompleteWithoutARedo)
     i3c_discovered_map = {controller0};
     i3c_device_notify_map = {node0, node1};
     redo();
-    expectStory(Texts{"log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+    expectTrace(Texts{"log 4 morrow: Discovered i3c device: fff10000.i3c\n",
                       "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
                       "log 4 morrow: Notified i3c devices: "
                       "/dev/i3c-mctp-1\n"} +
@@ -232,7 +179,7 @@ TEST_F(PartialDiscovery, ThreeFoundAndTwoNotifiedIsCompleteAfterTheSummary)
     i3c_device_map = {node0, node1, node1};
     i3c_device_notify_map = {node0, node1};
     redo();
-    expectStory(Texts{"log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
+    expectTrace(Texts{"log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n",
                       "log 4 morrow: Notified i3c devices: "
                       "/dev/i3c-mctp-1\n"} +
                 complete);
@@ -243,7 +190,7 @@ TEST_F(PartialDiscovery, OneDeviceNotifiedTwiceCompletesIt)
     i3c_device_map = {node0, node0};
     i3c_device_notify_map = {node0, node0};
     redo();
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
@@ -252,8 +199,8 @@ TEST_F(PartialDiscovery, ThreeNotifiedIsCompleteAfterTheSummary)
     i3c_device_map = {node0, node1};
     i3c_device_notify_map = {node0, node0, node1};
     redo();
-    expectStoryEndsWith(complete);
-    EXPECT_EQ(story().size(), 4U);
+    expectTraceEndsWith(complete);
+    EXPECT_EQ(trace().size(), 4U);
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
@@ -262,8 +209,8 @@ TEST_F(PartialDiscovery, NodeIsComparedAsAWhole)
     i3c_device_map = {node0};
     i3c_device_notify_map = {node0 + "0"};
     redo();
-    const auto told = story();
-    EXPECT_EQ(Texts(told.begin(), told.begin() + 2), choice(node1, node0));
+    const auto texts = trace();
+    EXPECT_EQ(Texts(texts.begin(), texts.begin() + 2), choice(node1, node0));
 }
 
 // What is taken down
@@ -292,7 +239,7 @@ TEST_F(PartialDiscovery, ControllerLeavesItsListWhateverNodeItWasFoundUnder)
 
 TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
 {
-    firstAnswered();
+    answered(0);
     std::size_t left = 99;
     record::when("acquireLock /dev/i3c-mctp-1",
                  [&left]
@@ -305,15 +252,15 @@ TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
 
 TEST_F(PartialDiscovery, MissingIdsAreGivenToRemoveLockButNotToRemoveShm)
 {
-    firstAnswered();
+    answered(0);
     redo();
-    EXPECT_THAT(story(), Contains("removeLock -1"));
-    EXPECT_THAT(story(), Not(Contains(testing::StartsWith("removeShm"))));
+    EXPECT_THAT(trace(), Contains("removeLock -1"));
+    EXPECT_THAT(trace(), Not(Contains(testing::StartsWith("removeShm"))));
 }
 
 TEST_F(PartialDiscovery, IdsOf0AreRemoved)
 {
-    firstAnswered();
+    answered(0);
     fake::lockIds = {{node1, 0}};
     fake::shmIds = {{node1, 0}};
     redo();
@@ -323,12 +270,12 @@ TEST_F(PartialDiscovery, IdsOf0AreRemoved)
 
 TEST_F(PartialDiscovery, TheOtherControllerIsLeftAlone)
 {
-    firstAnswered();
+    answered(0);
     driver.comesUp(controller1);
     fake::lockIds = {{node0, 10}, {node1, 11}};
     fake::shmIds = {{node0, 20}, {node1, 21}};
     redo();
-    for (const auto& text : story())
+    for (const auto& text : trace())
     {
         EXPECT_THAT(text, Not(testing::HasSubstr("write unbind fff10000")));
         EXPECT_THAT(text, Not(testing::HasSubstr("write bind fff10000")));
@@ -345,17 +292,17 @@ TEST_F(PartialDiscovery, TheOtherControllerIsLeftAlone)
 
 TEST_F(PartialDiscovery, UnopenableUnbindFileIsLoggedAndTheRedoGoesOn)
 {
-    firstAnswered();
+    answered(0);
     DriverFiles::removeUnbindFile();
     driver.comesUp(controller1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
     redo();
-    const auto told = story();
+    const auto texts = trace();
     const auto failure =
-        std::find(told.begin(), told.end(),
+        std::find(texts.begin(), texts.end(),
                   "log 4 morrow: Failed to open sysfs file for "
                   "fff11000.i3c\n");
-    ASSERT_NE(failure, told.end());
+    ASSERT_NE(failure, texts.end());
     EXPECT_EQ(*(failure + 1), "sleep 2000 ms");
     EXPECT_EQ(*(failure + 2), "write bind fff11000.i3c");
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
@@ -363,10 +310,10 @@ TEST_F(PartialDiscovery, UnopenableUnbindFileIsLoggedAndTheRedoGoesOn)
 
 TEST_F(PartialDiscovery, UnopenableBindFileIsLoggedAndTheNodeNotWaitedFor)
 {
-    firstAnswered();
+    answered(0);
     DriverFiles::removeBindFile();
     redo();
-    expectStoryEndsWith(
+    expectTraceEndsWith(
         Texts{"sleep 2000 ms",
               "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n",
               "setLockPermission /dev/i3c-mctp-1",
@@ -379,12 +326,12 @@ TEST_F(PartialDiscovery, UnopenableBindFileIsLoggedAndTheNodeNotWaitedFor)
 
 TEST_F(PartialDiscovery, UnopenableBindFileLeavesTheScanToWhatIsThere)
 {
-    firstAnswered();
+    answered(0);
     DriverFiles::removeBindFile();
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
     redo();
-    // Not said to be discovered, for it was not waited for.
+    // Not logged as discovered, since it was not waited for.
     EXPECT_EQ(record::count("log 4 morrow: Discovered i3c device: "
                             "/dev/i3c-mctp-1\n"),
               0);
@@ -393,12 +340,12 @@ TEST_F(PartialDiscovery, UnopenableBindFileLeavesTheScanToWhatIsThere)
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
-TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAllTheSame)
+TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAnyway)
 {
-    firstAnswered();
+    answered(0);
     DriverFiles::refuseBindWrites();
     redo();
-    expectStoryEndsWith(
+    expectTraceEndsWith(
         Texts{"sleep 2000 ms"} + Texts(31, "sleep 100 ms") +
         Texts{"setLockPermission /dev/i3c-mctp-1",
               "setShmPermission /dev/i3c-mctp-1",
@@ -410,9 +357,9 @@ TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAllTheSame)
 
 TEST_F(PartialDiscovery, NodeThatNeverOpensIsWaitedForInSilence)
 {
-    firstAnswered();
+    answered(0);
     redo();
-    expectStoryEndsWith(
+    expectTraceEndsWith(
         Texts{"write bind fff11000.i3c"} + Texts(31, "sleep 100 ms") +
         Texts{"setLockPermission /dev/i3c-mctp-1",
               "setShmPermission /dev/i3c-mctp-1",
@@ -423,9 +370,9 @@ TEST_F(PartialDiscovery, NodeThatNeverOpensIsWaitedForInSilence)
     expectRetryInTenSeconds();
 }
 
-TEST_F(PartialDiscovery, ClassEntryWithoutANodeIsScannedAllTheSame)
+TEST_F(PartialDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
 {
-    firstAnswered();
+    answered(0);
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
     redo();
@@ -439,10 +386,10 @@ TEST_F(PartialDiscovery, ClassEntryWithoutANodeIsScannedAllTheSame)
 
 TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)
 {
-    firstAnswered();
+    answered(0);
     driver.comesUp(controller1);
     redo();
-    expectStoryEndsWith(
+    expectTraceEndsWith(
         Texts{"log 4 morrow: Discovered i3c device: fff10000.i3c\n",
               "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
               "log 4 morrow: Notified i3c devices: /dev/i3c-mctp-0\n"} +
@@ -452,11 +399,11 @@ TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)
     expectRetryInTenSeconds();
 }
 
-TEST_F(PartialDiscovery, SaysWhatFollowsBeforeItDoes)
+TEST_F(PartialDiscovery, LogsWhatFollowsBeforeItHappens)
 {
     const StateWatch retries(retry.front());
     const StateWatch completes(complete.front());
-    firstAnswered();
+    answered(0);
     redo();
     EXPECT_EQ(retries.seen(), MORROW_PARTIAL_DISCOVERY_EVENT);
     i3c_device_notify_map = {node0, node0};
@@ -469,20 +416,20 @@ TEST_F(PartialDiscovery, SaysWhatFollowsBeforeItDoes)
 TEST_F(PartialDiscovery, NothingNotifiedAtAllIsTriedAgainInTenSeconds)
 {
     redo();
-    expectStoryEndsWith(Texts{"setLockPermission /dev/i3c-mctp-0",
+    expectTraceEndsWith(Texts{"setLockPermission /dev/i3c-mctp-0",
                               "setShmPermission /dev/i3c-mctp-0"} +
                         retry);
     expectRetryInTenSeconds();
 }
 
-TEST_F(PartialDiscovery, SleepIsTakenUpAgainAfterASignal)
+TEST_F(PartialDiscovery, SleepIsResumedAfterASignal)
 {
-    firstAnswered();
+    answered(0);
     fake::interruptedSleeps = 1;
     redo();
-    const auto told = story();
-    const auto sleep = std::find(told.begin(), told.end(), "sleep 2000 ms");
-    ASSERT_NE(sleep, told.end());
+    const auto texts = trace();
+    const auto sleep = std::find(texts.begin(), texts.end(), "sleep 2000 ms");
+    ASSERT_NE(sleep, texts.end());
     EXPECT_EQ(*(sleep + 1), "sleep 1000 ms");
     EXPECT_EQ(*(sleep + 2), "write bind fff11000.i3c");
 }
@@ -494,23 +441,23 @@ TEST_F(PartialDiscovery, IsWhatItsStateDoes)
     i3c_device_map = {node0, node1};
     i3c_device_notify_map = {node0, node1};
     run_state_action();
-    EXPECT_THAT(story(), IsEmpty());
+    EXPECT_THAT(trace(), IsEmpty());
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
 TEST_F(PartialDiscovery, RetryComesBackAfterTenTicksOnTheEleventhCall)
 {
-    firstAnswered();
+    answered(0);
     redo();
-    behind += story().size();
+    skipped += trace().size();
     for (int tick = 0; tick < 10; ++tick)
     {
         run_state_action();
         EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
     }
-    expectStory(Texts(10, "sleep 1000 ms"));
+    expectTrace(Texts(10, "sleep 1000 ms"));
     run_state_action();
-    expectStory(Texts(10, "sleep 1000 ms"));
+    expectTrace(Texts(10, "sleep 1000 ms"));
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
 }
 

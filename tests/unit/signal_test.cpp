@@ -4,7 +4,7 @@
 #include "tests/support/leave.hpp"
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
-#include "tests/support/story.hpp"
+#include "tests/support/transcript.hpp"
 
 #include <poll.h>
 #include <pthread.h>
@@ -12,7 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -24,12 +24,12 @@
 #include <gtest/gtest.h>
 
 using testing::ElementsAre;
-using namespace telling;
+using namespace transcript;
 
 namespace
 {
 
-Texts story()
+Texts trace()
 {
     return record::textsOf(record::thisThread());
 }
@@ -93,17 +93,17 @@ TEST_F(Signal, FirstUseLogsItsEntryBeforeTheConstructors)
 {
     morrow_signal::get_instance();
     morrow_signal::get_instance();
-    EXPECT_THAT(story(),
+    EXPECT_THAT(trace(),
                 ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
                             "log 4 morrow_signal: Entry [morrow_signal]\n",
                             "log 4 morrow_signal: Entry [get_instance]\n"));
     EXPECT_EQ(morrow_signal::get_instance().get_stop_state(), 0);
 }
 
-TEST_F(Signal, SetUpIsTheWholeStory)
+TEST_F(Signal, SetUpHasTheExpectedTrace)
 {
     start();
-    EXPECT_THAT(story(),
+    EXPECT_THAT(trace(),
                 ElementsAre("log 4 morrow_signal: Entry [get_instance]\n",
                             "log 4 morrow_signal: Entry [morrow_signal]\n",
                             "log 4 morrow_signal: Entry [morrow_init_signal]\n",
@@ -111,102 +111,68 @@ TEST_F(Signal, SetUpIsTheWholeStory)
                             "log 4 morrow_signal: Created signal thread\n"));
 }
 
-TEST_F(Signal, SecondSetUpKeepsTheThread)
-{
-    start();
-    EXPECT_EQ(morrow_init_signal(), 0U);
-    EXPECT_EQ(story().back(),
-              "log 4 morrow_signal: Signal thread is already created\n");
-    EXPECT_EQ(record::count(threadEnters), 1);
-}
-
-TEST_F(Signal, HandlersAreInstalledForTermThenSegvThenBus)
-{
-    start();
-    EXPECT_THAT(fake::signalsSet(), ElementsAre(SIGTERM, SIGSEGV, SIGBUS));
-}
-
-TEST_F(Signal, SecondSetUpInstallsTheHandlersAgain)
+TEST_F(Signal, SecondSetUpKeepsTheThreadAndInstallsTheHandlers)
 {
     start();
     signal(SIGTERM, SIG_DFL);
     EXPECT_EQ(morrow_init_signal(), 0U);
+    EXPECT_EQ(trace().back(),
+              "log 4 morrow_signal: Signal thread is already created\n");
+    EXPECT_EQ(record::count(threadEnters), 1);
     EXPECT_FALSE(isDefault(SIGTERM));
 }
 
-TEST_F(Signal, HandlesTermSegvAndBusAndNothingElse)
+TEST_F(Signal, OneHandlerServesTermSegvAndBusAndNothingElse)
 {
-    // Whoever started this program may have had them ignored.
-    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE})
+    constexpr std::array others{SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,
+                                SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD};
+    for (const int number : others)
     {
-        signal(number, SIG_DFL);
+        // The parent may have had it ignored.
+        (void)::signal(number, SIG_DFL);
     }
+    const auto before = fake::signalsSet().size();
     start();
-    for (int number = 1; number < SIGRTMIN; ++number)
+    auto set = fake::signalsSet();
+    set.erase(set.begin(), set.begin() + static_cast<std::ptrdiff_t>(before));
+    EXPECT_THAT(set, ElementsAre(SIGTERM, SIGSEGV, SIGBUS));
+    EXPECT_FALSE(isDefault(SIGTERM));
+    EXPECT_EQ(handlerOf(SIGSEGV), handlerOf(SIGTERM));
+    EXPECT_EQ(handlerOf(SIGBUS), handlerOf(SIGTERM));
+    for (const int number : others)
     {
-        const bool handled =
-            number == SIGTERM || number == SIGSEGV || number == SIGBUS;
-        // A sanitizer has handlers for faults of its own.
-        if (handled || number == SIGHUP || number == SIGINT ||
-            number == SIGQUIT || number == SIGUSR1 || number == SIGUSR2 ||
-            number == SIGALRM || number == SIGPIPE || number == SIGCHLD)
-        {
-            EXPECT_EQ(isDefault(number), !handled) << number;
-        }
+        EXPECT_TRUE(isDefault(number)) << number;
     }
 }
 
-TEST_F(Signal, ThreadThatCannotStartIsLoggedAndNoHandlerInstalled)
+TEST_F(Signal, ThreadThatCannotStartIsLoggedAndStartedTheNextTime)
 {
-    const limits::NoNewThreads none;
-    EXPECT_EQ(morrow_init_signal(), 2U);
-    EXPECT_EQ(story().back(),
+    {
+        const limits::NoNewThreads none;
+        EXPECT_EQ(morrow_init_signal(), 2U);
+    }
+    EXPECT_EQ(trace().back(),
               "log 4 morrow_signal: Failed to create signal thread\n");
     EXPECT_TRUE(isDefault(SIGTERM));
-}
-
-TEST_F(Signal, SemaphoreThatCannotBeMadeIsLoggedAndNothingStarted)
-{
-    fake::semaphoreInitError = ENOSYS;
-    EXPECT_EQ(morrow_init_signal(), 2U);
-    EXPECT_EQ(story().back(),
-              "log 4 morrow_signal: Failed to initialize semaphore\n");
-    EXPECT_TRUE(isDefault(SIGTERM));
-    fake::semaphoreInitError = 0;
+    fake::semaphoreInitError = ENOSYS; // the semaphore exists already
     start();
+    EXPECT_FALSE(isDefault(SIGTERM));
 }
 
-TEST_F(Signal, SemaphoreThatCouldNotBeMadeIsMadeTheNextTime)
+TEST_F(Signal, SemaphoreThatCannotBeCreatedIsLoggedAndCreatedTheNextTime)
 {
     auto& signal = morrow_signal::get_instance();
     fake::semaphoreInitError = ENOSYS;
     EXPECT_EQ(morrow_init_signal(), 2U);
+    EXPECT_EQ(trace().back(),
+              "log 4 morrow_signal: Failed to initialize semaphore\n");
+    EXPECT_TRUE(isDefault(SIGTERM));
     EXPECT_EQ(fake::semaphoreWithin(&signal, sizeof(signal)).shared, -1);
     fake::semaphoreInitError = 0;
     start();
-    const auto made = fake::semaphoreWithin(&signal, sizeof(signal));
-    EXPECT_EQ(made.shared, 0);
-    EXPECT_EQ(made.value, 0U);
-}
-
-TEST_F(Signal, SemaphoreIsNotMadeASecondTime)
-{
-    {
-        const limits::NoNewThreads none;
-        EXPECT_EQ(morrow_init_signal(), 2U);
-    }
-    fake::semaphoreInitError = ENOSYS;
-    start();
-}
-
-TEST_F(Signal, SetUpAfterAFailureMakesTheThread)
-{
-    {
-        const limits::NoNewThreads none;
-        EXPECT_EQ(morrow_init_signal(), 2U);
-    }
-    start();
-    EXPECT_FALSE(isDefault(SIGTERM));
+    const auto created = fake::semaphoreWithin(&signal, sizeof(signal));
+    EXPECT_EQ(created.shared, 0);
+    EXPECT_EQ(created.value, 0U);
 }
 
 TEST_F(Signal, TerminationBeforeStartUpFinishedStopsNoBus)
@@ -216,10 +182,10 @@ TEST_F(Signal, TerminationBeforeStartUpFinishedStopsNoBus)
     ASSERT_TRUE(record::waitFor(stopped));
     auto& signal = morrow_signal::get_instance();
     EXPECT_EQ(signal.get_stop_state(), 2);
-    Texts told = record::textsOf(threadOf(threadEnters));
+    Texts texts = record::textsOf(threadOf(threadEnters));
     // The handler may have run on the signal thread.
-    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(told,
+    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
+    EXPECT_THAT(texts,
                 ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
                             "log 4 morrow_signal: Got signal Stopping MORROW\n",
                             "log 4 morrow_signal: Stopped MORROW\n"));
@@ -247,18 +213,18 @@ TEST_F(Signal, HandlerLeavesErrnoAlone)
     fake::errnoOfLog = 0;
 }
 
-TEST_F(Signal, BusSidesThatWereNeverStartedAreStoppedAllTheSame)
+TEST_F(Signal, BusSidesThatWereNeverStartedAreStoppedAnyway)
 {
     start();
     auto& signal = morrow_signal::get_instance();
     signal.set_dbus_ready();
-    EXPECT_EQ(story().back(), "log 4 morrow_signal: Entry [set_dbus_ready]\n");
+    EXPECT_EQ(trace().back(), "log 4 morrow_signal: Entry [set_dbus_ready]\n");
     sendSignal(SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
-    Texts told = record::textsOf(threadOf(threadEnters));
-    std::erase(told, "log 4 morrow_signal: Entry [get_instance]\n");
+    Texts texts = record::textsOf(threadOf(threadEnters));
+    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
     EXPECT_THAT(
-        told,
+        texts,
         ElementsAre(
             "log 4 morrow_signal: Entry [signal_thread_fn]\n",
             "log 4 morrow_signal: Got signal Stopping MORROW\n",
@@ -298,8 +264,8 @@ TEST_F(Signal, WaitStopPollsEvery100MsUntilStopped)
     signal.wait_stop();
     EXPECT_EQ(sleeps, 3);
     fake::onSleep = {};
-    const Texts told = story();
-    EXPECT_THAT(Texts(told.end() - 4, told.end()),
+    const Texts texts = trace();
+    EXPECT_THAT(Texts(texts.end() - 4, texts.end()),
                 ElementsAre("log 4 morrow_signal: Entry [wait_stop]\n",
                             "sleep 100 ms", "sleep 100 ms", "sleep 100 ms"));
 }
@@ -311,11 +277,11 @@ TEST_F(Signal, WaitStopLogsAThreadThatCannotBeJoined)
     signal.post_stop();
     signal.wait_stop();
     signal.wait_stop();
-    EXPECT_EQ(story().back(), "log 4 morrow_signal: Failed to terminate thread "
+    EXPECT_EQ(trace().back(), "log 4 morrow_signal: Failed to terminate thread "
                               "[Invalid argument].\n");
 }
 
-TEST_F(Signal, SecondPassWaitsForASecondTermination)
+TEST_F(Signal, SecondRunWaitsForASecondTermination)
 {
     start();
     auto& signal = morrow_signal::get_instance();
@@ -327,7 +293,7 @@ TEST_F(Signal, SecondPassWaitsForASecondTermination)
             signal.signal_thread_fn();
         });
     ASSERT_TRUE(record::waitFor(threadEnters, 2));
-    // Time enough for what must not happen yet.
+    // Long enough for a stop that comes too early.
     (void)poll(nullptr, 0, 100);
     EXPECT_EQ(record::count(gotSignal), 1);
     EXPECT_EQ(record::count(stopped), 1);
@@ -355,7 +321,7 @@ TEST_F(Signal, FaultHandlerResetsTheDispositionAndReturns)
     for (const int number : {SIGSEGV, SIGBUS})
     {
         ASSERT_FALSE(isDefault(number));
-        // Sent, not faulted: the handler returns and the program goes on.
+        // Without a fault, the handler returns and the program continues.
         ASSERT_EQ(raise(number), 0);
         EXPECT_TRUE(isDefault(number));
     }
@@ -370,11 +336,11 @@ TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
     };
     ASSERT_EQ(sigaction(SIGTERM, nullptr, &handler), 0);
     signal(SIGUSR1, SIG_IGN);
-    const auto before = story().size();
+    const auto before = trace().size();
     handler.sa_handler(SIGUSR1);
-    const auto told = story();
+    const auto texts = trace();
     EXPECT_EQ(
-        Texts(told.begin() + static_cast<std::ptrdiff_t>(before), told.end()),
+        Texts(texts.begin() + static_cast<std::ptrdiff_t>(before), texts.end()),
         Texts{"log 4 morrow_signal: Entry [get_instance]\n"});
     EXPECT_FALSE(isDefault(SIGUSR1));
     EXPECT_FALSE(isDefault(SIGSEGV));
@@ -402,30 +368,38 @@ TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
     start();
     auto& signal = morrow_signal::get_instance();
     signal.set_dbus_ready();
-    std::vector<int> states;
-    for (const char* text :
-         {"log 4 morrow_signal: Got signal Stopping MORROW",
-          "log 4 morrow_signal: Stopping Dbus",
-          "log 4 morrow_server: stop_morrow_dbus_server - Enter",
-          "log 4 morrow_signal: Stopped MORROW"})
+    for (std::size_t run = 1; run <= 2; ++run)
     {
-        record::when(text,
-                     [&signal, &states]
-                     {
-                         states.push_back(signal.get_stop_state());
-                     });
+        std::vector<int> states;
+        for (const char* text :
+             {"log 4 morrow_signal: Got signal Stopping MORROW",
+              "log 4 morrow_signal: Stopping Dbus",
+              "log 4 morrow_server: stop_morrow_dbus_server - Enter",
+              "log 4 morrow_signal: Stopped MORROW"})
+        {
+            record::when(text,
+                         [&signal, &states]
+                         {
+                             states.push_back(signal.get_stop_state());
+                         });
+        }
+        signal.post_stop();
+        if (run == 2)
+        {
+            signal.signal_thread_fn();
+        }
+        ASSERT_TRUE(record::waitFor(stopped, run));
+        EXPECT_THAT(states, ElementsAre(run == 1 ? 0 : 2, 1, 1, 2));
+        EXPECT_EQ(signal.get_stop_state(), 2);
     }
-    sendSignal(SIGTERM);
-    ASSERT_TRUE(record::waitFor(stopped));
-    signal.wait_stop();
-    EXPECT_THAT(states, ElementsAre(0, 1, 1, 2));
 }
 
 TEST_F(Signal, DestructorLogsItsEntry)
 {
     EXPECT_EXIT(
         {
-            // Registered before the singleton is made: runs after it is gone.
+            // Registered before the singleton is created: runs after its
+            // destructor.
             (void)std::atexit(
                 []
                 {
@@ -475,20 +449,6 @@ TEST_F(Signal, ThreadThatWasNotJoinedEndsTheProcess)
         testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(Signal, SemaphoreIsPrivateAndBeginsAt0)
-{
-    start();
-    EXPECT_EQ(fake::lastSemaphore().shared, 0);
-    EXPECT_EQ(fake::lastSemaphore().value, 0U);
-}
-
-TEST_F(Signal, OneHandlerServesAllThree)
-{
-    start();
-    EXPECT_EQ(handlerOf(SIGSEGV), handlerOf(SIGTERM));
-    EXPECT_EQ(handlerOf(SIGBUS), handlerOf(SIGTERM));
-}
-
 TEST_F(Signal, WaitThatIsInterruptedEndsAsIfPosted)
 {
     start();
@@ -498,7 +458,7 @@ TEST_F(Signal, WaitThatIsInterruptedEndsAsIfPosted)
     interruption.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGUSR1, &interruption, nullptr), 0);
     const pid_t thread = threadOf(threadEnters);
-    // Again and again, for a signal before the wait interrupts nothing.
+    // Repeated: a signal before the wait has no effect.
     EXPECT_TRUE(record::waitUntil(
         [thread]
         {
@@ -507,31 +467,7 @@ TEST_F(Signal, WaitThatIsInterruptedEndsAsIfPosted)
         }));
 }
 
-TEST_F(Signal, StopStateIs1WhileTheBusIsStopped)
-{
-    start();
-    auto& signal = morrow_signal::get_instance();
-    signal.set_dbus_ready();
-    for (std::size_t pass = 1; pass <= 2; ++pass)
-    {
-        std::atomic<int> meanwhile{-1};
-        record::when("log 4 morrow_signal: Stopping Dbus",
-                     [&]
-                     {
-                         meanwhile = signal.get_stop_state();
-                     });
-        signal.post_stop();
-        if (pass == 2)
-        {
-            signal.signal_thread_fn();
-        }
-        ASSERT_TRUE(record::waitFor(stopped, pass));
-        EXPECT_EQ(meanwhile, 1);
-        EXPECT_EQ(signal.get_stop_state(), 2);
-    }
-}
-
-TEST_F(Signal, WaitStopTakesItsSleepUpAgainAfterASignal)
+TEST_F(Signal, WaitStopResumesItsSleepAfterASignal)
 {
     start();
     auto& signal = morrow_signal::get_instance();
@@ -544,13 +480,13 @@ TEST_F(Signal, WaitStopTakesItsSleepUpAgainAfterASignal)
     };
     signal.wait_stop();
     fake::onSleep = {};
-    const Texts told = story();
-    EXPECT_THAT(Texts(told.end() - 3, told.end()),
+    const Texts texts = trace();
+    EXPECT_THAT(Texts(texts.end() - 3, texts.end()),
                 ElementsAre("log 4 morrow_signal: Entry [wait_stop]\n",
                             "sleep 100 ms", "sleep 50 ms"));
 }
 
-TEST_F(Signal, SemaphoreThatWasNeverMadeIsNotDestroyed)
+TEST_F(Signal, SemaphoreThatWasNeverCreatedIsNotDestroyed)
 {
     EXPECT_EXIT(
         {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "world.hpp"
+#include "test_case.hpp"
 
 #include <algorithm>
 #include <array>
@@ -20,7 +20,7 @@ std::string quoted(const std::string& text)
     return '"' + text + '"';
 }
 
-/** A host state as people call it, if it is one of the two that matter. */
+/** A host state, shortened if it is one of the two that have an effect. */
 std::string hostState(const std::string& text)
 {
     if (text == running)
@@ -31,7 +31,7 @@ std::string hostState(const std::string& text)
 }
 
 template <typename Value>
-std::string inWords(const Value& value)
+std::string describe(const Value& value)
 {
     if constexpr (std::is_arithmetic_v<Value>)
     {
@@ -52,7 +52,7 @@ std::string inWords(const Value& value)
     }
 }
 
-std::string inWords(const std::vector<Change>& changes)
+std::string describe(const std::vector<Change>& changes)
 {
     std::string text;
     for (const auto& [name, value] : changes)
@@ -62,7 +62,7 @@ std::string inWords(const std::vector<Change>& changes)
     return text.empty() ? " nothing" : text;
 }
 
-std::string inWords(ClassEntry entry)
+std::string describe(ClassEntry entry)
 {
     switch (entry)
     {
@@ -75,7 +75,7 @@ std::string inWords(ClassEntry entry)
     }
 }
 
-std::string inWords(const Attempt& attempt)
+std::string describe(const Attempt& attempt)
 {
     std::string text = attempt.result == 0
                            ? "answer"
@@ -102,11 +102,11 @@ std::string inWords(const Attempt& attempt)
     return text + (attempt.stop ? ", stop" : "");
 }
 
-struct InWords
+struct Describe
 {
-    std::string operator()(const Nothing& /*nothing*/) const
+    std::string operator()(const NoEvent& /*nothing*/) const
     {
-        return "nothing happens";
+        return "no event";
     }
 
     std::string operator()(const HostStateIs& host) const
@@ -121,12 +121,12 @@ struct InWords
 
     std::string operator()(const PowerStateSignal& signal) const
     {
-        return "power state signal:" + inWords(signal.changes);
+        return "power state signal:" + describe(signal.changes);
     }
 
     std::string operator()(const ResetCauseSignal& signal) const
     {
-        return "reset cause signal:" + inWords(signal.changes);
+        return "reset cause signal:" + describe(signal.changes);
     }
 
     std::string operator()(const DeviceBehaves& behaviour) const
@@ -139,7 +139,7 @@ struct InWords
         }
         return name + " comes up after " + std::to_string(device.polls) +
                " polls as number " + std::to_string(device.number) + " with " +
-               inWords(device.entry);
+               describe(device.entry);
     }
 
     std::string operator()(const EndpointBehaves& behaviour) const
@@ -147,7 +147,7 @@ struct InWords
         std::string text;
         for (const auto& attempt : behaviour.attempts)
         {
-            text += (text.empty() ? ": " : "; ") + inWords(attempt);
+            text += (text.empty() ? ": " : "; ") + describe(attempt);
         }
         return "endpoint of " + controllers.at(behaviour.number).node + text;
     }
@@ -172,7 +172,8 @@ struct InWords
 
     std::string operator()(const EntryIsMade& made) const
     {
-        return controllers.at(made.number).node + " has " + inWords(made.entry);
+        return controllers.at(made.number).node + " has " +
+               describe(made.entry);
     }
 
     std::string operator()(const VendorReads& vendor) const
@@ -203,7 +204,8 @@ std::vector<Difference> differences(const State& first, const State& second)
     {
         if (left != right)
         {
-            found.push_back({std::string(name), inWords(left), inWords(right)});
+            found.push_back(
+                {std::string(name), describe(left), describe(right)});
         }
     };
     compare("daemon_state", first.daemonState, second.daemonState);
@@ -222,30 +224,32 @@ std::vector<Difference> differences(const State& first, const State& second)
     return found;
 }
 
-std::string inWords(const Step& step)
+std::string describe(const Step& step)
 {
-    return std::visit(InWords{}, step.happening) + "; " +
-           std::to_string(step.passes) +
-           (step.passes == 1 ? " pass" : " passes");
+    return std::visit(Describe{}, step.event) + "; " +
+           std::to_string(step.iterations) +
+           (step.iterations == 1 ? " iteration" : " iterations");
 }
 
 std::ostream& operator<<(std::ostream& out, const State& state)
 {
     out << "After start-up";
-    for (const auto& [name, usual, other] : differences(afterStartUp(), state))
+    for (const auto& [name, defaultValue, other] :
+         differences(afterStartUp(), state))
     {
-        out << ", " << name << " is " << other << " (not " << usual << ")";
+        out << ", " << name << " is " << other << " (not " << defaultValue
+            << ")";
     }
     return out;
 }
 
-std::ostream& operator<<(std::ostream& out, const World& world)
+std::ostream& operator<<(std::ostream& out, const TestCase& testCase)
 {
-    out << world.start;
+    out << testCase.start;
     std::size_t number = 0;
-    for (const auto& step : world.steps)
+    for (const auto& step : testCase.steps)
     {
-        out << "\n  " << ++number << ". " << inWords(step);
+        out << "\n  " << ++number << ". " << describe(step);
     }
     return out;
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 /**
- * Words for expectations about the record: whose events, from where on.
+ * Selections of the record: the events of a thread, from the n-th on.
  */
 
 #include "tests/support/record.hpp"
@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-namespace telling
+namespace transcript
 {
 
 using Texts = std::vector<std::string>;
 
-/** One story after the other. */
+/** One trace after the other. */
 inline Texts operator+(Texts left, const Texts& right)
 {
     left.insert(left.end(), right.begin(), right.end());
@@ -26,7 +26,7 @@ inline Texts operator+(Texts left, const Texts& right)
 }
 
 /** A thread's events from its n-th on. */
-inline Texts storyOf(pid_t thread, std::size_t from = 0)
+inline Texts traceOf(pid_t thread, std::size_t from = 0)
 {
     auto texts = record::textsOf(thread);
     texts.erase(texts.begin(),
@@ -35,9 +35,9 @@ inline Texts storyOf(pid_t thread, std::size_t from = 0)
 }
 
 /** This thread's events from its n-th on. */
-inline Texts storyFrom(std::size_t from)
+inline Texts traceFrom(std::size_t from)
 {
-    return storyOf(record::thisThread(), from);
+    return traceOf(record::thisThread(), from);
 }
 
 /** The number of this thread's events so far. */
@@ -59,4 +59,4 @@ inline pid_t threadOf(const std::string& text)
     return 0;
 }
 
-} // namespace telling
+} // namespace transcript

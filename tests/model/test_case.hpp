@@ -2,15 +2,12 @@
 #pragma once
 
 /**
- * A world: all that the state loop depends on, written down beforehand.
+ * A test case: everything that the state loop depends on, as a plain value.
  *
- * It starts somewhere, in an orderly place: the host runs, both controllers
- * come up at the first poll, both endpoints answer, nobody holds a lock. Then
- * something happens, the state loop makes a few passes, something else
- * happens, and so on. What has happened stays until it happens otherwise.
- *
- * A world is a plain value without any behaviour, so that it can be made at
- * random, cut down, compared and printed.
+ * By default the host runs, both controllers come up at the first poll, both
+ * endpoints answer, and there are no locks. Each step applies an event and then
+ * runs some iterations. The effect of an event lasts until another one replaces
+ * it.
  */
 
 #include "board.hpp"
@@ -28,7 +25,7 @@ namespace model
 
 using Texts = std::vector<std::string>;
 
-/** What the state loop knows between two passes. */
+/** The state between two iterations. */
 struct State
 {
     uint32_t daemonState = off;
@@ -46,46 +43,37 @@ struct State
     bool operator==(const State&) const = default;
 };
 
-/** What one attempt to talk to an endpoint ends in. */
+/** The result of one attempt of an exchange. */
 struct Attempt
 {
     int result = 0; //!< 0, or a failure of the transport
     std::vector<uint8_t> bytes{}; //!< what is put into the response area
-    uint64_t beyond = 0; //!< by how much the length says more than that
+    uint64_t beyond = 0; //!< by how much the length exceeds that
     uint8_t eid = 0; //!< endpoint id of the responder
     bool stop = false; //!< no further attempt helps
-
-    bool operator==(const Attempt&) const = default;
 };
 
-/** What a read of the CPU vendor ends in. */
+/** The result of a read of the CPU vendor. */
 struct VendorRead
 {
     int32_t status = 0;
     uint16_t vendor = 0;
-
-    bool operator==(const VendorRead&) const = default;
 };
 
-// What can happen between passes.
+// Events
 
-struct Nothing
+struct NoEvent
 {
-    bool operator==(const Nothing&) const = default;
 };
 
-/** The host's state is this text from now on. */
 struct HostStateIs
 {
     std::string text;
-
-    bool operator==(const HostStateIs&) const = default;
 };
 
-/** The host's state cannot be read from now on. */
+/** The host's state cannot be read. */
 struct HostIsSilent
 {
-    bool operator==(const HostIsSilent&) const = default;
 };
 
 /** A property with its new value. */
@@ -93,42 +81,32 @@ struct Change
 {
     std::string name;
     std::string value;
-
-    bool operator==(const Change&) const = default;
 };
 
 /** A signal of the host's internal power state. */
 struct PowerStateSignal
 {
     std::vector<Change> changes;
-
-    bool operator==(const PowerStateSignal&) const = default;
 };
 
 /** A signal of the host's reset cause. */
 struct ResetCauseSignal
 {
     std::vector<Change> changes;
-
-    bool operator==(const ResetCauseSignal&) const = default;
 };
 
-/** A controller's device behaves so from its next bind on. */
+/** From the next bind on. */
 struct DeviceBehaves
 {
     std::size_t controller = 0;
     Device device;
-
-    bool operator==(const DeviceBehaves&) const = default;
 };
 
-/** The next attempts on a node end so; the last one stays. */
+/** Results of the next attempts on a node; the last one repeats. */
 struct EndpointBehaves
 {
     std::size_t number = 0;
     std::vector<Attempt> attempts; //!< at least one
-
-    bool operator==(const EndpointBehaves&) const = default;
 };
 
 /** The lock and the shared memory of a node have these ids. */
@@ -137,8 +115,6 @@ struct IdsAre
     std::size_t number = 0;
     int lock = -1;
     int shm = -1;
-
-    bool operator==(const IdsAre&) const = default;
 };
 
 /** Whether the driver's files can be opened. */
@@ -146,48 +122,39 @@ struct DriverFilesOpen
 {
     bool bind = true;
     bool unbind = true;
-
-    bool operator==(const DriverFilesOpen&) const = default;
 };
 
-/** A node is there that no controller has made. */
+/** A node without a controller. */
 struct NodeIsMade
 {
     std::size_t number = 0;
-
-    bool operator==(const NodeIsMade&) const = default;
 };
 
-/** A class entry is there that no controller has made, or is gone. */
+/** A class entry without a controller, or none. */
 struct EntryIsMade
 {
     std::size_t number = 0;
     ClassEntry entry = ClassEntry::directory;
-
-    bool operator==(const EntryIsMade&) const = default;
 };
 
-/** The next reads of the CPU vendor end so; the last one stays. */
+/** Results of the next reads of the CPU vendor; the last one repeats. */
 struct VendorReads
 {
     std::vector<VendorRead> reads; //!< at least one
-
-    bool operator==(const VendorReads&) const = default;
 };
 
-using Happening =
-    std::variant<Nothing, HostStateIs, HostIsSilent, PowerStateSignal,
+using Event =
+    std::variant<NoEvent, HostStateIs, HostIsSilent, PowerStateSignal,
                  ResetCauseSignal, DeviceBehaves, EndpointBehaves, IdsAre,
                  DriverFilesOpen, NodeIsMade, EntryIsMade, VendorReads>;
 
-/** Something happens, then the state loop makes some passes. */
 struct Step
 {
-    Happening happening;
-    int passes = 0;
+    Event event;
+    int iterations = 0;
 };
 
-/** Where worlds usually start: after start-up, with the vendor read. */
+/** The default: after start-up, with the vendor read. */
 inline State afterStartUp()
 {
     State state;
@@ -196,19 +163,19 @@ inline State afterStartUp()
     return state;
 }
 
-struct World
+struct TestCase
 {
     State start = afterStartUp();
     std::vector<Step> steps;
 };
 
-/** An endpoint that answers as it should. */
+/** The correct answer. */
 Attempt goodAnswer(uint8_t eid);
 
-/** The endpoint ids of the two endpoints where nothing has happened yet. */
-inline constexpr std::array<uint8_t, 2> usualEids{0x1D, 0x9D};
+/** The endpoint ids by default. */
+inline constexpr std::array<uint8_t, 2> defaultEids{0x1D, 0x9D};
 
-/** A member in which two states differ, in words. */
+/** A member in which two states differ. */
 struct Difference
 {
     std::string name; //!< as the daemon calls it
@@ -216,16 +183,14 @@ struct Difference
     std::string second;
 };
 
-/** What two states differ in. */
 std::vector<Difference> differences(const State& first, const State& second);
 
-/** A step in words. */
-std::string inWords(const Step& step);
+std::string describe(const Step& step);
 
-/** A state in words: what is not usual about it. */
+/** Prints what differs from the default. */
 std::ostream& operator<<(std::ostream& out, const State& state);
 
-/** A world in words: its start, then a line a step. */
-std::ostream& operator<<(std::ostream& out, const World& world);
+/** Prints the start, then a line for each step. */
+std::ostream& operator<<(std::ostream& out, const TestCase& testCase);
 
 } // namespace model

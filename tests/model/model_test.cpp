@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /**
- * The daemon against the model, in worlds made at random.
+ * The daemon compared with the model in random test cases.
  *
- * After every happening and every pass both must know the same, must have done
- * the same in the same order, and the bus must show the same. A world in which
- * they differ is cut down as far as they still do, then printed with the first
- * difference.
+ * After every event and every iteration both must have the same state, must
+ * have had the same effects in the same order, and the bus must show the same
+ * objects. A test case in which they differ is shrunk, then printed with the
+ * first difference.
  *
- * Argument: RC_PARAMS for when the environment has none, for example
- * "seed=1 max_success=300". Without a seed it is another one in each run.
+ * Argument: the default of RC_PARAMS, for example "seed=1 max_success=300".
+ * Without a seed each run has another one.
  */
 
 #include "board/process/sandbox.hpp"
-#include "daemon_in_world.hpp"
 #include "model.hpp"
-#include "random_worlds.hpp"
+#include "random_cases.hpp"
+#include "tested_daemon.hpp"
 
 #include <rapidcheck.h>
 
@@ -35,7 +35,7 @@ namespace
 using model::Texts;
 using Objects = std::map<std::string, std::string>;
 
-Objects asOnTheBus(const model::Published& endpoints)
+Objects busObjects(const model::Published& endpoints)
 {
     Objects objects;
     for (const auto& [eid, endpoint] : endpoints)
@@ -49,7 +49,7 @@ Objects asOnTheBus(const model::Published& endpoints)
     return objects;
 }
 
-std::string inWords(const Objects& objects)
+std::string describe(const Objects& objects)
 {
     std::ostringstream text;
     for (const auto& [path, properties] : objects)
@@ -59,18 +59,18 @@ std::string inWords(const Objects& objects)
     return objects.empty() ? " nothing" : text.str();
 }
 
-/** The effect at an index without its line ends, or that there is none. */
+/** The effect at an index, without line ends. */
 std::string effectAt(const Texts& effects, std::size_t index)
 {
     if (index >= effects.size())
     {
-        return "(nothing more)";
+        return "(no more)";
     }
     const auto& effect = effects[index];
     return effect.substr(0, effect.find_last_not_of('\n') + 1);
 }
 
-/** The first effect that differs, after the few that do not. */
+/** The first effect that differs, after the last three common ones. */
 std::string firstDifference(const Texts& model, const Texts& daemon)
 {
     constexpr std::ptrdiff_t before = 3;
@@ -103,8 +103,8 @@ std::string firstDifference(const model::State& model,
     return text.str();
 }
 
-/** The model and the daemon side by side. Each function that goes through
- *  something returns the first difference, or an empty text. */
+/** Model and daemon side by side. The functions return the first difference, or
+ *  an empty text. */
 class Comparison
 {
   public:
@@ -117,13 +117,13 @@ class Comparison
         return difference(model);
     }
 
-    std::string wholeWorld(const model::World& world)
+    std::string wholeCase(const model::TestCase& testCase)
     {
-        model::Model model(world.start);
-        daemon.begin(world.start);
+        model::Model model(testCase.start);
+        daemon.begin(testCase.start);
         shown = {};
         std::size_t number = 0;
-        for (const auto& step : world.steps)
+        for (const auto& step : testCase.steps)
         {
             const auto found = oneStep(model, step);
             ++number;
@@ -135,8 +135,8 @@ class Comparison
         return {};
     }
 
-    /** The passes so far. */
-    [[nodiscard]] std::size_t passes() const
+    /** The iterations so far. */
+    [[nodiscard]] std::size_t iterations() const
     {
         return count;
     }
@@ -144,22 +144,22 @@ class Comparison
   private:
     std::string oneStep(model::Model& model, const model::Step& step)
     {
-        model.happens(step.happening);
-        daemon.happens(step.happening);
+        model.apply(step.event);
+        daemon.apply(step.event);
         auto found = difference(model);
         if (!found.empty())
         {
-            return "before the first pass:\n" + found;
+            return "before the first iteration:\n" + found;
         }
-        for (int pass = 1; pass <= step.passes; ++pass)
+        for (int iteration = 1; iteration <= step.iterations; ++iteration)
         {
             ++count;
-            model.pass();
-            daemon.pass();
+            model.iterate();
+            daemon.iterate();
             found = difference(model);
             if (!found.empty())
             {
-                return "pass " + std::to_string(pass) + ":\n" + found;
+                return "iteration " + std::to_string(iteration) + ":\n" + found;
             }
         }
         return {};
@@ -173,7 +173,7 @@ class Comparison
         {
             return firstDifference(expected, done);
         }
-        const auto known = model::DaemonInWorld::state();
+        const auto known = model::TestedDaemon::state();
         if (model.state() != known)
         {
             return firstDifference(model.state(), known);
@@ -181,24 +181,24 @@ class Comparison
         return differenceOnTheBus(model.published());
     }
 
-    /** The bus is asked when it should show something else than before. */
+    /** Asks the bus after a change alone. */
     std::string differenceOnTheBus(const model::Published& published)
     {
         if (published == std::exchange(shown, published))
         {
             return {};
         }
-        const auto expected = asOnTheBus(published);
+        const auto expected = busObjects(published);
         const auto onBus = daemon.published();
         if (onBus == expected)
         {
             return {};
         }
-        return "  the model's bus shows" + inWords(expected) +
-               "\n  the daemon's shows" + inWords(onBus) + '\n';
+        return "  the model's bus shows" + describe(expected) +
+               "\n  the daemon's shows" + describe(onBus) + '\n';
     }
 
-    model::DaemonInWorld daemon;
+    model::TestedDaemon daemon;
     model::Published shown;
     std::size_t count = 0;
 };
@@ -213,28 +213,28 @@ void expectNone(const std::string& difference)
 
 bool checkRules(Comparison& comparison)
 {
-    return rc::check("The transition rules are the model's wherever they start",
-                     [&comparison]
-                     {
-                         const auto start = *model::anywhere();
-                         expectNone(comparison.rulesAlone(start));
-                     });
+    return rc::check(
+        "The transition rules are those of the model in every state",
+        [&comparison]
+        {
+            const auto start = *model::anyState();
+            expectNone(comparison.rulesAlone(start));
+        });
 }
 
-bool checkWorlds(Comparison& comparison)
+bool checkCases(Comparison& comparison)
 {
     const auto start = std::chrono::steady_clock::now();
-    const bool same =
-        rc::check("The daemon does what the model does in any world",
-                  [&comparison]
-                  {
-                      const auto world = *model::worlds();
-                      expectNone(comparison.wholeWorld(world));
-                  });
+    const bool same = rc::check("The daemon behaves as the model",
+                                [&comparison]
+                                {
+                                    const auto testCase = *model::testCases();
+                                    expectNone(comparison.wholeCase(testCase));
+                                });
     const std::chrono::duration<double> took =
         std::chrono::steady_clock::now() - start;
-    std::cerr << comparison.passes() << " passes, "
-              << static_cast<int>(static_cast<double>(comparison.passes()) /
+    std::cerr << comparison.iterations() << " iterations, "
+              << static_cast<int>(static_cast<double>(comparison.iterations()) /
                                   took.count())
               << " a second\n";
     return same;
@@ -247,7 +247,7 @@ try
 {
     if (!board::sandbox::entered())
     {
-        std::cerr << argv[0] << ": is to be run in the sandbox: morrow-sandbox "
+        std::cerr << argv[0] << ": not in a sandbox: run morrow-sandbox "
                   << argv[0] << '\n';
         return EXIT_FAILURE;
     }
@@ -257,7 +257,7 @@ try
     }
     Comparison comparison;
     const bool sameRules = checkRules(comparison);
-    return checkWorlds(comparison) && sameRules ? EXIT_SUCCESS : EXIT_FAILURE;
+    return checkCases(comparison) && sameRules ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 catch (const std::exception& error)
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon_in_world.hpp"
+#include "tested_daemon.hpp"
 
 #include "morrow/morrow.hpp"
 #include "morrow/morrow_client.hpp"
@@ -72,7 +72,7 @@ void makeEntry(const std::string& path, ClassEntry entry)
 
 } // namespace
 
-DaemonInWorld::DaemonInWorld() :
+TestedDaemon::TestedDaemon() :
     signal(morrow_signal::get_instance()), client(sdbusplus::bus::new_system())
 {
     record::divertThisThread(&effects);
@@ -85,23 +85,23 @@ DaemonInWorld::DaemonInWorld() :
         });
     fake::onSleep = [this](int64_t milliseconds)
     {
-        kernel.passes(static_cast<int>(milliseconds));
+        kernel.advance(static_cast<int>(milliseconds));
         showKernel();
     };
 }
 
-DaemonInWorld::~DaemonInWorld()
+TestedDaemon::~TestedDaemon()
 {
     fake::onSleep = {};
     (void)morrow_dbus_server::get_instance().stop_morrow_dbus_server();
     record::divertThisThread(nullptr);
 }
 
-void DaemonInWorld::begin(const State& start)
+void TestedDaemon::begin(const State& start)
 {
     (void)morrow_dbus_server::get_instance().deleteAllEndpointObject(0);
     clearFiles();
-    usualSurroundings();
+    defaultSurroundings();
     daemon_state = start.daemonState;
     wait_ticks = start.waitTicks;
     state_after_wait = start.stateAfterWait;
@@ -116,9 +116,9 @@ void DaemonInWorld::begin(const State& start)
     effects.clear();
 }
 
-void DaemonInWorld::clearFiles()
+void TestedDaemon::clearFiles()
 {
-    happens(DriverFilesOpen{});
+    apply(DriverFilesOpen{});
     for (const auto& controller : controllers)
     {
         fs::remove(controller.node);
@@ -129,24 +129,24 @@ void DaemonInWorld::clearFiles()
     shown = {};
 }
 
-void DaemonInWorld::usualSurroundings()
+void TestedDaemon::defaultSurroundings()
 {
     host.answersText(running);
     fake::vendorReads = {{0, 0}};
     for (std::size_t number = 0; number < controllers.size(); ++number)
     {
-        happens(IdsAre{number, -1, -1});
-        happens(EndpointBehaves{number, {goodAnswer(usualEids.at(number))}});
+        apply(IdsAre{number, -1, -1});
+        apply(EndpointBehaves{number, {goodAnswer(defaultEids.at(number))}});
     }
 }
 
-void DaemonInWorld::happens(const Happening& happening)
+void TestedDaemon::apply(const Event& event)
 {
     struct Visitor
     {
-        DaemonInWorld& daemon;
+        TestedDaemon& daemon;
 
-        void operator()(const Nothing& /*nothing*/) const
+        void operator()(const NoEvent& /*nothing*/) const
         {
         }
 
@@ -232,10 +232,10 @@ void DaemonInWorld::happens(const Happening& happening)
             }
         }
     };
-    std::visit(Visitor{*this}, happening);
+    std::visit(Visitor{*this}, event);
 }
 
-void DaemonInWorld::pass()
+void TestedDaemon::iterate()
 {
     if (!run_state_iteration(signal))
     {
@@ -244,12 +244,12 @@ void DaemonInWorld::pass()
     driver.collect();
 }
 
-void DaemonInWorld::applyTransitionRules()
+void TestedDaemon::applyTransitionRules()
 {
     apply_transition_rules();
 }
 
-State DaemonInWorld::state()
+State TestedDaemon::state()
 {
     State state;
     state.daemonState = daemon_state;
@@ -266,18 +266,18 @@ State DaemonInWorld::state()
     return state;
 }
 
-Texts DaemonInWorld::takeEffects()
+Texts TestedDaemon::takeEffects()
 {
     return std::exchange(effects, {});
 }
 
-std::map<std::string, std::string> DaemonInWorld::published()
+std::map<std::string, std::string> TestedDaemon::published()
 {
     return busctl::managed(client, manager);
 }
 
 /** The kernel learns what the daemon has done to its files. */
-void DaemonInWorld::onDriverEvent(const std::string& event)
+void TestedDaemon::onDriverEvent(const std::string& event)
 {
     for (std::size_t number = 0; number < controllers.size(); ++number)
     {
@@ -299,7 +299,7 @@ void DaemonInWorld::onDriverEvent(const std::string& event)
     showKernel();
 }
 
-void DaemonInWorld::showKernel()
+void TestedDaemon::showKernel()
 {
     for (std::size_t number = 0; number < controllers.size(); ++number)
     {

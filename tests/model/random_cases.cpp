@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "random_worlds.hpp"
+#include "random_cases.hpp"
 
 #include <rapidcheck.h>
 
@@ -15,13 +15,13 @@ namespace
 using rc::Gen;
 namespace gen = rc::gen;
 
-/** A number from `least` to `most`, whatever the size; shrinks to `least`. */
+/** A number from `least` to `most` for any size; shrinks to `least`. */
 Gen<int> number(int least, int most)
 {
     return gen::resize(rc::kNominalSize, gen::inRange(least, most + 1));
 }
 
-/** One of some values; shrinks to the first that does. A value that is given
+/** One of some values; shrinks to the first that fails. A value that is given
  *  twice is twice as likely. */
 template <typename Value>
 Gen<Value> oneOf(std::initializer_list<Value> values)
@@ -39,15 +39,15 @@ Gen<Value> oneOf(std::initializer_list<Value> values)
                     });
 }
 
-/** The same values, that shrink to the usual one in the end. */
+/** The same values, with a last step of shrinking to the empty one. */
 template <typename Value>
-Gen<Value> towards(Value usual, Gen<Value> values)
+Gen<Value> shrunkToEmpty(Gen<Value> values, bool (*isEmpty)(const Value&))
 {
     return gen::shrink(std::move(values),
-                       [usual = std::move(usual)](const Value& value)
+                       [isEmpty](const Value& value)
                        {
-                           return value == usual ? rc::Seq<Value>()
-                                                 : rc::seq::just(usual);
+                           return isEmpty(value) ? rc::Seq<Value>()
+                                                 : rc::seq::just(Value());
                        });
 }
 
@@ -82,7 +82,7 @@ Gen<std::string> hostState()
                                  running + "x", poweredOff + "x"})}});
 }
 
-/** A property that is sometimes not the one that is listened to. */
+/** A change, sometimes of another property. */
 Gen<Change> change(const std::string& property)
 {
     const std::string beginning = "xyz.openbmc_project.State.Control.Host";
@@ -166,7 +166,7 @@ Gen<Attempt> attempt()
         oneOf({false, false, false, true}));
 }
 
-/** An endpoint that answers well is as frequent as one that does not. */
+/** Correct answers are as frequent as wrong ones. */
 Gen<EndpointBehaves> endpointBehaviour()
 {
     const auto silent = Attempt{.result = 110};
@@ -235,16 +235,16 @@ Gen<VendorReads> vendorReads()
         });
 }
 
-/** A happening of one kind, as one of any. */
+/** An event of one kind, as one of any. */
 template <typename Kind>
-Gen<Happening> any(Gen<Kind> happenings)
+Gen<Event> any(Gen<Kind> events)
 {
-    return gen::cast<Happening>(std::move(happenings));
+    return gen::cast<Event>(std::move(events));
 }
 
-Gen<Happening> happening()
+Gen<Event> event()
 {
-    const auto anything = gen::weightedOneOf<Happening>({
+    const auto anything = gen::weightedOneOf<Event>({
         {8, any(gen::construct<HostStateIs>(hostState()))},
         {1, any(gen::just(HostIsSilent{}))},
         {3,
@@ -261,12 +261,17 @@ Gen<Happening> happening()
                                         ClassEntry::file})))},
         {2, any(vendorReads())},
     });
-    return towards(Happening{Nothing{}}, anything);
+    return shrunkToEmpty<Event>(anything,
+                                [](const Event& event)
+                                {
+                                    return std::holds_alternative<NoEvent>(
+                                        event);
+                                });
 }
 
 Gen<Step> step()
 {
-    return gen::construct<Step>(happening(),
+    return gen::construct<Step>(event(),
                                 oneOf({0, 1, 2, 2, 3, 3, 3, 4, 5, 13}));
 }
 
@@ -284,7 +289,7 @@ Gen<Texts> someOf(const std::string& first, const std::string& second)
 
 } // namespace
 
-Gen<State> anywhere()
+Gen<State> anyState()
 {
     return gen::build<State>(
         gen::set(&State::daemonState,
@@ -295,7 +300,12 @@ Gen<State> anywhere()
                  oneOf<uint8_t>({0, 0, 1, 1, 2, 0xFE, 0xFF})),
         gen::set(&State::awaitHostRunning,
                  oneOf<uint8_t>({1, 1, 0, 0, 2, 0xFE, 0xFF})),
-        gen::set(&State::hostState, towards(std::string(), hostState())),
+        gen::set(&State::hostState,
+                 shrunkToEmpty<std::string>(hostState(),
+                                            [](const std::string& text)
+                                            {
+                                                return text.empty();
+                                            })),
         gen::set(&State::cpuVendor, oneOf<uint16_t>({0, 0, 0xFFFF, 1, 0xFFFE})),
         gen::set(&State::cpuVendorStatus, oneOf({0, -1, 5})),
         gen::set(&State::devices,
@@ -306,22 +316,22 @@ Gen<State> anywhere()
                  someOf(controllers[0].node, controllers[1].node)));
 }
 
-Gen<World> worlds()
+Gen<TestCase> testCases()
 {
-    // Some tens of steps at most; what a step is does not depend on the size.
+    // At most forty steps; the size does not change a step.
     constexpr double stepsPerSize = 0.4;
     return gen::apply(
         [](State start, VendorReads reads, std::vector<Step> steps)
         {
-            // Read when the state changes first, and never again if it can be.
+            // Read at the first change of the state.
             if (start.cpuVendorStatus != 0)
             {
                 steps.insert(steps.begin(), {std::move(reads), 0});
             }
-            return World{std::move(start), std::move(steps)};
+            return TestCase{std::move(start), std::move(steps)};
         },
         gen::weightedOneOf<State>(
-            {{3, gen::just(afterStartUp())}, {2, anywhere()}}),
+            {{3, gen::just(afterStartUp())}, {2, anyState()}}),
         vendorReads(),
         gen::scale(stepsPerSize, gen::container<std::vector<Step>>(
                                      gen::resize(rc::kNominalSize, step()))));
