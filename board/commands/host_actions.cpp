@@ -95,6 +95,19 @@ Entry announcing(const std::string& name, const std::string& argument,
             }};
 }
 
+/** A phrase that sends a proper announcement with one field changed. */
+Entry changed(const std::string& name, const std::string& argument,
+              const std::string& help, std::string ControlMessage::*field)
+{
+    return {{name, "power|reset " + argument, help},
+            [field](Arguments& arguments)
+            {
+                auto message = ordinary(objectOf(arguments));
+                message.*field = arguments.text();
+                return sending(std::move(message));
+            }};
+}
+
 std::vector<Entry> serviceTable()
 {
     return {
@@ -174,30 +187,15 @@ std::vector<Entry> signalTable()
              message.body = arguments.textOr("");
              return sending(std::move(message));
          }},
-        {{"signal-member", "power|reset MEMBER",
-          "sends the announcement under another member's name"},
-         [](Arguments& arguments)
-         {
-             auto message = ordinary(objectOf(arguments));
-             message.member = arguments.text();
-             return sending(std::move(message));
-         }},
-        {{"signal-interface", "power|reset INTERFACE",
-          "sends the announcement from another interface"},
-         [](Arguments& arguments)
-         {
-             auto message = ordinary(objectOf(arguments));
-             message.interface = arguments.text();
-             return sending(std::move(message));
-         }},
-        {{"signal-changed", "power|reset INTERFACE",
-          "announces the property as one of another interface"},
-         [](Arguments& arguments)
-         {
-             auto message = ordinary(objectOf(arguments));
-             message.changed = arguments.text();
-             return sending(std::move(message));
-         }},
+        changed("signal-member", "MEMBER",
+                "sends the announcement under another member's name",
+                &ControlMessage::member),
+        changed("signal-interface", "INTERFACE",
+                "sends the announcement from another interface",
+                &ControlMessage::interface),
+        changed("signal-changed", "INTERFACE",
+                "announces the property as one of another interface",
+                &ControlMessage::changed),
     };
 }
 

@@ -84,11 +84,11 @@ const char* LineEditor::prompt(editline* /*editor*/)
 std::optional<std::string> LineEditor::next()
 {
     const std::lock_guard lock(screen);
-    brokenOff = false;
+    interrupted = false;
     el_resize(editor.get());
     int length = 0;
     const auto* const text = el_gets(editor.get(), &length);
-    if (brokenOff)
+    if (interrupted)
     {
         static_cast<void>(std::fputs("^C\n", stdout));
         return "";
@@ -121,7 +121,7 @@ int LineEditor::onKey(editline* editor, wchar_t* key)
 
 /** Tab is served here: a function of the editor's own would cost memory that
  *  the editor never gives back.
- *  @return 1 with a key; 0 at the end of the input, or to break off */
+ *  @return 1 with a key; 0 at the end of the input, or after Ctrl-C */
 int LineEditor::readKey(wchar_t& key)
 {
     constexpr auto incomplete = static_cast<std::size_t>(-2);
@@ -135,7 +135,7 @@ int LineEditor::readKey(wchar_t& key)
         typing = false;
         if (!pressed)
         {
-            brokenOff = true;
+            interrupted = true;
             return 0;
         }
         char byte = 0;

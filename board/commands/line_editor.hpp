@@ -21,7 +21,7 @@ namespace board::commands
  *
  *  What is written while a line is being typed goes above it: the line is
  *  taken off the screen and put back below the text. One lock guards screen
- *  and editor; whoever types holds it, but for the time of waiting for a key.
+ *  and editor; next() holds it but while it waits for a key.
  *
  *  A Ctrl-C at the prompt makes the line an empty one, Ctrl-D on an empty line
  *  is the end of the lines. The terminal is as it was whenever no line is
@@ -31,7 +31,7 @@ class LineEditor : public Lines
 {
   public:
     /** @param commands completes words; outlives this
-     *  @param interruption tells of Ctrl-C; outlives this */
+     *  @param interruption reports Ctrl-C; outlives this */
     LineEditor(const CommandTable& commands, const Interruption& interruption);
 
     LineEditor(const LineEditor&) = delete;
@@ -61,7 +61,7 @@ class LineEditor : public Lines
     const Interruption& interruption;
     std::mutex screen;
     bool typing = false; //!< a line is on the screen and the lock is free
-    bool brokenOff = false;
+    bool interrupted = false;
     std::mbstate_t decoding{};
     OwnedHistory typedLines;
     OwnedEditor editor;

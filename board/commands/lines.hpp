@@ -7,8 +7,7 @@
 namespace board::commands
 {
 
-/** @brief Where a shell's lines come from, and where text for whoever gives
- *         them goes. */
+/** @brief Where a shell's lines come from, and where answers go. */
 class Lines
 {
   public:

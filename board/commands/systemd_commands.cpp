@@ -28,9 +28,9 @@ constexpr std::initializer_list<Row> rows{
     {"unit set TEXT",
      "Put this setting into a drop-in of the daemon's unit, e.g. "
      "RestartSec=1."},
-    {"unit shipped", "Remove all drop-ins: the unit logs as it is installed. "
-                     "Until then it logs "
-                     "everything up to level 4."},
+    {"unit shipped",
+     "Remove all drop-ins: the unit is as it is installed. Until then it logs "
+     "up to level 4 without limits and may start and stop slowly."},
     {"wait unit NAME VALUE",
      "Wait until this property of the unit has this value."},
     {"expect unit NAME VALUE", "Fail unless it has this value now."},

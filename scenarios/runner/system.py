@@ -79,13 +79,15 @@ class System:
         counter(controller, name)   how many requests or answers there were
     """
 
+    wait_seconds = WAIT_SECONDS
+
     def __init__(self):
         self.begin(Timeline())
 
     def begin(self, timeline):
         """For the next scenario."""
         self.timeline = timeline
-        self.timeout = WAIT_SECONDS
+        self.timeout = self.wait_seconds
         # From where the next wait looks: a time, whose source, and for each
         # source the number of an event.
         self.since = timeline.since

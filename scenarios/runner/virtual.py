@@ -28,7 +28,9 @@ def setting(controller, name):
 
 
 class VirtualMachine(System):
-    """A guest that runs."""
+    """A guest that runs, and takes longer than other machines."""
+
+    wait_seconds = 600
 
     def __init__(self, guest, timeline):
         super().__init__()
