@@ -146,7 +146,7 @@ void print()
     (void)fflush(stdout);
 }
 
-const bool isPrinted = (isolated::printEvents = print, true);
+[[maybe_unused]] const bool isPrinted = (isolated::printEvents = print, true);
 
 } // namespace
 
