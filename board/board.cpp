@@ -73,7 +73,7 @@ const fs::path& present(const fs::path& daemon)
 } // namespace
 
 Board::Board(Timeline& timeline, const BoardOptions& options) :
-    record(insideASandbox(timeline)), simulatedKernel(timeline),
+    record(insideASandbox(timeline)), kernel(timeline),
     privateBus(timeline, options.installation.policy),
     simulatedHost(timeline, Bus::address(), options.hostState,
                   options.hasHostService),
@@ -83,57 +83,7 @@ Board::Board(Timeline& timeline, const BoardOptions& options) :
     setLogLevel(options.logLevel);
     writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
-    simulatedKernel.boot();
-}
-
-Timeline& Board::timeline()
-{
-    return record;
-}
-
-Host& Board::host()
-{
-    return simulatedHost;
-}
-
-Bus& Board::bus()
-{
-    return privateBus;
-}
-
-Daemon& Board::daemon()
-{
-    return runDaemon;
-}
-
-Kernel& Board::kernel()
-{
-    return simulatedKernel;
-}
-
-Controller Board::controller(std::size_t index)
-{
-    return {simulatedKernel, index};
-}
-
-DriverFiles Board::driverFiles()
-{
-    return DriverFiles(simulatedKernel);
-}
-
-EndpointControl Board::endpoint(std::size_t index)
-{
-    return {simulatedKernel, index};
-}
-
-PlatformValues Board::platformValues()
-{
-    return PlatformValues(record);
-}
-
-void Board::setPlatformValue(const std::string& key, const std::string& value)
-{
-    platformValues().set(key, value);
+    kernel.boot();
 }
 
 void Board::setLogLevel(int level)

@@ -8,6 +8,7 @@
 #include "board/process/installation.hpp"
 #include "board/process/platform_values.hpp"
 #include "board/timeline/timeline.hpp"
+#include "board/util/plain_text.hpp"
 
 #include <chrono>
 #include <cstddef>
@@ -18,7 +19,7 @@
 namespace board
 {
 
-/** @brief What a board begins with. */
+/** @brief The beginning state of a board. */
 struct BoardOptions
 {
     Installation installation{};
@@ -29,59 +30,84 @@ struct BoardOptions
 };
 
 /** A whole board around the daemon: kernel, endpoints, bus and host, and one
- *  timeline of all that happens.
+ *  timeline of all events.
  *
  *  It begins as a board is after boot, before the daemon has run: both
- *  controllers bound, their devices up as i3c-mctp-0 and i3c-mctp-1, well
- *  behaved endpoints with the ids 0x1D and 0x9D behind them, an Intel CPU.
- *  Stories and tests drive it in words like these:
+ *  controllers bound, their devices up as i3c-mctp-0 and i3c-mctp-1, endpoints
+ *  0x1D and 0x9D behind them, an Intel CPU. For example:
  *
- *      board.controller(1).neverComesUp();
+ *      board.controller(1).does("never-comes-up");
  *      board.daemon().start();
  *      board.host().goesTo("Running");
  *      board.await<event::EndpointAdded>("endpoint");
  *
- *  Made inside a sandbox only, by the thread that starts the daemon, which
- *  has to live as long as the board.
+ *  Inside a sandbox only. The thread that makes it has to live as long as the
+ *  board: the daemon and the broker end with it.
  */
 class Board
 {
   public:
-    /** @throws Error when a part cannot be made; nothing stays behind */
+    /** @throws Error when a part cannot be made; nothing is left over */
     Board(Timeline& timeline, const BoardOptions& options);
 
-    [[nodiscard]] Timeline& timeline();
-    [[nodiscard]] Host& host();
-    [[nodiscard]] Bus& bus();
-    [[nodiscard]] Daemon& daemon();
-    [[nodiscard]] Kernel& kernel();
+    [[nodiscard]] Timeline& timeline()
+    {
+        return record;
+    }
+
+    [[nodiscard]] Host& host()
+    {
+        return simulatedHost;
+    }
+
+    [[nodiscard]] Bus& bus()
+    {
+        return privateBus;
+    }
+
+    [[nodiscard]] Daemon& daemon()
+    {
+        return runDaemon;
+    }
 
     /** @param index 0 or 1 */
-    [[nodiscard]] Controller controller(std::size_t index);
+    [[nodiscard]] Controller controller(std::size_t index)
+    {
+        return {kernel, index};
+    }
 
-    /** @brief The bind and unbind file. */
-    [[nodiscard]] DriverFiles driverFiles();
+    /** @param index that of its controller, 0 or 1 */
+    [[nodiscard]] EndpointControl endpoint(std::size_t index)
+    {
+        return {kernel, index};
+    }
 
-    /** @param index that of the controller before it, 0 or 1 */
-    [[nodiscard]] EndpointControl endpoint(std::size_t index);
+    void changeDriver(const DriverAction& action)
+    {
+        kernel.change(action);
+    }
+
+    /** @brief Do one of driverActions(), e.g. "bind-file missing". */
+    void changeDriver(const std::string& action)
+    {
+        kernel.change(driverActions().understand(wordsOf(action)));
+    }
 
     /** @brief The values that the platform's hardware library reads. */
-    [[nodiscard]] PlatformValues platformValues();
-
-    /** @brief Set a value that the platform's hardware library reads.
-     *  @param value as text, decimal or 0x... */
-    void setPlatformValue(const std::string& key, const std::string& value);
+    [[nodiscard]] PlatformValues platformValues()
+    {
+        return PlatformValues(record);
+    }
 
     /** @brief Set the least severe level that the daemon logs, from its next
      *         start on. */
     void setLogLevel(int level);
 
     /** @brief Stop the daemon as its service manager does: SIGTERM, and again
-     *         when its bus name is gone (two at the very same time would be
-     *         one to the kernel), or a moment later when it has no name; wait
-     *         for its end.
+     *         when its bus name is gone, or a moment later when it has none;
+     *         wait for its end.
      *  @throws Error when it does not run
-     *  @throws WaitFailed when the limit passes: it hangs */
+     *  @throws WaitFailed when it hangs */
     event::Exited stopDaemon(Timeline::Limit limit = usualLimit);
 
     /** @brief Wait for something that takes a running daemon.
@@ -113,7 +139,7 @@ class Board
     void terminateOnce(Timeline::Limit limit);
 
     Timeline& record;
-    Kernel simulatedKernel;
+    Kernel kernel;
     Bus privateBus;
     Host simulatedHost;
     Daemon runDaemon;

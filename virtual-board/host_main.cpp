@@ -12,13 +12,12 @@
 #include "board/host/host.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/error.hpp"
+#include "board/util/plain_text.hpp"
 
 #include <systemd/sd-daemon.h>
 
 #include <cstdlib>
 #include <iostream>
-#include <iterator>
-#include <sstream>
 #include <string>
 
 namespace
@@ -26,18 +25,12 @@ namespace
 
 constexpr auto systemBus = "unix:path=/run/dbus/system_bus_socket";
 
-board::Words wordsOf(const std::string& line)
-{
-    std::istringstream text(line);
-    return {std::istream_iterator<std::string>(text), {}};
-}
-
 /** Does what a line says.
  *  @return the answer */
 std::string answer(board::Host& host, const std::string& line)
 try
 {
-    board::hostAction(wordsOf(line))(host);
+    board::hostAction(board::wordsOf(line))(host);
     return "done";
 }
 catch (const board::Error& error)

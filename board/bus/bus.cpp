@@ -4,14 +4,9 @@
 #include "board/bus/managed_objects.hpp"
 #include "board/util/error.hpp"
 
-#include <poll.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <fstream>
 #include <string_view>
 
 namespace board
@@ -21,9 +16,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr auto socketPath = "/run/dbus/system_bus_socket";
-constexpr auto configPath = "/run/board/bus.conf";
-constexpr auto brokerProgram = "/usr/bin/dbus-daemon";
 constexpr auto service = "xyz.openbmc_project.mctp";
 constexpr auto endpointInterface = "xyz.openbmc_project.mctp.Endpoint";
 
@@ -69,7 +61,7 @@ constexpr auto hostPolicy = R"(
   </policy>
 )";
 
-void writeConfig(const fs::path& policy)
+std::string policiesWith(const fs::path& policy)
 {
     if (!fs::exists(policy))
     {
@@ -77,39 +69,18 @@ void writeConfig(const fs::path& policy)
                     ": it is installed with the daemon; name another with "
                     "--policy");
     }
-    fs::create_directories(fs::path(configPath).parent_path());
-    std::ofstream file(configPath);
-    file << "<busconfig>\n  <type>system</type>\n"
-         << "  <auth>EXTERNAL</auth>\n"
-         << "  <listen>" << Bus::address() << "</listen>\n"
-         << systemPolicy << "  <include>" << fs::canonical(policy).string()
-         << "</include>\n"
-         << hostPolicy << "</busconfig>\n";
-    if (!file.flush())
-    {
-        throw Error(std::string("cannot write ") + configPath);
-    }
+    return std::string(systemPolicy) + "  <include>" +
+           fs::canonical(policy).string() + "</include>\n" + hostPolicy;
 }
 
-// The handlers take what they understand: a malformed signal is its sender's
-// business and no event.
-
-int onAdded(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
+/** Records an event of a path. A malformed signal is none. */
+template <typename Kind>
+int onPath(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
 {
     const char* path = nullptr;
     if (sd_bus_message_read(message, "o", &path) > 0)
     {
-        static_cast<Timeline*>(userdata)->record(event::EndpointAdded{path});
-    }
-    return 0;
-}
-
-int onRemoved(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
-{
-    const char* path = nullptr;
-    if (sd_bus_message_read(message, "o", &path) > 0)
-    {
-        static_cast<Timeline*>(userdata)->record(event::EndpointRemoved{path});
+        static_cast<Timeline*>(userdata)->record(Kind{path});
     }
     return 0;
 }
@@ -152,10 +123,9 @@ int onOwner(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
 
 } // namespace
 
-Bus::Bus(Timeline& timeline, const fs::path& policy) : timeline(timeline)
+Bus::Bus(Timeline& timeline, const fs::path& policy) :
+    timeline(timeline), policies(policiesWith(policy)), broker(policies)
 {
-    writeConfig(policy);
-    startBroker();
     thread.run(
         [this](sd_event* loop)
         {
@@ -168,17 +138,18 @@ Bus::~Bus()
     stopObserving();
     broker.reset();
     std::error_code ignored; // gone with the sandbox in any case
-    fs::remove(socketPath, ignored);
+    fs::remove(Broker::socketPath, ignored);
 }
 
 std::string Bus::address()
 {
-    return std::string("unix:path=") + socketPath;
+    return Broker::address;
 }
 
 std::string Bus::outsideAddress()
 {
-    return "unix:path=/proc/" + std::to_string(getpid()) + "/root" + socketPath;
+    return "unix:path=/proc/" + std::to_string(getpid()) + "/root" +
+           Broker::socketPath;
 }
 
 std::vector<std::string> Bus::environment()
@@ -193,52 +164,6 @@ std::vector<std::string> Bus::misleadingVariables()
 {
     return {"DBUS_SYSTEM_BUS_ADDRESS", "DBUS_STARTER_BUS_TYPE",
             "DBUS_STARTER_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"};
-}
-
-void Bus::startBroker()
-{
-    constexpr int addressFd = 3;
-    if (!fs::exists(brokerProgram))
-    {
-        throw Error(std::string("cannot find the broker ") + brokerProgram +
-                    ": install dbus-daemon");
-    }
-    Pipe address;
-    Pipe output;
-    broker = std::make_unique<Process>(
-        std::vector<std::string>{brokerProgram, "--nofork", "--nopidfile",
-                                 "--nosyslog",
-                                 "--print-address=" + std::to_string(addressFd),
-                                 std::string("--config-file=") + configPath},
-        environmentWithout(misleadingVariables()),
-        std::vector<Inherited>{{address.writeEnd.get(), addressFd},
-                               {output.writeEnd.get(), STDOUT_FILENO},
-                               {output.writeEnd.get(), STDERR_FILENO}});
-    output.writeEnd.reset();
-    brokerOutput = std::make_unique<LineReader>(std::move(output.readEnd));
-    awaitBroker(address);
-}
-
-void Bus::awaitBroker(Pipe& address)
-{
-    constexpr int limitMs = 10000;
-    address.writeEnd.reset();
-    pollfd source{address.readEnd.get(), POLLIN, 0};
-    char byte = 0;
-    if (poll(&source, 1, limitMs) > 0 &&
-        read(address.readEnd.get(), &byte, 1) == 1)
-    {
-        return;
-    }
-    std::string said;
-    broker->signal(SIGKILL);
-    static_cast<void>(brokerOutput->drain(
-        [&said](std::string_view line)
-        {
-            said += std::string(said.empty() ? "" : " ") + std::string(line);
-        }));
-    throw Error(std::string("the broker ") + brokerProgram +
-                " did not start: " + (said.empty() ? "it says nothing" : said));
 }
 
 void Bus::match(const std::string& rule, sd_bus_message_handler_t handler)
@@ -259,8 +184,10 @@ void Bus::observe(sd_event* loop)
     const std::string below = ",path_namespace='/xyz/openbmc_project/mctp'";
     const std::string manager =
         "type='signal',interface='org.freedesktop.DBus.ObjectManager'";
-    match(manager + ",member='InterfacesAdded'" + below, onAdded);
-    match(manager + ",member='InterfacesRemoved'" + below, onRemoved);
+    match(manager + ",member='InterfacesAdded'" + below,
+          onPath<event::EndpointAdded>);
+    match(manager + ",member='InterfacesRemoved'" + below,
+          onPath<event::EndpointRemoved>);
     match("type='signal',interface='org.freedesktop.DBus.Properties',"
           "member='PropertiesChanged'" +
               below,
@@ -271,7 +198,7 @@ void Bus::observe(sd_event* loop)
           onOwner);
     takeBrokerOutput = [this]
     {
-        return brokerOutput->drain(
+        return broker->output().drain(
             [this](std::string_view line)
             {
                 timeline.record(
@@ -279,7 +206,7 @@ void Bus::observe(sd_event* loop)
             });
     };
     brokerSource =
-        EventThread::onReadable(loop, brokerOutput->fd(), takeBrokerOutput);
+        EventThread::onReadable(loop, broker->output().fd(), takeBrokerOutput);
 }
 
 void Bus::stopObserving()
@@ -331,8 +258,12 @@ void Bus::givesUpDaemonsName()
 void Bus::dies()
 {
     timeline.record(event::Broker{false});
-    broker.reset();
+    if (broker)
+    {
+        broker->process().signal(SIGKILL);
+    }
     stopObserving();
+    broker.reset();
 }
 
 void Bus::comesBack()
@@ -342,7 +273,7 @@ void Bus::comesBack()
         throw Error("cannot start the broker: it has not died");
     }
     timeline.record(event::Broker{true});
-    startBroker();
+    broker.emplace(policies);
     thread.run(
         [this](sd_event* loop)
         {

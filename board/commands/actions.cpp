@@ -162,8 +162,7 @@ std::vector<Command> controllerCommands()
                    [](Session& session, const Values& values,
                       const ControllerAction& action)
                    {
-                       auto changed = controller(session, values);
-                       action(changed);
+                       controller(session, values).change(action);
                    }));
 }
 
@@ -204,8 +203,7 @@ std::vector<Command> driverCommands()
                          [](Session& session, const Values&,
                             const DriverAction& action)
                          {
-                             auto files = session.board().driverFiles();
-                             action(files);
+                             session.board().changeDriver(action);
                          }));
 }
 

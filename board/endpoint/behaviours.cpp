@@ -32,7 +32,6 @@ constexpr std::uint8_t discoveryNotify = 0x0D;
 constexpr std::uint8_t success = 0x00;
 constexpr std::uint8_t unsupportedCommand = 0x05;
 
-/** A message and whose it is. */
 struct Answer
 {
     mctp::Envelope envelope;
@@ -47,8 +46,8 @@ bool isControlRequest(const Request& request)
            (message[instance] & requestBit) != 0;
 }
 
-/** What a good endpoint says, if anything. */
-std::optional<Answer> goodAnswer(std::uint8_t eid, const Request& request)
+/** The answer by the standard, if the request gets one. */
+std::optional<Answer> regularAnswer(std::uint8_t eid, const Request& request)
 {
     if (!isControlRequest(request))
     {
@@ -73,19 +72,19 @@ std::vector<Reply> inPackets(std::vector<Bytes> packets)
     return replies;
 }
 
-/** Sends for each request what becomes of a good answer. */
+/** Sends packets that are made from the regular answer. */
 Endpoint::Behaviour
 sending(std::function<std::vector<Bytes>(const Answer&)> packetsOf)
 {
     return [packetsOf = std::move(packetsOf)](std::uint8_t eid,
                                               const Request& request)
     {
-        const auto answer = goodAnswer(eid, request);
+        const auto answer = regularAnswer(eid, request);
         return answer ? inPackets(packetsOf(*answer)) : std::vector<Reply>();
     };
 }
 
-/** Sends for each request a good answer with a change to it. */
+/** Sends the regular answer with a change. */
 Endpoint::Behaviour altering(std::function<void(Answer&)> change)
 {
     return sending(
@@ -115,8 +114,8 @@ std::vector<Bytes> fragmentsOf(const Answer& answer, std::size_t bytes)
     return packets;
 }
 
-/** Packets of other conversations, of all kinds that a requester has to tell
- *  from its own. */
+/** Packets of other conversations, of all kinds that a requester has to
+ *  distinguish from its own. */
 std::vector<Reply> unrelated(std::size_t count, const Answer& answer)
 {
     const auto own = answer.envelope;
@@ -147,19 +146,24 @@ void append(std::vector<Reply>& replies, std::vector<Reply> more)
     std::move(more.begin(), more.end(), std::back_inserter(replies));
 }
 
-} // namespace
-
-Endpoint::Behaviour answering()
+/** Sends the regular answer with another value of one byte. */
+Endpoint::Behaviour withByte(std::size_t index, std::uint8_t value)
 {
-    return altering([](Answer&) {});
+    return altering(
+        [=](Answer& answer)
+        {
+            answer.message[index] = value;
+        });
 }
 
-Endpoint::Behaviour silent()
+/** Sends the regular answer, cut or followed by zeros. */
+Endpoint::Behaviour withSize(std::size_t size)
 {
-    return [](std::uint8_t, const Request&)
-    {
-        return std::vector<Reply>();
-    };
+    return altering(
+        [=](Answer& answer)
+        {
+            answer.message.resize(size);
+        });
 }
 
 Endpoint::Behaviour late(milliseconds by, Endpoint::Behaviour how)
@@ -175,58 +179,12 @@ Endpoint::Behaviour late(milliseconds by, Endpoint::Behaviour how)
     };
 }
 
-Endpoint::Behaviour tooShort(std::size_t size)
-{
-    return altering(
-        [size](Answer& answer)
-        {
-            answer.message.resize(std::min(size, answerSize - 1));
-        });
-}
-
-Endpoint::Behaviour tooLong(std::size_t size)
-{
-    return altering(
-        [size](Answer& answer)
-        {
-            answer.message.resize(std::max(size, answerSize));
-        });
-}
-
-Endpoint::Behaviour wrongType(std::uint8_t other)
-{
-    return altering(
-        [other](Answer& answer)
-        {
-            answer.message[type] = other;
-        });
-}
-
-Endpoint::Behaviour wrongCommand(std::uint8_t other)
-{
-    return altering(
-        [other](Answer& answer)
-        {
-            answer.message[command] = other;
-        });
-}
-
-Endpoint::Behaviour completing(std::uint8_t code)
-{
-    return altering(
-        [code](Answer& answer)
-        {
-            answer.message[completion] = code;
-        });
-}
-
 Endpoint::Behaviour split(std::size_t bytes)
 {
     return sending(
         [bytes](const Answer& answer)
         {
-            return fragmentsOf(
-                answer, std::clamp<std::size_t>(bytes, 1, mctp::maxBodySize));
+            return fragmentsOf(answer, bytes);
         });
 }
 
@@ -268,6 +226,7 @@ Endpoint::Behaviour fromEid(std::uint8_t eid)
         });
 }
 
+/** Too few bytes for a packet, too many, and another MCTP version. */
 Endpoint::Behaviour garbage()
 {
     return sending(
@@ -286,6 +245,7 @@ Endpoint::Behaviour garbage()
         });
 }
 
+/** A read of the node gives no byte, not even a header. */
 Endpoint::Behaviour nothing()
 {
     return sending(
@@ -300,7 +260,7 @@ Endpoint::Behaviour flooding(std::size_t packets, Endpoint::Behaviour how)
     return [packets, how = std::move(how)](std::uint8_t eid,
                                            const Request& request)
     {
-        const auto answer = goodAnswer(eid, request);
+        const auto answer = regularAnswer(eid, request);
         std::vector<Reply> replies;
         if (answer)
         {
@@ -317,7 +277,7 @@ Endpoint::Behaviour vanishing(milliseconds after)
 {
     return [after](std::uint8_t eid, const Request& request)
     {
-        return goodAnswer(eid, request)
+        return regularAnswer(eid, request)
                    ? std::vector<Reply>{{{}, after, Reply::Kind::deviceLost}}
                    : std::vector<Reply>();
     };
@@ -338,9 +298,6 @@ Endpoint::Behaviour atFirst(std::size_t messages, Endpoint::Behaviour how,
     };
 }
 
-namespace
-{
-
 constexpr Range byte{0, 0xFF};
 constexpr Range aMinute{0, 60'000}; // in milliseconds
 constexpr Range messageSize{answerSize, 4096};
@@ -352,7 +309,7 @@ std::uint8_t byteOr(Arguments& arguments, std::uint8_t otherwise)
     return static_cast<std::uint8_t>(arguments.numberOr(byte, otherwise));
 }
 
-/** The behaviour of the words that are left, if there are any. */
+/** The behaviour of the remaining words, if there are any. */
 Endpoint::Behaviour furtherOr(const Words& words, Endpoint::Behaviour otherwise)
 {
     return words.empty() ? std::move(otherwise) : behaviourFromWords(words);
@@ -394,32 +351,32 @@ std::vector<Vocabulary<Endpoint::Behaviour>::Entry> table()
           "answers with the first 0 to 3 bytes only, 2 unless said otherwise"},
          [](Arguments& arguments)
          {
-             return tooShort(arguments.numberOr({0, answerSize - 1}, 2));
+             return withSize(arguments.numberOr({0, answerSize - 1}, 2));
          }},
         {{"empty", "", "answers with a packet's header and no message"},
          [](Arguments&)
          {
-             return tooShort(0);
+             return withSize(0);
          }},
         {{"long", "BYTES", "answers, followed by zeros up to this size"},
          [](Arguments& arguments)
          {
-             return tooLong(arguments.number(messageSize));
+             return withSize(arguments.number(messageSize));
          }},
         {{"wrong-type", "[TYPE]", "answers with message type TYPE, or 0x7E"},
          [](Arguments& arguments)
          {
-             return wrongType(byteOr(arguments, vendorType));
+             return withByte(type, byteOr(arguments, vendorType));
          }},
         {{"wrong-command", "[COMMAND]", "answers to COMMAND, or to 0x02"},
          [](Arguments& arguments)
          {
-             return wrongCommand(byteOr(arguments, 2));
+             return withByte(command, byteOr(arguments, 2));
          }},
         {{"error", "[CODE]", "answers with completion code CODE, or 0x01"},
          [](Arguments& arguments)
          {
-             return completing(byteOr(arguments, 1));
+             return withByte(completion, byteOr(arguments, 1));
          }},
         {{"split", "[BYTES]",
           "answers in packets of 1 to 64 bytes of the message, or of 1"},
@@ -459,6 +416,19 @@ std::vector<Vocabulary<Endpoint::Behaviour>::Entry> table()
 }
 
 } // namespace
+
+Endpoint::Behaviour answering()
+{
+    return altering([](Answer&) {});
+}
+
+Endpoint::Behaviour silent()
+{
+    return [](std::uint8_t, const Request&)
+    {
+        return std::vector<Reply>();
+    };
+}
 
 const Vocabulary<Endpoint::Behaviour>& behaviours()
 {

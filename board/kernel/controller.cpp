@@ -25,184 +25,6 @@ void setNodeRefusal(ControllerState& controller, const NodeRefusal& refusal)
     }
 }
 
-} // namespace
-
-Controller::Controller(Kernel& kernel, std::size_t index) :
-    kernel(kernel), index(index)
-{
-}
-
-void Controller::change(
-    const std::function<void(ControllerState&)>& action) const
-{
-    kernel.change(
-        [&](I3cDriver& driver)
-        {
-            action(driver.controller(index));
-        });
-}
-
-void Controller::behavesWell()
-{
-    change(
-        [](ControllerState& controller)
-        {
-            controller.comingUp = {};
-            controller.refusals = {};
-            setNodeRefusal(controller, {});
-        });
-}
-
-void Controller::comesUpAfter(milliseconds delay)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            controller.comingUp.after = delay;
-            controller.comingUp.afterTheOther = false;
-        });
-}
-
-void Controller::comesUpAfterTheOther(milliseconds delay)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            controller.comingUp.after = delay;
-            controller.comingUp.afterTheOther = true;
-        });
-}
-
-void Controller::neverComesUp()
-{
-    change(
-        [](ControllerState& controller)
-        {
-            controller.comingUp.after.reset();
-        });
-}
-
-void Controller::hasClassEntry(ClassEntry entry)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            controller.comingUp.classEntry = entry;
-        });
-}
-
-void Controller::refusesBind(int error)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            controller.refusals.bind = error;
-        });
-}
-
-void Controller::refusesUnbind(int error)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            controller.refusals.unbind = error;
-        });
-}
-
-void Controller::nodeRefuses(int error, Openers who)
-{
-    change(
-        [=](ControllerState& controller)
-        {
-            setNodeRefusal(controller, {error, who});
-        });
-}
-
-std::optional<std::string> Controller::node() const
-{
-    std::optional<std::string> name;
-    change(
-        [&](const ControllerState& controller)
-        {
-            if (controller.device)
-            {
-                name = controller.device->node();
-            }
-        });
-    return name;
-}
-
-EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
-    kernel(kernel), index(index)
-{
-}
-
-void EndpointControl::behaves(Endpoint::Behaviour behaviour)
-{
-    kernel.change(
-        [&](I3cDriver& driver)
-        {
-            driver.controller(index).endpoint->setBehaviour(
-                std::move(behaviour));
-        });
-}
-
-void EndpointControl::answers()
-{
-    behaves(answering());
-}
-
-void EndpointControl::staysSilent()
-{
-    behaves(silent());
-}
-
-void EndpointControl::hasEid(std::uint8_t eid)
-{
-    kernel.change(
-        [=, this](I3cDriver& driver)
-        {
-            driver.controller(index).endpoint->setEid(eid);
-        });
-}
-
-std::uint8_t EndpointControl::eid() const
-{
-    std::uint8_t eid = 0;
-    kernel.change(
-        [&](I3cDriver& driver)
-        {
-            eid = driver.controller(index).endpoint->eid();
-        });
-    return eid;
-}
-
-DriverFiles::DriverFiles(Kernel& kernel) : kernel(kernel)
-{
-}
-
-void DriverFiles::works(DriverFile file)
-{
-    refusesToOpen(file, 0);
-}
-
-void DriverFiles::isMissing(DriverFile file)
-{
-    refusesToOpen(file, ENOENT);
-}
-
-void DriverFiles::refusesToOpen(DriverFile file, int error)
-{
-    kernel.change(
-        [=](I3cDriver& driver)
-        {
-            driver.setFile(file, error);
-        });
-}
-
-namespace
-{
-
 constexpr Range aMinute{0, 60'000}; // in milliseconds
 
 ClassEntry classEntryOf(Arguments& arguments)
@@ -220,27 +42,18 @@ ClassEntry classEntryOf(Arguments& arguments)
     return found->second;
 }
 
-Openers openersOf(Arguments& arguments)
+ControllerAction refusingNode(int error, Arguments& arguments)
 {
-    if (!arguments.left())
-    {
-        return Openers::all;
-    }
-    const auto word = arguments.text();
-    if (word != "writers")
+    const auto word = arguments.textOr("all");
+    if (word != "all" && word != "writers")
     {
         arguments.refuse(inQuotes(word) + R"( is not "writers")");
     }
-    return Openers::writers;
-}
-
-/** A call of one of the controller's functions. */
-template <typename Function, typename... Values>
-ControllerAction call(Function function, Values... values)
-{
-    return [=](Controller& controller)
+    const NodeRefusal refusal{error,
+                              word == "all" ? Openers::all : Openers::writers};
+    return [=](ControllerState& controller)
     {
-        (controller.*function)(values...);
+        setNodeRefusal(controller, refusal);
     };
 }
 
@@ -250,54 +63,81 @@ std::vector<Vocabulary<ControllerAction>::Entry> controllerTable()
         {{"default", "", "comes up as it should again, and refuses nothing"},
          [](Arguments&)
          {
-             return call(&Controller::behavesWell);
+             return [](ControllerState& controller)
+             {
+                 controller.comingUp = {};
+                 controller.refusals = {};
+                 setNodeRefusal(controller, {});
+             };
          }},
         {{"comes-up-after", "MS", "its device comes up so long after a bind"},
          [](Arguments& arguments)
          {
-             return call(&Controller::comesUpAfter,
-                         milliseconds(arguments.number(aMinute)));
+             const milliseconds delay(arguments.number(aMinute));
+             return [=](ControllerState& controller)
+             {
+                 controller.comingUp.after = delay;
+                 controller.comingUp.afterTheOther = false;
+             };
          }},
         {{"comes-up-after-the-other", "[MS]",
           "its device comes up only after the other controller's"},
          [](Arguments& arguments)
          {
-             return call(&Controller::comesUpAfterTheOther,
-                         milliseconds(arguments.numberOr(aMinute, 0)));
+             const milliseconds delay(arguments.numberOr(aMinute, 0));
+             return [=](ControllerState& controller)
+             {
+                 controller.comingUp.after = delay;
+                 controller.comingUp.afterTheOther = true;
+             };
          }},
         {{"never-comes-up", "", "its device never comes up"},
          [](Arguments&)
          {
-             return call(&Controller::neverComesUp);
+             return [](ControllerState& controller)
+             {
+                 controller.comingUp.after.reset();
+             };
          }},
         {{"class-entry", "directory|file|none",
           "what its device has under /sys/class/i3c-mctp"},
          [](Arguments& arguments)
          {
-             return call(&Controller::hasClassEntry, classEntryOf(arguments));
+             return
+                 [entry = classEntryOf(arguments)](ControllerState& controller)
+             {
+                 controller.comingUp.classEntry = entry;
+             };
          }},
         {{"refuses-bind", "ERRNO", "a bind fails, e.g. with EIO"},
          [](Arguments& arguments)
          {
-             return call(&Controller::refusesBind, arguments.errnoValue());
+             return
+                 [error = arguments.errnoValue()](ControllerState& controller)
+             {
+                 controller.refusals.bind = error;
+             };
          }},
         {{"refuses-unbind", "ERRNO", "an unbind fails and changes nothing"},
          [](Arguments& arguments)
          {
-             return call(&Controller::refusesUnbind, arguments.errnoValue());
+             return
+                 [error = arguments.errnoValue()](ControllerState& controller)
+             {
+                 controller.refusals.unbind = error;
+             };
          }},
         {{"node-busy", "[writers]",
           "somebody else holds its node; or it can still be read"},
          [](Arguments& arguments)
          {
-             return call(&Controller::nodeRefuses, EBUSY, openersOf(arguments));
+             return refusingNode(EBUSY, arguments);
          }},
         {{"node-refuses", "ERRNO [writers]",
           "its node cannot be opened, or not for writing"},
          [](Arguments& arguments)
          {
-             const auto error = arguments.errnoValue();
-             return call(&Controller::nodeRefuses, error, openersOf(arguments));
+             return refusingNode(arguments.errnoValue(), arguments);
          }},
     };
 }
@@ -325,9 +165,9 @@ Vocabulary<DriverAction>::Entry fileEntryOf(DriverFile file,
             [file](Arguments& arguments) -> DriverAction
             {
                 const auto error = fileErrorOf(arguments);
-                return [=](DriverFiles& files)
+                return [=](I3cDriver& driver)
                 {
-                    files.refusesToOpen(file, error);
+                    driver.setFile(file, error);
                 };
             }};
 }
@@ -347,6 +187,78 @@ const Vocabulary<DriverAction>& driverActions()
         "driver action", {fileEntryOf(DriverFile::bind, "bind"),
                           fileEntryOf(DriverFile::unbind, "unbind")});
     return known;
+}
+
+Controller::Controller(Kernel& kernel, std::size_t index) :
+    kernel(kernel), index(index)
+{
+}
+
+void Controller::change(const ControllerAction& action) const
+{
+    kernel.change(
+        [&](I3cDriver& driver)
+        {
+            action(driver.controller(index));
+        });
+}
+
+void Controller::does(const std::string& action) const
+{
+    change(controllerActions().understand(wordsOf(action)));
+}
+
+std::optional<std::string> Controller::node() const
+{
+    std::optional<std::string> name;
+    change(
+        [&](const ControllerState& controller)
+        {
+            if (controller.device)
+            {
+                name = controller.device->node();
+            }
+        });
+    return name;
+}
+
+EndpointControl::EndpointControl(Kernel& kernel, std::size_t index) :
+    controller(kernel, index)
+{
+}
+
+void EndpointControl::behaves(const Endpoint::Behaviour& behaviour) const
+{
+    controller.change(
+        [&](ControllerState& state)
+        {
+            state.endpoint->setBehaviour(behaviour);
+        });
+}
+
+void EndpointControl::behaves(const std::string& behaviour) const
+{
+    behaves(behaviourFromWords(wordsOf(behaviour)));
+}
+
+void EndpointControl::hasEid(std::uint8_t eid) const
+{
+    controller.change(
+        [=](ControllerState& state)
+        {
+            state.endpoint->setEid(eid);
+        });
+}
+
+std::uint8_t EndpointControl::eid() const
+{
+    std::uint8_t eid = 0;
+    controller.change(
+        [&](ControllerState& state)
+        {
+            eid = state.endpoint->eid();
+        });
+    return eid;
 }
 
 } // namespace board

@@ -36,7 +36,7 @@ struct NodeRefusal
  *  Errors are errno values, 0 for success. A device lives as long as somebody
  *  has it open, also after its driver has left it; then everything but
  *  closing gives ENODEV. No thread and no lock of its own; nothing here
- *  waits: time is told to it.
+ *  waits: the caller passes the time.
  */
 class MctpDevice
 {
@@ -59,7 +59,7 @@ class MctpDevice
      *         and what it refuses with. */
     int open(bool forWriting);
 
-    /** @brief Refuse who opens it from now on. */
+    /** @brief Refuse to be opened from now on. */
     void refuse(const NodeRefusal& how);
 
     /** @brief Close it: the next may open it. */
@@ -72,22 +72,20 @@ class MctpDevice
     /** @brief Take one packet: EAGAIN when none waits, ENODEV when gone. */
     ReadResult read();
 
-    /** @brief What poll(2) tells: POLLOUT, POLLIN when a packet waits,
+    /** @brief The result of poll(2): POLLOUT, POLLIN when a packet waits,
      *         POLLHUP and POLLERR when gone. */
     [[nodiscard]] unsigned readiness() const;
 
-    /** @brief The driver leaves: the device is gone for whoever holds it. */
+    /** @brief The driver leaves: the device is gone, also for its opener. */
     void remove();
 
-    /** @brief Whether it is gone: its driver left, or its endpoint took it
-     *         along. */
+    /** @brief Whether its driver has left, or its endpoint has vanished. */
     [[nodiscard]] bool isGone() const;
 
-    /** @brief Let that happen whose time has come: packets arrive, or the
-     *         device is lost. */
+    /** @brief Do what is due: packets arrive, or the device is lost. */
     void advance(Clock::time_point now);
 
-    /** @brief When the next of that happens, if anything is to. */
+    /** @brief When the next thing is due, if anything is. */
     [[nodiscard]] std::optional<Clock::time_point> nextArrival() const;
 
   private:

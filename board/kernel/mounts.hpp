@@ -9,17 +9,14 @@
 namespace board
 {
 
-/** The places where the simulated kernel's file system is mounted: at a hidden
- *  one, and from there its sys/ on /sys and its dev/ on /dev, with what /dev
- *  had before bound over the names of the same kind. Inside a sandbox only.
- *
- *  Unmounts in its destructor, also when files are still open; those see the
- *  file system end when its server does.
+/** The mounts of the simulated kernel's file system: a hidden one, and from
+ *  there its sys/ on /sys and its dev/ on /dev, where the former entries of
+ * /dev are bound over names of the same kind. Inside a sandbox only.
  */
 class KernelMounts
 {
   public:
-    /** @brief Something that /dev had before. */
+    /** @brief An entry that /dev had before. */
     struct DevName
     {
         std::string name;

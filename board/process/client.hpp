@@ -7,13 +7,11 @@
 #include <string>
 #include <vector>
 
-/** A client of the daemon, or its test suite, that is run against a board.
+/** A client of the daemon, or its test suite, that runs against a board.
  *
- *  It is an ordinary program of the user's and runs inside the sandbox: there
- *  its user is root, whom every D-Bus library can be on the board's bus, and
- *  the bus, the device nodes and the driver's files are where a BMC has them.
- *  It has the terminal, the streams and all descriptors that the board was
- *  given, and stays in its process group.
+ *  It runs as root inside the sandbox, with the bus, the device nodes and the
+ *  driver's files where a BMC has them. It shares the terminal, the descriptors
+ *  and the process group of the board.
  */
 namespace board
 {

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view notifyPath = "/run/board/notify";
 
-// Bytes of what is no log record: a broken daemon may say the same for ever.
+// Bytes of lines that are no log record: a broken daemon may print without end.
 constexpr std::size_t mostOutput = 1'000'000;
 
 Fd openNotifySocket()
@@ -301,8 +301,7 @@ WaitFailed Daemon::withHang(const WaitFailed& failure) const
 {
     const auto where = threads();
     const std::string what(failure.what());
-    WaitFailed told(where.empty() ? what : what + "; it hangs: " + where);
-    return told;
+    return WaitFailed(where.empty() ? what : what + "; it hangs: " + where);
 }
 
 } // namespace board

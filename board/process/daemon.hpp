@@ -19,17 +19,16 @@
 namespace board
 {
 
-/** The daemon's process, seen from outside as the service manager sees it: its
- *  log, its notify socket, its exit status.
+/** The daemon's process as its service manager sees it: its log, its notify
+ *  socket, its exit status.
  *
- *  Its standard output and standard error are taken line by line; records of
- *  the log library become Log and Trace entries of the timeline, all else is
- *  kept as Output, up to a megabyte of memory. A thread of this object
- *  listens; in addition the timeline collects what waits before any other
- *  entry, so that a log line comes before what the daemon did after it.
+ *  Log records on its standard streams become Log and Trace entries of the
+ *  timeline, other lines Output, up to a megabyte of memory. The timeline
+ *  collects them before any other entry, so that a log line comes before its
+ *  effects.
  *
- *  The functions are for one thread, which has to live as long as the daemon
- *  shall: with the thread that calls start() the daemon is killed.
+ *  The functions are for one thread: the daemon is killed when the thread ends
+ *  that started it.
  */
 class Daemon
 {
@@ -45,7 +44,7 @@ class Daemon
     /** @brief Kills the daemon if it still runs. */
     ~Daemon();
 
-    /** @brief Set a variable of its environment, from its next start on. */
+    /** @brief Set an environment variable for the next start. */
     void setVariable(const std::string& name, const std::string& value);
 
     /** @brief Start it; one that ran before must have ended.
@@ -55,7 +54,6 @@ class Daemon
     /** @brief Send SIGTERM. */
     void terminate();
 
-    /** @brief Send any signal. */
     void signal(int number);
 
     /** @brief Whether it was started and has not ended. */
@@ -65,17 +63,16 @@ class Daemon
      *  @throws Error when it was never started */
     [[nodiscard]] pid_t process() const;
 
-    /** @brief What each of its threads waits in, as the kernel tells, e.g.
+    /** @brief Where the kernel has each of its threads wait, e.g.
      *         "morrow in hrtimer_nanosleep"; empty when it does not run. */
     [[nodiscard]] std::string threads() const;
 
     /** @brief Wait for "READY=1".
-     *  @throws WaitFailed when it ends before, or the limit passes: it hangs
-     */
+     *  @throws WaitFailed when it ends before, or hangs */
     void awaitReady(Timeline::Limit limit);
 
     /** @brief Wait for its end.
-     *  @throws WaitFailed when the limit passes: it hangs */
+     *  @throws WaitFailed when it hangs */
     event::Exited awaitExit(Timeline::Limit limit);
 
   private:

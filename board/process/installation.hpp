@@ -14,13 +14,12 @@ struct Installation
     std::filesystem::path policy; //!< the daemon's bus policy
     std::filesystem::path scenario; //!< what is played by default
 
-    /** @brief The installation that a program of the binary directory belongs
-     *         to: found from the program's own place, so that it may have
-     *         been moved or staged as a whole. */
+    /** @brief The installation of a program in the binary directory. It may
+     * have been moved or staged as a whole. */
     static Installation of(const std::filesystem::path& program);
 
     /** @brief The installation that the running program belongs to.
-     *  @throws Error when the system does not tell where that is */
+     *  @throws Error when /proc is not mounted */
     static Installation ofThisProgram();
 };
 

@@ -90,7 +90,7 @@ std::vector<CaughtSignal> Interruption::takeSignals()
 
 void Interruption::goOn()
 {
-    // In this order: a signal to end that comes meanwhile interrupts anew.
+    // In this order: a signal to end that comes meanwhile interrupts again.
     came.clear();
     timeline.resume();
     if (ending)

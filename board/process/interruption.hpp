@@ -15,32 +15,26 @@
 namespace board
 {
 
-/** @brief A signal that came to the board. */
 struct CaughtSignal
 {
     int number = 0;
-    /** Typed at the terminal, or its hangup: everybody in the foreground has
-     *  got it. */
+    /** Typed at the terminal, or its hangup: the whole foreground gets it. */
     bool fromTerminal = false;
 };
 
-/** Ctrl-C, a hangup, SIGQUIT or SIGTERM breaks off the timeline's waits, so
- * that the board is taken apart in order.
+/** Ctrl-C, a hangup, SIGQUIT or SIGTERM ends the timeline's waits, so that the
+ *  board ends in order. At a prompt, Ctrl-C only ends the present command.
  *
- *  At a prompt, Ctrl-C breaks off what is being done and no more: goOn() then
- *  makes an end of the interruption.
- *
- *  Made before any other thread is, so that all of them leave these signals
- *  to the thread of this object.
+ *  Made before any other thread, so that all of them leave these signals to the
+ *  thread of this object.
  */
 class Interruption
 {
   public:
-    /** @brief What Ctrl-C is for. */
     enum class CtrlC
     {
         ends, //!< ends the board, like the other signals
-        breaksOff, //!< breaks off what is being done
+        breaksOff, //!< ends the present command
     };
 
     explicit Interruption(Timeline& timeline, CtrlC ctrlC = CtrlC::ends);
@@ -56,8 +50,7 @@ class Interruption
     awaitReadable(int fd,
                   std::optional<std::chrono::milliseconds> limit = {}) const;
 
-    /** @brief The signals that came since the last call, in their order. What
-     *         waits for a descriptor after this waits again. */
+    /** @brief The signals since the last call, in their order. */
     [[nodiscard]] std::vector<CaughtSignal> takeSignals();
 
     /** @brief Let waits be waits again after a Ctrl-C.

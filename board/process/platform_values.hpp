@@ -11,10 +11,8 @@ namespace board
 {
 
 /** The values that the platform's hardware library reads: files of the
- *  sandbox, by their keys.
- *
- *  A handle on a timeline, which outlives it; any thread may use it. A value
- *  changes in one step: who reads meanwhile gets the old or the new one.
+ *  sandbox, by their keys. A value changes in one step. Any thread may use
+ *  this handle; the timeline outlives it.
  */
 class PlatformValues
 {
@@ -27,10 +25,9 @@ class PlatformValues
      *  @throws Error when the key is no file name or there is no sandbox */
     void set(const std::string& key, const std::string& value);
 
-    /** @brief Take a value away. */
     void remove(const std::string& key);
 
-    /** @brief Let a value be there, yet fail to be read. */
+    /** @brief The value is there but cannot be read. */
     void makeUnreadable(const std::string& key);
 
   private:
@@ -40,10 +37,9 @@ class PlatformValues
 /** @brief Set a value without an event, as the board does before it boots. */
 void writePlatformValue(const std::string& key, const std::string& value);
 
-/** @brief What becomes of the platform's values. */
 using PlatformAction = std::function<void(PlatformValues&)>;
 
-/** @brief What can be said of them in words, e.g. "cpu-vendor missing". */
+/** @brief The phrases for them, e.g. "cpu-vendor missing". */
 [[nodiscard]] const Vocabulary<PlatformAction>& platformActions();
 
 } // namespace board

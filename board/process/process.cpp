@@ -138,7 +138,7 @@ void becomeChild(const Prepared& prepared)
 {
     becomeChild(prepared);
     const auto error = errno;
-    // If nobody reads it, nobody is left to be told.
+    // Without a reader the parent has gone.
     static_cast<void>(write(failure.get(), &error, sizeof(error)) > 0);
     _exit(cannotRun);
 }
@@ -248,7 +248,7 @@ std::optional<ExitStatus> Process::ended()
     {
         return {};
     }
-    // What it left behind in its group goes before its id does.
+    // The rest of its group is killed while its id is still taken.
     static_cast<void>(kill(-pid, SIGKILL));
     static_cast<void>(waitpid(pid, nullptr, 0));
     end = info.si_code == CLD_EXITED ? ExitStatus{info.si_status, 0}

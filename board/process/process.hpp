@@ -20,13 +20,11 @@ struct Inherited
     int theirs = -1;
 };
 
-/** @brief What a child shares with the board's process. */
 enum class Sharing
 {
     nothing, //!< a part of the board: as Process describes it
-    /** A program of the user's: it stays in the board's process group, has its
-     *  terminal and all descriptors that the board was given, and is looked
-     *  for on PATH. */
+    /** A program of the user: it shares the board's process group, terminal
+     *  and descriptors, and is searched on PATH. */
     everything,
 };
 
@@ -36,7 +34,6 @@ class CannotRun : public Error
   public:
     CannotRun(const std::string& program, int error);
 
-    /** @brief The errno value that says why. */
     [[nodiscard]] int error() const;
 
   private:
@@ -53,11 +50,9 @@ struct ExitStatus
 /** A child process of the board.
  *
  *  It leads a process group of its own, so that a terminal's Ctrl-C does not
- *  reach it, and inherits nothing but what is listed: standard input is
- *  /dev/null, signals are as in a fresh process. It is killed when the thread
- *  that started it ends, however the board ends: start children from a thread
- *  that lives as long as they shall. The destructor kills the whole group and
- *  waits for the child.
+ *  reach it. It inherits only the listed descriptors; standard input is
+ *  /dev/null, signals have their defaults. It is killed when the thread that
+ *  started it ends. The destructor kills the whole group.
  */
 class Process
 {
@@ -65,7 +60,7 @@ class Process
     /** @param arguments the program's path and its arguments
      *  @param environment all of it, as "NAME=value"
      *  @throws CannotRun when there is no such program, or it is none
-     *  @throws Error when there are no processes or descriptors left */
+     *  @throws Error when the system has no more processes or descriptors */
     Process(const std::vector<std::string>& arguments,
             const std::vector<std::string>& environment,
             const std::vector<Inherited>& descriptors,
@@ -83,8 +78,7 @@ class Process
     /** @brief Send a signal; nothing happens when it has ended. */
     void signal(int number) const;
 
-    /** @brief How it ended, or nothing while it runs. Does not wait. One
-     *         thread at a time. */
+    /** @brief How it ended, or nothing while it runs. One thread at a time. */
     [[nodiscard]] std::optional<ExitStatus> ended();
 
   private:
@@ -93,8 +87,7 @@ class Process
     std::optional<ExitStatus> end;
 };
 
-/** @brief A pipe: both ends close on exec; reading does not block.
- *  @throws Error when there are no descriptors left */
+/** @brief A pipe: both ends close on exec; reading does not block. */
 struct Pipe
 {
     Pipe();

@@ -322,7 +322,7 @@ std::vector<pid_t> otherProcesses()
 void enter()
 {
     // Without a user namespace, only a caller that may mount anyway gets
-    // further; unshareMountsAndIpc() tells the others what to do.
+    // further; unshareMountsAndIpc() reports it for the others.
     if (!entered())
     {
         static_cast<void>(enterUserNamespace());

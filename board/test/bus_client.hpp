@@ -91,8 +91,8 @@ class Client
     sd::Bus bus;
 };
 
-/** Hears one signal of an object, and tells it as text: "Name=text" or
- *  "Name:type" for each property that is said to have changed. */
+/** Receives one signal of an object as text: "Name=text" or "Name:type" for
+ *  each changed property. */
 class Listener
 {
   public:
@@ -109,7 +109,7 @@ class Listener
         slot.reset(made);
     }
 
-    /** @brief The next that was not told yet; it is waited for. */
+    /** @brief Waits for the next signal. */
     std::string heard()
     {
         constexpr std::uint64_t waitUs = 10'000'000;

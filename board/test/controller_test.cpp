@@ -3,6 +3,7 @@
 #include "board/test/files.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/error.hpp"
+#include "board/util/plain_text.hpp"
 
 #include <chrono>
 #include <filesystem>
@@ -19,9 +20,6 @@ using namespace board;
 using namespace board::test;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
 
 constexpr auto limit = 10s;
 
@@ -30,19 +28,13 @@ class Controllers : public testing::Test
   protected:
     void SetUp() override
     {
-        controller0.comesUpAfter(0ms);
-        controller1.comesUpAfter(0ms);
+        controller0.does("comes-up-after 0");
+        controller1.does("comes-up-after 0");
     }
 
-    void is(Controller controller, const Words& words)
+    void driver(const std::string& action)
     {
-        controllerActions().understand(words)(controller);
-    }
-
-    void are(const Words& words)
-    {
-        DriverFiles files(kernel);
-        driverActions().understand(words)(files);
+        kernel.change(driverActions().understand(wordsOf(action)));
     }
 
     event::DeviceUp waitForDeviceUp(std::size_t from)
@@ -58,7 +50,7 @@ class Controllers : public testing::Test
 
 TEST_F(Controllers, ComeUpAfterTheSetTime)
 {
-    is(controller0, {"comes-up-after", "300"});
+    controller0.does("comes-up-after 300");
     const auto bound = timeline.now();
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(openError(node0), ENOENT);
@@ -69,8 +61,8 @@ TEST_F(Controllers, ComeUpAfterTheSetTime)
 
 TEST_F(Controllers, StayAwayWhenUnboundBeforeTheyAreUp)
 {
-    is(controller0, {"comes-up-after", "50"});
-    is(controller1, {"comes-up-after", "100"});
+    controller0.does("comes-up-after 50");
+    controller1.does("comes-up-after 100");
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(unbindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
@@ -93,8 +85,8 @@ TEST_F(Controllers, TakeTheLowestFreeNumber)
 
 TEST_F(Controllers, CanBeSlowOrNeverComeUp)
 {
-    is(controller0, {"never-comes-up"});
-    is(controller1, {"comes-up-after", "50"});
+    controller0.does("never-comes-up");
+    controller1.does("comes-up-after 50");
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
     EXPECT_EQ(waitForDeviceUp(0).controller, 1U);
@@ -103,14 +95,14 @@ TEST_F(Controllers, CanBeSlowOrNeverComeUp)
 
 TEST_F(Controllers, CanHaveAFileAsClassEntry)
 {
-    is(controller0, {"class-entry", "file"});
+    controller0.does("class-entry file");
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_TRUE(fs::is_regular_file(class0));
     EXPECT_TRUE(std::ifstream(class0).good());
     EXPECT_EQ(waitForDeviceUp(0).classEntry, ClassEntry::file);
     ASSERT_EQ(writeText(unbindFile, first), 0);
     EXPECT_FALSE(fs::exists(fs::symlink_status(class0)));
-    is(controller0, {"class-entry", "none"});
+    controller0.does("class-entry none");
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_FALSE(fs::exists(fs::symlink_status(class0)));
     EXPECT_TRUE(fs::exists(node0));
@@ -118,7 +110,7 @@ TEST_F(Controllers, CanHaveAFileAsClassEntry)
 
 TEST_F(Controllers, CanComeUpAfterTheOtherWhateverTheOrderOfTheBinds)
 {
-    is(controller0, {"comes-up-after-the-other", "20"});
+    controller0.does("comes-up-after-the-other 20");
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(controller0.node(), std::nullopt);
     ASSERT_EQ(writeText(bindFile, second), 0);
@@ -130,7 +122,7 @@ TEST_F(Controllers, CanComeUpAfterTheOtherWhateverTheOrderOfTheBinds)
 
 TEST_F(Controllers, DoNotWaitForTheOtherThatIsUp)
 {
-    is(controller0, {"comes-up-after-the-other"});
+    controller0.does("comes-up-after-the-other");
     ASSERT_EQ(writeText(bindFile, second), 0);
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(controller0.node(), "i3c-mctp-1");
@@ -138,7 +130,7 @@ TEST_F(Controllers, DoNotWaitForTheOtherThatIsUp)
 
 TEST_F(Controllers, ForgetThatTheyWaitedWhenUnbound)
 {
-    is(controller0, {"comes-up-after-the-other"});
+    controller0.does("comes-up-after-the-other");
     ASSERT_EQ(writeText(bindFile, first), 0);
     ASSERT_EQ(writeText(unbindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, second), 0);
@@ -147,7 +139,7 @@ TEST_F(Controllers, ForgetThatTheyWaitedWhenUnbound)
 
 TEST_F(Controllers, BootInTheOrderThatIsTheirs)
 {
-    is(controller0, {"comes-up-after-the-other", "0"});
+    controller0.does("comes-up-after-the-other 0");
     kernel.boot();
     EXPECT_EQ(controller1.node(), "i3c-mctp-0");
     EXPECT_EQ(controller0.node(), "i3c-mctp-1");
@@ -155,7 +147,7 @@ TEST_F(Controllers, BootInTheOrderThatIsTheirs)
 
 TEST_F(Controllers, CanRefuseBindAndUnbind)
 {
-    is(controller0, {"refuses-bind", "EIO"});
+    controller0.does("refuses-bind EIO");
     EXPECT_EQ(writeText(bindFile, first), EIO);
     EXPECT_EQ(controller0.node(), std::nullopt);
     EXPECT_EQ(writeText(bindFile, second), 0);
@@ -163,27 +155,27 @@ TEST_F(Controllers, CanRefuseBindAndUnbind)
     EXPECT_EQ(write.controller, first);
     EXPECT_EQ(write.error, EIO);
 
-    is(controller1, {"refuses-unbind", "EPERM"});
+    controller1.does("refuses-unbind EPERM");
     EXPECT_EQ(writeText(unbindFile, second), EPERM);
     EXPECT_EQ(controller1.node(), "i3c-mctp-0");
     EXPECT_EQ(writeText(bindFile, second), EBUSY);
-    is(controller1, {"default"});
+    controller1.does("default");
     EXPECT_EQ(writeText(unbindFile, second), 0);
 }
 
 TEST_F(Controllers, CanHaveABusyNode)
 {
-    is(controller0, {"node-busy"});
+    controller0.does("node-busy");
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(openError(node0), EBUSY);
     EXPECT_EQ(openError(node0, O_RDONLY), EBUSY);
     EXPECT_EQ(timeline.waitFor<event::NodeOpened>("open", limit).error, EBUSY);
-    is(controller0, {"node-busy", "writers"});
+    controller0.does("node-busy writers");
     EXPECT_EQ(openError(node0), EBUSY);
     EXPECT_EQ(openError(node0, O_RDONLY), 0);
-    is(controller0, {"node-refuses", "ENXIO"});
+    controller0.does("node-refuses ENXIO");
     EXPECT_EQ(openError(node0, O_RDONLY), ENXIO);
-    is(controller0, {"default"});
+    controller0.does("default");
     EXPECT_EQ(openError(node0), 0);
 }
 
@@ -191,37 +183,37 @@ TEST_F(Controllers, RefuseNobodyWhoHasTheNodeOpen)
 {
     ASSERT_EQ(writeText(bindFile, first), 0);
     const auto held = openNode(node0);
-    is(controller0, {"node-busy"});
+    controller0.does("node-busy");
     EXPECT_EQ(writeTo(held, {0x01}), 0);
 }
 
 TEST_F(Controllers, HaveDriverFilesThatCanRefuse)
 {
-    are({"bind-file", "refuses", "EACCES"});
+    driver("bind-file refuses EACCES");
     EXPECT_EQ(writeText(bindFile, first), EACCES);
     EXPECT_FALSE(std::ofstream(bindFile).is_open());
     const auto refused =
         timeline.waitFor<event::DriverFileRefused>("refusal", limit);
     EXPECT_TRUE(refused.bind);
     EXPECT_EQ(refused.error, EACCES);
-    are({"bind-file", "works"});
+    driver("bind-file works");
     EXPECT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(controller0.node(), "i3c-mctp-0");
 
-    are({"unbind-file", "refuses", "EIO"});
+    driver("unbind-file refuses EIO");
     EXPECT_EQ(writeText(unbindFile, first), EIO);
     EXPECT_EQ(controller0.node(), "i3c-mctp-0");
-    are({"unbind-file", "works"});
+    driver("unbind-file works");
     EXPECT_EQ(writeText(unbindFile, first), 0);
 }
 
 TEST_F(Controllers, HaveDriverFilesThatCanBeMissing)
 {
-    are({"unbind-file", "missing"});
+    driver("unbind-file missing");
     EXPECT_FALSE(fs::exists(unbindFile));
     EXPECT_EQ(writeText(unbindFile, first), ENOENT);
     EXPECT_EQ(writeText(bindFile, first), 0);
-    are({"unbind-file", "works"});
+    driver("unbind-file works");
     EXPECT_EQ(writeText(unbindFile, first), 0);
 }
 
@@ -238,7 +230,7 @@ std::string refusal(const Words& words)
     return "";
 }
 
-TEST(ControllerWords, TellHowToSayIt)
+TEST(ControllerWords, HaveAUsageLine)
 {
     EXPECT_EQ(refusal({"class-entry", "socket"}),
               "cannot understand \"class-entry\": \"socket\" is no kind of "
@@ -252,17 +244,6 @@ TEST(ControllerWords, TellHowToSayIt)
     EXPECT_THAT(refusal({"explodes"}),
                 HasSubstr("unknown controller action \"explodes\"; there "
                           "are: default, comes-up-after MS, "));
-}
-
-TEST(ControllerWords, AllHaveALineOfHelp)
-{
-    auto phrases = controllerActions().phrases();
-    EXPECT_THAT(phrases, SizeIs(9));
-    EXPECT_THAT(driverActions().phrases(), SizeIs(2));
-    for (const auto& phrase : phrases)
-    {
-        EXPECT_THAT(phrase.help, Not(IsEmpty())) << phrase.name;
-    }
 }
 
 } // namespace

@@ -184,19 +184,6 @@ TEST_F(RunDaemon, IsNotStartedTwice)
     EXPECT_THROW(daemon.start(), Error);
 }
 
-TEST_F(RunDaemon, IsKilledAtTheEnd)
-{
-    play("trap '' TERM\n" + std::string(stay));
-    pid_t process = 0;
-    {
-        Daemon other(timeline, scriptPath, {"PATH=/usr/bin:/bin"});
-        other.start();
-        process = other.process();
-        EXPECT_EQ(kill(process, 0), 0);
-    }
-    EXPECT_EQ(kill(process, 0), -1);
-}
-
 TEST_F(RunDaemon, SaysWhatCannotBeRun)
 {
     Daemon other(timeline, "/no/such/daemon", {});

@@ -22,22 +22,21 @@ Bytes onlyReply(Endpoint& endpoint, const Bytes& packet)
     return replies.empty() ? Bytes() : replies.front().packet;
 }
 
-TEST(Endpoint, AnswersDiscoveryNotifyWithSuccess)
+TEST(Endpoint, AnswersDiscoveryNotifyWithSuccessAndOtherCommandsWithAnError)
 {
     Endpoint endpoint(eid);
     EXPECT_EQ(onlyReply(endpoint, discoveryNotify),
               (Bytes{0x01, 0x08, 0x1D, 0xC3, 0x00, 0x01, 0x0D, 0x00}));
-}
-
-TEST(Endpoint, AnswersFromTheEidThatWasSet)
-{
-    Endpoint endpoint(eid);
+    auto other = discoveryNotify;
+    other[6] = 0x02;
+    EXPECT_EQ(onlyReply(endpoint, other),
+              (Bytes{0x01, 0x08, 0x1D, 0xC3, 0x00, 0x01, 0x02, 0x05}));
     endpoint.setEid(0x9D);
     EXPECT_EQ(endpoint.eid(), 0x9D);
     EXPECT_EQ(onlyReply(endpoint, discoveryNotify).at(2), 0x9D);
 }
 
-TEST(Endpoint, HearsItsOwnEidAndTheNullEidOnly)
+TEST(Endpoint, TakesPacketsForItsOwnEidAndTheNullEidOnly)
 {
     Endpoint endpoint(eid);
     auto packet = discoveryNotify;
@@ -47,16 +46,7 @@ TEST(Endpoint, HearsItsOwnEidAndTheNullEidOnly)
     EXPECT_TRUE(endpoint.receive(packet).empty());
 }
 
-TEST(Endpoint, RefusesOtherControlCommands)
-{
-    Endpoint endpoint(eid);
-    auto packet = discoveryNotify;
-    packet[6] = 0x02;
-    EXPECT_EQ(onlyReply(endpoint, packet),
-              (Bytes{0x01, 0x08, 0x1D, 0xC3, 0x00, 0x01, 0x02, 0x05}));
-}
-
-TEST(Endpoint, IsSilentToWhatIsNoControlRequest)
+TEST(Endpoint, AnswersControlRequestsOnly)
 {
     Endpoint endpoint(eid);
     auto otherType = discoveryNotify;
@@ -70,7 +60,7 @@ TEST(Endpoint, IsSilentToWhatIsNoControlRequest)
     EXPECT_TRUE(endpoint.receive(notTagOwner).empty());
 }
 
-TEST(Endpoint, DropsWhatIsNoPacket)
+TEST(Endpoint, DropsMalformedPackets)
 {
     Endpoint endpoint(eid);
     EXPECT_TRUE(endpoint.receive(Bytes{}).empty());
@@ -89,7 +79,7 @@ TEST(Endpoint, TakesARequestInTwoPackets)
               (Bytes{0x01, 0x08, 0x1D, 0xC3, 0x00, 0x01, 0x0D, 0x00}));
 }
 
-TEST(Endpoint, SaysNothingWhileSilent)
+TEST(Endpoint, CanChangeItsBehaviour)
 {
     Endpoint endpoint(eid);
     endpoint.setBehaviour(board::silent());

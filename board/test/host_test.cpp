@@ -253,7 +253,7 @@ TEST_F(SimulatedHost, SendsOtherSignals)
     EXPECT_THROW(does({"host", "signal-body", "power", "a"}), Error);
 }
 
-TEST(HostWords, TellHowToSayIt)
+TEST(HostWords, HaveAUsageLine)
 {
     const auto refusal = [](const Words& words) -> std::string
     {

@@ -101,8 +101,8 @@ class DriverFileWrites : public KernelFiles
   protected:
     DriverFileWrites()
     {
-        controller0.comesUpAfter(0ms);
-        controller1.comesUpAfter(0ms);
+        controller0.does("comes-up-after 0");
+        controller1.does("comes-up-after 0");
     }
 };
 
@@ -169,7 +169,7 @@ class Node : public KernelFiles
     Node()
     {
         kernel.boot();
-        controller0.comesUpAfter(0ms);
+        controller0.does("comes-up-after 0");
     }
 };
 

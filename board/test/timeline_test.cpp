@@ -88,12 +88,12 @@ TEST(Timeline, WaitThatFailsSaysForWhatAndHowLong)
     Timeline timeline;
     try
     {
-        timeline.waitFor<event::Note>("word from the host", 20ms);
+        timeline.waitFor<event::Note>("signal from the host", 20ms);
         FAIL() << "found something";
     }
     catch (const board::WaitFailed& failure)
     {
-        EXPECT_STREQ(failure.what(), "no word from the host within 20 ms");
+        EXPECT_STREQ(failure.what(), "no signal from the host within 20 ms");
     }
     EXPECT_THROW(timeline.waitFor<event::Note>("x", 0ms), board::WaitFailed);
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <map>
 #include <string_view>
 #include <utility>
 
@@ -16,10 +17,9 @@ namespace board
 namespace
 {
 
-/** How much of an event there is to be seen. */
 enum class Weight
 {
-    story, //!< makes the story
+    normal,
     detail, //!< shown in grey
     hidden, //!< shown only when everything is
     alarm, //!< something that should not be
@@ -29,7 +29,7 @@ struct Shown
 {
     std::string who;
     std::string what;
-    Weight weight = Weight::story;
+    Weight weight = Weight::normal;
 };
 
 constexpr std::size_t whoWidth = 7;
@@ -38,16 +38,10 @@ constexpr auto red = "\033[1;31m";
 constexpr auto bold = "\033[1m";
 constexpr auto plain = "\033[0m";
 
-struct Colour
-{
-    std::string_view who;
-    const char* code;
-};
-
-constexpr std::array colours{
-    Colour{"board", "\033[1m"},   Colour{"host", "\033[33m"},
-    Colour{"driver", "\033[34m"}, Colour{"mctp", "\033[35m"},
-    Colour{"bus", "\033[32m"},    Colour{"daemon", "\033[36m"},
+const std::map<std::string_view, const char*> colours{
+    {"board", bold},      {"host", "\033[33m"}, {"driver", "\033[34m"},
+    {"mctp", "\033[35m"}, {"bus", "\033[32m"},  {"daemon", "\033[36m"},
+    {"broker", plain},
 };
 
 std::string lastWord(const std::string& dotted)
@@ -74,9 +68,9 @@ std::string signalName(int signal)
                            : std::string("SIG") + name;
 }
 
-/** The daemon's bus sides log every function that they pass, and its core every
- *  entry and byte: of these, what tells nothing of how far the daemon got. */
-bool tellsNoProgress(const event::Log& log)
+/** Whether a record only marks a function or a byte. The bus sides of the
+ * daemon log every function, its core every entry and byte. */
+bool showsNoProgress(const event::Log& log)
 {
     constexpr int failure = 2;
     constexpr int progress = 4;
@@ -157,24 +151,13 @@ Shown show(const event::DriverFileRefused& refused)
             Weight::alarm};
 }
 
-std::string_view inWords(ClassEntry entry)
-{
-    switch (entry)
-    {
-        case ClassEntry::directory:
-            return "";
-        case ClassEntry::file:
-            return ", with a file as class entry";
-        case ClassEntry::none:
-            return ", without a class entry";
-    }
-    return "";
-}
-
 Shown show(const event::DeviceUp& up)
 {
-    return {"driver", "device " + up.node + " is up" +
-                          std::string(inWords(up.classEntry))};
+    const auto* const entry = up.classEntry == ClassEntry::directory ? ""
+                              : up.classEntry == ClassEntry::file
+                                  ? ", with a file as class entry"
+                                  : ", without a class entry";
+    return {"driver", "device " + up.node + " is up" + entry};
 }
 
 Shown show(const event::DeviceDown& down)
@@ -280,7 +263,7 @@ Shown show(const event::Log& log)
 {
     constexpr int failure = 2;
     return {"log", log.file + ":" + std::to_string(log.line) + "  " + log.text,
-            tellsNoProgress(log)   ? Weight::hidden
+            showsNoProgress(log)   ? Weight::hidden
             : log.level == failure ? Weight::alarm
                                    : Weight::detail};
 }
@@ -312,7 +295,7 @@ Shown show(const event::Exited& exited)
                 Weight::alarm};
     }
     return {"daemon", "ended with status " + std::to_string(exited.status),
-            exited.status == 0 ? Weight::story : Weight::alarm};
+            exited.status == 0 ? Weight::normal : Weight::alarm};
 }
 
 std::string milliseconds(Time at)
@@ -325,21 +308,17 @@ std::string milliseconds(Time at)
 }
 
 /** Continuation lines begin in the column of the first. */
-std::string indented(const std::string& text, std::size_t column)
+std::string indented(std::string text, std::size_t column)
 {
-    std::string result;
-    for (const auto letter : text)
+    for (auto end = text.find('\n'); end != std::string::npos;
+         end = text.find('\n', end + 1))
     {
-        result += letter;
-        if (letter == '\n')
-        {
-            result.append(column, ' ');
-        }
+        text.insert(end + 1, column, ' ');
     }
-    return result;
+    return text;
 }
 
-/** What is too long for one line of a terminal ends in dots. */
+/** A text that is too long for a line of a terminal ends in dots. */
 std::string cut(const std::string& line)
 {
     constexpr std::size_t longest = 78;
@@ -349,16 +328,6 @@ std::string cut(const std::string& line)
         return line;
     }
     return line.substr(0, longest - dots.size()) + std::string(dots);
-}
-
-std::string colourOf(std::string_view who)
-{
-    const auto* const found = std::find_if(colours.begin(), colours.end(),
-                                           [who](const Colour& one)
-                                           {
-                                               return one.who == who;
-                                           });
-    return found == colours.end() ? plain : found->code;
 }
 
 bool isLeftOut(Weight weight, const PrintStyle& style)
@@ -377,11 +346,11 @@ std::string coloured(const std::string& time, const std::string& who,
         case Weight::detail:
         case Weight::hidden:
             return grey + time + "  " + who + "  " + what + plain;
-        case Weight::story:
+        case Weight::normal:
             break;
     }
     const auto text = shown.who == "board" ? bold + what + plain : what;
-    return grey + time + plain + "  " + colourOf(shown.who) + who + plain +
+    return grey + time + plain + "  " + colours.at(shown.who) + who + plain +
            "  " + text;
 }
 

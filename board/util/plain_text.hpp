@@ -3,18 +3,20 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
-/** Text from elsewhere, made fit to be shown. */
 namespace board
 {
 
-/** @brief Text that is shown, not obeyed: what would move the cursor, set a
- *         title or end the text is written in hexadecimal.
+/** @brief Text for a terminal: control characters are shown in hexadecimal.
  *  @param kept control characters that stay */
 [[nodiscard]] std::string withoutControls(std::string_view text,
                                           std::string_view kept = "\n\t");
 
 /** @brief A word in quotes for an error's line; a long one ends in dots. */
 [[nodiscard]] std::string inQuotes(std::string_view word);
+
+/** @brief The words of a text, which are separated by white space. */
+[[nodiscard]] std::vector<std::string> wordsOf(const std::string& text);
 
 } // namespace board

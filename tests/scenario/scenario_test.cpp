@@ -189,7 +189,7 @@ TEST_F(Discovery, AfterAKillDuringADiscoveryEndsWithBothEndpoints)
 
 TEST_F(Controllers, DeviceOfTheSecondCanHaveTheFirstNumber)
 {
-    board().controller(0).neverComesUp();
+    board().controller(0).does("never-comes-up");
     board().daemon().start();
     const auto next = [this](std::size_t from)
     {
@@ -224,7 +224,7 @@ TEST_F(Controllers, DeviceOfTheSecondCanHaveTheFirstNumber)
 
 TEST_F(Controllers, WithoutAnUnbindFileTheNodesAreMissing)
 {
-    board().driverFiles().refusesToOpen(board::DriverFile::unbind, EACCES);
+    board().changeDriver("unbind-file refuses EACCES");
     board().daemon().start();
     logs("Failed to open sysfs file for fff10000.i3c");
     logs("Failed to open sysfs file for fff11000.i3c");
@@ -239,14 +239,14 @@ TEST_F(Controllers, WithoutAnUnbindFileTheNodesAreMissing)
         booted, timeout);
     EXPECT_THAT(all<EndpointAdded>(), IsEmpty());
 
-    board().driverFiles().works(board::DriverFile::unbind);
+    board().changeDriver("unbind-file works");
     logs("Discovery complete", bind.index);
     EXPECT_EQ(stop().status, 0);
 }
 
 TEST_F(Controllers, BusyNodeIsWaitedForLikeAMissingOne)
 {
-    board().controller(1).nodeRefuses(EBUSY);
+    board().controller(1).does("node-busy");
     board().daemon().start();
     const auto failed = logs("Failed to open device node for fff11000.i3c");
     const auto start = logs("Start partial discovery");
@@ -254,7 +254,7 @@ TEST_F(Controllers, BusyNodeIsWaitedForLikeAMissingOne)
     EXPECT_EQ(logged("Found i3c device: /dev/i3c-mctp-1"), 1U);
     EXPECT_LT(failed.index, start.index);
 
-    board().controller(1).nodeRefuses(0);
+    board().controller(1).does("default");
     publishes(endpoint1, start.index);
     logs("Discovery complete", start.index);
     EXPECT_EQ(stop().status, 0);
@@ -262,7 +262,7 @@ TEST_F(Controllers, BusyNodeIsWaitedForLikeAMissingOne)
 
 TEST_F(Controllers, NodeThatCanOnlyBeReadIsFoundButNotNotified)
 {
-    board().controller(1).nodeRefuses(EBUSY, board::Openers::writers);
+    board().controller(1).does("node-busy writers");
     board().daemon().start();
     logs("Start partial discovery");
     EXPECT_EQ(logged("Failed to open device node for fff11000.i3c"), 0U);
@@ -359,14 +359,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Endpoint, SilentAndThenAliveIsFoundByTheNextRedo)
 {
-    board().endpoint(1).staysSilent();
+    board().endpoint(1).behaves("silent");
     board().daemon().start();
     logs("Start partial discovery");
     EXPECT_THAT(endpointPaths(), ElementsAre(endpoint0));
     const auto retry = logs("Partial discovery retry");
     EXPECT_EQ(requests(node1), 6U);
 
-    board().endpoint(1).answers();
+    board().endpoint(1).behaves("answering");
     publishes(endpoint1, retry.index);
     const auto complete = logs("Discovery complete", retry.index);
     EXPECT_THAT(endpointPaths(), UnorderedElementsAre(endpoint0, endpoint1));
@@ -381,12 +381,12 @@ TEST_F(Endpoint, SilentAndThenAliveIsFoundByTheNextRedo)
 
 TEST_F(Endpoint, FirstThatVanishesLeavesItsNumberToTheSecond)
 {
-    board().endpoint(0).behaves(board::vanishing());
+    board().endpoint(0).behaves("vanishing");
     board().daemon().start();
     const auto retry = logs("Retry discovering i3c devices:count = 0");
     EXPECT_EQ(board().controller(1).node(), node0);
     EXPECT_EQ(logged("Failed to open device node for fff11000.i3c"), 1U);
-    board().endpoint(0).answers();
+    board().endpoint(0).behaves("answering");
     logs("Discovery complete", retry.index);
     EXPECT_THAT(endpointPaths(), UnorderedElementsAre(endpoint0, endpoint1));
     EXPECT_EQ(stop().status, 0);
@@ -428,7 +428,7 @@ class Host : public Scenario
 TEST_F(Host, WarmResetDuringADiscoveryDiscoversOnceMore)
 {
     // Slow enough for the reset to come during the wait for the node.
-    board().controller(1).comesUpAfter(std::chrono::milliseconds(2000));
+    board().controller(1).does("comes-up-after 2000");
     board().daemon().start();
     const auto from = publishes(endpoint0).index;
     board().host().isReset("WarmReset");
@@ -476,7 +476,7 @@ TEST_F(Host, FlappingThatEndsOffEndsWithoutEndpoints)
 
 TEST_F(Host, FloodOfSignalsIsHandledCompletely)
 {
-    board().setPlatformValue("CPU_VENDOR", "1");
+    board().platformValues().set("CPU_VENDOR", "1");
     board().daemon().start();
     const auto idle = logs("Non Intel CPU : State MORROW_SLEEP_EVENT");
     board().host().entersPowerState("OffPendingS0", 500);
