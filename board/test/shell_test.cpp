@@ -54,8 +54,9 @@ std::string saidTo(const std::vector<std::string>& lines,
     return program.output;
 }
 
-TEST(Shell, GreetsWithTheBusAndEndsWithItsInput)
+TEST(Shell, GreetsWithTheBusAndEndsWithItsInputOrQuit)
 {
+    EXPECT_THAT(saidTo({"quit", "note after"}), Not(HasSubstr("after")));
     EXPECT_THAT(saidTo({}),
                 AllOf(HasSubstr("type \"daemon start\" here first.\n"),
                       HasSubstr("\"help\" lists all commands, \"quit\" ends "
@@ -106,11 +107,6 @@ TEST(Shell, GreetsWithCommandsThatWorkAsTheyAreTyped)
     const auto tree = HasSubstr("/xyz/openbmc_project/mctp/2");
     EXPECT_THAT(shownBy(commands[0] + "\n" + commands[1]), tree);
     EXPECT_THAT(shownBy(commands[2]), tree);
-}
-
-TEST(Shell, EndsWithQuit)
-{
-    EXPECT_THAT(saidTo({"quit", "note after"}), Not(HasSubstr("after")));
 }
 
 TEST(Shell, TakesALastLineWithoutAnEnd)
@@ -283,15 +279,6 @@ TEST(Shell, ShowsTheLastEventsOfTheTimeline)
     EXPECT_THAT(said, MatchesRegex("(.|\n)*ms  who      what\n"
                                    "[ 0-9.]+  board    one\n"
                                    "[ 0-9.]+  board    > timeline 2\n(.|\n)*"));
-}
-
-TEST(Shell, SetsWhatThePlatformReads)
-{
-    EXPECT_THAT(
-        saidTo({"platform value CPU_VENDOR 1", "daemon start", "wait exit"},
-               "echo dlog 4 324 morrow:1:vendor $(cat /run/platform/io/"
-               "CPU_VENDOR)"),
-        HasSubstr("morrow:1  vendor 1\n"));
 }
 
 TEST(Shell, PausesAndHelps)
