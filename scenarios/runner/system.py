@@ -356,7 +356,8 @@ class System:
         if self.unit("MainPID") != "0":
             raise Failed("the daemon has not ended")
         status = int(self.unit("ExecMainStatus"))
-        exited = self.unit("ExecMainCode") == "1"
+        # 0: the service manager has forgotten it, as it does after a success.
+        exited = self.unit("ExecMainCode") in ("0", "1")
         found = str(status) if exited else signal.Signals(status).name
         if found != (end if end.startswith("SIG") else str(int(end, 0))):
             raise Failed(f"the daemon ended with {found}")
