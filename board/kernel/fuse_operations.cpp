@@ -21,11 +21,15 @@ ServedFiles& served()
     return *static_cast<ServedFiles*>(fuse_get_context()->private_data);
 }
 
+FileEntry* entryAt(const char* path)
+{
+    return served().tree.find(path + 1);
+}
+
 /** The entry of a request, which comes with a path or an open file or both. */
 FileEntry* entryOf(const char* path, const fuse_file_info* info)
 {
-    return path == nullptr ? &served().open.at(info->fh).entry
-                           : served().tree.find(path + 1);
+    return path == nullptr ? &served().open.at(info->fh).entry : entryAt(path);
 }
 
 struct stat attributes(const FileEntry& entry)
@@ -83,7 +87,7 @@ int chmod(const char* path, mode_t mode, fuse_file_info* info)
 
 int readlink(const char* path, char* target, std::size_t size)
 {
-    const auto* const entry = entryOf(path, nullptr);
+    const auto* const entry = entryAt(path);
     if (entry == nullptr)
     {
         return -ENOENT;
@@ -94,7 +98,7 @@ int readlink(const char* path, char* target, std::size_t size)
 
 int unlink(const char* path)
 {
-    const auto* const entry = entryOf(path, nullptr);
+    const auto* const entry = entryAt(path);
     if (entry == nullptr)
     {
         return -ENOENT;
@@ -133,7 +137,7 @@ int readdir(const char* /*path*/, void* buffer, fuse_fill_dir_t fill,
 int open(const char* path, fuse_file_info* info)
 {
     auto& files = served();
-    const auto* const entry = entryOf(path, nullptr);
+    const auto* const entry = entryAt(path);
     if (entry == nullptr)
     {
         return -ENOENT;

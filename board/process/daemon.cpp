@@ -100,7 +100,7 @@ void Daemon::start()
     stopListening();
     Pipe pipe;
     auto variables = environment;
-    variables.push_back("NOTIFY_SOCKET=" + std::string(notifyPath));
+    variables.emplace_back("NOTIFY_SOCKET=").append(notifyPath);
     notifySocket = openNotifySocket();
     startedAt = timeline.size();
     child = std::make_unique<Process>(
