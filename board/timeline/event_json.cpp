@@ -51,6 +51,8 @@ struct Field
     const char* name;
     Value value;
 };
+template <typename Value>
+Field(const char*, Value) -> Field<Value>;
 
 template <typename Event, typename... Fields>
 struct Kind

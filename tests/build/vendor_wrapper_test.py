@@ -128,7 +128,8 @@ class VendorWrapper(unittest.TestCase):
         start.chmod(0o755)
 
         done = run(BUILD / "board/morrow-board", "--daemon", start, "--policy",
-                   TREE / "packaging/dbus/xyz.openbmc_project.mctp.conf")  # fmt: skip
+                   TREE / "packaging/dbus/xyz.openbmc_project.mctp.conf",
+                   "--play", TREE / "scenarios/power-cycle.board")  # fmt: skip
 
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         self.assertIn("the vendor's library reads 32 characters", done.stdout)

@@ -60,8 +60,6 @@ constexpr const char* starting =
     "log 4 morrow_client: createMorrowEventLoop - Starting sd_event_loop\n";
 constexpr const char* threadExits =
     "log 4 morrow_client: morrowClientDBusHandler - Exit\n";
-constexpr const char* initExits =
-    "log 4 morrow_client: morrow_dbus_client_init - Exit\n";
 
 /** What the client thread logs of its maps. */
 const Texts fillsItsMaps{
