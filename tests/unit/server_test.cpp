@@ -33,6 +33,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -289,11 +290,14 @@ TEST_F(ServerStart, WithoutALoopTheNameGoes)
 }
 
 /** Starts the server in a child that exits with 42 if the thread has ended with
- *  this error and the start has not returned. */
-void expectNoStart(const std::string& error)
+ *  this error and the start has not returned.
+ *  @param inChild what is there only in the child, which may start threads */
+template <typename Made>
+void expectNoStart(const std::string& error, Made inChild)
 {
     EXPECT_EXIT(
         {
+            [[maybe_unused]] const auto made = inChild();
             const auto started =
                 std::async(std::launch::async, morrow_dbus_server_init);
             const bool ended = record::waitFor(threadExits);
@@ -314,15 +318,23 @@ void expectNoStart(const std::string& error)
 TEST_F(ServerStart, NeverReturnsWithoutABus)
 {
     broker.kill();
-    expectNoStart("sd_bus_default_system: ");
+    expectNoStart("sd_bus_default_system: ",
+                  []
+                  {
+                      return 0;
+                  });
 }
 
 TEST_F(ServerStart, NeverReturnsAfterABrokenHandshake)
 {
-    HandshakeBroker handshake;
-    handshake.send(HandshakeBroker::answers.size(),
-                   HandshakeBroker::Then::close);
-    expectNoStart("sd_bus_get_unique_name: ");
+    expectNoStart("sd_bus_get_unique_name: ",
+                  []
+                  {
+                      auto handshake = std::make_unique<HandshakeBroker>();
+                      handshake->send(HandshakeBroker::answers.size(),
+                                      HandshakeBroker::Then::close);
+                      return handshake;
+                  });
 }
 
 // The registry

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -370,6 +371,7 @@ TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
     signal.set_dbus_ready();
     for (std::size_t run = 1; run <= 2; ++run)
     {
+        std::mutex mutex;
         std::vector<int> states;
         for (const char* text :
              {"log 4 morrow_signal: Got signal Stopping MORROW",
@@ -378,8 +380,9 @@ TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
               "log 4 morrow_signal: Stopped MORROW"})
         {
             record::when(text,
-                         [&signal, &states]
+                         [&signal, &states, &mutex]
                          {
+                             const std::lock_guard lock(mutex);
                              states.push_back(signal.get_stop_state());
                          });
         }
@@ -389,6 +392,12 @@ TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
             signal.signal_thread_fn();
         }
         ASSERT_TRUE(record::waitFor(stopped, run));
+        ASSERT_TRUE(record::waitUntil(
+            [&states, &mutex]
+            {
+                const std::lock_guard lock(mutex);
+                return states.size() == 4;
+            }));
         EXPECT_THAT(states, ElementsAre(run == 1 ? 0 : 2, 1, 1, 2));
         EXPECT_EQ(signal.get_stop_state(), 2);
     }
