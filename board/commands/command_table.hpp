@@ -42,7 +42,7 @@ struct Call
     Values values;
 
     /** @throws Error when one of these targets lacks it */
-    void requireOn(Targets targets) const;
+    void requireOn(Targets wanted) const;
 };
 
 /** @brief What a word that is being typed can become. */

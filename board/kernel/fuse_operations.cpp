@@ -127,7 +127,8 @@ int readdir(const char* /*path*/, void* buffer, fuse_fill_dir_t fill,
     }
     for (const auto& name : tree.names(directory))
     {
-        const auto place = directory.empty() ? name : directory + '/' + name;
+        const auto place =
+            directory.empty() ? name : (directory + '/').append(name);
         const auto status = attributes(*tree.find(place));
         fill(buffer, name.c_str(), &status, 0, {});
     }
