@@ -291,7 +291,7 @@ TEST_F(Scan, ClassEntryThatIsNoDirectoryIsIgnored)
         std::filesystem::remove(entry0);
     };
     expectIgnored(); // it is missing
-    std::ofstream{entry0};
+    std::ofstream(entry0).flush();
     expectIgnored();
     std::filesystem::create_directory_symlink("/sys/devices/gone", entry0);
     expectIgnored();
