@@ -19,24 +19,21 @@
 #include "tests/support/mutex_look.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/transcript.hpp"
+#include "tests/unit/bus_trace.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -157,33 +154,6 @@ struct Side
     }
 };
 
-Texts clientMaps()
-{
-    const auto line = [](const std::string& text)
-    {
-        return "log 4 morrow_client: " + text + "\n";
-    };
-    return {line("FillobjectMap - Enter"),
-            line("FillStaticObject - Enter"),
-            line("FillStaticObject - Exit"),
-            line("ReadObjectMap - Enter"),
-            line("ReadObjectMap-Key:currenthoststate,"
-                 "Ser:xyz.openbmc_project.State.Host0,"
-                 "Obj:/xyz/openbmc_project/state/host0"),
-            line("ReadObjectMap-Key:currenthoststate,"
-                 "Int:xyz.openbmc_project.State.Host"),
-            line("ReadObjectMap - Exit"),
-            line("FillMethodMap - Enter"),
-            line("FillMethodMap - Exit"),
-            line("ReadMethodMap - Enter"),
-            line("ReadMethodMap-Key:UpdateModulesPICPWRPolicy,"
-                 "Ser:com.kestrel.bmc.power,Obj:/com/kestrel/bmc/power"),
-            line("ReadMethodMap-Key:UpdateModulesPICPWRPolicy,"
-                 "Int:com.kestrel.bmc.power.PowerPolicy,"
-                 "Met:UpdateModulesPICPWRPolicy"),
-            line("ReadMethodMap - Exit")};
-}
-
 const Side clientSide{
     .name = "client",
     .threadBody = "morrowClientDBusHandler",
@@ -193,7 +163,7 @@ const Side clientSide{
     .pipeError = "pipe: Too many open files",
     .threadErrorResult = 1,
     .threadError = " -Error creating thread",
-    .preparation = clientMaps(),
+    .preparation = bus_trace::fillsItsMaps,
     .unloading = {},
     .init = []() -> int
     {

@@ -23,7 +23,9 @@
 #include "tests/support/pinned.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/served_connection.hpp"
+#include "tests/support/thread_status.hpp"
 #include "tests/support/transcript.hpp"
+#include "tests/unit/bus_trace.hpp"
 #include "tests/unit/discovery_trace.hpp"
 
 #include <poll.h>
@@ -35,7 +37,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -64,31 +65,13 @@ using testing::Ge;
 using testing::HasSubstr;
 using testing::Lt;
 using testing::Not;
-using namespace transcript;
+using namespace bus_trace;
 
 namespace
 {
 
 constexpr const char* stopped = "log 4 morrow_signal: Stopped MORROW\n";
 constexpr const char* complete = "log 4 morrow: Discovery complete\n";
-constexpr const char* getsState =
-    "log 11 morrow_client: Entry [getcurrentpowerstate]\n";
-
-/** What a read of the host's state logs. */
-Texts reads(const std::string& state, const std::string& onOrOff)
-{
-    return {getsState,
-            "log 4 morrow_client: GetProperty - Enter\n",
-            "log 4 morrow_client: readproperty:objectName:[currenthoststate],"
-            "propertyName:[CurrentHostState]\n",
-            "log 4 morrow_client: readproperty:Power State is " + onOrOff +
-                "\n",
-            "log 4 morrow_client: readproperty:property value is "
-            "[xyz.openbmc_project.State.Host.HostState." +
-                state + "]\n",
-            "log 4 morrow_client: GetProperty - Exit\n"};
-}
-
 /** What a change of the state logs. */
 Texts changes(const std::string& text)
 {
@@ -96,39 +79,11 @@ Texts changes(const std::string& text)
             "log 4 morrow: " + text + "\n"};
 }
 
-/** A withdrawal of these endpoints. */
-Texts withdraws(const std::vector<int>& eids)
-{
-    Texts texts{"log 4 morrow_server: deleteAllEndpointObject - Enter\n"};
-    for (const int eid : eids)
-    {
-        const std::string text = "deleteAllEndpointObject - EID " +
-                                 std::to_string(eid) +
-                                 ": object deleted successfully\n";
-        texts.push_back("log 4 morrow_server: " + text);
-        texts.push_back("trace 4 morrow_server: " + text);
-    }
-    texts.emplace_back("log 4 morrow_server: deleteAllEndpointObject - Exit\n");
-    return texts;
-}
-
 /** The cleanup of a daemon that has discovered nothing. */
 Texts cleansUpNothing()
 {
     return withdraws({}) + Texts{"sleep 100 ms", "write unbind fff10000.i3c",
                                  "write unbind fff11000.i3c"};
-}
-
-/** A publication on network 0. */
-Texts publishes(int eid)
-{
-    const std::string text = "createEndpointObject "
-                             "-[/xyz/openbmc_project/mctp/0/" +
-                             std::to_string(eid) +
-                             "] object created successful\n";
-    return {"log 4 morrow_server: createEndpointObject - Enter\n",
-            "log 4 morrow_server: " + text, "trace 4 morrow_server: " + text,
-            "log 4 morrow_server: createEndpointObject - Exit\n"};
 }
 
 /** A full discovery of both endpoints without locks and shared memory. */
@@ -171,24 +126,8 @@ const Texts startsUp{
     "trace 4 morrow: CPU vendor : 0\n\n",
 };
 
-/** What the main thread does after it has seen a stop whose bus sides the
- *  signal thread has stopped already. */
-const Texts stopsAgainAndLeaves{
-    "log 4 morrow: Stop initialization\n",
-    "log 4 morrow_signal: Entry [signal_thread_fn]\n",
-    "log 4 morrow_signal: Got signal Stopping MORROW\n",
-    "log 4 morrow_signal: Stopping Dbus\n",
-    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
-    "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe write failed: "
-    "Bad file descriptor\n",
-    "log 1 morrow_client: stop_morrow_dbus_client -Failed to terminate "
-    "thread: Invalid argument\n",
-    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
-    "log 1 morrow_server: stop_morrow_dbus_server -Signal pipe write failed: "
-    "Bad file descriptor\n",
-    "log 1 morrow_server: stop_morrow_dbus_server -Failed to terminate "
-    "thread: Invalid argument\n",
-    stopped,
+/** The end of the main thread. */
+const Texts leaves{
     "log 4 morrow_signal: Entry [wait_stop]\n",
     "log 4 morrow: Exit [main]\n",
     "trace 4 morrow: Exit [main]\n",
@@ -279,13 +218,25 @@ class Daemon : public testing::Test
     /** Sends both SIGTERMs, lets the main thread go and joins it. */
     void stop()
     {
-        ::kill(getpid(), SIGTERM);
+        terminate();
         EXPECT_TRUE(record::waitFor(stopped));
         hold = nullptr;
         release();
         EXPECT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+        terminateForGood();
+    }
+
+    static void terminate()
+    {
         ::kill(getpid(), SIGTERM);
+    }
+
+    /** Sends the SIGTERM that ends the main thread, and joins it. */
+    void terminateForGood()
+    {
+        terminate();
         thread.join();
+        EXPECT_EQ(exitStatus, 0);
     }
 
     /** Holds the main thread at its next sleep at which this is true. */
@@ -350,6 +301,14 @@ class Daemon : public testing::Test
     {
         const auto all = record::textsOf(daemonThread);
         return {all.begin() + static_cast<std::ptrdiff_t>(from), all.end()};
+    }
+
+    /** For a child that has a bus of its own. */
+    void leaveTheBus()
+    {
+        broker.reset();
+        observer.reset();
+        host.reset();
     }
 
     /** Starts, and holds the daemon in its first idle second after it has
@@ -422,21 +381,6 @@ std::string callAt(const std::string& source, unsigned line)
     return call;
 }
 
-/** The signals that a thread blocks. */
-uint64_t blockedBy(pid_t thread)
-{
-    std::ifstream status("/proc/self/task/" + std::to_string(thread) +
-                         "/status");
-    for (std::string line; std::getline(status, line);)
-    {
-        if (line.starts_with("SigBlk:"))
-        {
-            return std::stoull(line.substr(7), nullptr, 16);
-        }
-    }
-    return 0;
-}
-
 } // namespace
 
 // The whole trace, thread by thread
@@ -444,11 +388,11 @@ uint64_t blockedBy(pid_t thread)
 TEST_F(Daemon, StartUpWithARunningHostHasTheExpectedTrace)
 {
     startToDiscovery();
-    EXPECT_THAT(
-        trace(),
-        ElementsAreArray(startsUp + cleansUpNothing() + reads("Running", "on") +
-                         changes("Change State to ON") + discovers() +
-                         reads("Running", "on") + Texts{"sleep 1000 ms"}));
+    EXPECT_THAT(trace(),
+                ElementsAreArray(
+                    startsUp + cleansUpNothing() + reads(hostStateRunning) +
+                    changes("Change State to ON") + discovers() +
+                    reads(hostStateRunning) + Texts{"sleep 1000 ms"}));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_EQ(busctl::getAll("/xyz/openbmc_project/mctp/0/29"),
               " DevicePath=/dev/i3c-mctp-0 EID=29 EndpointType=1 NetworkId=0 "
@@ -463,40 +407,30 @@ TEST_F(Daemon, StopHasTheExpectedTrace)
     startToDiscovery();
     const auto before = trace().size();
     stop();
-    auto texts = trace(before);
-    // The handler runs on whichever thread takes the signal.
-    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(texts, ElementsAreArray(stopsAgainAndLeaves));
-    EXPECT_EQ(exitStatus, 0);
+    EXPECT_THAT(withoutHandler(trace(before)),
+                ElementsAreArray(
+                    Texts{"log 4 morrow: Stop initialization\n",
+                          "log 4 morrow_signal: Entry [signal_thread_fn]\n",
+                          "log 4 morrow_signal: Got signal Stopping MORROW\n"} +
+                    findsBusSidesStopped + leaves));
 }
 
 TEST_F(Daemon, FirstTerminationHasTheExpectedTraceOnTheSignalThread)
 {
     startToDiscovery();
-    ::kill(getpid(), SIGTERM);
+    terminate();
     ASSERT_TRUE(record::waitFor(stopped));
-    auto texts =
-        record::textsOf(threadOf("log 4 morrow_signal: Got signal Stopping "
-                                 "MORROW\n"));
-    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(
-        texts,
-        ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
-                    "log 4 morrow_signal: Got signal Stopping MORROW\n",
-                    "log 4 morrow_signal: Stopping Dbus\n",
-                    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
-                    "log 4 morrow_client: stop_morrow_dbus_client - Exit\n",
-                    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
-                    "log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                    "log 4 morrow_server: UnloadDBusObjects - Exit\n",
-                    "log 4 morrow_server: stop_morrow_dbus_server - Exit\n",
-                    stopped));
+    const std::string took =
+        "log 4 morrow_signal: Got signal Stopping MORROW\n";
+    EXPECT_EQ(withoutHandler(traceOf(threadOf(took))),
+              (Texts{"log 4 morrow_signal: Entry [signal_thread_fn]\n", took} +
+               stopsBusSides));
 }
 
 TEST_F(Daemon, FirstTerminationWithdrawsTheEndpointsAndTheName)
 {
     startToDiscovery();
-    ::kill(getpid(), SIGTERM);
+    terminate();
     ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
     const auto seen = observer->seen();
     EXPECT_THAT(Texts(seen.end() - 3, seen.end()),
@@ -512,15 +446,13 @@ TEST_F(Daemon, OneTerminationIsNotEnough)
 {
     startToDiscovery();
     doNotHold();
-    ::kill(getpid(), SIGTERM);
+    terminate();
     ASSERT_TRUE(record::waitFor(stopped));
     release();
     ASSERT_TRUE(
         record::waitFor("log 4 morrow_signal: Entry [signal_thread_fn]\n", 2));
     expectOneStopAlone();
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
+    terminateForGood();
 }
 
 TEST_F(Daemon, HostThatGoesOffHasTheExpectedTrace)
@@ -539,13 +471,13 @@ TEST_F(Daemon, HostThatGoesOffHasTheExpectedTrace)
     releaseAndHold();
     EXPECT_THAT(
         trace(before),
-        ElementsAreArray(reads("Off", "off") + changes("Change State to OFF") +
+        ElementsAreArray(reads(hostStateOff) + changes("Change State to OFF") +
                          Texts{"acquireLock /dev/i3c-mctp-0 gives 10",
                                "getShmId /dev/i3c-mctp-0 gives 20",
                                "acquireLock /dev/i3c-mctp-1 gives 11",
                                "getShmId /dev/i3c-mctp-1 gives 21"} +
                          withdraws({29, 157}) + discovery::removesBoth +
-                         reads("Off", "off") + changes("Change State to OFF") +
+                         reads(hostStateOff) + changes("Change State to OFF") +
                          withdraws({}) + Texts{"sleep 100 ms"}));
 }
 
@@ -555,7 +487,7 @@ TEST_F(Daemon, HostThatIsOffAtStartCausesACleanupInEveryIteration)
     holdAfter("log 4 morrow: Change State to OFF\n", 3);
     startAndHold();
     const Texts iteration =
-        reads("Off", "off") + changes("Change State to OFF");
+        reads(hostStateOff) + changes("Change State to OFF");
     EXPECT_THAT(trace(),
                 ElementsAreArray(startsUp + cleansUpNothing() + iteration +
                                  cleansUpNothing() + iteration +
@@ -576,7 +508,7 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstIteration)
     holdWhen(
         [&]
         {
-            return record::count(getsState) == 0 &&
+            return record::count(readsState) == 0 &&
                    record::count("sleep 100 ms") == 1;
         });
     startAndHold();
@@ -729,7 +661,6 @@ TEST_F(Daemon, NotifiesReadinessAndNothingElse)
     startToDiscovery();
     EXPECT_EQ(manager.received(), "READY=1");
     stop();
-    EXPECT_EQ(exitStatus, 0);
     EXPECT_EQ(manager.received(), "");
 }
 
@@ -806,9 +737,7 @@ TEST_F(Daemon, LeavesTheStacksOfThreadsThatItDoesNotStartAlone)
 
 TEST_F(Daemon, StartUpThatIsCompleteIsNotDoneAgain)
 {
-    broker.reset(); // the child has a bus of its own
-    observer.reset();
-    host.reset();
+    leaveTheBus();
     EXPECT_EXIT(
         {
             init_state = 3;
@@ -855,7 +784,6 @@ TEST_F(Daemon, GoesOnWithoutItsClient)
                             "-'currenthoststate' not found\n"),
               2);
     stop();
-    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Daemon, GoesOnWithoutItsServer)
@@ -867,7 +795,6 @@ TEST_F(Daemon, GoesOnWithoutItsServer)
                             "Error: Bus pointer not present\n"),
               2);
     stop();
-    EXPECT_EQ(exitStatus, 0);
 }
 
 // Following the host
@@ -931,19 +858,12 @@ TEST_F(Daemon, FailedReadSkipsTheRulesAndCostsASecond)
         [this]
         {
             return trace().back() == "sleep 1000 ms" &&
-                   record::count(getsState) == 2;
+                   record::count(readsState) == 2;
         });
     startAndHold();
-    const Texts failedRead{
-        getsState,
-        "log 4 morrow_client: GetProperty - Enter\n",
-        "log 1 morrow_client: GetProperty -SdBusError:sd_bus_call: "
-        "test.Error.Broken: as the test wants it\n",
-        "log 4 morrow_client: GetProperty - Exit\n",
-        "log 2 morrow_client: Failed to set read property\n",
-        "log 2 morrow: Failed to get current powerevent\n",
-        "sleep 1000 ms",
-    };
+    const Texts failedRead =
+        readFails + Texts{"log 2 morrow: Failed to get current powerevent\n",
+                          "sleep 1000 ms"};
     EXPECT_THAT(trace(),
                 ElementsAreArray(startsUp + cleansUpNothing() + failedRead +
                                  Texts{"sleep 1000 ms"} + failedRead));
@@ -953,7 +873,7 @@ TEST_F(Daemon, FailedReadKeepsAPowerDownForALaterIteration)
 {
     power_down_pending = 1;
     host->answersError("test.Error.Broken");
-    holdAfter(getsState, 2);
+    holdAfter(readsState, 2);
     startAndHold();
     EXPECT_EQ(record::count("log 4 morrow: Entry change_State\n"), 0);
     EXPECT_EQ(shared_word::load(power_down_pending), 1);
@@ -972,7 +892,7 @@ TEST_F(Daemon, OneEndpointMissingIsRedoneEveryTenSeconds)
     ASSERT_NE(second, texts.end());
     // A read after the redo, ten after a tick each, one after the last tick.
     EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 10);
-    EXPECT_EQ(std::count(first, second, getsState), 12);
+    EXPECT_EQ(std::count(first, second, readsState), 12);
     EXPECT_EQ(busctl::managedObjects("/xyz/openbmc_project/mctp/0").size(), 1U);
 }
 
@@ -987,15 +907,13 @@ TEST_F(Daemon, WaitOfNTicksIsNSleepsAndNPlus1Reads)
     const auto first = std::find(texts.begin(), texts.end(), "sleep 2000 ms");
     const auto second = std::find(first + 1, texts.end(), "sleep 2000 ms");
     // One read after the discovery, one after the tick, one after the switch.
-    EXPECT_EQ(std::count(first, second, getsState), 3);
+    EXPECT_EQ(std::count(first, second, readsState), 3);
     EXPECT_EQ(std::count(first, second, "sleep 1000 ms"), 1);
 }
 
 TEST_F(Daemon, ExceptionOfTheTransportEndsTheProcess)
 {
-    broker.reset(); // the child has a bus of its own
-    observer.reset();
-    host.reset();
+    leaveTheBus();
     EXPECT_EXIT(
         {
             broker.emplace();
@@ -1011,9 +929,7 @@ TEST_F(Daemon, ExceptionOfTheTransportEndsTheProcess)
 
 TEST_F(Daemon, HostStateThatIsNoTextEndsTheProcess)
 {
-    broker.reset(); // the child has a bus of its own
-    observer.reset();
-    host.reset();
+    leaveTheBus();
     EXPECT_EXIT(
         {
             broker.emplace();
@@ -1070,7 +986,7 @@ TEST_F(Daemon, CallsOnlyTheBusAndTheHostStateService)
             reads += text.ends_with(": Get") ? 1 : 0;
         }
     }
-    EXPECT_EQ(reads, record::count(getsState));
+    EXPECT_EQ(reads, record::count(readsState));
 }
 
 // Terminations at other moments
@@ -1081,7 +997,7 @@ TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondRun)
     record::when("log 4 morrow_client: morrow_dbus_client_init - Enter",
                  []
                  {
-                     ::kill(getpid(), SIGTERM);
+                     terminate();
                      ASSERT_TRUE(record::waitFor(stopped));
                  });
     start();
@@ -1091,24 +1007,11 @@ TEST_F(Daemon, TerminationDuringStartUpStopsTheBusInTheSecondRun)
     EXPECT_EQ(record::count("log 4 morrow_signal: Stopping Dbus\n"), 0);
     EXPECT_TRUE(busctl::hasOwner("xyz.openbmc_project.mctp"));
     const auto before = trace().size();
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
-    auto texts = trace(before);
-    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(
-        texts,
-        ElementsAre("log 4 morrow_signal: Got signal Stopping MORROW\n",
-                    "log 4 morrow_signal: Stopping Dbus\n",
-                    "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
-                    "log 4 morrow_client: stop_morrow_dbus_client - Exit\n",
-                    "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
-                    "log 4 morrow_server: UnloadDBusObjects - Enter\n",
-                    "log 4 morrow_server: UnloadDBusObjects - Exit\n",
-                    "log 4 morrow_server: stop_morrow_dbus_server - Exit\n",
-                    stopped, "log 4 morrow_signal: Entry [wait_stop]\n",
-                    "log 4 morrow: Exit [main]\n",
-                    "trace 4 morrow: Exit [main]\n"));
+    terminateForGood();
+    EXPECT_THAT(withoutHandler(trace(before)),
+                ElementsAreArray(
+                    Texts{"log 4 morrow_signal: Got signal Stopping MORROW\n"} +
+                    stopsBusSides + leaves));
 }
 
 TEST_F(Daemon, TerminationDuringADiscoveryEndsCleanly)
@@ -1117,7 +1020,6 @@ TEST_F(Daemon, TerminationDuringADiscoveryEndsCleanly)
     holdAfter("write bind fff11000.i3c", 1);
     startAndHold();
     stop();
-    EXPECT_EQ(exitStatus, 0);
     // The second endpoint comes too late for the bus.
     EXPECT_THAT(trace(), Contains("log 1 morrow_server: createEndpointObject - "
                                   "Error: Bus pointer not present\n"));
@@ -1127,7 +1029,7 @@ TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
 {
     startToDiscovery();
     std::unique_lock lock(server_mutex);
-    ::kill(getpid(), SIGTERM);
+    terminate();
     ASSERT_TRUE(record::waitFor(
         "log 4 morrow_server: stop_morrow_dbus_server - Enter\n"));
     doNotHold();
@@ -1136,9 +1038,7 @@ TEST_F(Daemon, LoopEndsWhileTheStopStillWorks)
     EXPECT_EQ(record::count(stopped), 0);
     lock.unlock();
     ASSERT_TRUE(record::waitFor(stopped));
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
+    terminateForGood();
 }
 
 TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
@@ -1152,9 +1052,7 @@ TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
                  {
                      ::kill(getpid(), SIGTERM);
                  });
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
+    terminateForGood();
 }
 
 /** Holds the main thread at a sleep, then lets it into a handshake that takes
@@ -1174,23 +1072,8 @@ class Handshake : public Daemon
         ASSERT_TRUE(record::waitUntil(
             [this]
             {
-                return isAsleep();
+                return thread_status::isAsleep(daemonThread);
             }));
-    }
-
-    /** Whether the main thread waits in a system call. */
-    bool isAsleep() const
-    {
-        std::ifstream status("/proc/self/task/" + std::to_string(daemonThread) +
-                             "/status");
-        for (std::string line; std::getline(status, line);)
-        {
-            if (line.starts_with("State:"))
-            {
-                return line.find("S (sleeping)") != std::string::npos;
-            }
-        }
-        return false;
     }
 
     void endHandshake()
@@ -1204,13 +1087,11 @@ class Handshake : public Daemon
 TEST_F(Handshake, TerminationStopsTheBusAtOnceAndTheReadFailsByItself)
 {
     enterHandshake();
-    ::kill(getpid(), SIGTERM);
+    terminate();
     ASSERT_TRUE(record::waitFor(stopped));
     endHandshake();
     ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
+    terminateForGood();
     EXPECT_THAT(record::texts(),
                 Not(Contains(HasSubstr("Interrupted system call"))));
     EXPECT_EQ(record::count("log 2 morrow: Failed to get current powerevent\n"),
@@ -1228,9 +1109,7 @@ TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
     endHandshake();
     ASSERT_TRUE(record::waitFor(stopped));
     ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
-    ::kill(getpid(), SIGTERM);
-    thread.join();
-    EXPECT_EQ(exitStatus, 0);
+    terminateForGood();
     EXPECT_THAT(record::texts(),
                 Not(Contains(HasSubstr("Interrupted system call"))));
 }
@@ -1239,16 +1118,19 @@ TEST_F(Daemon, OnlyTheBusThreadsBlockTerminationAndNothingElse)
 {
     startToDiscovery();
     constexpr uint64_t termination = 1ULL << (SIGTERM - 1);
-    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_client: morrowClientDBusHandler "
-                                 "- Enter\n")),
+    EXPECT_EQ(thread_status::blockedSignals(
+                  threadOf("log 4 morrow_client: morrowClientDBusHandler "
+                           "- Enter\n")),
               termination);
-    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_server: morrowDBusMgrHandler - "
-                                 "Enter\n")),
+    EXPECT_EQ(thread_status::blockedSignals(
+                  threadOf("log 4 morrow_server: morrowDBusMgrHandler - "
+                           "Enter\n")),
               termination);
-    EXPECT_EQ(blockedBy(threadOf("log 4 morrow_signal: Entry "
-                                 "[signal_thread_fn]\n")),
-              0U);
-    EXPECT_EQ(blockedBy(daemonThread), 0U);
+    EXPECT_EQ(
+        thread_status::blockedSignals(threadOf("log 4 morrow_signal: Entry "
+                                               "[signal_thread_fn]\n")),
+        0U);
+    EXPECT_EQ(thread_status::blockedSignals(daemonThread), 0U);
 }
 
 // The log

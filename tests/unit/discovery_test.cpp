@@ -7,7 +7,6 @@
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/state_watch.hpp"
-#include "tests/support/transcript.hpp"
 #include "tests/unit/discovery_trace.hpp"
 
 #include <sys/stat.h>
@@ -32,7 +31,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
-using namespace transcript;
 using namespace discovery;
 
 namespace
@@ -448,7 +446,7 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAnyway)
                 Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
                       "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
                       "log 4 morrow: [0d]\n"} +
-                failed + failed + publishWithoutBus +
+                failed + failed + publishesWithoutBus +
                 Texts{"~mctp_wrapper_ep " + node0});
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
@@ -575,7 +573,7 @@ TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
                         "getShmId /dev/i3c-mctp-0 gives 20",
                         "getShmId /dev/i3c-mctp-1 gives 21",
                     } +
-                    withdrawNothing + removesBoth + discoversBoth()));
+                    withdraws({}) + removesBoth + discoversBoth()));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, controller1));
@@ -854,7 +852,7 @@ TEST_F(PowerOffCleanup, HasTheExpectedTrace)
                                    "getShmId /dev/i3c-mctp-0 gives 20",
                                    "acquireLock /dev/i3c-mctp-1 gives 11",
                                    "getShmId /dev/i3c-mctp-1 gives 21"} +
-                             withdrawNothing + removesBoth));
+                             withdraws({}) + removesBoth));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
     EXPECT_THAT(i3c_device_map, IsEmpty());
     EXPECT_THAT(i3c_discovered_map, IsEmpty());
@@ -870,7 +868,7 @@ TEST_F(PowerOffCleanup, WithEmptyListsTouchesNoLockOrSharedMemory)
     cleanUp();
     expectTrace(Texts{"log 4 morrow_server: morrow_dbus_server - "
                       "Default constructor\n"} +
-                withdrawNothing +
+                withdraws({}) +
                 Texts{
                     "sleep 100 ms",
                     "remove /dev/i3c-mctp-0",

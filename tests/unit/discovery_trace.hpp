@@ -10,7 +10,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
-#include "tests/support/transcript.hpp"
+#include "tests/unit/bus_trace.hpp"
 
 #include <cstddef>
 #include <string>
@@ -20,7 +20,7 @@
 namespace discovery
 {
 
-using namespace transcript;
+using namespace bus_trace;
 
 inline const std::string node0 = "/dev/i3c-mctp-0";
 inline const std::string node1 = "/dev/i3c-mctp-1";
@@ -52,22 +52,6 @@ inline void expectTrace(const Texts& expected)
     EXPECT_EQ(trace(), expected);
 }
 
-/** What one publish logs while there is no bus. */
-inline const Texts publishWithoutBus{
-    "log 4 morrow_server: createEndpointObject - Enter\n",
-    "log 1 morrow_server: createEndpointObject - Error: Bus pointer not "
-    "present\n",
-    "trace 1 morrow_server: createEndpointObject - Error: Bus pointer not "
-    "present\n",
-    "log 4 morrow_server: createEndpointObject - Exit\n",
-};
-
-/** What a withdrawal logs while nothing is published. */
-inline const Texts withdrawNothing{
-    "log 4 morrow_server: deleteAllEndpointObject - Enter\n",
-    "log 4 morrow_server: deleteAllEndpointObject - Exit\n",
-};
-
 /** The opening of an exchange with the endpoint behind a node. */
 inline Texts exchangeOpens(const std::string& node)
 {
@@ -82,7 +66,7 @@ inline Texts exchangeOpens(const std::string& node)
 /** The exchange with an endpoint that answers correctly.
  *  @param published  the events of its publication */
 inline Texts goodExchange(const std::string& node,
-                          const Texts& published = publishWithoutBus)
+                          const Texts& published = publishesWithoutBus)
 {
     return exchangeOpens(node) +
            Texts{"send 00 81 0d",
@@ -99,7 +83,7 @@ inline Texts goodExchange(const std::string& node,
 
 /** A scan that finds a node, and the exchange with its endpoint. */
 inline Texts scans(const std::string& node,
-                   const Texts& published = publishWithoutBus)
+                   const Texts& published = publishesWithoutBus)
 {
     return Texts{"setLockPermission " + node, "setShmPermission " + node,
                  "log 4 morrow: Found i3c device: " + node + "\n"} +
@@ -119,8 +103,8 @@ inline const Texts removesBoth{"sleep 100 ms",
                                "write unbind fff11000.i3c"};
 
 /** A full discovery after the tear-down, in which both endpoints answer. */
-inline Texts discoversBoth(const Texts& published0 = publishWithoutBus,
-                           const Texts& published1 = publishWithoutBus)
+inline Texts discoversBoth(const Texts& published0 = publishesWithoutBus,
+                           const Texts& published1 = publishesWithoutBus)
 {
     return Texts{"sleep 2000 ms", "write bind fff10000.i3c", "sleep 100 ms"} +
            scans(node0, published0) +

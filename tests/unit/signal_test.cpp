@@ -5,6 +5,7 @@
 #include "tests/support/limits.hpp"
 #include "tests/support/record.hpp"
 #include "tests/support/transcript.hpp"
+#include "tests/unit/bus_trace.hpp"
 
 #include <poll.h>
 #include <pthread.h>
@@ -25,7 +26,7 @@
 #include <gtest/gtest.h>
 
 using testing::ElementsAre;
-using namespace transcript;
+using namespace bus_trace;
 
 namespace
 {
@@ -179,29 +180,14 @@ TEST_F(Signal, SemaphoreThatCannotBeCreatedIsLoggedAndCreatedTheNextTime)
 TEST_F(Signal, TerminationBeforeStartUpFinishedStopsNoBus)
 {
     start();
+    const std::string handled = "log 4 morrow_signal: Entry [get_instance]\n";
+    const auto before = record::count(handled);
     sendSignal(SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
-    auto& signal = morrow_signal::get_instance();
-    EXPECT_EQ(signal.get_stop_state(), 2);
-    Texts texts = record::textsOf(threadOf(threadEnters));
-    // The handler may have run on the signal thread.
-    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(texts,
-                ElementsAre("log 4 morrow_signal: Entry [signal_thread_fn]\n",
-                            "log 4 morrow_signal: Got signal Stopping MORROW\n",
-                            "log 4 morrow_signal: Stopped MORROW\n"));
-    signal.wait_stop();
-}
-
-TEST_F(Signal, HandlerLogsThroughGetInstance)
-{
-    start();
-    const auto before =
-        record::count("log 4 morrow_signal: Entry [get_instance]\n");
-    sendSignal(SIGTERM);
-    ASSERT_TRUE(record::waitFor(stopped));
-    EXPECT_EQ(record::count("log 4 morrow_signal: Entry [get_instance]\n"),
-              before + 1);
+    EXPECT_EQ(record::count(handled), before + 1);
+    EXPECT_EQ(morrow_signal::get_instance().get_stop_state(), 2);
+    EXPECT_THAT(withoutHandler(traceOf(threadOf(threadEnters))),
+                ElementsAre(threadEnters, gotSignal, stopped));
 }
 
 TEST_F(Signal, HandlerLeavesErrnoAlone)
@@ -222,27 +208,14 @@ TEST_F(Signal, BusSidesThatWereNeverStartedAreStoppedAnyway)
     EXPECT_EQ(trace().back(), "log 4 morrow_signal: Entry [set_dbus_ready]\n");
     sendSignal(SIGTERM);
     ASSERT_TRUE(record::waitFor(stopped));
-    Texts texts = record::textsOf(threadOf(threadEnters));
-    std::erase(texts, "log 4 morrow_signal: Entry [get_instance]\n");
-    EXPECT_THAT(
-        texts,
-        ElementsAre(
-            "log 4 morrow_signal: Entry [signal_thread_fn]\n",
-            "log 4 morrow_signal: Got signal Stopping MORROW\n",
-            "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
-            "log 4 morrow_server: morrow_dbus_server - Default constructor\n",
-            "log 4 morrow_signal: Stopping Dbus\n",
-            "log 4 morrow_client: stop_morrow_dbus_client - Enter\n",
-            "log 1 morrow_client: stop_morrow_dbus_client -Signal pipe write "
-            "failed: Bad file descriptor\n",
-            "log 1 morrow_client: stop_morrow_dbus_client -Failed to terminate "
-            "thread: Invalid argument\n",
-            "log 4 morrow_server: stop_morrow_dbus_server - Enter\n",
-            "log 1 morrow_server: stop_morrow_dbus_server -Signal pipe write "
-            "failed: Bad file descriptor\n",
-            "log 1 morrow_server: stop_morrow_dbus_server -Failed to terminate "
-            "thread: Invalid argument\n",
-            "log 4 morrow_signal: Stopped MORROW\n"));
+    EXPECT_EQ(
+        withoutHandler(traceOf(threadOf(threadEnters))),
+        (Texts{
+             threadEnters, gotSignal,
+             "log 4 morrow_client: morrow_dbus_client - Default constructor\n",
+             "log 4 morrow_server: morrow_dbus_server - Default "
+             "constructor\n"} +
+         findsBusSidesStopped));
 }
 
 TEST_F(Signal, WaitStopPollsEvery100MsUntilStopped)
@@ -339,10 +312,8 @@ TEST_F(Signal, HandlerDoesNothingForAnyOtherSignal)
     signal(SIGUSR1, SIG_IGN);
     const auto before = trace().size();
     handler.sa_handler(SIGUSR1);
-    const auto texts = trace();
-    EXPECT_EQ(
-        Texts(texts.begin() + static_cast<std::ptrdiff_t>(before), texts.end()),
-        Texts{"log 4 morrow_signal: Entry [get_instance]\n"});
+    EXPECT_EQ(traceFrom(before),
+              Texts{"log 4 morrow_signal: Entry [get_instance]\n"});
     EXPECT_FALSE(isDefault(SIGUSR1));
     EXPECT_FALSE(isDefault(SIGSEGV));
     EXPECT_EQ(record::count("log 4 morrow_signal: Got signal Stopping "
@@ -403,48 +374,33 @@ TEST_F(Signal, StopStateIs1UntilTheBusSidesAreStopped)
     }
 }
 
-TEST_F(Signal, DestructorLogsItsEntry)
+/** Ends a process whose signal side was stopped. Its exit status is 42 if this
+ *  is the last that was logged. */
+[[noreturn]] void endAfterAStop(int destroyError, const char* lastLogged)
 {
-    EXPECT_EXIT(
+    static const char* expected = nullptr;
+    expected = lastLogged;
+    // Registered before the singleton is created: runs after its destructor.
+    (void)std::atexit(
+        []
         {
-            // Registered before the singleton is created: runs after its
-            // destructor.
-            (void)std::atexit(
-                []
-                {
-                    leave(
-                        record::texts().back() ==
-                                "log 4 morrow_signal: Entry [~morrow_signal]\n"
-                            ? 42
-                            : 1);
-                });
-            start();
-            sendSignal(SIGTERM);
-            morrow_signal::get_instance().wait_stop();
-            std::exit(0);
-        },
-        testing::ExitedWithCode(42), "");
+            leave(record::texts().back() == expected ? 42 : 1);
+        });
+    morrow_init_signal();
+    sendSignal(SIGTERM);
+    morrow_signal::get_instance().wait_stop();
+    fake::semaphoreDestroyError = destroyError;
+    std::exit(0);
 }
 
-TEST_F(Signal, SemaphoreThatCannotBeDestroyedIsLogged)
+TEST_F(Signal, DestructorLogsItsEntryAndASemaphoreThatCannotBeDestroyed)
 {
     EXPECT_EXIT(
-        {
-            (void)std::atexit(
-                []
-                {
-                    leave(record::texts().back() ==
-                                  "log 4 morrow_signal: Failed to "
-                                  "destroy semaphore\n"
-                              ? 42
-                              : 1);
-                });
-            start();
-            sendSignal(SIGTERM);
-            morrow_signal::get_instance().wait_stop();
-            fake::semaphoreDestroyError = EINVAL;
-            std::exit(0);
-        },
+        endAfterAStop(0, "log 4 morrow_signal: Entry [~morrow_signal]\n"),
+        testing::ExitedWithCode(42), "");
+    EXPECT_EXIT(
+        endAfterAStop(EINVAL,
+                      "log 4 morrow_signal: Failed to destroy semaphore\n"),
         testing::ExitedWithCode(42), "");
 }
 
