@@ -361,9 +361,7 @@ TEST_F(Notify, FillsBothRecordsBeforeEachAttempt)
 
 TEST_F(Notify, FailureIsTriedThreeTimesOrOnceWithTheStopFlag)
 {
-    const Texts attempt{"send 00 81 0d",
-                        "log 4 morrow: Failed req_disc_notify to i3c device [" +
-                            node0 + "]\n"};
+    const Texts attempt = attemptFails(node0);
     for (const uint8_t stop : {0, 1})
     {
         skipped += trace().size();
@@ -380,15 +378,18 @@ TEST_F(Notify, FailureIsTriedThreeTimesOrOnceWithTheStopFlag)
     }
 }
 
-TEST_F(Notify, AnswerOfLessThanThreeBytesIsLoggedAndEndsTheExchange)
+TEST_F(Notify, AnswerOfLessThanThreeBytesEndsTheExchangeWhateverTheStopFlag)
 {
     const Texts bytes{"log 4 morrow: [00]\n", "log 4 morrow: [01]\n"};
-    for (const std::size_t length : {0U, 1U, 2U})
+    for (const auto& [length, stop] :
+         {std::pair{0U, 0}, {1U, 0}, {2U, 0}, {0U, 1}, {1U, 1}, {2U, 1}})
     {
         skipped += trace().size();
         std::vector<uint8_t> response{0x00, 0x01};
         response.resize(length);
-        fake::endpoints[node0] = {{.response = response, .eid = 0x1D}};
+        fake::endpoints[node0] = {{.response = response,
+                                   .eid = 0x1D,
+                                   .stop = static_cast<uint8_t>(stop)}};
         EXPECT_EQ(morrow_i3c_device_do_notify(node0), 2);
         expectTrace(exchangeOpens(node0) +
                     Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [" +
@@ -439,9 +440,7 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAnyway)
     fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D},
                               {.result = ETIMEDOUT, .eid = 0x42}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts failed{"send 00 81 0d",
-                       "log 4 morrow: Failed req_disc_notify to i3c device [" +
-                           node0 + "]\n"};
+    const Texts failed = attemptFails(node0);
     expectTrace(exchangeOpens(node0) +
                 Texts{"send 00 81 0d", "log 4 morrow: resp_buffer.len = [3]\n",
                       "log 4 morrow: [7f]\n", "log 4 morrow: [01]\n",
@@ -548,10 +547,7 @@ TEST_F(FullDiscovery, LogsWhatFollowsBeforeItHappens)
 
 TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
 {
-    driver.comesUp(controller0);
-    driver.comesUp(controller1);
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    fake::endpoints[node1] = {fake::answer(0x9D)};
+    bothAnswer();
     fake::lockIds = {{node0, 10}, {node1, 11}};
     fake::shmIds = {{node0, 20}, {node1, 21}};
     DriverFiles::makeNode(0);
@@ -580,22 +576,15 @@ TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
 }
 
-TEST_F(FullDiscovery, MissingIdsAreGivenToRemoveLockButNotToRemoveShm)
+TEST_F(FullDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
 {
-    fake::lockIds = {{node1, 11}};
-    fake::shmIds = {{node1, 21}};
+    fake::lockIds = {{node1, 0}};
+    fake::shmIds = {{node1, 0}};
     discover();
-    EXPECT_THAT(trace(), Contains("removeLock -1"));
-    EXPECT_THAT(trace(), Contains("removeLock 11"));
-    EXPECT_THAT(trace(), Not(Contains("removeShm -1")));
-    EXPECT_THAT(trace(), Contains("removeShm 21"));
-}
-
-TEST_F(FullDiscovery, IdsOf0AreRemoved)
-{
-    fake::shmIds = {{node0, 0}, {node1, 0}};
-    discover();
-    EXPECT_EQ(record::count("removeShm 0"), 2);
+    EXPECT_EQ(record::count("removeLock -1"), 1);
+    EXPECT_EQ(record::count("removeLock 0"), 1);
+    EXPECT_EQ(record::count("removeShm -1"), 0);
+    EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
 TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
@@ -617,9 +606,7 @@ TEST_F(FullDiscovery, EndsEarlyWhenTheFirstNodeNeverOpens)
 {
     driver.comesUp(controller1);
     discover();
-    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
-    EXPECT_EQ(wait_ticks, 1);
-    EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
+    expectWait(1, MORROW_ON_EVENT);
     const auto told = trace();
     // Silent from the first bind on: 31 polls and nothing else.
     const auto bind =
@@ -635,19 +622,14 @@ TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
     driver.comesUp(controller0);
     driver.comesUp(controller1);
     discover();
-    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
-    EXPECT_EQ(wait_ticks, 3);
-    EXPECT_EQ(state_after_wait, MORROW_ON_EVENT);
-    const auto told = trace();
-    EXPECT_EQ(
-        Texts(told.end() - 5, told.end()),
-        (Texts{
-            "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
-            "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
-            "log 4 morrow: Number of elements in i3c_device_map: 2\n",
-            "log 4 morrow: Number of elements in i3c_device_notify_map: 0\n",
-            "log 4 morrow: Retry discovering i3c devices:count = 0\n",
-        }));
+    expectWait(3, MORROW_ON_EVENT);
+    expectTraceEndsWith({
+        "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
+        "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
+        "log 4 morrow: Number of elements in i3c_device_map: 2\n",
+        "log 4 morrow: Number of elements in i3c_device_notify_map: 0\n",
+        "log 4 morrow: Retry discovering i3c devices:count = 0\n",
+    });
 }
 
 TEST_F(FullDiscovery, MissingClassEntryMakesTheSecondControllerTheFirstAgain)
@@ -661,8 +643,7 @@ TEST_F(FullDiscovery, MissingClassEntryMakesTheSecondControllerTheFirstAgain)
     EXPECT_THAT(told, Not(Contains("setLockPermission /dev/i3c-mctp-1")));
     EXPECT_THAT(told, Contains("write bind fff11000.i3c"));
     EXPECT_THAT(i3c_device_map, IsEmpty());
-    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
-    EXPECT_EQ(wait_ticks, 3);
+    expectWait(3, MORROW_ON_EVENT);
 }
 
 TEST_F(FullDiscovery, FirstWithoutClassEntryLetsTheSecondBeScannedAsTheFirst)
@@ -697,10 +678,7 @@ TEST_F(FullDiscovery, OneOfTwoAnsweringStartsPartialDiscovery)
 TEST_F(FullDiscovery, UnopenableUnbindFileIsLoggedAndTheCycleGoesOn)
 {
     DriverFiles::removeUnbindFile();
-    driver.comesUp(controller0);
-    driver.comesUp(controller1);
-    fake::endpoints[node0] = {fake::answer(0x1D)};
-    fake::endpoints[node1] = {fake::answer(0x9D)};
+    bothAnswer();
     discover();
     EXPECT_THAT(
         trace(),
@@ -714,13 +692,10 @@ TEST_F(FullDiscovery, UnopenableBindFileIsLoggedAndTheNodeStillWaitedFor)
 {
     DriverFiles::removeBindFile();
     discover();
-    const auto told = trace();
-    EXPECT_EQ(Texts(told.end() - 32, told.end()),
-              Texts{"log 4 morrow: Failed to open sysfs file for "
-                    "fff10000.i3c\n"} +
-                  Texts(31, "sleep 100 ms"));
-    EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
-    EXPECT_EQ(wait_ticks, 1);
+    expectTraceEndsWith(
+        Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n"} +
+        Texts(31, "sleep 100 ms"));
+    expectWait(1, MORROW_ON_EVENT);
 }
 
 TEST_F(FullDiscovery, ListsAreEmptiedBetweenTheIdsAndTheWithdrawal)
@@ -760,12 +735,11 @@ TEST_F(FullDiscovery, SleepsAreResumedAfterASignal)
     record::when("write unbind fff11000.i3c", interrupt);
     discover();
     auto told = trace();
-    told.erase(std::remove_if(told.begin(), told.end(),
-                              [](const auto& text)
-                              {
-                                  return !text.starts_with("sleep");
-                              }),
-               told.end());
+    std::erase_if(told,
+                  [](const auto& text)
+                  {
+                      return !text.starts_with("sleep");
+                  });
     EXPECT_THAT(Texts(told.begin(), told.begin() + 4),
                 ElementsAre("sleep 100 ms", "sleep 50 ms", "sleep 2000 ms",
                             "sleep 1000 ms"));
@@ -891,74 +865,40 @@ TEST_F(PowerOffCleanup, DeviceListedTwiceIsLookedUpAndRemovedTwice)
     EXPECT_EQ(record::count("removeShm 20"), 2);
 }
 
-TEST_F(PowerOffCleanup, IdsOfMinus1AreLeftOut)
+TEST_F(PowerOffCleanup, IdsOf0AreRemovedAndOfMinus1LeftOut)
 {
     i3c_device_map = {node0, node1};
-    fake::lockIds = {{node1, 11}};
-    fake::shmIds = {{node0, 20}};
-    cleanUp();
-    EXPECT_THAT(trace(), Not(Contains("removeLock -1")));
-    EXPECT_THAT(trace(), Not(Contains("removeShm -1")));
-    EXPECT_EQ(record::count("removeLock 11"), 1);
-    EXPECT_EQ(record::count("removeShm 20"), 1);
-}
-
-TEST_F(PowerOffCleanup, IdsOf0AreRemoved)
-{
-    i3c_device_map = {node0};
-    fake::lockIds = {{node0, 0}};
+    fake::lockIds = {{node1, 0}};
     fake::shmIds = {{node0, 0}};
     cleanUp();
+    EXPECT_EQ(record::count("removeLock -1"), 0);
     EXPECT_EQ(record::count("removeLock 0"), 1);
+    EXPECT_EQ(record::count("removeShm -1"), 0);
     EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
-TEST_F(PowerOffCleanup, CancelsTheRetryFirstAndGoesIdleLast)
+TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedBeforeItGoesIdle)
 {
-    int32_t whenWithdrawing = -1;
-    record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
-                 [&whenWithdrawing]
-                 {
-                     whenWithdrawing = wait_ticks;
-                 });
-    const StateWatch lastUnbind("log 4 morrow: Failed to open sysfs file for "
-                                "fff11000.i3c");
+    const Texts logged{
+        "log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
+        "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"};
+    const StateWatch lastUnbind(logged.back());
     DriverFiles::removeUnbindFile();
-    wait_ticks = 10;
     daemon_state = MORROW_OFF_EVENT;
     cleanUp();
-    EXPECT_EQ(whenWithdrawing, 0);
+    expectTraceEndsWith(logged);
     EXPECT_EQ(lastUnbind.seen(), MORROW_OFF_EVENT);
-}
-
-TEST_F(PowerOffCleanup, CancelsAPendingRetry)
-{
-    wait_ticks = 10;
-    state_after_wait = MORROW_PARTIAL_DISCOVERY_EVENT;
-    daemon_state = MORROW_WAIT_EVENT;
-    cleanUp();
-    EXPECT_EQ(wait_ticks, 0);
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
-TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedForBothControllers)
-{
-    DriverFiles::removeUnbindFile();
-    cleanUp();
-    const auto told = trace();
-    EXPECT_EQ(
-        Texts(told.end() - 2, told.end()),
-        (Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
-               "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"}));
-    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
-}
-
-TEST_F(PowerOffCleanup, ClearsTheListsBeforeTheWithdrawal)
+TEST_F(PowerOffCleanup, ForgetsDevicesAndRetryBeforeTheWithdrawal)
 {
     i3c_device_map = {node0};
     i3c_discovered_map = {controller0};
     i3c_device_notify_map = {node0};
     wait_ticks = 10;
+    state_after_wait = MORROW_PARTIAL_DISCOVERY_EVENT;
+    daemon_state = MORROW_WAIT_EVENT;
     Texts lists{"never seen"};
     int32_t ticks = -1;
     record::when("log 4 morrow_server: deleteAllEndpointObject - Enter",
@@ -971,6 +911,8 @@ TEST_F(PowerOffCleanup, ClearsTheListsBeforeTheWithdrawal)
     cleanUp();
     EXPECT_THAT(lists, IsEmpty());
     EXPECT_EQ(ticks, 0);
+    EXPECT_EQ(wait_ticks, 0);
+    EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
 }
 
 TEST_F(PowerOffCleanup, SleepIsResumedAfterASignal)

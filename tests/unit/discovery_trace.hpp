@@ -63,6 +63,14 @@ inline Texts exchangeOpens(const std::string& node)
     };
 }
 
+/** An attempt of it that fails. */
+inline Texts attemptFails(const std::string& node)
+{
+    return {"send 00 81 0d",
+            "log 4 morrow: Failed req_disc_notify to i3c device [" + node +
+                "]\n"};
+}
+
 /** The exchange with an endpoint that answers correctly.
  *  @param published  the events of its publication */
 inline Texts goodExchange(const std::string& node,
@@ -124,6 +132,33 @@ inline Texts discoversBoth(const Texts& published0 = publishesWithoutBus,
 class WithFiles : public testing::Test
 {
   protected:
+    /** Both devices come up and both endpoints answer. */
+    void bothAnswer()
+    {
+        driver.comesUp(controller0);
+        driver.comesUp(controller1);
+        fake::endpoints[node0] = {fake::answer(0x1D)};
+        fake::endpoints[node1] = {fake::answer(0x9D)};
+    }
+
+    /** Expects the main thread's last events to be these. */
+    static void expectTraceEndsWith(const Texts& expected)
+    {
+        const auto texts = trace();
+        ASSERT_GE(texts.size(), expected.size());
+        EXPECT_EQ(
+            Texts(texts.end() - static_cast<std::ptrdiff_t>(expected.size()),
+                  texts.end()),
+            expected);
+    }
+
+    static void expectWait(int32_t ticks, uint32_t next)
+    {
+        EXPECT_EQ(daemon_state, MORROW_WAIT_EVENT);
+        EXPECT_EQ(wait_ticks, ticks);
+        EXPECT_EQ(state_after_wait, next);
+    }
+
     DriverFiles driver;
 };
 
