@@ -23,6 +23,21 @@ fail() {
     exit 1
 }
 
+# only_help ARGUMENT...: the arguments of a script that has none but --help.
+only_help() {
+    case $* in
+        '') ;;
+        -h | --help)
+            usage
+            exit 0
+            ;;
+        *)
+            usage >&2
+            exit 2
+            ;;
+    esac
+}
+
 # packages_of GROUP...: the names that packages.txt lists under these groups.
 packages_of() {
     local group
