@@ -25,7 +25,7 @@ def tests_of(tree):
     """The names of all GoogleTest tests that are not disabled."""
     return {
         f"{suite}.{name}"
-        for directory in ("tests", "board", "platform", "subprojects", "yaml")
+        for directory in ("tests", "board", "platform", "subprojects")
         for source in tree.glob(f"{directory}/**/*_test.cpp")
         for suite, name in TEST.findall(source.read_text(encoding="utf-8"))
         if "DISABLED_" not in suite + name

@@ -32,6 +32,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -702,6 +703,38 @@ TEST_F(Interface, SetIsRefused)
     EXPECT_THAT(busctl::getAll(manager0 + "/8"), HasSubstr(" EID=8 "));
 }
 
+TEST_F(Interface, IntrospectionListsTheMembersInOrder)
+{
+    EXPECT_EQ(publish(0, 8), 0);
+    const auto xml = busctl::introspect("/xyz/openbmc_project/mctp/0/8");
+    const std::string expected =
+        R"( <interface name="xyz.openbmc_project.mctp.Endpoint">
+  <method name="GetArbitration">
+   <arg type="y" direction="in"/>
+   <arg type="u" direction="out"/>
+  </method>
+  <signal name="ArbitrationUpdated">
+   <arg type="y"/>
+   <arg type="u"/>
+   <arg type="u"/>
+  </signal>
+  <property name="NetworkId" type="u" access="read">
+  </property>
+  <property name="EID" type="y" access="read">
+  </property>
+  <property name="SupportedMessageTypes" type="ay" access="read">
+  </property>
+  <property name="EndpointType" type="q" access="read">
+  </property>
+  <property name="Slot" type="q" access="read">
+  </property>
+  <property name="DevicePath" type="s" access="read">
+  </property>
+ </interface>
+)";
+    EXPECT_THAT(xml, HasSubstr(expected));
+}
+
 TEST_F(Interface, GetAndManagedObjectsGiveEachValue)
 {
     EXPECT_EQ(publish(0, 8), 0);
@@ -739,6 +772,9 @@ TEST_F(Interface, GetArbitrationWithAnotherArgumentIsAnError)
 
 TEST_F(Interface, ArbitrationUpdatedIsNeverSent)
 {
+    static_assert(
+        std::is_same_v<decltype(&EndpointBinding::arbitrationUpdated),
+                       void (EndpointBinding::*)(uint8_t, uint32_t, uint32_t)>);
     sd_bus* bus = nullptr;
     ASSERT_GE(sd_bus_open_system(&bus), 0);
     int signals = 0;
@@ -783,6 +819,9 @@ TEST_F(EndpointObject, SettingAValueAgainSendsNoSignal)
 
 TEST_F(EndpointObject, WrongTypeIsRefusedAndNothingStays)
 {
+    static_assert(std::is_same_v<EndpointBinding::PropertiesVariant,
+                                 std::variant<std::string, std::vector<uint8_t>,
+                                              uint16_t, uint32_t, uint8_t>>);
     try
     {
         const endpoint_object object(bus, manager0 + "/8",

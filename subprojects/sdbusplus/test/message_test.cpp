@@ -66,35 +66,12 @@ class Message : public ::testing::Test
         return "none";
     }
 
-    sdbusplus::bus_t bus = sdbusplus::bus::new_system();
+    sdbusplus::bus_t bus = sdbusplus::bus::new_default();
 };
 
 const std::string noDevice = ": System.Error.ENXIO: No such device or address";
 const std::string badMessage =
     ": org.freedesktop.DBus.Error.InconsistentMessage: Bad message";
-
-TEST_F(Message, AppendsEachType)
-{
-    auto msg = empty();
-    msg.append(uint8_t{1}, uint16_t{2}, uint32_t{3}, "four",
-               std::string("five"), std::vector<uint8_t>{6, 7});
-    ASSERT_GE(sd_bus_message_seal(msg.get(), 1, 0), 0);
-    EXPECT_STREQ(sd_bus_message_get_signature(msg.get(), 1), "yqussay");
-    uint8_t y = 0;
-    uint16_t q = 0;
-    uint32_t u = 0;
-    const char* four = nullptr;
-    const char* five = nullptr;
-    ASSERT_GT(sd_bus_message_read(msg.get(), "yquss", &y, &q, &u, &four, &five),
-              0);
-    const void* bytes = nullptr;
-    size_t size = 0;
-    ASSERT_GT(sd_bus_message_read_array(msg.get(), 'y', &bytes, &size), 0);
-    EXPECT_EQ(y + q + u, 6u);
-    EXPECT_STREQ(four, "four");
-    EXPECT_STREQ(five, "five");
-    EXPECT_EQ(std::string(static_cast<const char*>(bytes), size), "\6\7");
-}
 
 TEST_F(Message, AppendingWhatSdBusRefusesIsIgnored)
 {
@@ -102,25 +79,6 @@ TEST_F(Message, AppendingWhatSdBusRefusesIsIgnored)
     EXPECT_NO_THROW(msg.append(uint8_t{2})); // sealed
     EXPECT_STREQ(sd_bus_message_get_signature(msg.get(), 1), "y");
     EXPECT_NO_THROW(empty().append(std::string("\xff"))); // not UTF-8
-}
-
-TEST_F(Message, ReadsEachAlternativeOfAVariant)
-{
-    const auto read = [this](auto... content)
-    {
-        return readFrom<Value>(with("v", content...));
-    };
-    EXPECT_EQ(read("as", 1, "x"), Value(Strings{"x"}));
-    EXPECT_EQ(read("s", "x"), Value(std::string("x")));
-    EXPECT_EQ(read("x", int64_t{-1}), Value(int64_t{-1}));
-    EXPECT_EQ(read("t", uint64_t{1}), Value(uint64_t{1}));
-    EXPECT_EQ(read("d", 0.5), Value(0.5));
-    EXPECT_EQ(read("i", -1), Value(int32_t{-1}));
-    EXPECT_EQ(read("u", 1), Value(uint32_t{1}));
-    EXPECT_EQ(read("n", -1), Value(int16_t{-1}));
-    EXPECT_EQ(read("q", 1), Value(uint16_t{1}));
-    EXPECT_EQ(read("y", 1), Value(uint8_t{1}));
-    EXPECT_EQ(read("b", 1), Value(true));
 }
 
 TEST_F(Message, ReadsPropertiesAsMapAndAsListOfPairs)
@@ -134,13 +92,6 @@ TEST_F(Message, ReadsPropertiesAsMapAndAsListOfPairs)
               (Map{{"a", uint8_t{5}}, {"b", std::string("text")}}));
     EXPECT_EQ(readFrom<Entries>(properties()),
               (Entries{{"b", std::string("text")}, {"a", uint8_t{5}}}));
-}
-
-TEST_F(Message, AddsElementsToThoseOfTheList)
-{
-    Strings list{"before"};
-    with("as", 1, "new").read(list);
-    EXPECT_EQ(list, (Strings{"before", "new"}));
 }
 
 TEST_F(Message, SkipsAVariantOfAnotherTypeAndGoesBackToAlternativeZero)
@@ -173,15 +124,6 @@ TEST_F(Message, NamesTheBasicValueThatDoesNotFit)
     EXPECT_EQ(errorOfReading<bool>(with("y", 1)), basic + "bool" + noDevice);
     EXPECT_EQ(errorOfReading<uint8_t>(with("")),
               basic + "fundamental" + noDevice);
-}
-
-TEST_F(Message, NamesTheContainerThatDoesNotFit)
-{
-    const std::string list =
-        "sd_bus_message_enter_container emplace_back_container" + noDevice;
-    EXPECT_EQ(errorOfReading<Strings>(with("y", 1)), list);
-    EXPECT_EQ(errorOfReading<Strings>(with("ay", 0)), list);
-    EXPECT_EQ(errorOfReading<Strings>(with("")), list);
 }
 
 TEST_F(Message, NamesTheContainerThatDoesNotEnd)
@@ -227,15 +169,6 @@ TEST_F(Message, NamesTheStepOfReadingAVariantThatFailed)
         EXPECT_EQ(errorOfReading<Value>(with("v", "y", 1)),
                   call + " variant" + badMessage);
     }
-}
-
-TEST_F(Message, HasItsHeader)
-{
-    const auto msg = empty();
-    EXPECT_STREQ(msg.get_path(), "/p");
-    EXPECT_STREQ(msg.get_member(), "S");
-    EXPECT_FALSE(msg.is_method_error());
-    EXPECT_TRUE(message_t().is_method_error());
 }
 
 } // namespace

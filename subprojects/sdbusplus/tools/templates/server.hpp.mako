@@ -20,8 +20,6 @@
 
 namespace sdbusplus::server::${interface.namespace}
 {
-
-${comment(interface.description)}\
 class ${cls} :
     public sdbusplus::common::${interface.namespace}::${cls}
 {
@@ -40,12 +38,10 @@ class ${cls} :
     virtual ~${cls}() = default;
 
 % for method in interface.methods:
-${comment(method.description, "    ")}\
     virtual ${method.returns[0].cpp} ${method.cpp_name}(${arguments(method.parameters)}) = 0;
 
 % endfor
 % for property in interface.properties:
-${comment(property.description, "    ")}\
     [[nodiscard]] virtual ${property.cpp} ${property.cpp_name}() const;
     /** Sets it and, unless skipSignal, announces a change; @return it. */
     virtual ${property.cpp} ${property.cpp_name}(${property.cpp} value, bool skipSignal);
@@ -53,7 +49,6 @@ ${comment(property.description, "    ")}\
 
 % endfor
 % for signal in interface.signals:
-${comment(signal.description, "    ")}\
     void ${signal.cpp_name}(${arguments(signal.properties)});
 
 % endfor

@@ -3,8 +3,6 @@
 
 namespace sdbusplus::common::${interface.namespace}
 {
-
-${comment(interface.description)}\
 struct ${interface.classname}
 {
     static constexpr auto interface = "${interface.name}";
