@@ -8,17 +8,19 @@ import collections
 import fcntl
 import os
 import random
+import signal
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor, as_completed
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parents[2]
+from explained import ListError, entries_of, explained_ids
+from mutants import mutants_of
+from scratch import Scratch, ScratchError
 
-# pylint: disable=wrong-import-position
-from mutation.explained import ListError, entries_of, explained_ids
-from mutation.mutants import mutants_of
-from mutation.scratch import Scratch, ScratchError
+TOP = Path(__file__).resolve().parents[2]
+PLACE = TOP / "build" / "mutate"
 
 EXPLAINED = "docs/mutants.md"
 
@@ -65,13 +67,25 @@ def main():
     )
     chosen = selection(mutants, options)
     if options.list:
+        # A reader may have enough of it.
+        signal.signal(signal.SIGPIPE, signal.SIG_DFL)
         for mutant in chosen:
             print_mutant(mutant)
-        print(f"{len(chosen)} mutants: {by_kind(chosen)}")
+        kinds = collections.Counter(mutant.kind for mutant in chosen)
+        counted = ", ".join(f"{number} {kind}" for kind, number in kinds.most_common())
+        print(f"{len(chosen)} mutants: {counted}")
         return 0
-    run = Run(chosen, explained)
-    with Scratches(options.jobs) as scratches:
-        run.work(scratches)
+    PLACE.mkdir(parents=True, exist_ok=True)
+    with open(PLACE / "lock", "w") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError as error:
+            raise UsageError("it runs already in this tree: wait for its end") from error
+        print(f"Building {options.jobs} copies of the tree in build/mutate", flush=True)
+        scratches = [Scratch(TOP, PLACE / str(n + 1)) for n in range(options.jobs)]
+        in_parallel(Scratch.prepare, scratches)
+        run = Run(chosen, explained)
+        in_parallel(run.work_in, scratches)
     run.summarise()
     return 0 if run.counts["survived"] == 0 else 1
 
@@ -86,10 +100,8 @@ def parsed_options():
     add = parser.add_argument
     add("--list", action="store_true", help="print the mutants alone")
     add("--file", action="append", metavar="PATH", help="those of this file")
-    add("--kind", action="append", metavar="KIND", help="those of this kind")
     add("--only", action="append", metavar="ID", help="this one (see --list)")
-    add("--sample", type=int, metavar="N", help="N of them at random")
-    add("--seed", type=int, default=1, help="for another sample (default: 1)")
+    add("--sample", type=int, metavar="N", help="N of them, always the same")
     add(
         "--jobs",
         type=int,
@@ -112,12 +124,10 @@ def selection(mutants, options):
     chosen = mutants
     if options.file:
         chosen = [mutant for mutant in chosen if mutant.path in options.file]
-    if options.kind:
-        chosen = [mutant for mutant in chosen if mutant.kind in options.kind]
     if options.only:
         chosen = [mutant for mutant in chosen if mutant.id in options.only]
     if options.sample is not None and options.sample < len(chosen):
-        picked = random.Random(options.seed).sample(range(len(chosen)), options.sample)
+        picked = random.Random(1).sample(range(len(chosen)), options.sample)
         chosen = [chosen[index] for index in sorted(picked)]
     if not chosen:
         raise UsageError("no such mutant: see scripts/mutate --list")
@@ -129,74 +139,17 @@ def print_mutant(mutant, remark=""):
     print(f"{mutant.id}{place}{remark}\n-{mutant.before}\n+{mutant.after}", flush=True)
 
 
-def by_kind(mutants):
-    counts = collections.Counter(mutant.kind for mutant in mutants)
-    return ", ".join(f"{number} {kind}" for kind, number in counts.most_common())
-
-
-class Scratches:
-    """Copies of the tree, locked for this run."""
-
-    def __init__(self, number):
-        place = TOP / "build" / "mutate"
+def in_parallel(task, scratches):
+    """Runs a task for each scratch copy; the first error ends them all."""
+    with ThreadPoolExecutor(len(scratches)) as pool:
         try:
-            place.mkdir(parents=True, exist_ok=True)
-            self.lock = open(place / "lock", "w")
-        except OSError as error:
-            raise UsageError(
-                f"{place}: {error.strerror}: run this in a tree that you may write to"
-            ) from error
-        try:
-            fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except OSError:
-            raise UsageError("another scripts/mutate runs in this tree: wait until it ends")
-        self.scratches = [Scratch(TOP, place / str(n + 1)) for n in range(number)]
-
-    def __enter__(self):
-        print(
-            f"Building {len(self.scratches)} copies of the tree in build/mutate",
-            flush=True,
-        )
-        try:
-            in_parallel(
-                [scratch.prepare for scratch in self.scratches],
-                self.scratches,
-            )
+            tasks = [pool.submit(task, scratch) for scratch in scratches]
+            for done in as_completed(tasks):
+                done.result()
         except BaseException:
-            self.lock.close()
-            raise
-        return self.scratches
-
-    def __exit__(self, *_):
-        self.lock.close()
-
-
-def in_parallel(tasks, scratches):
-    """Runs tasks in threads; the first error ends them all and is raised."""
-    errors = []
-
-    def guarded(task):
-        try:
-            task()
-        except Exception as error:  # pylint: disable=broad-except
-            errors.append(error)
             for scratch in scratches:
                 scratch.stop()
-
-    threads = [threading.Thread(target=guarded, args=(task,)) for task in tasks]
-    for thread in threads:
-        thread.start()
-    try:
-        for thread in threads:
-            thread.join()
-    except KeyboardInterrupt:
-        for scratch in scratches:
-            scratch.stop()
-        for thread in threads:
-            thread.join()
-        raise
-    if errors:
-        raise errors[0]
+            raise
 
 
 class Run:
@@ -210,16 +163,9 @@ class Run:
         self.kinds = collections.defaultdict(collections.Counter)
         self.killers = collections.defaultdict(list)  # path -> (line, program)
         self.lock = threading.Lock()
-        self.started = None
-
-    def work(self, scratches):
         self.started = time.monotonic()
-        self.results = open(TOP / "build" / "mutate" / "results.txt", "w")
-        with self.results:
-            in_parallel(
-                [lambda s=scratch: self.work_in(s) for scratch in scratches],
-                scratches,
-            )
+        # A line at a time: an interrupted run leaves what it has found.
+        self.results = open(PLACE / "results.txt", "w", buffering=1)
 
     def work_in(self, scratch):
         while not scratch.stopped:
@@ -259,7 +205,6 @@ class Run:
         self.counts[outcome] += 1
         self.kinds[mutant.kind][outcome] += 1
         self.results.write(f"{mutant.id}\t{outcome}\t{killer}\n")
-        self.results.flush()
         if outcome == "survived":
             self.show_progress(erase=True)
             print_mutant(mutant, " survived")
@@ -295,6 +240,6 @@ if __name__ == "__main__":
         sys.exit(main())
     except KeyboardInterrupt:
         sys.exit(130)
-    except (UsageError, ScratchError, ListError) as error:
+    except (UsageError, ScratchError, ListError, OSError) as error:
         print(f"mutate: {error}", file=sys.stderr)
         sys.exit(2)

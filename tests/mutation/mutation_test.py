@@ -2,17 +2,13 @@
 # SPDX-License-Identifier: Apache-2.0
 """Tests of the mutants that scripts/mutate makes, and of the list of explained ones."""
 
-import sys
 import unittest
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parent.parent.parent
-sys.path.insert(0, str(TOP / "tests" / "mutation"))
+from explained import ListError, entries_of, explained_ids
+from mutants import mutants_of
 
-# pylint: disable=wrong-import-position
-from mutation.explained import ListError, entries_of, explained_ids
-from mutation.mutants import mutants_of
-
+TOP = Path(__file__).resolve().parents[2]
 SOURCE = "morrow/some.cpp"
 
 

@@ -10,7 +10,7 @@ whole log lines, and a mutant for each character would only repeat them.
 import re
 from dataclasses import dataclass
 
-from .tokens import Source, without_comments
+from tokens import Source, without_comments
 
 LEVELS = ["progress", "failure", "error", "pass"]
 LOGS = ("MORROW_LOG", "MORROW_TRACE")
@@ -28,7 +28,7 @@ OTHER_OPERATOR = {
 
 OTHER_ARITHMETIC = {"+": "-", "-": "+", "*": "/", "/": "*", "&": "|", "|": "&"}
 
-CONSTANT = re.compile(r"[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)*$")
+CONSTANT = re.compile(r"(?=.{4})[A-Z][A-Z0-9]*(?:_[A-Z0-9]+)*$")
 
 
 @dataclass(frozen=True)
@@ -106,66 +106,53 @@ def with_unique_ids(mutants):
     return mutants
 
 
-def replaced(kind, token, replacement):
-    return Replacement(kind, token.start, token.end, replacement)
-
-
 # The kinds
 
 
-def levels(source, _declared):
-    """A log level is another."""
+def tokens(source, declared):
+    """One token is another."""
     for index, token in enumerate(source.tokens):
-        if source.is_text(index, *LOGS) and source.is_text(index + 1, "("):
-            level = source.tokens[index + 4]  # MORROW_LOG ( logging :: level
-            if level.text in LEVELS:
-                other = LEVELS[(LEVELS.index(level.text) + 1) % 3]
-                yield replaced("level", level, other)
+        kind, other = other_token(source, index, declared)
+        if kind:
+            yield Replacement(kind, token.start, token.end, other)
 
 
-def comparisons(source, _declared):
-    """A comparison or a connection of conditions is its neighbour; a "not" is
-    dropped."""
-    for index, token in enumerate(source.tokens):
-        if token.text in OTHER_OPERATOR and source.bare(index):
-            yield replaced("comparison", token, OTHER_OPERATOR[token.text])
-        elif token.text == "!":
-            yield replaced("negation", token, "")
+def other_token(source, index, declared):
+    """What a token can be in a mutant, with the mutant's kind; no kind for none."""
+    token = source.tokens[index]
+    text, before = token.text, source.text[token.start - 1]
+    if text in LEVELS and source.is_text(index - 4, *LOGS):
+        # MORROW_LOG ( logging :: level
+        return "level", LEVELS[(LEVELS.index(text) + 1) % 3]
+    if text in OTHER_OPERATOR and source.bare(index):
+        return "comparison", OTHER_OPERATOR[text]
+    if text in OTHER_ARITHMETIC and source.bare(index):
+        return "arithmetic", OTHER_ARITHMETIC[text]
+    if text in ("++", "--"):
+        return "arithmetic", "--" if text == "++" else "++"
+    if text == "-" and before in " ({,":
+        return "sign", ""
+    if text == "!":
+        return "negation", ""
+    if text in ("true", "false"):
+        return "constant", "false" if text == "true" else "true"
+    if token.kind == "number":
+        return "constant", one_more(text)
+    if token.kind == "name" and text in declared:
+        return other_name(source, index, declared)
+    # A constant of the system; a macro with arguments is none.
+    if CONSTANT.match(text) and text not in LOGS and not source.is_text(index + 1, "("):
+        return "constant", f"({text} + 1)"
+    return None, ""
 
 
-def arithmetic(source, _declared):
-    """A sum is a difference, a step goes the other way, a sign is dropped."""
-    for index, token in enumerate(source.tokens):
-        if token.text in OTHER_ARITHMETIC and source.bare(index):
-            yield replaced("arithmetic", token, OTHER_ARITHMETIC[token.text])
-        elif token.text in ("++", "--"):
-            yield replaced("arithmetic", token, "--" if token.text == "++" else "++")
-        elif (
-            token.text == "-"
-            and not source.bare(index)
-            and source.text[token.start - 1] in " ({,"
-        ):
-            yield replaced("sign", token, "")
-
-
-def constants(source, declared):
-    """A number is one more, a truth its opposite, the system's constant the
-    next one."""
-    for index, token in enumerate(source.tokens):
-        if token.kind == "number":
-            yield replaced("constant", token, one_more(token.text))
-        elif token.text in ("true", "false"):
-            other = "false" if token.text == "true" else "true"
-            yield replaced("constant", token, other)
-        elif (
-            token.kind == "name"
-            and CONSTANT.match(token.text)
-            and len(token.text) > 3
-            and token.text not in declared
-            and token.text not in LOGS
-            and not source.is_text(index + 1, "(")
-        ):
-            yield replaced("constant", token, f"({token.text} + 1)")
+def other_name(source, index, declared):
+    """Another named constant of its type, where one is used."""
+    if source.is_text(index - 1, "::", ".", "->", "&", "*"):
+        return None, ""
+    if source.is_text(index + 1, "=", "{", ".", "("):
+        return None, ""
+    return "name", declared[source.tokens[index].text]
 
 
 def one_more(number):
@@ -194,19 +181,6 @@ def names_declared(source):
         for names in runs.values()
         for place, name in enumerate(names)
     }
-
-
-def names(source, declared):
-    """A named constant is another of its type."""
-    for index, token in enumerate(source.tokens):
-        other = declared.get(token.text, token.text)
-        if (
-            token.kind == "name"
-            and other != token.text
-            and not source.is_text(index - 1, "::", ".", "->", "&", "*")
-            and not source.is_text(index + 1, "=", "{", ".", "(")
-        ):
-            yield replaced("name", token, other)
 
 
 def steps(source, _declared):
@@ -402,11 +376,7 @@ def runs(source):
 
 
 KINDS = [
-    levels,
-    comparisons,
-    arithmetic,
-    constants,
-    names,
+    tokens,
     steps,
     returns,
     orders,

@@ -11,10 +11,6 @@ import subprocess
 import time
 from pathlib import Path
 
-from .precompiled import PrecompiledHeader
-
-NOT_COPIED = {".git", "__pycache__"}
-
 # The limit for a test program: so many times its time without a mutant, and so
 # many seconds more.
 TIME_FACTOR = 10
@@ -39,7 +35,6 @@ class Scratch:
         self.original = original
         self.tree = place / "tree"
         self.build = place / "build"
-        self.precompiled = PrecompiledHeader(self.tree, place)
         self.programs = {}
         self.processes = set()
         self.stopped = False
@@ -49,10 +44,11 @@ class Scratch:
         self._copy()
         self._configure()
         self.programs = self._unit_tests()
-        self._precompile()
         for program in self.programs.values():
             if not self._make(program):
-                raise ScratchError(f"{program.name}: does not build: {self._log()}")
+                log = self.build / "mutate.log"
+                log.write_text(self.output)
+                raise ScratchError(f"{program.name}: does not build: see {log}")
             started = time.monotonic()
             failed = program.failing_test(self, BUILD_SECONDS)
             if failed:
@@ -82,13 +78,13 @@ class Scratch:
         finally:
             file.write_text(original)
 
-    def run(self, command, limit, environment=None):
+    def run(self, command, limit, environment=()):
         """Runs a command with all that it starts.
         @return exit status and output; no status when it took too long"""
         process = subprocess.Popen(
             command,
             cwd=self.build,
-            env={**os.environ, **(environment or {})},
+            env={**os.environ, **dict(environment)},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
@@ -117,32 +113,26 @@ class Scratch:
 
     def _copy(self):
         """Makes the copy equal to the original; equal files keep their time."""
-        wanted = set(files_of(self.original))
-        for path in wanted:
-            content = (self.original / path).read_bytes()
-            copy = self.tree / path
-            if not copy.is_file() or copy.read_bytes() != content:
+        self.tree.mkdir(parents=True, exist_ok=True)
+        for path in {*files_of(self.original), *files_of(self.tree)}:
+            original, copy = self.original / path, self.tree / path
+            if not original.exists():
+                copy.unlink()
+            elif not copy.exists() or copy.read_bytes() != original.read_bytes():
                 copy.parent.mkdir(parents=True, exist_ok=True)
-                copy.write_bytes(content)
-                copy.chmod((self.original / path).stat().st_mode)
-        if self.tree.is_dir():
-            for path in set(files_of(self.tree)) - wanted:
-                (self.tree / path).unlink()
+                shutil.copy(original, copy)
 
     def _configure(self):
-        self.build.mkdir(parents=True, exist_ok=True)
         complete = self.build / "setup-complete"
         if complete.exists():
             return
         # An interrupted setup leaves what Meson neither uses nor repairs.
-        shutil.rmtree(self.build)
+        shutil.rmtree(self.build, ignore_errors=True)
         self.build.mkdir()
-        self.precompiled.write_compiler()
         status, output = self.run(
             ["meson", "setup", str(self.build), str(self.tree)]
             + ["-Doptimization=0", "-Ddebug=false"],
             BUILD_SECONDS,
-            {"CXX": str(self.precompiled.compiler)},
         )
         if status != 0:
             raise ScratchError(f"meson setup fails: {last_line(output)}")
@@ -166,15 +156,6 @@ class Scratch:
             raise ScratchError("no unit tests: are gtest and gmock installed?")
         return programs
 
-    def _precompile(self):
-        """Needs the generated headers, and so a first build."""
-        first = next(iter(self.programs.values()))
-        if self.precompiled.is_current() or not self._make(first):
-            return
-        status, output = self.run(self.precompiled.command(self.build), BUILD_SECONDS)
-        if status != 0:
-            raise ScratchError(f"the headers do not compile: {last_line(output)}")
-
     def _introspect(self, what):
         file = self.build / "meson-info" / f"intro-{what}.json"
         return json.loads(file.read_text())
@@ -184,11 +165,6 @@ class Scratch:
             ["ninja", "-j1"] + program.targets, BUILD_SECONDS
         )
         return status == 0
-
-    def _log(self):
-        log = self.build / "mutate.log"
-        log.write_text(self.output)
-        return f"see {log}"
 
 
 TIMED_OUT = "timed out"
@@ -219,19 +195,12 @@ class Program:
 
 
 def files_of(tree):
-    """The paths of a tree's files, below it; without builds."""
-    for directory, names, files in os.walk(tree):
-        below = Path(directory).relative_to(tree)
-        names[:] = [
-            name
-            for name in names
-            if name not in NOT_COPIED
-            and not (below == Path(".") and name.startswith("build"))
-        ]
-        for name in files:
-            path = below / name
-            if (Path(directory) / name).is_file():
-                yield path
+    """The paths of a tree's files, below it; without builds and hidden ones."""
+    for top in tree.iterdir():
+        if not top.name.startswith(("build", ".")):
+            for path in (top, *top.rglob("*")):
+                if path.is_file():
+                    yield path.relative_to(tree)
 
 
 def end_session(process):
