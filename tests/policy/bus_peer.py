@@ -108,22 +108,6 @@ class Connection:
         if answer != ANSWERED:
             raise OSError(f"GetId: {answer}")
 
-    def names(self):
-        """The unique names of all connections."""
-        reply, listed = ctypes.c_void_p(), ctypes.POINTER(ctypes.c_char_p)()
-        checked(
-            "ListNames",
-            sd.sd_bus_call_method(
-                self.bus, encoded(BUS), encoded(BUS_PATH), encoded(BUS),
-                b"ListNames", None, ctypes.byref(reply), None,
-            ),
-        )  # fmt: skip
-        checked("names", sd.sd_bus_message_read_strv(reply, ctypes.byref(listed)))
-        names = []
-        while listed[len(names)] is not None:
-            names.append(listed[len(names)].decode())
-        return [name for name in names if name.startswith(":")]
-
     def change(self, path, signature, *arguments, destination=None):
         """Sends PropertiesChanged, to all followers of the path or to one
         destination."""

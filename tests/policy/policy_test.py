@@ -4,8 +4,8 @@
 
 The broker has its default policy and the shipped one. A peer that owns the
 daemon's name answers every call that reaches it. The host's power signals are
-followed by a peer with the daemon's rules, and by the daemon. Callers and senders
-are root and other users.
+followed by a peer with the daemon's rules. Callers and senders are root and other
+users.
 
 Run by meson test, in the board's sandbox: with a /run of its own.
 """
@@ -30,7 +30,6 @@ from bus_peer import POWER_PATHS, POWER_SIGNALS, PROPERTIES, ROOT, SOCKET
 from bus_peer import Connection, as_user, in_process
 
 POLICY = os.environ["POLICY"]
-DAEMON = os.environ["DAEMON"]
 USUAL_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
 SERVICE_DOCUMENT = TOP / "docs" / "service.md"
 
@@ -308,39 +307,6 @@ class Policy:
         send(THIRD, *POWER_SIGNALS)
         sender = send(NOBODY, *POWER_SIGNALS)
         self.assertEqual(follower.received(), all_of(POWER_SIGNALS, sender))
-
-    def start_daemon(self):
-        """@return the daemon's log"""
-        daemon = subprocess.Popen(
-            [DAEMON],
-            env={**os.environ, "DLOG_LEVEL": "2"},
-            stdin=subprocess.DEVNULL,
-            stderr=subprocess.PIPE,
-            text=True,
-        )
-        self.addCleanup(daemon.wait)
-        self.addCleanup(daemon.kill)
-        self.addCleanup(daemon.stderr.close)
-        for line in daemon.stderr:
-            if "Initialization Completed" in line:
-                return daemon.stderr
-        return self.fail("the daemon has ended")
-
-    def test_daemon_receives_the_power_signals_of_root_only(self):
-        log = self.start_daemon()
-        send(NOBODY, *POWER_SIGNALS)
-        everybody = as_user(NOBODY, lambda bus: bus.names())
-        send(NOBODY, *POWER_SIGNALS, to=everybody)
-        roots = POWER_SIGNALS[2:]
-        send(ROOT, *roots)
-        received = []
-        reads = 0
-        for line in log:
-            received += [path for path in POWER_PATHS if f"Path:[{path}]" in line]
-            reads += "Failed to get current" in line
-            if reads == 20 or received[-1:] == [roots[-1][0]]:
-                break
-        self.assertEqual(received, [path for path, *_ in roots])
 
 
 class OnDbusDaemon(Policy, unittest.TestCase):
