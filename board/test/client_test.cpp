@@ -173,14 +173,15 @@ TEST(Client, FindsBothEndpointsAndARunningHost)
 
 TEST(Client, IsFollowedByALineWhenTheDaemonHasEnded)
 {
-    auto arguments = playing("echo 'dlog 4 324 morrow:1:here'\n"
+    auto arguments = playing("echo $$ >/mnt/process\n"
+                             "echo 'dlog 4 324 morrow:1:here'\n"
                              "while :; do sleep 0.01; done");
     std::ofstream("/mnt/daemon.board") << "daemon start\nwait log here\n";
     arguments.insert(
         arguments.end(),
         {"--play", "/mnt/daemon.board", "--save", "/mnt/saved", "--", "sh",
          "-c",
-         "kill $(pgrep -P $MORROW_BOARD_PID -f ^/bin/sh./mnt/daemon)\n"
+         "kill $(cat /mnt/process)\n"
          "until grep -q '\"event\":\"exited\"' /mnt/saved; do "
          "sleep 0.01; done\n"
          "exit 7"});
