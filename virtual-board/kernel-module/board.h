@@ -48,12 +48,8 @@ struct endpoint {
 struct controller {
 	struct platform_device *pdev;
 	struct endpoint endpoint;
-	int probe_delay_ms;
 	int probe_error;
 	int node_delay_ms; /* negative: no node ever comes up */
-	atomic_t probes;
-	atomic_t removals;
-	atomic_t opens;
 	struct delayed_work coming_up;
 	struct mctp_device *device; /* while it is up */
 };

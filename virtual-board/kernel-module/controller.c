@@ -4,7 +4,6 @@
  * after boot has them, both are bound when the module is loaded, and their MCTP
  * devices are up; from then on a device comes up a while after its bind.
  */
-#include <linux/delay.h>
 #include <linux/mod_devicetable.h>
 #include <linux/module.h>
 
@@ -72,8 +71,6 @@ static int i3c_probe(struct platform_device *pdev)
 	struct controller *controller = controller_of(&pdev->dev);
 	const int error = READ_ONCE(controller->probe_error);
 
-	atomic_inc(&controller->probes);
-	msleep(READ_ONCE(controller->probe_delay_ms));
 	if (error)
 		return -error;
 	start_coming_up(controller);
@@ -84,7 +81,6 @@ static int i3c_remove(struct platform_device *pdev)
 {
 	struct controller *controller = controller_of(&pdev->dev);
 
-	atomic_inc(&controller->removals);
 	cancel_delayed_work_sync(&controller->coming_up);
 	if (controller->device) {
 		mctp_device_destroy(controller->device);

@@ -75,7 +75,6 @@ static int mctp_open(struct inode *inode, struct file *file)
 	record("open %s %d", dev_name(&device->dev), -error);
 	if (error)
 		return error;
-	atomic_inc(&device->controller->opens);
 	file->private_data = device;
 	return stream_open(inode, file);
 }

@@ -78,12 +78,8 @@ static ssize_t counter_show(struct device *dev,
 
 SETTING(eid, endpoint.eid, 0, 0xff);
 SETTING(silent, endpoint.silent, 0, 1);
-SETTING(probe_delay_ms, probe_delay_ms, 0, A_MINUTE);
 SETTING(probe_error, probe_error, 0, MAX_ERRNO);
 SETTING(node_delay_ms, node_delay_ms, -1, A_MINUTE);
-COUNTER(probes, probes);
-COUNTER(removals, removals);
-COUNTER(opens, opens);
 COUNTER(requests, endpoint.requests);
 COUNTER(answers, endpoint.answers);
 
@@ -121,12 +117,8 @@ static struct attribute *settings[] = {
 	&eid.attribute.attr,
 	&silent.attribute.attr,
 	&dev_attr_answer.attr,
-	&probe_delay_ms.attribute.attr,
 	&probe_error.attribute.attr,
 	&node_delay_ms.attribute.attr,
-	&probes.attribute.attr,
-	&removals.attribute.attr,
-	&opens.attribute.attr,
 	&requests.attribute.attr,
 	&answers.attribute.attr,
 	NULL,
