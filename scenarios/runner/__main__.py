@@ -240,6 +240,8 @@ def run(arguments):
     """Returns the exit status."""
     scenarios = scenarios_of(arguments.names)
     if arguments.list:
+        # A reader may have enough of it.
+        signal.signal(signal.SIGPIPE, signal.SIG_DFL)
         for one in scenarios:
             print(f"{one.name:<24}{' '.join(one.targets):<28}{one.about}")
         return 0
