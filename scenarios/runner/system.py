@@ -353,12 +353,12 @@ class System:
 
     @command("expect exit END")
     def expect_exit(self, end):
-        if self.unit("MainPID") != "0":
+        # The code is 0 before any process has ended.
+        code = self.unit("ExecMainCode")
+        if self.unit("MainPID") != "0" or code == "0":
             raise Failed("the daemon has not ended")
         status = int(self.unit("ExecMainStatus"))
-        # 0: the service manager has forgotten it, as it does after a success.
-        exited = self.unit("ExecMainCode") in ("0", "1")
-        found = str(status) if exited else signal.Signals(status).name
+        found = str(status) if code == "1" else signal.Signals(status).name
         if found != (end if end.startswith("SIG") else str(int(end, 0))):
             raise Failed(f"the daemon ended with {found}")
 
