@@ -17,7 +17,8 @@ the simulated one is, learns of it after it has happened.
 import difflib
 import itertools
 import json
-import os
+
+from .printer import what_of
 
 # Up to this level the service logs in scenarios.
 LEVEL = 4
@@ -53,24 +54,17 @@ def bus(events):
     return squeezed(list(filter(None, map(_seen, events))))
 
 
-def _error(event):
-    return f": {os.strerror(event['error'])}" if event["error"] else ""
-
-
 def _done(event):
     match event["event"]:
         case "log" if event["level"] <= LEVEL:
             if event["file"] == "morrow" or event["text"].startswith(MAIN_THREAD):
                 return f"log     {event['text']}"
-        case "driver_write":
-            return f"driver  {event['file']} {event['controller']}{_error(event)}"
-        case "node_opened":
-            return f"node    open {event['node']}{_error(event)}"
+        case "driver_write" | "node_opened" as kind:
+            return f"driver  {what_of(kind, event)}"
         case "packet":
-            way = ">" if event["to_endpoint"] else "<"
             data = bytearray(event["bytes"])
             data[3] &= ~TAG
-            return f"mctp    {event['node']} {way} {data.hex(' ')}{_error(event)}"
+            return f"mctp    {what_of('packet', {**event, 'bytes': data})}"
     return None
 
 
@@ -78,12 +72,8 @@ def _seen(event):
     match event["event"]:
         case "name_owner" if event["name"] == "xyz.openbmc_project.mctp":
             return f"bus     the name is {'taken' if event['owner'] else 'free'}"
-        case "endpoint_added":
-            return f"bus     + {event['path']}"
-        case "endpoint_removed":
-            return f"bus     - {event['path']}"
-        case "endpoint_changed":
-            return f"bus     {event['path']} changed {event['property']}"
+        case "endpoint_added" | "endpoint_removed" | "endpoint_changed" as kind:
+            return f"bus     {what_of(kind, event)}"
     return None
 
 

@@ -11,6 +11,7 @@ container's, and its bus socket becomes a link to the container's.
 import json
 import os
 import re
+import shutil
 import subprocess
 import threading
 import time
@@ -38,18 +39,6 @@ ENVIRONMENT = {
     "SYSTEMD_PAGER": "",
 }
 
-# What the host-state service's package would bring.
-HOST_POLICY = """\
-<busconfig>
-  <policy user="root">
-    <allow own="xyz.openbmc_project.State.Host0"/>
-  </policy>
-  <policy context="default">
-    <allow send_destination="xyz.openbmc_project.State.Host0"/>
-  </policy>
-</busconfig>
-"""
-
 # As strict as distributions for such boards are.
 START_LIMIT = """\
 [Manager]
@@ -57,15 +46,12 @@ DefaultStartLimitIntervalSec=30s
 DefaultStartLimitBurst=2
 """
 
-# The whole log, as docs/service.md says, and time for a machine under load.
-DEFAULT_DROP_IN = """\
-[Service]
-Environment=DLOG_LEVEL=4
-LogRateLimitIntervalSec=0
-LogRateLimitBurst=0
-TimeoutStartSec=300
-TimeoutStopSec=600
-"""
+# What the image of the virtual board has for the same purpose.
+IMAGE = Path(__file__).resolve().parents[2] / "virtual-board/image"
+HOST_POLICY = "usr/share/dbus-1/system.d/xyz.openbmc_project.State.Host0.conf"
+DROP_IN = "etc/systemd/system/morrow.service.d/board.conf"
+WATCHERS = ("usr/libexec/board/watch-journal", "usr/libexec/board/watch-bus")
+KEPT_DROP_IN = "usr/share/board/board.conf"
 
 # What of the board's trees is mounted over the container's own.
 TREES = ("/sys/bus", "/sys/class", "/sys/devices/platform", "/dev")
@@ -81,23 +67,12 @@ VALUES = "/run/platform/io"
 TIMELINE = "/var/tmp/timeline.jsonl"
 SOCKET = "/run/dbus/system_bus_socket"
 
-JOURNAL = f"""\
-journalctl --follow --lines=0 --output=json --output-fields=MESSAGE,MESSAGE_ID,\
-DLOG_LEVEL,DLOG_MODULE,CODE_FILE,CODE_LINE,UNIT,_SYSTEMD_UNIT,_TRANSPORT,\
-_SOURCE_REALTIME_TIMESTAMP _SYSTEMD_UNIT={UNIT} + UNIT={UNIT}"""
-
-BUS = """\
-while :; do busctl monitor --json=short \
---match "type='signal',path_namespace='/xyz/openbmc_project/mctp'" \
---match "type='signal',member='NameOwnerChanged',arg0='xyz.openbmc_project.mctp'"
-sleep 0.1; done 2>/dev/null"""
-
 # Before a scenario: first the service and the broker,
 STOP = f"""\
 systemctl --quiet is-active dbus.service || systemctl start dbus.socket dbus.service
 systemctl stop morrow-return.service {UNIT}; systemctl reset-failed
 rm -rf {DROP_INS}; mkdir -p {DROP_INS}
-printf '%s' '{DEFAULT_DROP_IN}' >{DROP_INS}/board.conf; systemctl daemon-reload"""
+cp /{KEPT_DROP_IN} {DROP_INS}; systemctl daemon-reload"""
 
 # then the board,
 DEFAULTS = (
@@ -230,8 +205,9 @@ class Container(System):
             link = ["ln", "-sf", f"/proc/1/root{SOCKET}", SOCKET]
             enter = ["nsenter", "--target", str(process), "--mount", "--"]
             subprocess.run(enter + link, check=True)
-            self._follow(JOURNAL, lambda line: self.timeline.add_journal(line))
-            self._follow(BUS, lambda line: self.timeline.add_bus(line))
+            journal, bus = (f"/{watcher}" for watcher in WATCHERS)
+            self._follow(journal, lambda line: self.timeline.add_journal(line))
+            self._follow(bus, lambda line: self.timeline.add_bus(line))
             threading.Thread(target=self._read_board, daemon=True).start()
         except BaseException:
             self.__exit__()
@@ -345,8 +321,8 @@ class Container(System):
                 raise Failed(f"no {what} within {seconds} s")
             time.sleep(0.1)
 
-    def _follow(self, shell, on_line):
-        follower = self.start(["bash", "-c", shell], stdout=subprocess.PIPE, text=True)
+    def _follow(self, program, on_line):
+        follower = self.start([program], stdout=subprocess.PIPE, text=True)
         self.followers.append(follower)
 
         def read():
@@ -447,13 +423,13 @@ class ContainerPlayer:
 
     def _write_settings(self, root):
         """What a machine has besides a Debian system and the daemon."""
-        files = {
-            "etc/dbus-1/system.d/host.conf": HOST_POLICY,
-            "etc/systemd/system.conf.d/start-limit.conf": START_LIMIT,
-        }
-        for name, text in files.items():
+        files = {name: name for name in (HOST_POLICY, *WATCHERS)}
+        for name, source in {**files, KEPT_DROP_IN: DROP_IN}.items():
             (root / name).parent.mkdir(parents=True, exist_ok=True)
-            (root / name).write_text(text)
+            shutil.copy(IMAGE / source, root / name)
+        limit = root / "etc/systemd/system.conf.d/start-limit.conf"
+        limit.parent.mkdir(parents=True)
+        limit.write_text(START_LIMIT)
         # Both brokers are there; this is the name that units know them by.
         alias = root / "etc/systemd/system/dbus.service"
         alias.parent.mkdir(parents=True)

@@ -10,7 +10,8 @@ def lines_of(timeline):
     """One line for each event."""
     events = timeline.sorted()
     return [
-        f"{(event.at - events[0].at) / 1000:10.3f}  {_who(event):<8} {_what(event)}"
+        f"{(event.at - events[0].at) / 1000:10.3f}  {_who(event):<8} "
+        + what_of(event.kind, event.facts)
         for event in events
     ]
 
@@ -33,9 +34,9 @@ def _error(number):
     return f": {os.strerror(number)}" if number else ""
 
 
-def _what(event):
-    facts = event.facts
-    match event.kind:
+def what_of(kind, facts):
+    """What happened, without when and where."""
+    match kind:
         case "log" | "trace":
             return f"{facts['file']}:{facts['line']}  {facts['text']}"
         case "note" | "unit" | "output":
@@ -54,7 +55,8 @@ def _what(event):
             return f"close {facts['node']}"
         case "packet":
             way = ">" if facts["to_endpoint"] else "<"
-            return f"{facts['node']} {way} {bytes(facts['bytes']).hex(' ')}"
+            data = bytes(facts["bytes"]).hex(" ")
+            return f"{facts['node']} {way} {data}{_error(facts['error'])}"
         case "host_state":
             return f"CurrentHostState is {facts['value'].rpartition('.')[2]}"
         case "host_answer":

@@ -17,7 +17,7 @@ from runner import compare
 from runner.scenario import Command, Malformed, Scenario, parse
 from runner.system import Answer, Failed, System
 from runner.timeline import Event, event_of_journal, events_of_bus
-from runner.virtual import VirtualMachine
+from runner.virtual import SETTINGS, VirtualMachine
 
 BOARD = os.environ["BOARD"]
 
@@ -76,7 +76,7 @@ class Bus(unittest.TestCase):
 
 class Scenarios(unittest.TestCase):
     def test_name_only_commands_that_their_targets_run(self):
-        methods = set(VirtualMachine.methods(VirtualMachine))
+        known = {*VirtualMachine.methods(VirtualMachine), *SETTINGS}
         files = [*TOP.glob("scenarios/*.board")]
         self.assertGreaterEqual(len(files), 30)
         for file in files:
@@ -85,7 +85,7 @@ class Scenarios(unittest.TestCase):
                 with self.subTest(file=file.name, line=one.line):
                     if "virtual" in scenario.targets:
                         passed_on = one.text.split()[0] in ("host", "power", "reset")
-                        self.assertTrue(passed_on or one.pattern in methods)
+                        self.assertTrue(passed_on or one.pattern in known)
 
     def test_are_refused_in_the_parsers_words(self):
         with self.assertRaisesRegex(Malformed, "cannot open the scenario /no/such"):

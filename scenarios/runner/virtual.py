@@ -18,8 +18,25 @@ from .qemu import Guest, GuestError
 from .system import CONTROLLERS, Failed, System, command, controller_of, errno_of
 from .timeline import Timeline
 
-NEVER = -1
-DEFAULT_DELAY_MS = 150
+def number_of(text):
+    return int(text, 0)
+
+
+# What the commands for a controller write into the kernel module's files: a value,
+# or a function of the command's last argument.
+SETTINGS = {
+    "endpoint CONTROLLER eid EID": {"eid": number_of},
+    "endpoint CONTROLLER silent": {"silent": 1},
+    "endpoint CONTROLLER answering": {"answer": "right", "silent": 0},
+    "endpoint CONTROLLER short [BYTES]": {"answer": "short"},
+    "endpoint CONTROLLER wrong-type [TYPE]": {"answer": "wrong-type"},
+    "endpoint CONTROLLER wrong-command [COMMAND]": {"answer": "wrong-command"},
+    "endpoint CONTROLLER error [CODE]": {"answer": "error"},
+    "controller CONTROLLER default": {"probe_error": 0, "node_delay_ms": 150},
+    "controller CONTROLLER comes-up-after MS": {"node_delay_ms": number_of},
+    "controller CONTROLLER never-comes-up": {"node_delay_ms": -1},
+    "controller CONTROLLER refuses-bind ERRNO": {"probe_error": errno_of},
+}
 
 
 def setting(controller, name):
@@ -41,66 +58,28 @@ class VirtualMachine(System):
         return self.guest.run(shell, seconds)
 
     def other(self, one):
-        """Those of the host are morrow-host's."""
-        if one.pattern.split()[0] not in ("host", "power", "reset"):
+        """Sets a controller up, or passes on what is morrow-host's."""
+        if one.pattern in SETTINGS:
+            self.set(SETTINGS[one.pattern], *one.arguments)
+        elif one.pattern.split()[0] in ("host", "power", "reset"):
+            self.run(f"set_host {shlex.quote(one.text)}")
+        else:
             super().other(one)
-        self.run(f"set_host {shlex.quote(one.text)}")
+
+    def set(self, values, controller, argument=None):
+        for name, value in values.items():
+            if callable(value):
+                value = value(argument)
+            elif argument is not None:
+                raise Failed("the kernel module takes no value here")
+            self.run(f"echo {value} >{setting(controller_of(controller), name)}")
 
     def counter(self, controller, name):
         return int(self.ask(f"cat {setting(controller, name)}").output)
 
-    def set(self, controller, name, value):
-        self.run(f"echo {value} >{setting(controller_of(controller), name)}")
-
     @command("boot STATE")
     def boot(self, _state):
         """It was the machine that was made so."""
-
-    @command("endpoint CONTROLLER eid EID")
-    def endpoint_eid(self, controller, eid):
-        self.set(controller, "eid", int(eid, 0))
-
-    @command("endpoint CONTROLLER silent")
-    def endpoint_silent(self, controller):
-        self.set(controller, "silent", 1)
-
-    @command("endpoint CONTROLLER answering")
-    def endpoint_answering(self, controller):
-        self.set(controller, "answer", "right")
-        self.set(controller, "silent", 0)
-
-    @command("endpoint CONTROLLER short [BYTES]")
-    def endpoint_short(self, controller):
-        self.set(controller, "answer", "short")
-
-    @command("endpoint CONTROLLER wrong-type [TYPE]")
-    def endpoint_wrong_type(self, controller):
-        self.set(controller, "answer", "wrong-type")
-
-    @command("endpoint CONTROLLER wrong-command [COMMAND]")
-    def endpoint_wrong_command(self, controller):
-        self.set(controller, "answer", "wrong-command")
-
-    @command("endpoint CONTROLLER error [CODE]")
-    def endpoint_error(self, controller):
-        self.set(controller, "answer", "error")
-
-    @command("controller CONTROLLER default")
-    def controller_default(self, controller):
-        self.set(controller, "probe_error", 0)
-        self.set(controller, "node_delay_ms", DEFAULT_DELAY_MS)
-
-    @command("controller CONTROLLER comes-up-after MS")
-    def controller_comes_up(self, controller, milliseconds):
-        self.set(controller, "node_delay_ms", int(milliseconds, 0))
-
-    @command("controller CONTROLLER never-comes-up")
-    def controller_never(self, controller):
-        self.set(controller, "node_delay_ms", NEVER)
-
-    @command("controller CONTROLLER refuses-bind ERRNO")
-    def controller_refuses(self, controller, error):
-        self.set(controller, "probe_error", errno_of(error))
 
 
 class VirtualPlayer:
