@@ -73,6 +73,17 @@ const std::string noDevice = ": System.Error.ENXIO: No such device or address";
 const std::string badMessage =
     ": org.freedesktop.DBus.Error.InconsistentMessage: Bad message";
 
+TEST(SdBusError, TakesTheContentOfAnSdBusError)
+{
+    sd_bus_error raw{};
+    sd_bus_error_set(&raw, "net.example.Error.Odd", nullptr);
+    SdBusError error(&raw, "sd_bus_call");
+    EXPECT_EQ(raw.name, nullptr);
+    const SdBusError moved(std::move(error));
+    EXPECT_STREQ(moved.what(), "sd_bus_call: net.example.Error.Odd");
+    EXPECT_EQ(moved.get_errno(), EIO);
+}
+
 TEST_F(Message, AppendingWhatSdBusRefusesIsIgnored)
 {
     auto msg = with("y", 1);

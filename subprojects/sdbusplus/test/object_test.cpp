@@ -4,6 +4,7 @@
 #include <net/example/Sample/server.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -150,6 +151,26 @@ TEST_F(Object, SendsItsSignals)
             return !received.empty();
         });
     EXPECT_EQ(received, "Happened3text");
+}
+
+using ObjectDeathTest = Object;
+
+TEST_F(ObjectDeathTest, MatchWhoseCallbackThrowsEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const sdbusplus::bus::match_t match(
+        client, "type='signal',interface='net.example.Sample'",
+        [](sdbusplus::message_t&)
+        {
+            throw std::runtime_error("thrown by a callback");
+        });
+    object.happened(3, "text");
+    EXPECT_EXIT(processUntil(
+                    []
+                    {
+                        return false;
+                    }),
+                ::testing::KilledBySignal(SIGABRT), "thrown by a callback");
 }
 
 TEST_F(Object, ManagerIgnoresAPathThatCannotHaveOne)
