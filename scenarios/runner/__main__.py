@@ -16,7 +16,6 @@ from pathlib import Path
 
 from . import compare, figures
 from .container import BROKERS, ContainerPlayer
-from .qemu import GuestError
 from .scenario import Malformed, parse
 from .simulated import SimulatedPlayer
 from .system import Failed
@@ -276,7 +275,7 @@ def main():
     arguments = arguments_of(sys.argv[1:])
     try:
         return run(arguments)
-    except (Malformed, Failed, GuestError) as error:
+    except (Malformed, Failed) as error:
         print(f"scenarios: {error}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:

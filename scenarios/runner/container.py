@@ -18,10 +18,8 @@ import time
 from pathlib import Path
 
 from .mounts import show_tree
-from .printer import lines_of
-from .system import COMMAND_SECONDS, CONTROLLERS, DROP_INS
-from .system import Answer, Failed, System, command
-from .timeline import UNIT, Event, Timeline
+from .system import COMMAND_SECONDS, DROP_INS, Answer, Failed, System, command
+from .timeline import CONTROLLERS, UNIT, Event, Timeline
 
 # The unit that each broker comes with.
 BROKERS = {
@@ -411,15 +409,8 @@ class ContainerPlayer:
         return Container(root, name, log)
 
     def play(self, container, scenario):
-        """Plays it, and leaves its timeline.
-        @raise Failed"""
         container.reset()
-        try:
-            container.play(scenario)
-        except Failed as failure:
-            raise Failed(str(failure), lines_of(container.timeline)) from failure
-        finally:
-            container.timeline.save(self.place / f"{scenario.name}.jsonl")
+        container.play(scenario, self.place)
 
     def _write_settings(self, root):
         """What a machine has besides a Debian system and the daemon."""

@@ -10,7 +10,7 @@ import concurrent.futures
 import re
 
 from .system import DROP_INS
-from .timeline import UNIT, Timeline
+from .timeline import UNIT
 
 MEASURED_SECONDS = 60
 
@@ -24,7 +24,7 @@ def measure(player):
 
 
 def _measured(player, name, measure_on):
-    with player.machine(name, Timeline()) as board:
+    with player.machine(name) as board:
         board.run(f"rm -r {DROP_INS} && systemctl daemon-reload")
         return measure_on(board)
 

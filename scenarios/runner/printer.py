@@ -3,7 +3,7 @@
 
 import os
 
-from .system import CONTROLLERS
+from .timeline import CONTROLLERS
 
 
 def lines_of(timeline):

@@ -19,7 +19,7 @@ import threading
 import time
 from pathlib import Path
 
-from .system import COMMAND_SECONDS, Answer
+from .system import COMMAND_SECONDS, Answer, Failed
 
 MEMORY_MB = 512
 PROCESSORS = 1
@@ -33,10 +33,6 @@ BOOT_SECONDS = 900
 
 # Authentication of pointers and scalable vectors are slow in emulation.
 CPU = "max,pauth=off,sve=off"
-
-
-class GuestError(Exception):
-    """What went wrong with the machine itself, as one line."""
 
 
 class Line:
@@ -92,7 +88,7 @@ class Guest:
             ]
         )
         if self._read_line(BOOT_SECONDS) != "ready":
-            raise GuestError("the machine does not speak our language")
+            raise Failed("the machine does not speak our language")
 
     def resume(self, state):
         """Goes on from the state of another machine."""
@@ -116,7 +112,7 @@ class Guest:
             if status == "completed":
                 return
             if status in ("failed", "cancelled"):
-                raise GuestError(f"the machine's state cannot be saved: {status}")
+                raise Failed(f"the machine's state cannot be saved: {status}")
             time.sleep(0.05)
 
     def run(self, command, limit=COMMAND_SECONDS):
@@ -186,12 +182,12 @@ class Guest:
                 answer = json.loads(text)
                 if "error" in answer:
                     reason = answer["error"]["desc"]
-                    raise GuestError(f"QEMU refuses {command}: {reason}")
+                    raise Failed(f"QEMU refuses {command}: {reason}")
                 if "return" in answer:
                     return answer["return"]
         except OSError:
             pass  # it has ended, like one that closes the line
-        raise GuestError(f"QEMU ended while asked to {command}{self._last_words()}")
+        raise Failed(f"QEMU ended while asked to {command}{self._last_words()}")
 
     def _read_line(self, limit, command=None):
         while b"\n" not in self.received:
@@ -208,10 +204,10 @@ class Guest:
     def _receive(self, limit, command):
         what = f'the command "{command}"' if command else "the machine's start"
         if not select.select([self.commands.ours], [], [], limit)[0]:
-            raise GuestError(f"{what} took longer than {limit} s{self._last_words()}")
+            raise Failed(f"{what} took longer than {limit} s{self._last_words()}")
         data = self.commands.ours.recv(65536)
         if not data:
-            raise GuestError(f"the machine ended during {what}{self._last_words()}")
+            raise Failed(f"the machine ended during {what}{self._last_words()}")
         self.received += data
 
     def _last_words(self):

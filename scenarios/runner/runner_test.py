@@ -5,6 +5,7 @@
 import json
 import os
 import sys
+import tempfile
 import unittest
 from pathlib import Path
 
@@ -117,7 +118,8 @@ class Commands(unittest.TestCase):
 
     def play(self, pattern, *arguments):
         one = Command(7, "the text", pattern, arguments)
-        self.machine.play(Scenario(Path("a.board"), [], [one]))
+        with tempfile.TemporaryDirectory() as place:
+            self.machine.play(Scenario(Path("a.board"), [], [one]), Path(place))
 
     def published(self, eid="29"):
         self.play("wait published EID", eid)
@@ -144,7 +146,8 @@ class Commands(unittest.TestCase):
 
     def test_take_no_event_of_before_the_last_one(self):
         self.timeline.add(Event(1, "kernel", "device_down", {"controller": 0}))
-        self.timeline.add(Event(2_000_000, "journal", "log", {"text": "on"}))
+        log = {"file": "morrow", "line": 1, "text": "on"}
+        self.timeline.add(Event(2_000_000, "journal", "log", log))
         self.play("wait log TEXT", "on")
         with self.assertRaises(Failed):
             self.play("wait down CONTROLLER", "0")

@@ -12,12 +12,12 @@ import shlex
 import signal
 from dataclasses import dataclass
 
-from .timeline import SOURCE_DELAY, UNIT, Event, Timeline, WaitFailed
+from .printer import lines_of
+from .timeline import CONTROLLERS, SOURCE_DELAY, UNIT, Event, Timeline, WaitFailed
 
 SERVICE = "xyz.openbmc_project.mctp"
 # All endpoints are in the first network.
 OBJECTS = "/xyz/openbmc_project/mctp/0"
-CONTROLLERS = ["fff10000.i3c", "fff11000.i3c"]
 DROP_INS = f"/etc/systemd/system/{UNIT}.d"
 
 # In seconds, for a machine that is ten times slower than an idle one with two
@@ -99,18 +99,21 @@ class System:
         self.settings = []
         self.seen = {}
 
-    def play(self, scenario):
-        """Raises Failed with the line that failed."""
+    def play(self, scenario, place):
+        """Plays it, and leaves its timeline in a directory.
+        @raise Failed with the line that failed"""
         methods = self.methods()
-        for one in scenario.commands:
-            try:
+        try:
+            for one in scenario.commands:
                 if one.pattern in methods:
                     methods[one.pattern](*one.arguments)
                 else:
                     self.other(one)
-            except Exception as failure:
-                where = f"{os.path.relpath(scenario.path)}:{one.line}: {one.text}"
-                raise Failed(f"{where}: {failure}") from failure
+        except Exception as failure:
+            where = f"{os.path.relpath(scenario.path)}:{one.line}: {one.text}"
+            raise Failed(f"{where}: {failure}", lines_of(self.timeline)) from failure
+        finally:
+            self.timeline.save(place / f"{scenario.name}.jsonl")
 
     def methods(self):
         """The methods that run commands, by pattern."""

@@ -15,6 +15,7 @@ from dataclasses import dataclass, field
 
 ENDPOINT = "xyz.openbmc_project.mctp.Endpoint"
 UNIT = "morrow.service"
+CONTROLLERS = ["fff10000.i3c", "fff11000.i3c"]
 
 # The journal's id of the service manager's "Started ...".
 UNIT_STARTED = "39f53479d3a045ac8e11786248231fbf"

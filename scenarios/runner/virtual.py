@@ -13,10 +13,9 @@ import shlex
 import shutil
 import subprocess
 
-from .printer import lines_of
-from .qemu import Guest, GuestError
-from .system import CONTROLLERS, Failed, System, command, controller_of, errno_of
-from .timeline import Timeline
+from .qemu import Guest
+from .system import Failed, System, command, controller_of, errno_of
+from .timeline import CONTROLLERS, Timeline
 
 def number_of(text):
     return int(text, 0)
@@ -101,25 +100,18 @@ class VirtualPlayer:
         return contextlib.nullcontext(self)
 
     def play(self, _worker, scenario):
-        """Plays it, and leaves its timeline.
-        @raise Failed, GuestError"""
         first = scenario.commands[0]
         boot = first.arguments[0] if first.pattern == "boot STATE" else None
-        timeline = Timeline()
-        try:
-            with self.machine(scenario.name, timeline, boot) as machine:
-                machine.play(scenario)
-        except (Failed, GuestError) as failure:
-            raise Failed(str(failure), lines_of(timeline)) from failure
-        finally:
-            timeline.save(self.place / f"{scenario.name}.jsonl")
+        with self.machine(scenario.name, boot) as machine:
+            machine.play(scenario, self.place)
 
     @contextlib.contextmanager
-    def machine(self, name, timeline, boot=None):
+    def machine(self, name, boot=None):
         """A machine that goes on from the state, or is switched on with the host
         in a state."""
         console = self.place / f"{name}.console"
         console.unlink(missing_ok=True)
+        timeline = Timeline()
         with Guest(
             self.files, console, timeline.add_journal, timeline.add_bus
         ) as guest:
