@@ -146,11 +146,11 @@ class Scratch:
             target["id"]: [os.path.relpath(file, self.build) for file in target["filename"]]
             for target in self._introspect("targets")
         }
+        place = str(self.build / "tests" / "unit")
         programs = {
             test["name"]: Program(test, [f for id in test["depends"] for f in files[id]])
             for test in self._introspect("tests")
-            if any(suite.endswith(":unit") for suite in test["suite"])
-            and any(part.startswith("tests/unit/") for part in test["cmd"])
+            if any(part.startswith(place) for part in test["cmd"])
         }
         if not programs:
             raise ScratchError("no unit tests: are gtest and gmock installed?")
