@@ -63,6 +63,8 @@ class Guest:
         self.commands = Line("commands", 1)
         self.listeners = [(Line("journal", 2), on_journal), (Line("bus", 3), on_bus)]
         self.monitor_line = Line("monitor", 0)
+        listening = [line for line, _ in self.listeners]
+        self.lines = [self.commands, self.monitor_line, *listening]
         self.monitor = None
         self.process = None
         self.received = b""
@@ -71,8 +73,10 @@ class Guest:
         return self
 
     def __exit__(self, *_):
-        self.end()
-        for line in [self.commands, self.monitor_line] + [l for l, _ in self.listeners]:
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+        for line in self.lines:
             line.ours.close()
 
     def boot(self, *parameters, state=None):
@@ -123,18 +127,11 @@ class Guest:
         output = self._read(size, limit, command)
         return Answer(status, began, ended, output.decode(errors="replace"))
 
-    def end(self):
-        """Ends the machine at once; from any thread, and more than once."""
-        if self.process:
-            self.process.kill()
-            self.process.wait()
-
     def wait(self):
         """Waits until the machine is switched off."""
         self.process.wait()
 
     def _start(self, beginning):
-        ends = [self.commands, self.monitor_line] + [line for line, _ in self.listeners]
         arguments = [
             # It ends with this process, however that ends.
             *("setpriv", "--pdeathsig", "KILL"),
@@ -153,11 +150,11 @@ class Guest:
         ]
         self.process = subprocess.Popen(
             arguments,
-            pass_fds=[line.theirs.fileno() for line in ends],
+            pass_fds=[line.theirs.fileno() for line in self.lines],
             stdin=subprocess.DEVNULL if self.console else None,
             stderr=subprocess.PIPE if self.console else None,
         )
-        for line in ends:
+        for line in self.lines:
             line.theirs.close()
         for line, on_line in self.listeners:
             threading.Thread(target=_listen, args=(line, on_line), daemon=True).start()

@@ -158,12 +158,6 @@ class Commands(unittest.TestCase):
         self.published()
         self.play("wait up CONTROLLER", "1")
 
-    def test_end_with_the_machine(self):
-        self.machine.timeout = 60
-        self.timeline.end()
-        with self.assertRaisesRegex(Failed, "the machine was ended"):
-            self.published()
-
     def test_tell_endpoints_apart(self):
         self.add(1, 129)
         with self.assertRaises(Failed):

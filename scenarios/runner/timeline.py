@@ -49,13 +49,6 @@ class Timeline:
         self.since = since
         self.changed = threading.Condition()
         self.events = []
-        self.ended = False
-
-    def end(self):
-        """No more events come: ends all waits."""
-        with self.changed:
-            self.ended = True
-            self.changed.notify_all()
 
     def add(self, event):
         if event and event.at >= self.since:
@@ -81,8 +74,6 @@ class Timeline:
                     if event.at >= since and matches(event):
                         return first, event
                     first += 1
-                if self.ended:
-                    raise WaitFailed(f"no {what}: the machine was ended")
                 left = deadline - time.monotonic()
                 if left <= 0:
                     raise WaitFailed(f"no {what} within {timeout:g} s")
