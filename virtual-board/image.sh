@@ -195,14 +195,15 @@ masked_generators=(
 )
 
 # enable_units ROOT: what `systemctl enable` does in a running system, for the
-# units that were installed.
+# daemon's units and the board's drivers.
 enable_units() {
     local root=$1 unit by wanted_by
-    for unit in "$root"/usr/lib/systemd/system/morrow*.service; do
+    for unit in "$root"/usr/lib/systemd/system/morrow*.service \
+        "$root/etc/systemd/system/board-kernel.service"; do
         read -ra wanted_by < <(sed -n 's/^WantedBy=//p' "$unit")
         for by in "${wanted_by[@]}"; do
             mkdir -p "$root/etc/systemd/system/$by.wants"
-            ln -sfn "${unit#"$root/usr"}" "$root/etc/systemd/system/$by.wants"
+            ln -sfn "${unit#"$root"}" "$root/etc/systemd/system/$by.wants"
         done
     done
 }
