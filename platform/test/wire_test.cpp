@@ -39,14 +39,21 @@ struct Piece
     Envelope envelope = request;
 };
 
-Progress add(Reassembler& reassembler, const Piece& piece)
+/** Adds packets, of which only the last one may end a message. */
+Progress add(Reassembler& reassembler, const std::vector<Piece>& pieces)
 {
-    const Bytes body = messageOf(piece.size);
-    return reassembler.add({.envelope = piece.envelope,
-                            .start = piece.start,
-                            .end = piece.end,
-                            .sequence = piece.sequence,
-                            .body = body});
+    auto progress = Progress::incomplete;
+    for (const auto& piece : pieces)
+    {
+        EXPECT_EQ(progress, Progress::incomplete);
+        const Bytes body = messageOf(piece.size);
+        progress = reassembler.add({.envelope = piece.envelope,
+                                    .start = piece.start,
+                                    .end = piece.end,
+                                    .sequence = piece.sequence,
+                                    .body = body});
+    }
+    return progress;
 }
 
 Progress addAll(Reassembler& reassembler, const std::vector<Bytes>& packets)
@@ -164,7 +171,7 @@ TEST(Reassembler, DropsAMessageOfMoreThanItsCapacity)
     Reassembler reassembler(capacity);
     EXPECT_EQ(addAll(reassembler, fragment(request, messageOf(161))),
               Progress::tooLong);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 3}),
+    EXPECT_EQ(add(reassembler, {{.end = true, .sequence = 3}}),
               Progress::incomplete);
     Reassembler tiny(2);
     EXPECT_EQ(addAll(tiny, fragment(request, messageOf(3))), Progress::tooLong);
@@ -175,54 +182,37 @@ TEST(Reassembler, DropsAMessageOfMoreThanItsCapacity)
 TEST(Reassembler, MayStartAtAnySequenceNumber)
 {
     Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.start = true, .sequence = 3}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 0}),
+    EXPECT_EQ(add(reassembler, {{.start = true, .sequence = 3},
+                                {.end = true, .sequence = 0}}),
               Progress::complete);
     EXPECT_EQ(reassembler.message().size(), 128);
 }
 
-TEST(Reassembler, IgnoresPacketsWithoutAStart)
+TEST(Reassembler, DropsWhatIsNoMessage)
 {
-    Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.sequence = 0}), Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 1}),
-              Progress::incomplete);
-}
-
-TEST(Reassembler, DropsAMessageOutOfSequence)
-{
-    Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.start = true}), Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.sequence = 2}), Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 1}),
-              Progress::incomplete);
-}
-
-TEST(Reassembler, DropsAMessageOfUnevenPackets)
-{
-    Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.start = true, .size = 32}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.sequence = 1, .size = 31}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 2, .size = 32}),
-              Progress::incomplete);
-
-    EXPECT_EQ(add(reassembler, {.start = true, .size = 32}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 1, .size = 33}),
-              Progress::incomplete);
+    for (const auto& pieces : std::vector<std::vector<Piece>>{
+             // Without a start
+             {{.sequence = 0}, {.end = true, .sequence = 1}},
+             // Out of sequence
+             {{.start = true}, {.sequence = 2}, {.end = true, .sequence = 1}},
+             // Of uneven packets
+             {{.start = true, .size = 32},
+              {.sequence = 1, .size = 31},
+              {.end = true, .sequence = 2, .size = 32}},
+             {{.start = true, .size = 32},
+              {.end = true, .sequence = 1, .size = 33}}})
+    {
+        Reassembler reassembler(capacity);
+        EXPECT_EQ(add(reassembler, pieces), Progress::incomplete);
+    }
 }
 
 TEST(Reassembler, BeginsANewMessageAtEachStart)
 {
     Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.start = true, .size = 64}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.start = true, .sequence = 1, .size = 8}),
-              Progress::incomplete);
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 2, .size = 4}),
+    EXPECT_EQ(add(reassembler, {{.start = true, .size = 64},
+                                {.start = true, .sequence = 1, .size = 8},
+                                {.end = true, .sequence = 2, .size = 4}}),
               Progress::complete);
     EXPECT_EQ(reassembler.message().size(), 12);
 }
@@ -238,14 +228,14 @@ TEST(Reassembler, KeepsConversationsApart)
     auto tag = request;
     tag.tag = 1;
     Reassembler reassembler(capacity);
-    EXPECT_EQ(add(reassembler, {.start = true}), Progress::incomplete);
+    EXPECT_EQ(add(reassembler, {{.start = true}}), Progress::incomplete);
     for (const auto& other : {destination, source, owner, tag})
     {
         EXPECT_EQ(
-            add(reassembler, {.end = true, .sequence = 1, .envelope = other}),
+            add(reassembler, {{.end = true, .sequence = 1, .envelope = other}}),
             Progress::incomplete);
     }
-    EXPECT_EQ(add(reassembler, {.end = true, .sequence = 1}),
+    EXPECT_EQ(add(reassembler, {{.end = true, .sequence = 1}}),
               Progress::complete);
 }
 
