@@ -641,6 +641,7 @@ TEST_F(Daemon, VendorThatIsNotIntelMakesItIdleWhateverTheHostDoes)
     EXPECT_EQ(record::count("log 4 morrow: Change State to OFF\n"), 0);
     EXPECT_EQ(record::count("log 4 morrow: Change State to ON\n"), 0);
     EXPECT_EQ(record::count("write bind fff10000.i3c"), 0);
+    EXPECT_THAT(observer->seen(), Not(Contains(HasSubstr("InterfacesAdded"))));
 }
 
 TEST_F(Daemon, HasFourThreads)
