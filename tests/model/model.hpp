@@ -88,8 +88,7 @@ class Model
 
     // The host
     bool readHostState();
-    void handle(const PowerStateSignal& signal);
-    void handle(const ResetCauseSignal& signal);
+    void handle(const ControlSignal& signal);
     void powerStateIs(const std::string& value);
     void resetCauseIs(const std::string& value);
     void armPowerDown();

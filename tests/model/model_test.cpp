@@ -95,10 +95,16 @@ std::string firstDifference(const model::State& model,
                             const model::State& daemon)
 {
     std::ostringstream text;
-    for (const auto& [name, expected, is] : differences(model, daemon))
+    const auto expected = members(model);
+    const auto actual = members(daemon);
+    for (std::size_t index = 0; index < expected.size(); ++index)
     {
-        text << "  " << name << ": model " << expected << ", daemon " << is
-             << '\n';
+        if (expected[index] != actual[index])
+        {
+            text << "  " << expected[index].first << ": model "
+                 << expected[index].second << ", daemon "
+                 << actual[index].second << '\n';
+        }
     }
     return text.str();
 }

@@ -247,9 +247,10 @@ Gen<Event> event()
     const auto anything = gen::weightedOneOf<Event>({
         {8, any(gen::construct<HostStateIs>(hostState()))},
         {1, any(gen::just(HostIsSilent{}))},
-        {3,
-         any(gen::construct<PowerStateSignal>(changes("InternalPowerState")))},
-        {4, any(gen::construct<ResetCauseSignal>(changes("ResetCause")))},
+        {3, any(gen::construct<ControlSignal>(gen::just(false),
+                                              changes("InternalPowerState")))},
+        {4, any(gen::construct<ControlSignal>(gen::just(true),
+                                              changes("ResetCause")))},
         {5, any(deviceBehaviour())},
         {7, any(endpointBehaviour())},
         {2, any(ids())},

@@ -188,16 +188,22 @@ void Model::armPowerDown()
     now.awaitHostRunning = 1;
 }
 
-void Model::handle(const PowerStateSignal& signal)
+void Model::handle(const ControlSignal& signal)
 {
+    const std::string objects = "Path:[/xyz/openbmc_project/control/host0/";
     logs(1, client,
-         "signalHandler_internalpowerstate:Path:"
-         "[/xyz/openbmc_project/control/host0/internal_power_state]");
-    for (const auto& change : signal.changes)
+         signal.isReset ? "signalHandler_warmreset:" + objects + "reset_cause]"
+                        : "signalHandler_internalpowerstate:" + objects +
+                              "internal_power_state]");
+    for (const auto& [name, value] : signal.changes)
     {
-        if (change.name == "InternalPowerState")
+        if (signal.isReset && name == "ResetCause")
         {
-            powerStateIs(change.value);
+            resetCauseIs(value);
+        }
+        else if (!signal.isReset && name == "InternalPowerState")
+        {
+            powerStateIs(value);
         }
     }
 }
@@ -222,20 +228,6 @@ void Model::powerStateIs(const std::string& value)
     if (state->leavesS0)
     {
         armPowerDown();
-    }
-}
-
-void Model::handle(const ResetCauseSignal& signal)
-{
-    logs(1, client,
-         "signalHandler_warmreset:Path:"
-         "[/xyz/openbmc_project/control/host0/reset_cause]");
-    for (const auto& change : signal.changes)
-    {
-        if (change.name == "ResetCause")
-        {
-            resetCauseIs(change.value);
-        }
     }
 }
 
@@ -273,12 +265,7 @@ void Model::apply(const Event& event)
             around.hostAnswers = false;
         }
 
-        void operator()(const PowerStateSignal& signal) const
-        {
-            model.handle(signal);
-        }
-
-        void operator()(const ResetCauseSignal& signal) const
+        void operator()(const ControlSignal& signal) const
         {
             model.handle(signal);
         }

@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <ostream>
 #include <span>
-#include <string_view>
-#include <type_traits>
 
 namespace model
 {
@@ -30,26 +28,19 @@ std::string hostState(const std::string& text)
     return text == poweredOff ? "Off" : quoted(text);
 }
 
-template <typename Value>
-std::string describe(const Value& value)
+std::string describe(int64_t number)
 {
-    if constexpr (std::is_arithmetic_v<Value>)
+    return std::to_string(number);
+}
+
+std::string describe(const Texts& texts)
+{
+    std::string list;
+    for (const auto& text : texts)
     {
-        return std::to_string(value);
+        list += (list.empty() ? "" : ", ") + text;
     }
-    else if constexpr (std::is_same_v<Value, Texts>)
-    {
-        std::string list;
-        for (const auto& text : value)
-        {
-            list += (list.empty() ? "" : ", ") + text;
-        }
-        return "[" + list + "]";
-    }
-    else
-    {
-        return hostState(value);
-    }
+    return "[" + list + "]";
 }
 
 std::string describe(const std::vector<Change>& changes)
@@ -119,14 +110,11 @@ struct Describe
         return "the host's state cannot be read";
     }
 
-    std::string operator()(const PowerStateSignal& signal) const
+    std::string operator()(const ControlSignal& signal) const
     {
-        return "power state signal:" + describe(signal.changes);
-    }
-
-    std::string operator()(const ResetCauseSignal& signal) const
-    {
-        return "reset cause signal:" + describe(signal.changes);
+        return (signal.isReset ? "reset cause signal:"
+                               : "power state signal:") +
+               describe(signal.changes);
     }
 
     std::string operator()(const DeviceBehaves& behaviour) const
@@ -196,32 +184,19 @@ Attempt goodAnswer(uint8_t eid)
     return {.bytes = {0x00, 0x01, 0x0D, 0x00}, .eid = eid};
 }
 
-std::vector<Difference> differences(const State& first, const State& second)
+std::vector<std::pair<std::string, std::string>> members(const State& state)
 {
-    std::vector<Difference> found;
-    const auto compare =
-        [&](std::string_view name, const auto& left, const auto& right)
-    {
-        if (left != right)
-        {
-            found.push_back(
-                {std::string(name), describe(left), describe(right)});
-        }
-    };
-    compare("daemon_state", first.daemonState, second.daemonState);
-    compare("wait_ticks", first.waitTicks, second.waitTicks);
-    compare("state_after_wait", first.stateAfterWait, second.stateAfterWait);
-    compare("power_down_pending", first.powerDownPending,
-            second.powerDownPending);
-    compare("await_host_running", first.awaitHostRunning,
-            second.awaitHostRunning);
-    compare("current_host_state", first.hostState, second.hostState);
-    compare("cpu_vendor", first.cpuVendor, second.cpuVendor);
-    compare("cpu_vendor_status", first.cpuVendorStatus, second.cpuVendorStatus);
-    compare("i3c_device_map", first.devices, second.devices);
-    compare("i3c_discovered_map", first.discovered, second.discovered);
-    compare("i3c_device_notify_map", first.notified, second.notified);
-    return found;
+    return {{"daemon_state", describe(state.daemonState)},
+            {"wait_ticks", describe(state.waitTicks)},
+            {"state_after_wait", describe(state.stateAfterWait)},
+            {"power_down_pending", describe(state.powerDownPending)},
+            {"await_host_running", describe(state.awaitHostRunning)},
+            {"current_host_state", hostState(state.hostState)},
+            {"cpu_vendor", describe(state.cpuVendor)},
+            {"cpu_vendor_status", describe(state.cpuVendorStatus)},
+            {"i3c_device_map", describe(state.devices)},
+            {"i3c_discovered_map", describe(state.discovered)},
+            {"i3c_device_notify_map", describe(state.notified)}};
 }
 
 std::string describe(const Step& step)
@@ -234,11 +209,14 @@ std::string describe(const Step& step)
 std::ostream& operator<<(std::ostream& out, const State& state)
 {
     out << "After start-up";
-    for (const auto& [name, defaultValue, other] :
-         differences(afterStartUp(), state))
+    const auto byDefault = members(afterStartUp());
+    for (const auto& member : members(state))
     {
-        out << ", " << name << " is " << other << " (not " << defaultValue
-            << ")";
+        if (std::find(byDefault.begin(), byDefault.end(), member) ==
+            byDefault.end())
+        {
+            out << ", " << member.first << " is " << member.second;
+        }
     }
     return out;
 }

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -76,22 +77,13 @@ struct HostIsSilent
 {
 };
 
-/** A property with its new value. */
-struct Change
-{
-    std::string name;
-    std::string value;
-};
+/** A property's name with its new value. */
+using Change = std::pair<std::string, std::string>;
 
-/** A signal of the host's internal power state. */
-struct PowerStateSignal
+/** A signal of the host's internal power state or of its reset cause. */
+struct ControlSignal
 {
-    std::vector<Change> changes;
-};
-
-/** A signal of the host's reset cause. */
-struct ResetCauseSignal
-{
+    bool isReset = false;
     std::vector<Change> changes;
 };
 
@@ -144,9 +136,9 @@ struct VendorReads
 };
 
 using Event =
-    std::variant<NoEvent, HostStateIs, HostIsSilent, PowerStateSignal,
-                 ResetCauseSignal, DeviceBehaves, EndpointBehaves, IdsAre,
-                 DriverFilesOpen, NodeIsMade, EntryIsMade, VendorReads>;
+    std::variant<NoEvent, HostStateIs, HostIsSilent, ControlSignal,
+                 DeviceBehaves, EndpointBehaves, IdsAre, DriverFilesOpen,
+                 NodeIsMade, EntryIsMade, VendorReads>;
 
 struct Step
 {
@@ -175,15 +167,8 @@ Attempt goodAnswer(uint8_t eid);
 /** The endpoint ids by default. */
 inline constexpr std::array<uint8_t, 2> defaultEids{0x1D, 0x9D};
 
-/** A member in which two states differ. */
-struct Difference
-{
-    std::string name; //!< as the daemon calls it
-    std::string first;
-    std::string second;
-};
-
-std::vector<Difference> differences(const State& first, const State& second);
+/** The members of a state by the daemon's names, in the words of a failure. */
+std::vector<std::pair<std::string, std::string>> members(const State& state);
 
 std::string describe(const Step& step);
 

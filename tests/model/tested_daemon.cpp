@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 #include <utility>
 
 namespace model
@@ -34,16 +35,7 @@ sdbusplus::message_t propertiesChanged(sdbusplus::bus_t& bus, const char* path,
     auto message = bus.new_signal(path, "org.freedesktop.DBus.Properties",
                                   "PropertiesChanged");
     auto* raw = message.get();
-    check(sd_bus_message_append(raw, "s", "test.Interface"), "interface");
-    check(sd_bus_message_open_container(raw, 'a', "{sv}"), "dictionary");
-    for (const auto& [name, value] : changes)
-    {
-        check(sd_bus_message_append(raw, "{sv}", name.c_str(), "s",
-                                    value.c_str()),
-              "entry");
-    }
-    check(sd_bus_message_close_container(raw), "dictionary");
-    check(sd_bus_message_append(raw, "as", 0), "invalidated");
+    check(appendChanges(raw, changes), "body");
     check(sd_bus_message_seal(raw, 1, 0), "seal");
     return message;
 }
@@ -68,6 +60,25 @@ void makeEntry(const std::string& path, ClassEntry entry)
     {
         std::ofstream{path};
     }
+}
+
+/** The daemon's state. */
+auto globals()
+{
+    return std::tie(daemon_state, wait_ticks, state_after_wait,
+                    power_down_pending, await_host_running, current_host_state,
+                    cpu_vendor, cpu_vendor_status, i3c_device_map,
+                    i3c_discovered_map, i3c_device_notify_map);
+}
+
+/** The same of a State. */
+template <typename AnyState>
+auto membersOf(AnyState& state)
+{
+    return std::tie(state.daemonState, state.waitTicks, state.stateAfterWait,
+                    state.powerDownPending, state.awaitHostRunning,
+                    state.hostState, state.cpuVendor, state.cpuVendorStatus,
+                    state.devices, state.discovered, state.notified);
 }
 
 } // namespace
@@ -102,17 +113,7 @@ void TestedDaemon::begin(const State& start)
     (void)morrow_dbus_server::get_instance().deleteAllEndpointObject(0);
     clearFiles();
     defaultSurroundings();
-    daemon_state = start.daemonState;
-    wait_ticks = start.waitTicks;
-    state_after_wait = start.stateAfterWait;
-    power_down_pending = start.powerDownPending;
-    await_host_running = start.awaitHostRunning;
-    current_host_state = start.hostState;
-    cpu_vendor = start.cpuVendor;
-    cpu_vendor_status = start.cpuVendorStatus;
-    i3c_device_map = start.devices;
-    i3c_discovered_map = start.discovered;
-    i3c_device_notify_map = start.notified;
+    globals() = membersOf(start);
     effects.clear();
 }
 
@@ -160,18 +161,15 @@ void TestedDaemon::apply(const Event& event)
             daemon.host.answersError("test.Error.Broken");
         }
 
-        void operator()(const PowerStateSignal& signal) const
+        void operator()(const ControlSignal& signal) const
         {
-            auto message = propertiesChanged(
-                daemon.client, HostControl::powerState, signal.changes);
-            signalHandler_internalpowerstate(message);
-        }
-
-        void operator()(const ResetCauseSignal& signal) const
-        {
-            auto message = propertiesChanged(
-                daemon.client, HostControl::resetCause, signal.changes);
-            signalHandler_warmreset(message);
+            auto message =
+                propertiesChanged(daemon.client,
+                                  signal.isReset ? HostControl::resetCause
+                                                 : HostControl::powerState,
+                                  signal.changes);
+            signal.isReset ? signalHandler_warmreset(message)
+                           : signalHandler_internalpowerstate(message);
         }
 
         void operator()(const DeviceBehaves& behaviour) const
@@ -199,16 +197,16 @@ void TestedDaemon::apply(const Event& event)
 
         void operator()(const DriverFilesOpen& files) const
         {
-            if (std::exchange(daemon.bindOpens, files.bind) != files.bind)
+            const auto opens = [](const char* file, bool& before, bool now)
             {
-                files.bind ? DriverFiles::restoreBindFile()
-                           : DriverFiles::removeBindFile();
-            }
-            if (std::exchange(daemon.unbindOpens, files.unbind) != files.unbind)
-            {
-                files.unbind ? DriverFiles::restoreUnbindFile()
-                             : DriverFiles::removeUnbindFile();
-            }
+                if (std::exchange(before, now) != now)
+                {
+                    now ? DriverFiles::putBack(file)
+                        : DriverFiles::putAside(file);
+                }
+            };
+            opens("bind", daemon.bindOpens, files.bind);
+            opens("unbind", daemon.unbindOpens, files.unbind);
         }
 
         void operator()(const NodeIsMade& node) const
@@ -252,17 +250,7 @@ void TestedDaemon::applyTransitionRules()
 State TestedDaemon::state()
 {
     State state;
-    state.daemonState = daemon_state;
-    state.waitTicks = wait_ticks;
-    state.stateAfterWait = state_after_wait;
-    state.powerDownPending = power_down_pending;
-    state.awaitHostRunning = await_host_running;
-    state.hostState = current_host_state;
-    state.cpuVendor = cpu_vendor;
-    state.cpuVendorStatus = cpu_vendor_status;
-    state.devices = i3c_device_map;
-    state.discovered = i3c_discovered_map;
-    state.notified = i3c_device_notify_map;
+    membersOf(state) = globals();
     return state;
 }
 

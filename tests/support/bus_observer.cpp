@@ -3,12 +3,9 @@
 
 #include "record.hpp"
 
-#include <poll.h>
 #include <sdbusplus/bus.hpp>
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -27,30 +24,32 @@ using Value = std::variant<std::string, std::vector<uint8_t>, uint16_t,
 using Properties = std::map<std::string, Value>;
 using Interfaces = std::map<std::string, Properties>;
 
+std::string textOf(const std::string& text)
+{
+    return text;
+}
+
+std::string textOf(const std::vector<uint8_t>& bytes)
+{
+    std::string list;
+    for (const uint8_t byte : bytes)
+    {
+        list += (list.empty() ? "" : ",") + std::to_string(byte);
+    }
+    return "[" + list + "]";
+}
+
+std::string textOf(uint32_t number)
+{
+    return std::to_string(number);
+}
+
 std::string textOf(const Value& value)
 {
-    if (const auto* text = std::get_if<std::string>(&value))
-    {
-        return *text;
-    }
-    if (const auto* bytes = std::get_if<std::vector<uint8_t>>(&value))
-    {
-        std::string list;
-        for (const uint8_t byte : *bytes)
-        {
-            list += (list.empty() ? "" : ",") + std::to_string(byte);
-        }
-        return "[" + list + "]";
-    }
     return std::visit(
-        [](const auto& number) -> std::string
+        [](const auto& held)
         {
-            if constexpr (std::is_integral_v<
-                              std::remove_cvref_t<decltype(number)>>)
-            {
-                return std::to_string(number);
-            }
-            return {};
+            return textOf(held);
         },
         value);
 }
@@ -101,11 +100,15 @@ std::string describe(sdbusplus::message_t& message)
         message.read(changed, properties);
         return message.get_path() + textOf(properties);
     }
-    std::string name;
-    std::string before;
-    std::string after;
-    message.read(name, before, after);
-    return after.empty() ? "gone" : "owned";
+    if (member == "NameOwnerChanged")
+    {
+        std::string name;
+        std::string before;
+        std::string after;
+        message.read(name, before, after);
+        return after.empty() ? "gone" : "owned";
+    }
+    return message.get_path();
 }
 
 int onSignal(sd_bus_message* raw, void* /*userData*/, sd_bus_error* /*error*/)
@@ -121,22 +124,30 @@ int onSignal(sd_bus_message* raw, void* /*userData*/, sd_bus_error* /*error*/)
     return 0;
 }
 
-sdbusplus::message_t newCall(sdbusplus::bus_t& bus, const std::string& path,
-                             const char* calledInterface, const char* member)
-{
-    return bus.new_method_call(service, path.c_str(), calledInterface, member);
-}
-
 constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
-/** Runs a call and turns its error into text. */
-template <typename Call>
-std::string orError(const Call& call)
+/** Calls the daemon. */
+template <typename... Arguments>
+sdbusplus::message_t ask(sdbusplus::bus_t& bus, const std::string& path,
+                         const char* calledInterface, const char* member,
+                         const Arguments&... arguments)
+{
+    auto call =
+        bus.new_method_call(service, path.c_str(), calledInterface, member);
+    call.append(arguments...);
+    return bus.call(call);
+}
+
+/** The text of what the daemon answers, or the error's name and message. */
+template <typename Answer, typename... Arguments>
+std::string answerTo(const Arguments&... arguments)
 {
     try
     {
         auto bus = sdbusplus::bus::new_system();
-        return call(bus);
+        Answer answer{};
+        ask(bus, arguments...).read(answer);
+        return textOf(answer);
     }
     catch (const sdbusplus::exception::SdBusError& error)
     {
@@ -148,11 +159,11 @@ std::string orError(const Call& call)
 
 BusObserver::BusObserver()
 {
-    check(sd_bus_open_system(&marker), "sd_bus_open_system");
     for (const char* rule :
          {"type='signal',interface='org.freedesktop.DBus.ObjectManager'",
           "type='signal',interface='org.freedesktop.DBus.Properties',"
           "path_namespace='/xyz/openbmc_project/mctp'",
+          "type='signal',interface='xyz.openbmc_project.mctp.Endpoint'",
           "type='signal',sender='org.freedesktop.DBus',"
           "member='NameOwnerChanged',arg0='xyz.openbmc_project.mctp'",
           "type='signal',interface='test.Marker'"})
@@ -168,11 +179,6 @@ BusObserver::BusObserver()
         });
 }
 
-BusObserver::~BusObserver()
-{
-    sd_bus_flush_close_unref(marker);
-}
-
 std::vector<std::string> BusObserver::seen(std::size_t from) const
 {
     auto texts = record::textsOf(threadId);
@@ -184,9 +190,11 @@ void BusObserver::catchUp()
 {
     // The answer comes behind the daemon's signals; without a daemon there is
     // nothing to wait for.
-    (void)sd_bus_call_method(marker, service, "/", "org.freedesktop.DBus.Peer",
-                             "Ping", nullptr, nullptr, nullptr);
-    check(sd_bus_emit_signal(marker, "/test", "test.Marker", "Mark", nullptr),
+    (void)sd_bus_call_method(marker.get(), service, "/",
+                             "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                             nullptr, nullptr);
+    check(sd_bus_emit_signal(marker.get(), "/test", "test.Marker", "Mark",
+                             nullptr),
           "mark");
     if (!record::waitFor("mark", ++marks))
     {
@@ -199,80 +207,31 @@ namespace busctl
 
 std::string getAll(const std::string& path)
 {
-    return orError(
-        [&](sdbusplus::bus_t& bus)
-        {
-            auto call = newCall(bus, path, propertiesInterface, "GetAll");
-            call.append(interface);
-            auto reply = bus.call(call);
-            Properties properties;
-            reply.read(properties);
-            return textOf(properties);
-        });
+    return answerTo<Properties>(path, propertiesInterface, "GetAll", interface);
 }
 
 std::string get(const std::string& path, const std::string& property)
 {
-    return orError(
-        [&](sdbusplus::bus_t& bus)
-        {
-            auto call = newCall(bus, path, propertiesInterface, "Get");
-            call.append(interface, property);
-            auto reply = bus.call(call);
-            Value value;
-            reply.read(value);
-            return textOf(value);
-        });
+    return answerTo<Value>(path, propertiesInterface, "Get", interface,
+                           property);
 }
 
 std::string getArbitration(const std::string& path, uint8_t eid)
 {
-    return orError(
-        [&](sdbusplus::bus_t& bus)
-        {
-            auto call = newCall(bus, path, interface, "GetArbitration");
-            call.append(eid);
-            auto reply = bus.call(call);
-            uint32_t answer = 0;
-            reply.read(answer);
-            return std::to_string(answer);
-        });
-}
-
-std::string setEid(const std::string& path, uint8_t eid)
-{
-    return orError(
-        [&](sdbusplus::bus_t& bus)
-        {
-            auto call = newCall(bus, path, propertiesInterface, "Set");
-            check(sd_bus_message_append(call.get(), "ssv", interface, "EID",
-                                        "y", eid),
-                  "append");
-            bus.call(call);
-            return std::string();
-        });
+    return answerTo<uint32_t>(path, interface, "GetArbitration", eid);
 }
 
 std::string introspect(const std::string& path)
 {
-    return orError(
-        [&](sdbusplus::bus_t& bus)
-        {
-            auto call = newCall(
-                bus, path, "org.freedesktop.DBus.Introspectable", "Introspect");
-            auto reply = bus.call(call);
-            std::string xml;
-            reply.read(xml);
-            return xml;
-        });
+    return answerTo<std::string>(path, "org.freedesktop.DBus.Introspectable",
+                                 "Introspect");
 }
 
 std::map<std::string, std::string> managed(sdbusplus::bus_t& bus,
                                            const std::string& manager)
 {
-    auto call = newCall(bus, manager, "org.freedesktop.DBus.ObjectManager",
-                        "GetManagedObjects");
-    auto reply = bus.call(call);
+    auto reply = ask(bus, manager, "org.freedesktop.DBus.ObjectManager",
+                     "GetManagedObjects");
     std::map<std::string, std::string> objects;
     check(sd_bus_message_enter_container(reply.get(), 'a', "{oa{sa{sv}}}"),
           "objects");
@@ -297,17 +256,6 @@ std::vector<std::string> managedObjects(const std::string& manager)
         paths.push_back(path);
     }
     return paths;
-}
-
-std::vector<std::string> managedValues(const std::string& manager)
-{
-    auto bus = sdbusplus::bus::new_system();
-    std::vector<std::string> objects;
-    for (const auto& [path, properties] : managed(bus, manager))
-    {
-        objects.push_back(path + properties);
-    }
-    return objects;
 }
 
 bool hasOwner(const std::string& name)

@@ -4,10 +4,10 @@
 /**
  * A client on the bus that records the daemon's signals. Its events:
  *
- *
  *     InterfacesAdded PATH DevicePath= EID=0 ...     (by name)
  *     PropertiesChanged PATH EID=29
  *     InterfacesRemoved PATH INTERFACE ...
+ *     ArbitrationUpdated PATH
  *     NameOwnerChanged gone|owned
  */
 
@@ -28,7 +28,6 @@ class BusObserver : Pinned
 {
   public:
     BusObserver();
-    ~BusObserver();
 
     /** The texts of its events so far, from the n-th on. */
     std::vector<std::string> seen(std::size_t from = 0) const;
@@ -37,7 +36,7 @@ class BusObserver : Pinned
     void catchUp();
 
   private:
-    sd_bus* marker = nullptr;
+    ServedConnection marker;
     std::size_t marks = 0;
     std::atomic<pid_t> threadId{0};
     ServedConnection connection; // destroyed first: its thread uses the others
@@ -58,9 +57,6 @@ std::string get(const std::string& path, const std::string& property);
 /** Calls GetArbitration. @return the answer as text, or the error's name */
 std::string getArbitration(const std::string& path, uint8_t eid);
 
-/** Sets EID. @return "", or the error's name and message */
-std::string setEid(const std::string& path, uint8_t eid);
-
 /** The object's introspection data. */
 std::string introspect(const std::string& path);
 
@@ -69,11 +65,8 @@ std::string introspect(const std::string& path);
 std::map<std::string, std::string> managed(sdbusplus::bus_t& bus,
                                            const std::string& manager);
 
-/** The paths below an object manager, ascending. */
+/** Their paths, ascending. */
 std::vector<std::string> managedObjects(const std::string& manager);
-
-/** The same, each with its properties as "PATH EID=8 ...". */
-std::vector<std::string> managedValues(const std::string& manager);
 
 /** Whether anybody owns the name. */
 bool hasOwner(const std::string& name);

@@ -36,20 +36,6 @@ int makeFifo(const std::string& path)
     return open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
 }
 
-/** Leaves a directory of the name: a plain output stream would make a new file
- *  where there is none, as sysfs would not let it. */
-void putAside(const std::string& file)
-{
-    fs::rename(driver + file, driver + file + aside);
-    fs::create_directory(driver + file);
-}
-
-void putBack(const std::string& file)
-{
-    fs::remove(driver + file);
-    fs::rename(driver + file + aside, driver + file);
-}
-
 std::string nodeName(int number)
 {
     return "i3c-mctp-" + std::to_string(number);
@@ -98,14 +84,18 @@ void DriverFiles::afterEach(std::function<void(const std::string&)> hook)
     eventHook = std::move(hook);
 }
 
-void DriverFiles::removeBindFile()
+void DriverFiles::putAside(const std::string& file)
 {
-    putAside("bind");
+    fs::rename(driver + file, driver + file + aside);
+    // A plain output stream would make a new file where there is none, as sysfs
+    // would not let it.
+    fs::create_directory(driver + file);
 }
 
-void DriverFiles::removeUnbindFile()
+void DriverFiles::putBack(const std::string& file)
 {
-    putAside("unbind");
+    fs::remove(driver + file);
+    fs::rename(driver + file + aside, driver + file);
 }
 
 void DriverFiles::refuseBindWrites()
@@ -113,16 +103,6 @@ void DriverFiles::refuseBindWrites()
     const std::string file = std::string(driver) + "bind";
     fs::remove(file);
     fs::create_symlink("/dev/full", file);
-}
-
-void DriverFiles::restoreBindFile()
-{
-    putBack("bind");
-}
-
-void DriverFiles::restoreUnbindFile()
-{
-    putBack("unbind");
 }
 
 void DriverFiles::makeNode(int number)

@@ -34,16 +34,14 @@ class DriverFiles : Pinned
     /** Calls this with each event after it was recorded. */
     void afterEach(std::function<void(const std::string&)> hook);
 
-    /** Takes the file away, so that it can't be opened. */
-    static void removeBindFile();
-    static void removeUnbindFile();
+    /** Takes "bind" or "unbind" away, so that it can't be opened. */
+    static void putAside(const std::string& file);
+
+    /** Puts it back. */
+    static void putBack(const std::string& file);
 
     /** Lets the bind file be opened, but refuses what is written to it. */
     static void refuseBindWrites();
-
-    /** Puts a file back that was taken away. */
-    static void restoreBindFile();
-    static void restoreUnbindFile();
 
     /** Makes a device node, not recorded. */
     static void makeNode(int number);

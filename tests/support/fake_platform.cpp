@@ -69,21 +69,16 @@ Semaphore semaphore(const sem_t* address)
     return all.known.at(address);
 }
 
-Semaphore semaphoreWithin(const void* object, std::size_t size)
+std::vector<Semaphore> semaphores()
 {
-    const auto* const bytes = static_cast<const std::byte*>(object);
     auto& all = Semaphores::all();
     const std::lock_guard lock(all.mutex);
-    const auto found =
-        std::find_if(all.known.begin(), all.known.end(),
-                     [bytes, size](const auto& entry)
-                     {
-                         const auto* const address =
-                             static_cast<const std::byte*>(
-                                 static_cast<const void*>(entry.first));
-                         return address >= bytes && address < bytes + size;
-                     });
-    return found == all.known.end() ? Semaphore{-1, 0, -1} : found->second;
+    std::vector<Semaphore> found;
+    for (const auto& [address, semaphore] : all.known)
+    {
+        found.push_back(semaphore);
+    }
+    return found;
 }
 
 namespace

@@ -92,9 +92,8 @@ struct Semaphore
 /** What became of a semaphore. Any thread. */
 Semaphore semaphore(const sem_t* address);
 
-/** What became of the semaphore that is somewhere in an object of this size.
- *  Any thread. */
-Semaphore semaphoreWithin(const void* object, std::size_t size);
+/** What became of all of them. Any thread. */
+std::vector<Semaphore> semaphores();
 
 /** The signals whose disposition was set, in order. */
 std::vector<int> signalsSet();

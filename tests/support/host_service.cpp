@@ -99,14 +99,19 @@ int HostService::onCall(sd_bus_message* call, void* self, sd_bus_error* error)
     return result < 0 ? result : 1;
 }
 
-HostControl::HostControl()
+int appendChanges(sd_bus_message* message,
+                  const std::vector<Change>& properties)
 {
-    check(sd_bus_open_system(&bus), "sd_bus_open_system");
-}
-
-HostControl::~HostControl()
-{
-    sd_bus_flush_close_unref(bus);
+    check(sd_bus_message_append(message, "s", "test.Interface"), "interface");
+    check(sd_bus_message_open_container(message, 'a', "{sv}"), "dictionary");
+    for (const auto& [name, text] : properties)
+    {
+        check(sd_bus_message_append(message, "{sv}", name.c_str(), "s",
+                                    text.c_str()),
+              "entry");
+    }
+    check(sd_bus_message_close_container(message), "dictionary");
+    return sd_bus_message_append(message, "as", 0);
 }
 
 void HostControl::changes(const char* path,
@@ -115,19 +120,7 @@ void HostControl::changes(const char* path,
     signals(path, propertiesInterface, "PropertiesChanged",
             [&properties](sd_bus_message* message)
             {
-                check(sd_bus_message_append(message, "s", "test.Interface"),
-                      "interface");
-                check(sd_bus_message_open_container(message, 'a', "{sv}"),
-                      "dictionary");
-                for (const auto& change : properties)
-                {
-                    check(sd_bus_message_append(message, "{sv}",
-                                                change.name.c_str(), "s",
-                                                change.text.c_str()),
-                          "entry");
-                }
-                check(sd_bus_message_close_container(message), "dictionary");
-                return sd_bus_message_append(message, "as", 0);
+                return appendChanges(message, properties);
             });
 }
 
@@ -135,6 +128,7 @@ void HostControl::signals(const char* path, const char* interface,
                           const char* member,
                           const std::function<int(sd_bus_message*)>& fill)
 {
+    auto* bus = connection.get();
     sd_bus_message* message = nullptr;
     check(sd_bus_message_new_signal(bus, &message, path, interface, member),
           "signal");

@@ -15,6 +15,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 class HostService : Pinned
@@ -60,20 +61,17 @@ class HostService : Pinned
     ServedConnection connection; // destroyed first: its thread uses the others
 };
 
-/** One property that a PropertiesChanged signal brings. */
-struct Change
-{
-    std::string name;
-    std::string text;
-};
+/** The name of a property and its new text. */
+using Change = std::pair<std::string, std::string>;
+
+/** Appends the body of a PropertiesChanged signal. @return as sd-bus does */
+int appendChanges(sd_bus_message* message,
+                  const std::vector<Change>& properties);
 
 /** A connection that sends signals from the host-control objects. */
 class HostControl : Pinned
 {
   public:
-    HostControl();
-    ~HostControl();
-
     static constexpr const char* powerState =
         "/xyz/openbmc_project/control/host0/internal_power_state";
     static constexpr const char* resetCause =
@@ -88,5 +86,5 @@ class HostControl : Pinned
                  const std::function<int(sd_bus_message*)>& fill);
 
   private:
-    sd_bus* bus = nullptr;
+    ServedConnection connection;
 };

@@ -22,13 +22,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -173,15 +173,7 @@ std::string failureOf(int status)
 
 void printAsComments(int output)
 {
-    std::string text;
-    std::array<char, 4096> buffer{};
-    lseek(output, 0, SEEK_SET);
-    for (ssize_t got = 0;
-         (got = read(output, buffer.data(), buffer.size())) > 0;)
-    {
-        text.append(buffer.data(), static_cast<std::size_t>(got));
-    }
-    std::istringstream lines(text);
+    std::ifstream lines("/proc/self/fd/" + std::to_string(output));
     for (std::string line; std::getline(lines, line);)
     {
         std::cout << "# " << line << '\n';

@@ -17,34 +17,48 @@
 namespace limits
 {
 
+/** Gives the size of the stacks of attributes, and ends these. */
+inline std::size_t stackSize(pthread_attr_t attributes)
+{
+    std::size_t size = 0;
+    pthread_attr_getstacksize(&attributes, &size);
+    pthread_attr_destroy(&attributes);
+    return size;
+}
+
+/** What threads without a size of their own are started with. */
+inline std::size_t defaultStackSize()
+{
+    pthread_attr_t attributes;
+    pthread_getattr_default_np(&attributes);
+    return stackSize(attributes);
+}
+
+inline void setDefaultStackSize(std::size_t size)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, size);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+}
+
 /** No new thread starts: its stack would be larger than any address space. */
 class NoNewThreads : Pinned
 {
   public:
     NoNewThreads()
     {
-        pthread_attr_t attributes;
-        pthread_getattr_default_np(&attributes);
-        pthread_attr_getstacksize(&attributes, &before);
-        setDefault(std::size_t{1} << 50U);
+        setDefaultStackSize(std::size_t{1} << 50U);
     }
 
     ~NoNewThreads()
     {
-        setDefault(before);
+        setDefaultStackSize(before);
     }
 
   private:
-    static void setDefault(std::size_t size)
-    {
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, size);
-        pthread_setattr_default_np(&attributes);
-        pthread_attr_destroy(&attributes);
-    }
-
-    std::size_t before = 0;
+    std::size_t before = defaultStackSize();
 };
 
 /** No new descriptor can be had. */

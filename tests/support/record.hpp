@@ -65,7 +65,7 @@ std::chrono::seconds timeout();
  *  @return false on a timeout */
 bool waitFor(const std::string& text, std::size_t times = 1);
 
-/** Waits until a condition is true; it is evaluated after each event.
+/** Waits until a condition is true; it is evaluated again and again.
  *  @return false on a timeout */
 bool waitUntil(const std::function<bool()>& condition);
 

@@ -2,8 +2,8 @@
 #pragma once
 
 /**
- * A connection to the system bus with a thread that processes it. Objects and
- * matches are added to `get()` before `serve`.
+ * A connection to the system bus, on request with a thread that processes it.
+ * Objects and matches are added to `get()` before `serve`.
  */
 
 #include "pinned.hpp"

@@ -41,4 +41,19 @@ inline uint64_t blockedSignals(pid_t thread)
     return std::stoull(field(thread, "SigBlk:"), nullptr, 16);
 }
 
+/** Its time on the processor, in clock ticks. */
+inline uint64_t ticks(pid_t thread)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string word;
+    for (int number = 1; number < 14; ++number)
+    {
+        stat >> word;
+    }
+    uint64_t user = 0;
+    uint64_t system = 0;
+    stat >> user >> system;
+    return user + system;
+}
+
 } // namespace thread_status

@@ -25,6 +25,17 @@ inline Texts operator+(Texts left, const Texts& right)
     return left;
 }
 
+/** Those that begin so. */
+inline Texts startingWith(const std::string& beginning, Texts texts)
+{
+    std::erase_if(texts,
+                  [&beginning](const auto& text)
+                  {
+                      return !text.starts_with(beginning);
+                  });
+    return texts;
+}
+
 /** A thread's events from its n-th on. */
 inline Texts traceOf(pid_t thread, std::size_t from = 0)
 {

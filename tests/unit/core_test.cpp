@@ -7,8 +7,8 @@
 #include "morrow/stop_pipe.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
-#include "tests/support/state_watch.hpp"
 #include "tests/support/transcript.hpp"
+#include "tests/support/watch.hpp"
 
 #include <atomic>
 #include <memory>
@@ -31,10 +31,6 @@ std::vector<std::string> trace()
     return traceFrom(0);
 }
 
-class ProbeCpuVendor : public testing::Test
-{
-};
-
 class ChangeState : public testing::Test
 {
   protected:
@@ -43,10 +39,6 @@ class ChangeState : public testing::Test
         cpu_vendor = 0;
         cpu_vendor_status = 0;
     }
-};
-
-class WaitStateTick : public testing::Test
-{
 };
 
 /** The transition rules on their own, on a known Intel CPU. */
@@ -66,15 +58,6 @@ class TransitionRules : public testing::Test
     static constexpr const char* changesToOn =
         "log 4 morrow: Change State to ON\n";
     static constexpr const char* enters = "log 4 morrow: Entry change_State\n";
-};
-
-class StateAction : public testing::Test
-{
-};
-
-/** Iterations of a daemon without bus sides. */
-class Iteration : public testing::Test
-{
 };
 
 } // namespace
@@ -115,7 +98,7 @@ TEST(HostStates, HaveTheTextsOfTheHost)
 
 // Reading the CPU vendor
 
-TEST_F(ProbeCpuVendor, LogsAndTracesWhatItReads)
+TEST(ProbeCpuVendor, LogsAndTracesWhatItReads)
 {
     fake::vendorReads = {{0, 7}};
     probe_cpu_vendor();
@@ -126,18 +109,14 @@ TEST_F(ProbeCpuVendor, LogsAndTracesWhatItReads)
                                      "trace 4 morrow: CPU vendor : 7\n\n"));
 }
 
-TEST_F(ProbeCpuVendor, FailureIsLoggedBeforeItCountsAsIntel)
+TEST(ProbeCpuVendor, FailureIsLoggedBeforeItCountsAsIntel)
 {
     cpu_vendor = 7;
-    uint16_t whenTraced = 0;
-    record::when("trace 2 morrow: Failed to get CPU type",
-                 [&whenTraced]
-                 {
-                     whenTraced = cpu_vendor;
-                 });
+    const Watch whenTraced("trace 2 morrow: Failed to get CPU type",
+                           cpu_vendor);
     fake::vendorReads = {{-5, 9}};
     probe_cpu_vendor();
-    EXPECT_EQ(whenTraced, 7);
+    EXPECT_EQ(whenTraced.seen(), 7);
     EXPECT_EQ(cpu_vendor, 0);
     EXPECT_EQ(cpu_vendor_status, -5);
     EXPECT_THAT(
@@ -175,7 +154,8 @@ TEST_F(ChangeState, DependsOnRequestAndVendorAndIsLoggedAfterIt)
     {
         SCOPED_TRACE(row.logged);
         const auto start = trace().size();
-        const StateWatch whenLogged(std::string("log 4 morrow: ") + row.logged);
+        const Watch whenLogged(std::string("log 4 morrow: ") + row.logged,
+                               daemon_state);
         cpu_vendor = row.vendor;
         daemon_state = 77;
         change_State(row.request);
@@ -215,7 +195,7 @@ TEST_F(ChangeState, ReadsTheVendorUntilAReadSucceedsAndThenNeverAgain)
 
 // The count-down
 
-TEST_F(WaitStateTick, Below1IsSetTo0AndSwitchesAtOnceWithoutASleep)
+TEST(WaitStateTick, Below1IsSetTo0AndSwitchesAtOnceWithoutASleep)
 {
     for (const int32_t ticks : {0, -3})
     {
@@ -229,7 +209,7 @@ TEST_F(WaitStateTick, Below1IsSetTo0AndSwitchesAtOnceWithoutASleep)
     }
 }
 
-TEST_F(WaitStateTick, CountsOneSecondATickAndSwitchesOnTheCallAfter)
+TEST(WaitStateTick, CountsOneSecondATickAndSwitchesOnTheCallAfter)
 {
     daemon_state = MORROW_WAIT_EVENT;
     wait_ticks = 10;
@@ -349,7 +329,7 @@ TEST_F(TransitionRules, FlagIsClearedBeforeTheStateChanges)
 
 // The action of a state
 
-TEST_F(StateAction, WaitsAndSleeps)
+TEST(StateAction, WaitsAndSleeps)
 {
     struct Row
     {
@@ -377,7 +357,7 @@ TEST_F(StateAction, WaitsAndSleeps)
     }
 }
 
-TEST_F(StateAction, OffCleansUp)
+TEST(StateAction, OffCleansUp)
 {
     daemon_state = MORROW_OFF_EVENT;
     run_state_action();
@@ -385,7 +365,7 @@ TEST_F(StateAction, OffCleansUp)
     EXPECT_EQ(record::count("sleep 100 ms"), 1);
 }
 
-TEST_F(StateAction, OnDiscovers)
+TEST(StateAction, OnDiscovers)
 {
     daemon_state = MORROW_ON_EVENT;
     run_state_action();
@@ -393,7 +373,7 @@ TEST_F(StateAction, OnDiscovers)
     EXPECT_EQ(record::count("sleep 2000 ms"), 1);
 }
 
-TEST_F(StateAction, SleepsAreResumedAfterASignal)
+TEST(StateAction, SleepsAreResumedAfterASignal)
 {
     for (const uint32_t state : {MORROW_WAIT_EVENT, MORROW_SLEEP_EVENT})
     {
@@ -406,7 +386,7 @@ TEST_F(StateAction, SleepsAreResumedAfterASignal)
                                      "sleep 1000 ms", "sleep 500 ms"));
 }
 
-TEST_F(Iteration, StopIsSeenAfterTheActionOfEveryState)
+TEST(Iteration, StopIsSeenAfterTheActionOfEveryState)
 {
     ASSERT_EQ(morrow_init_signal(), 0U);
     auto& signal = morrow_signal::get_instance();
@@ -425,7 +405,7 @@ TEST_F(Iteration, StopIsSeenAfterTheActionOfEveryState)
         0);
 }
 
-TEST_F(Iteration, SleepAfterAFailedReadIsResumedAfterASignal)
+TEST(Iteration, SleepAfterAFailedReadIsResumedAfterASignal)
 {
     daemon_state = MORROW_WAIT_EVENT; // over at once, without a sleep
     fake::interruptedSleeps = 1;

@@ -25,6 +25,7 @@
 #include "tests/support/served_connection.hpp"
 #include "tests/support/thread_status.hpp"
 #include "tests/support/transcript.hpp"
+#include "tests/support/watch.hpp"
 #include "tests/unit/bus_trace.hpp"
 #include "tests/unit/discovery_trace.hpp"
 
@@ -357,11 +358,6 @@ class Daemon : public testing::Test
     Gate go;
 };
 
-/** The initialisation alone, on the test's own thread. */
-class Initialisation : public testing::Test
-{
-};
-
 /** The source text of a call up to a line of it: compilers differ in whether a
  *  call that takes several lines has the number of its first or its last. */
 std::string callAt(const std::string& source, unsigned line)
@@ -529,26 +525,18 @@ TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
 
 TEST_F(Daemon, InitialisationCountsItsSteps)
 {
-    uint32_t whenTheClientStarts = 0;
-    uint32_t whenTheBusIsReady = 0;
-    record::when("log 4 morrow_client: morrow_dbus_client_init - Enter",
-                 [&]
-                 {
-                     whenTheClientStarts = init_state;
-                 });
-    record::when("log 4 morrow_signal: Entry [set_dbus_ready]",
-                 [&]
-                 {
-                     whenTheBusIsReady = init_state;
-                 });
+    const Watch whenTheClientStarts(
+        "log 4 morrow_client: morrow_dbus_client_init - Enter", init_state);
+    const Watch whenTheBusIsReady("log 4 morrow_signal: Entry [set_dbus_ready]",
+                                  init_state);
     start();
     ASSERT_TRUE(record::waitFor("log 4 morrow: Initialization successful\n"));
-    EXPECT_EQ(whenTheClientStarts, 1U);
-    EXPECT_EQ(whenTheBusIsReady, 1U);
+    EXPECT_EQ(whenTheClientStarts.seen(), 1U);
+    EXPECT_EQ(whenTheBusIsReady.seen(), 1U);
     EXPECT_EQ(init_state, 3U);
 }
 
-TEST_F(Initialisation, WithoutTheSignalSideGives2AndStartsAgain)
+TEST(Initialisation, WithoutTheSignalSideGives2AndStartsAgain)
 {
     const limits::NoNewThreads none;
     EXPECT_EQ(morrow_init(), 2U);
@@ -558,7 +546,7 @@ TEST_F(Initialisation, WithoutTheSignalSideGives2AndStartsAgain)
               0);
 }
 
-TEST_F(Initialisation, GoesOnWithTheBusSidesWhenTheSignalSideIsUp)
+TEST(Initialisation, GoesOnWithTheBusSidesWhenTheSignalSideIsUp)
 {
     const Broker broker;
     init_state = 1;
@@ -571,7 +559,7 @@ TEST_F(Initialisation, GoesOnWithTheBusSidesWhenTheSignalSideIsUp)
     EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(), 0);
 }
 
-TEST_F(Initialisation, HasNothingToDoWhenAllIsUp)
+TEST(Initialisation, HasNothingToDoWhenAllIsUp)
 {
     for (const uint32_t step : {2U, 3U})
     {
@@ -665,75 +653,44 @@ TEST_F(Daemon, NotifiesReadinessAndNothingElse)
     EXPECT_EQ(manager.received(), "");
 }
 
-/** Takes the attributes of threads, gives the size of their stacks and ends
- *  the attributes. */
-std::size_t stackSize(pthread_attr_t attributes)
-{
-    std::size_t size = 0;
-    EXPECT_EQ(pthread_attr_getstacksize(&attributes, &size), 0);
-    EXPECT_EQ(pthread_attr_destroy(&attributes), 0);
-    return size;
-}
-
-/** Has threads without a size of their own start with this one. */
-void setDefaultStackSize(std::size_t size)
-{
-    pthread_attr_t attributes;
-    EXPECT_EQ(pthread_getattr_default_np(&attributes), 0);
-    EXPECT_EQ(pthread_attr_setstacksize(&attributes, size), 0);
-    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
-    EXPECT_EQ(pthread_attr_destroy(&attributes), 0);
-}
-
-/** What threads without a size of their own are started with. */
-std::size_t defaultStackSize()
-{
-    pthread_attr_t attributes;
-    EXPECT_EQ(pthread_getattr_default_np(&attributes), 0);
-    return stackSize(attributes);
-}
-
 /** What the thread that asks was started with. */
 std::size_t ownStackSize()
 {
     pthread_attr_t attributes;
     EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
-    return stackSize(attributes);
+    return limits::stackSize(attributes);
 }
 
 TEST_F(Daemon, GivesItsThreadsSmallStacksWhateverTheDefault)
 {
     constexpr auto mebibyte = std::size_t{1024} * 1024;
-    const auto before = defaultStackSize();
-    setDefaultStackSize(8 * mebibyte);
+    const auto before = limits::defaultStackSize();
+    limits::setDefaultStackSize(8 * mebibyte);
     std::vector<std::size_t> sizes(3);
-    record::when("log 4 morrow_signal: Entry [signal_thread_fn]",
-                 [&]
-                 {
-                     sizes[0] = ownStackSize();
-                 });
-    record::when("log 4 morrow_client: morrowClientDBusHandler - Enter",
-                 [&]
-                 {
-                     sizes[1] = ownStackSize();
-                 });
-    record::when("log 4 morrow_server: morrowDBusMgrHandler - Enter",
-                 [&]
-                 {
-                     sizes[2] = ownStackSize();
-                 });
+    const Texts threadsBegin{
+        "log 4 morrow_signal: Entry [signal_thread_fn]",
+        "log 4 morrow_client: morrowClientDBusHandler - Enter",
+        "log 4 morrow_server: morrowDBusMgrHandler - Enter"};
+    for (std::size_t index = 0; index < threadsBegin.size(); ++index)
+    {
+        record::when(threadsBegin[index],
+                     [&size = sizes[index]]
+                     {
+                         size = ownStackSize();
+                     });
+    }
     startToDiscovery();
     stop(); // now each has been looked at
-    setDefaultStackSize(before);
+    limits::setDefaultStackSize(before);
     // With room for thread-local variables, of which sanitizers have many.
     EXPECT_THAT(sizes, Each(AllOf(Ge(mebibyte / 4), Lt(4 * mebibyte))));
 }
 
 TEST_F(Daemon, LeavesTheStacksOfThreadsThatItDoesNotStartAlone)
 {
-    const auto before = defaultStackSize();
+    const auto before = limits::defaultStackSize();
     startToDiscovery();
-    EXPECT_EQ(defaultStackSize(), before);
+    EXPECT_EQ(limits::defaultStackSize(), before);
 }
 
 TEST_F(Daemon, StartUpThatIsCompleteIsNotDoneAgain)
@@ -1048,11 +1005,7 @@ TEST_F(Daemon, TwoTerminationsAtOnceEndTheProcess)
     doNotHold();
     release();
     // The second arrives when the first has been taken, at the earliest.
-    record::when("log 4 morrow_signal: Got signal Stopping MORROW",
-                 []
-                 {
-                     ::kill(getpid(), SIGTERM);
-                 });
+    record::when("log 4 morrow_signal: Got signal Stopping MORROW", terminate);
     terminateForGood();
 }
 

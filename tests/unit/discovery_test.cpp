@@ -6,7 +6,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
-#include "tests/support/state_watch.hpp"
+#include "tests/support/watch.hpp"
 #include "tests/unit/discovery_trace.hpp"
 
 #include <sys/stat.h>
@@ -47,9 +47,7 @@ class WaitDeviceNode : public WithFiles
     }
 };
 
-class WriteController : public WithFiles
-{
-};
+using WriteController = WithFiles;
 
 class Scan : public WithFiles
 {
@@ -69,19 +67,30 @@ class Notify : public testing::Test
     }
 };
 
-/** Exchanges whose endpoints can be looked at on the bus. */
-class NotifyOnTheBus : public testing::Test
+/** Tests that look at the bus. */
+class OnTheBus : public WithFiles
 {
   protected:
-    NotifyOnTheBus()
+    OnTheBus()
     {
         EXPECT_EQ(morrow_dbus_server_init(), 0);
     }
 
-    ~NotifyOnTheBus() override
+    ~OnTheBus() override
     {
-        EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(),
-                  0);
+        EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
+    }
+
+    static morrow_dbus_server& server()
+    {
+        return morrow_dbus_server::get_instance();
+    }
+
+    /** The paths of the endpoints of a network. */
+    static Texts endpoints(int network)
+    {
+        return busctl::managedObjects("/xyz/openbmc_project/mctp/" +
+                                      std::to_string(network));
     }
 
     /** Runs the exchange with an endpoint whose attempts end so, and expects
@@ -91,15 +100,14 @@ class NotifyOnTheBus : public testing::Test
     {
         fake::endpoints[node0] = attempts;
         EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-        const std::string network = "/xyz/openbmc_project/mctp/0";
-        const std::string path = network + "/" + std::to_string(eid);
-        EXPECT_THAT(busctl::managedObjects(network), ElementsAre(path));
+        const std::string path =
+            "/xyz/openbmc_project/mctp/0/" + std::to_string(eid);
+        EXPECT_THAT(endpoints(0), ElementsAre(path));
         EXPECT_EQ(busctl::getAll(path),
                   " DevicePath=/dev/i3c-mctp-0 EID=" + std::to_string(eid) +
                       " EndpointType=1 NetworkId=0 Slot=" +
                       std::to_string(slot) + " SupportedMessageTypes=[126,5]");
-        EXPECT_EQ(morrow_dbus_server::get_instance().deleteAllEndpointObject(0),
-                  0);
+        EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
     }
 
     static fake::Attempt wrongCommand(uint8_t eid)
@@ -115,26 +123,8 @@ class NotifyOnTheBus : public testing::Test
     Broker broker;
 };
 
-class FullDiscovery : public WithFiles
-{
-  protected:
-    /** Runs the cycle and takes in what it did last. */
-    void discover()
-    {
-        EXPECT_EQ(full_discovery(), 0);
-        driver.collect();
-    }
-};
-
-class PowerOffCleanup : public WithFiles
-{
-  protected:
-    void cleanUp()
-    {
-        EXPECT_EQ(power_off_cleanup(), 0);
-        driver.collect();
-    }
-};
+using FullDiscovery = WithFiles;
+using PowerOffCleanup = WithFiles;
 
 } // namespace
 
@@ -297,28 +287,20 @@ TEST_F(Scan, ClassEntryThatIsNoDirectoryIsIgnored)
     expectIgnored();
 }
 
-TEST_F(Scan, ClassEntryThatIsALinkToADirectoryCounts)
-{
-    std::filesystem::create_directories("/sys/devices/i3c-mctp-1");
-    std::filesystem::create_directory_symlink("/sys/devices/i3c-mctp-1",
-                                              entry1);
-    scan_i3c_device(controller1, entry1);
-    EXPECT_THAT(i3c_device_map, ElementsAre(node1));
-}
-
-TEST_F(Scan, TheNodeIsNamedAfterTheClassEntryNotAfterTheController)
+TEST_F(Scan, TheNodeIsNamedAfterTheClassEntryAlone)
 {
     DriverFiles::makeClassEntry(0);
     scan_i3c_device(controller1, entry0);
-    EXPECT_THAT(i3c_device_map, ElementsAre(node0));
-    EXPECT_THAT(i3c_discovered_map, ElementsAre(controller1));
-}
-
-TEST_F(Scan, PathThatEndsInASlashGivesAnEmptyName)
-{
-    DriverFiles::makeClassEntry(0);
+    // A link to a directory counts, too.
+    std::filesystem::create_directories("/sys/devices/i3c-mctp-1");
+    std::filesystem::create_directory_symlink("/sys/devices/i3c-mctp-1",
+                                              entry1);
+    scan_i3c_device(controller0, entry1);
+    // What is behind the last slash.
     scan_i3c_device(controller0, entry0 + "/");
-    EXPECT_THAT(i3c_device_map, ElementsAre("/dev/"));
+    EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1, "/dev/"));
+    EXPECT_THAT(i3c_discovered_map,
+                ElementsAre(controller1, controller0, controller0));
 }
 
 TEST_F(Scan, TwiceAppendsTwice)
@@ -463,14 +445,8 @@ TEST_F(Notify, LengthBeyondTheAreaIsNotRead)
     fake::endpoints[node0] = {
         {.response = {0x00, 0x01, 0x0D}, .eid = 0x1D, .beyond = 1000}};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    const Texts told = trace();
     EXPECT_EQ(record::count("log 4 morrow: resp_buffer.len = [1003]\n"), 1);
-    EXPECT_EQ(std::count_if(told.begin(), told.end(),
-                            [](const auto& text)
-                            {
-                                return text.starts_with("log 4 morrow: [");
-                            }),
-              160);
+    EXPECT_EQ(startingWith("log 4 morrow: [", trace()).size(), 160U);
 }
 
 TEST_F(Notify, AreaIsZeroedWhenTheExchangeStartsAndNotBeforeEachAttempt)
@@ -484,7 +460,7 @@ TEST_F(Notify, AreaIsZeroedWhenTheExchangeStartsAndNotBeforeEachAttempt)
     EXPECT_EQ(record::count("log 4 morrow: [00]\n"), 3);
 }
 
-TEST_F(NotifyOnTheBus, LastIdIsPublishedWithTheLastSlotThatAnIdHad)
+TEST_F(OnTheBus, LastIdIsPublishedWithTheLastSlotThatAnIdHad)
 {
     expectPublished({fake::answer(0x1D)}, 0x1D, 0);
     expectPublished({fake::answer(0x9D)}, 0x9D, 1);
@@ -506,24 +482,21 @@ TEST_F(NotifyOnTheBus, LastIdIsPublishedWithTheLastSlotThatAnIdHad)
 
 TEST_F(Notify, NodeIsRecordedBeforeItsEndpointIsPublished)
 {
-    std::vector<std::string> recorded;
-    record::when("log 4 morrow_server: createEndpointObject - Enter",
-                 [&recorded]
-                 {
-                     recorded = i3c_device_notify_map;
-                 });
+    const Watch recorded("log 4 morrow_server: createEndpointObject - Enter",
+                         i3c_device_notify_map);
     fake::endpoints[node0] = {fake::answer(0x9D)};
     EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
-    EXPECT_THAT(recorded, ElementsAre(node0));
+    EXPECT_EQ(recorded.seen(), Texts{node0});
 }
 
 // Full discovery
 
 TEST_F(FullDiscovery, LogsWhatFollowsBeforeItHappens)
 {
-    const StateWatch retry("log 4 morrow: Retry discovering i3c devices");
-    const StateWatch partial("log 4 morrow: Start partial discovery");
-    const StateWatch complete("log 4 morrow: Discovery complete");
+    const Watch retry("log 4 morrow: Retry discovering i3c devices",
+                      daemon_state);
+    const Watch partial("log 4 morrow: Start partial discovery", daemon_state);
+    const Watch complete("log 4 morrow: Discovery complete", daemon_state);
     driver.comesUp(controller0);
     driver.comesUp(controller1);
     for (const auto& [answers, watch] :
@@ -539,7 +512,7 @@ TEST_F(FullDiscovery, LogsWhatFollowsBeforeItHappens)
             fake::endpoints[node1] = {fake::answer(0x9D)};
         }
         daemon_state = MORROW_ON_EVENT;
-        discover();
+        run(full_discovery);
         EXPECT_EQ(watch->seen(), MORROW_ON_EVENT);
         EXPECT_NE(daemon_state, MORROW_ON_EVENT);
     }
@@ -557,7 +530,7 @@ TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
     i3c_device_notify_map = {"left", "over"};
     daemon_state = MORROW_ON_EVENT;
 
-    discover();
+    run(full_discovery);
 
     EXPECT_THAT(trace(),
                 ElementsAreArray(
@@ -580,7 +553,7 @@ TEST_F(FullDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
 {
     fake::lockIds = {{node1, 0}};
     fake::shmIds = {{node1, 0}};
-    discover();
+    run(full_discovery);
     EXPECT_EQ(record::count("removeLock -1"), 1);
     EXPECT_EQ(record::count("removeLock 0"), 1);
     EXPECT_EQ(record::count("removeShm -1"), 0);
@@ -591,7 +564,7 @@ TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
 {
     driver.comesUp(controller0);
     fake::endpoints[node0] = {fake::answer(0x1D)};
-    discover();
+    run(full_discovery);
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
     EXPECT_THAT(trace(), Contains("log 4 morrow: Failed to open device node "
                                   "for fff11000.i3c\n"));
@@ -605,7 +578,7 @@ TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
 TEST_F(FullDiscovery, EndsEarlyWhenTheFirstNodeNeverOpens)
 {
     driver.comesUp(controller1);
-    discover();
+    run(full_discovery);
     expectWait(1, MORROW_ON_EVENT);
     const auto told = trace();
     // Silent from the first bind on: 31 polls and nothing else.
@@ -621,7 +594,7 @@ TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
 {
     driver.comesUp(controller0);
     driver.comesUp(controller1);
-    discover();
+    run(full_discovery);
     expectWait(3, MORROW_ON_EVENT);
     expectTraceEndsWith({
         "log 4 morrow: Discovered i3c device: fff10000.i3c\n",
@@ -635,7 +608,7 @@ TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
 TEST_F(FullDiscovery, MissingClassEntryMakesTheSecondControllerTheFirstAgain)
 {
     driver.comesUpWithoutClassEntry(controller0);
-    discover();
+    run(full_discovery);
     const auto told = trace();
     EXPECT_EQ(std::count(told.begin(), told.end(),
                          "setLockPermission /dev/i3c-mctp-0"),
@@ -658,7 +631,7 @@ TEST_F(FullDiscovery, FirstWithoutClassEntryLetsTheSecondBeScannedAsTheFirst)
                 DriverFiles::makeClassEntry(0);
             }
         });
-    discover();
+    run(full_discovery);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller1));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
@@ -669,7 +642,7 @@ TEST_F(FullDiscovery, OneOfTwoAnsweringStartsPartialDiscovery)
     driver.comesUp(controller0);
     driver.comesUp(controller1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    discover();
+    run(full_discovery);
     EXPECT_EQ(daemon_state, MORROW_PARTIAL_DISCOVERY_EVENT);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, node1));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node1));
@@ -677,9 +650,9 @@ TEST_F(FullDiscovery, OneOfTwoAnsweringStartsPartialDiscovery)
 
 TEST_F(FullDiscovery, UnopenableUnbindFileIsLoggedAndTheCycleGoesOn)
 {
-    DriverFiles::removeUnbindFile();
+    DriverFiles::putAside("unbind");
     bothAnswer();
-    discover();
+    run(full_discovery);
     EXPECT_THAT(
         trace(),
         testing::IsSupersetOf(
@@ -690,8 +663,8 @@ TEST_F(FullDiscovery, UnopenableUnbindFileIsLoggedAndTheCycleGoesOn)
 
 TEST_F(FullDiscovery, UnopenableBindFileIsLoggedAndTheNodeStillWaitedFor)
 {
-    DriverFiles::removeBindFile();
-    discover();
+    DriverFiles::putAside("bind");
+    run(full_discovery);
     expectTraceEndsWith(
         Texts{"log 4 morrow: Failed to open sysfs file for fff10000.i3c\n"} +
         Texts(31, "sleep 100 ms"));
@@ -719,7 +692,7 @@ TEST_F(FullDiscovery, ListsAreEmptiedBetweenTheIdsAndTheWithdrawal)
                  {
                      atTheWithdrawal = lists();
                  });
-    discover();
+    run(full_discovery);
     EXPECT_THAT(atTheIds, ElementsAre("left", "over", "here"));
     EXPECT_THAT(atTheWithdrawal, IsEmpty());
 }
@@ -733,13 +706,8 @@ TEST_F(FullDiscovery, SleepsAreResumedAfterASignal)
     record::when("log 4 morrow_server: deleteAllEndpointObject - Exit",
                  interrupt);
     record::when("write unbind fff11000.i3c", interrupt);
-    discover();
-    auto told = trace();
-    std::erase_if(told,
-                  [](const auto& text)
-                  {
-                      return !text.starts_with("sleep");
-                  });
+    run(full_discovery);
+    const auto told = startingWith("sleep", trace());
     EXPECT_THAT(Texts(told.begin(), told.begin() + 4),
                 ElementsAre("sleep 100 ms", "sleep 50 ms", "sleep 2000 ms",
                             "sleep 1000 ms"));
@@ -751,7 +719,7 @@ TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node0] = {fake::answer(0x1D)};
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    discover();
+    run(full_discovery);
     EXPECT_THAT(trace(), Contains("log 4 morrow: Failed to open device node "
                                   "for fff11000.i3c\n"));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
@@ -760,48 +728,19 @@ TEST_F(FullDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
 
 // What is on the bus
 
-/** Endpoints from before, on two networks. */
-class WithEndpoints : public WithFiles
+TEST_F(OnTheBus, EachCycleWithdrawsTheEndpointsOfNetwork0Alone)
 {
-  protected:
-    WithEndpoints()
+    for (const auto cycle : {full_discovery, power_off_cleanup})
     {
-        EXPECT_EQ(morrow_dbus_server_init(), 0);
         for (const uint32_t network : {0U, 1U})
         {
-            EXPECT_EQ(morrow_dbus_server::get_instance().createEndpointObject(
-                          network, 8, {}, 1, 0, node0),
-                      0);
+            (void)server().createEndpointObject(network, 8, {}, 1, 0, node0);
         }
+        EXPECT_EQ(endpoints(0).size(), 1U);
+        EXPECT_EQ(cycle(), 0);
+        EXPECT_THAT(endpoints(0), IsEmpty());
+        EXPECT_THAT(endpoints(1), ElementsAre("/xyz/openbmc_project/mctp/1/8"));
     }
-
-    ~WithEndpoints() override
-    {
-        EXPECT_EQ(morrow_dbus_server::get_instance().stop_morrow_dbus_server(),
-                  0);
-    }
-
-    static void expectNetwork0WithdrawnAlone()
-    {
-        EXPECT_THAT(busctl::managedObjects("/xyz/openbmc_project/mctp/0"),
-                    IsEmpty());
-        EXPECT_THAT(busctl::managedObjects("/xyz/openbmc_project/mctp/1"),
-                    ElementsAre("/xyz/openbmc_project/mctp/1/8"));
-    }
-
-    Broker broker;
-};
-
-TEST_F(WithEndpoints, FullDiscoveryWithdrawsThoseOfItsNetwork)
-{
-    EXPECT_EQ(full_discovery(), 0);
-    expectNetwork0WithdrawnAlone();
-}
-
-TEST_F(WithEndpoints, PowerOffWithdrawsThoseOfItsNetwork)
-{
-    EXPECT_EQ(power_off_cleanup(), 0);
-    expectNetwork0WithdrawnAlone();
 }
 
 // Power-off cleanup
@@ -817,7 +756,7 @@ TEST_F(PowerOffCleanup, HasTheExpectedTrace)
     i3c_device_notify_map = {node0, node1};
     wait_ticks = 10;
 
-    cleanUp();
+    run(power_off_cleanup);
 
     EXPECT_THAT(trace(), ElementsAreArray(
                              Texts{"log 4 morrow_server: morrow_dbus_server - "
@@ -839,7 +778,7 @@ TEST_F(PowerOffCleanup, WithEmptyListsTouchesNoLockOrSharedMemory)
     fake::shmIds = {{node0, 20}, {node1, 21}};
     DriverFiles::makeNode(0);
     DriverFiles::makeNode(1);
-    cleanUp();
+    run(power_off_cleanup);
     expectTrace(Texts{"log 4 morrow_server: morrow_dbus_server - "
                       "Default constructor\n"} +
                 withdraws({}) +
@@ -858,7 +797,7 @@ TEST_F(PowerOffCleanup, DeviceListedTwiceIsLookedUpAndRemovedTwice)
     fake::lockIds = {{node0, 10}};
     fake::shmIds = {{node0, 20}};
     i3c_device_map = {node0, node0};
-    cleanUp();
+    run(power_off_cleanup);
     EXPECT_EQ(record::count("acquireLock /dev/i3c-mctp-0 gives 10"), 2);
     EXPECT_EQ(record::count("getShmId /dev/i3c-mctp-0 gives 20"), 2);
     EXPECT_EQ(record::count("removeLock 10"), 2);
@@ -870,7 +809,7 @@ TEST_F(PowerOffCleanup, IdsOf0AreRemovedAndOfMinus1LeftOut)
     i3c_device_map = {node0, node1};
     fake::lockIds = {{node1, 0}};
     fake::shmIds = {{node0, 0}};
-    cleanUp();
+    run(power_off_cleanup);
     EXPECT_EQ(record::count("removeLock -1"), 0);
     EXPECT_EQ(record::count("removeLock 0"), 1);
     EXPECT_EQ(record::count("removeShm -1"), 0);
@@ -882,10 +821,10 @@ TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedBeforeItGoesIdle)
     const Texts logged{
         "log 4 morrow: Failed to open sysfs file for fff10000.i3c\n",
         "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"};
-    const StateWatch lastUnbind(logged.back());
-    DriverFiles::removeUnbindFile();
+    const Watch lastUnbind(logged.back(), daemon_state);
+    DriverFiles::putAside("unbind");
     daemon_state = MORROW_OFF_EVENT;
-    cleanUp();
+    run(power_off_cleanup);
     expectTraceEndsWith(logged);
     EXPECT_EQ(lastUnbind.seen(), MORROW_OFF_EVENT);
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
@@ -908,7 +847,7 @@ TEST_F(PowerOffCleanup, ForgetsDevicesAndRetryBeforeTheWithdrawal)
                              i3c_device_notify_map;
                      ticks = wait_ticks;
                  });
-    cleanUp();
+    run(power_off_cleanup);
     EXPECT_THAT(lists, IsEmpty());
     EXPECT_EQ(ticks, 0);
     EXPECT_EQ(wait_ticks, 0);
@@ -918,7 +857,7 @@ TEST_F(PowerOffCleanup, ForgetsDevicesAndRetryBeforeTheWithdrawal)
 TEST_F(PowerOffCleanup, SleepIsResumedAfterASignal)
 {
     fake::interruptedSleeps = 1;
-    cleanUp();
+    run(power_off_cleanup);
     EXPECT_EQ(record::count("sleep 100 ms"), 1);
     EXPECT_EQ(record::count("sleep 50 ms"), 1);
 }

@@ -132,6 +132,14 @@ inline Texts discoversBoth(const Texts& published0 = publishesWithoutBus,
 class WithFiles : public testing::Test
 {
   protected:
+    /** Runs a cycle and takes in what it did last. */
+    template <typename Cycle>
+    void run(const Cycle& cycle)
+    {
+        EXPECT_EQ(cycle(), 0);
+        driver.collect();
+    }
+
     /** Both devices come up and both endpoints answer. */
     void bothAnswer()
     {

@@ -6,7 +6,7 @@
 #include "tests/support/driver_files.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/record.hpp"
-#include "tests/support/state_watch.hpp"
+#include "tests/support/watch.hpp"
 #include "tests/unit/discovery_trace.hpp"
 
 #include <algorithm>
@@ -57,13 +57,6 @@ class PartialDiscovery : public WithFiles
         i3c_device_notify_map = {number == 0 ? node0 : node1};
     }
 
-    /** Runs the cycle and collects its last events. */
-    void redo()
-    {
-        EXPECT_EQ(partial_discovery(), 0);
-        driver.collect();
-    }
-
     static void expectRetryInTenSeconds()
     {
         expectWait(10, MORROW_PARTIAL_DISCOVERY_EVENT);
@@ -110,7 +103,7 @@ TEST_F(PartialDiscovery, RedoOfEitherControllerHasTheExpectedTrace)
         daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
         skipped += trace().size();
 
-        redo();
+        run(partial_discovery);
 
         EXPECT_THAT(
             trace(),
@@ -138,6 +131,7 @@ TEST_F(PartialDiscovery, RedoOfEitherControllerHasTheExpectedTrace)
         EXPECT_THAT(i3c_discovered_map,
                     ElementsAre(otherController, controller));
         EXPECT_THAT(i3c_device_notify_map, ElementsAre(other, node));
+        EXPECT_TRUE(std::filesystem::exists(other));
     }
 }
 
@@ -162,7 +156,7 @@ TEST_F(PartialDiscovery, TwoOrMoreNotifiedAreCompleteWithoutARedo)
         i3c_device_notify_map = row.notified;
         daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
         skipped += trace().size();
-        redo();
+        run(partial_discovery);
         // Two and two need no summary.
         Texts summary;
         if (row.devices.size() != 2 || row.notified.size() != 2)
@@ -188,7 +182,7 @@ TEST_F(PartialDiscovery, NothingNotifiedRedoesTheFirstAndNamesTheSecond)
 {
     i3c_device_map = {node0, node1};
     i3c_discovered_map = {controller0, controller1};
-    redo();
+    run(partial_discovery);
     const auto texts = trace();
     EXPECT_EQ(Texts(texts.begin(), texts.begin() + 2), choice(node1, node0));
     EXPECT_THAT(texts, Contains("write bind fff10000.i3c"));
@@ -199,7 +193,7 @@ TEST_F(PartialDiscovery, NodeIsComparedAsAWhole)
 {
     i3c_device_map = {node0};
     i3c_device_notify_map = {node0 + "0"};
-    redo();
+    run(partial_discovery);
     const auto texts = trace();
     EXPECT_EQ(Texts(texts.begin(), texts.begin() + 2), choice(node1, node0));
 }
@@ -211,7 +205,7 @@ TEST_F(PartialDiscovery, EveryEntryOfTheControllerLeavesTheLists)
     i3c_device_map = {node1, node0, node1, "/dev/i3c-mctp-10"};
     i3c_discovered_map = {controller1, controller0, controller1, "other"};
     i3c_device_notify_map = {node0};
-    redo();
+    run(partial_discovery);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0, "/dev/i3c-mctp-10"));
     EXPECT_THAT(i3c_discovered_map, ElementsAre(controller0, "other"));
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
@@ -223,7 +217,7 @@ TEST_F(PartialDiscovery, ControllerLeavesItsListWhateverNodeItWasFoundUnder)
     i3c_device_map = {node0};
     i3c_discovered_map = {controller1};
     i3c_device_notify_map = {node0};
-    redo();
+    run(partial_discovery);
     EXPECT_THAT(i3c_device_map, ElementsAre(node0));
     EXPECT_THAT(i3c_discovered_map, IsEmpty());
 }
@@ -237,7 +231,7 @@ TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
                  {
                      left = i3c_device_map.size() + i3c_discovered_map.size();
                  });
-    redo();
+    run(partial_discovery);
     EXPECT_EQ(left, 2U);
 }
 
@@ -248,7 +242,7 @@ TEST_F(PartialDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
         answered(0);
         fake::lockIds[node1] = id;
         fake::shmIds[node1] = id;
-        redo();
+        run(partial_discovery);
     }
     EXPECT_EQ(record::count("removeLock -1"), 1);
     EXPECT_EQ(record::count("removeLock 0"), 1);
@@ -256,35 +250,15 @@ TEST_F(PartialDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
     EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
-TEST_F(PartialDiscovery, TheOtherControllerIsLeftAlone)
-{
-    answered(0);
-    driver.comesUp(controller1);
-    fake::lockIds = {{node0, 10}, {node1, 11}};
-    fake::shmIds = {{node0, 20}, {node1, 21}};
-    redo();
-    for (const auto& text : trace())
-    {
-        EXPECT_THAT(text, Not(testing::HasSubstr("write unbind fff10000")));
-        EXPECT_THAT(text, Not(testing::HasSubstr("write bind fff10000")));
-        EXPECT_THAT(text, Not(testing::HasSubstr("Lock /dev/i3c-mctp-0")));
-        EXPECT_THAT(text, Not(testing::HasSubstr("ShmId /dev/i3c-mctp-0")));
-        EXPECT_NE(text, "remove /dev/i3c-mctp-0");
-        EXPECT_NE(text, "removeLock 10");
-        EXPECT_NE(text, "removeShm 20");
-    }
-    EXPECT_TRUE(std::filesystem::exists(node0));
-}
-
 // What goes wrong
 
 TEST_F(PartialDiscovery, UnopenableUnbindFileIsLoggedAndTheRedoGoesOn)
 {
     answered(0);
-    DriverFiles::removeUnbindFile();
+    DriverFiles::putAside("unbind");
     driver.comesUp(controller1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    redo();
+    run(partial_discovery);
     const auto texts = trace();
     const auto failure =
         std::find(texts.begin(), texts.end(),
@@ -299,8 +273,8 @@ TEST_F(PartialDiscovery, UnopenableUnbindFileIsLoggedAndTheRedoGoesOn)
 TEST_F(PartialDiscovery, UnopenableBindFileIsLoggedAndTheNodeNotWaitedFor)
 {
     answered(0);
-    DriverFiles::removeBindFile();
-    redo();
+    DriverFiles::putAside("bind");
+    run(partial_discovery);
     expectNothingFoundAfter(
         {"sleep 2000 ms",
          "log 4 morrow: Failed to open sysfs file for fff11000.i3c\n"});
@@ -309,10 +283,10 @@ TEST_F(PartialDiscovery, UnopenableBindFileIsLoggedAndTheNodeNotWaitedFor)
 TEST_F(PartialDiscovery, UnopenableBindFileLeavesTheScanToWhatIsThere)
 {
     answered(0);
-    DriverFiles::removeBindFile();
+    DriverFiles::putAside("bind");
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    redo();
+    run(partial_discovery);
     // Not logged as discovered, since it was not waited for.
     EXPECT_EQ(record::count("log 4 morrow: Discovered i3c device: "
                             "/dev/i3c-mctp-1\n"),
@@ -326,14 +300,14 @@ TEST_F(PartialDiscovery, BindThatIsRefusedIsFollowedByTheWaitAnyway)
 {
     answered(0);
     DriverFiles::refuseBindWrites();
-    redo();
+    run(partial_discovery);
     expectNothingFoundAfter(Texts{"sleep 2000 ms"} + Texts(31, "sleep 100 ms"));
 }
 
 TEST_F(PartialDiscovery, NodeThatNeverOpensIsWaitedForInSilence)
 {
     answered(0);
-    redo();
+    run(partial_discovery);
     expectNothingFoundAfter(Texts{"write bind fff11000.i3c"} +
                             Texts(31, "sleep 100 ms"));
 }
@@ -343,7 +317,7 @@ TEST_F(PartialDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
     answered(0);
     DriverFiles::makeClassEntry(1);
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    redo();
+    run(partial_discovery);
     EXPECT_EQ(record::count("sleep 100 ms"), 31);
     EXPECT_EQ(record::count("log 4 morrow: Discovered i3c device: "
                             "/dev/i3c-mctp-1\n"),
@@ -356,7 +330,7 @@ TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)
 {
     answered(0);
     driver.comesUp(controller1);
-    redo();
+    run(partial_discovery);
     expectTraceEndsWith(
         Texts{"log 4 morrow: Discovered i3c device: fff10000.i3c\n",
               "log 4 morrow: Discovered i3c device: fff11000.i3c\n",
@@ -369,21 +343,21 @@ TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)
 
 TEST_F(PartialDiscovery, LogsWhatFollowsBeforeItHappens)
 {
-    const StateWatch retries(retry.front());
-    const StateWatch completes(complete.front());
+    const Watch retries(retry.front(), daemon_state);
+    const Watch completes(complete.front(), daemon_state);
     answered(0);
-    redo();
+    run(partial_discovery);
     EXPECT_EQ(retries.seen(), MORROW_PARTIAL_DISCOVERY_EVENT);
     i3c_device_notify_map = {node0, node0};
     i3c_device_map = {node0};
     daemon_state = MORROW_PARTIAL_DISCOVERY_EVENT;
-    redo();
+    run(partial_discovery);
     EXPECT_EQ(completes.seen(), MORROW_PARTIAL_DISCOVERY_EVENT);
 }
 
 TEST_F(PartialDiscovery, NothingNotifiedAtAllIsTriedAgainInTenSeconds)
 {
-    redo();
+    run(partial_discovery);
     expectTraceEndsWith(Texts{"setLockPermission /dev/i3c-mctp-0",
                               "setShmPermission /dev/i3c-mctp-0"} +
                         retry);
@@ -394,7 +368,7 @@ TEST_F(PartialDiscovery, SleepIsResumedAfterASignal)
 {
     answered(0);
     fake::interruptedSleeps = 1;
-    redo();
+    run(partial_discovery);
     const auto texts = trace();
     const auto sleep = std::find(texts.begin(), texts.end(), "sleep 2000 ms");
     ASSERT_NE(sleep, texts.end());
@@ -416,7 +390,7 @@ TEST_F(PartialDiscovery, IsWhatItsStateDoes)
 TEST_F(PartialDiscovery, RetryComesBackAfterTenTicksOnTheEleventhCall)
 {
     answered(0);
-    redo();
+    run(partial_discovery);
     skipped += trace().size();
     for (int tick = 0; tick < 10; ++tick)
     {
@@ -443,7 +417,7 @@ TEST_F(PartialDiscovery, LeavesThePublishedEndpointAndAddsTheMissingOne)
     BusObserver observer;
 
     fake::endpoints[node1] = {fake::answer(0x9D)};
-    redo();
+    run(partial_discovery);
 
     EXPECT_THAT(busctl::managedObjects(network),
                 UnorderedElementsAre(network + "/29", network + "/157"));

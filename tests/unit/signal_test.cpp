@@ -163,18 +163,18 @@ TEST_F(Signal, ThreadThatCannotStartIsLoggedAndStartedTheNextTime)
 
 TEST_F(Signal, SemaphoreThatCannotBeCreatedIsLoggedAndCreatedTheNextTime)
 {
-    auto& signal = morrow_signal::get_instance();
     fake::semaphoreInitError = ENOSYS;
     EXPECT_EQ(morrow_init_signal(), 2U);
     EXPECT_EQ(trace().back(),
               "log 4 morrow_signal: Failed to initialize semaphore\n");
     EXPECT_TRUE(isDefault(SIGTERM));
-    EXPECT_EQ(fake::semaphoreWithin(&signal, sizeof(signal)).shared, -1);
+    EXPECT_TRUE(fake::semaphores().empty());
     fake::semaphoreInitError = 0;
     start();
-    const auto created = fake::semaphoreWithin(&signal, sizeof(signal));
-    EXPECT_EQ(created.shared, 0);
-    EXPECT_EQ(created.value, 0U);
+    const auto created = fake::semaphores();
+    ASSERT_EQ(created.size(), 1U);
+    EXPECT_EQ(created[0].shared, 0);
+    EXPECT_EQ(created[0].value, 0U);
 }
 
 TEST_F(Signal, TerminationBeforeStartUpFinishedStopsNoBus)
