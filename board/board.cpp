@@ -75,12 +75,12 @@ const fs::path& present(const fs::path& daemon)
 Board::Board(Timeline& timeline, const BoardOptions& options) :
     record(insideASandbox(timeline)), kernel(timeline),
     privateBus(timeline, options.installation.policy),
-    simulatedHost(timeline, Bus::address(), options.hostState,
-                  options.hasHostService),
+    simulatedHost(timeline, Bus::address(), options.hostState),
     runDaemon(timeline, present(options.installation.daemon),
               daemonEnvironment(options))
 {
-    setLogLevel(options.logLevel);
+    constexpr int everything = 11;
+    setLogLevel(everything);
     writePlatformValue("CPU_VENDOR", "0");
     timeline.record(event::Note{"The board boots, both controllers bound."});
     kernel.boot();

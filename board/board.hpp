@@ -8,7 +8,6 @@
 #include "board/process/installation.hpp"
 #include "board/process/platform_values.hpp"
 #include "board/timeline/timeline.hpp"
-#include "board/util/plain_text.hpp"
 
 #include <chrono>
 #include <cstddef>
@@ -24,9 +23,6 @@ struct BoardOptions
 {
     Installation installation{};
     std::string hostState = "Off"; //!< the host's state at the beginning
-    /** Whether the host-state service is there at the beginning. */
-    bool hasHostService = true;
-    int logLevel = 11; //!< the least severe level that is logged
 };
 
 /** A whole board around the daemon: kernel, endpoints, bus and host, and one
@@ -70,19 +66,18 @@ class Board
         return runDaemon;
     }
 
-    /** @param index 0 or 1 */
     [[nodiscard]] Controller controller(std::size_t index)
     {
         return {kernel, index};
     }
 
-    /** @param index that of its controller, 0 or 1 */
+    /** @param index that of its controller */
     [[nodiscard]] EndpointControl endpoint(std::size_t index)
     {
         return {kernel, index};
     }
 
-    void changeDriver(const DriverAction& action)
+    void changeDriver(const std::function<void(I3cDriver&)>& action)
     {
         kernel.change(action);
     }
@@ -90,7 +85,11 @@ class Board
     /** @brief Do one of driverActions(), e.g. "bind-file missing". */
     void changeDriver(const std::string& action)
     {
-        kernel.change(driverActions().understand(wordsOf(action)));
+        kernel.change(
+            [&](I3cDriver& driver)
+            {
+                commands::run(driverActions(), driver, action);
+            });
     }
 
     /** @brief The values that the platform's hardware library reads. */
@@ -100,7 +99,7 @@ class Board
     }
 
     /** @brief Set the least severe level that the daemon logs, from its next
-     *         start on. */
+     *         start on; everything without it. */
     void setLogLevel(int level);
 
     /** @brief Stop the daemon as its service manager does: SIGTERM, and again

@@ -24,54 +24,38 @@ namespace
 {
 
 constexpr auto about =
-    "Run the unmodified daemon on a simulated board and watch it: a private\n"
-    "system bus, an I3C driver with two controllers, the MCTP endpoints "
-    "behind\n"
-    "them and the host.\n"
-    "\n"
-    "It plays a scenario, power-cycle by default: the daemon starts, the host\n"
-    "runs, both endpoints are published, the host goes off and runs again, "
-    "the\n"
-    "daemon is stopped. With --shell you give the commands; \"help\" lists "
-    "them.\n"
-    "\n"
-    "With a COMMAND, a client of the daemon or its tests, it runs that against "
-    "a\n"
-    "board: inside it, as root there, with the host running and both "
-    "endpoints\n"
-    "published, or as --play FILE leaves it. Nothing else is shown; --verbose\n"
-    "shows the timeline on standard error.\n"
-    "\n"
-    "No right is needed where the system allows user namespaces and FUSE, and\n"
-    "nothing is left behind, however it ends.";
+    R"(Run the unmodified daemon on a simulated board and watch it: a private
+system bus, an I3C driver with two controllers, the MCTP endpoints behind
+them and the host.
 
-constexpr auto notes =
-    "\nExit status: 0 passed, 1 failed, 2 wrong usage, 130 interrupted. With "
-    "a\n"
-    "COMMAND it is that of COMMAND, 128+N after signal N, or 125 no board, "
-    "126\n"
-    "COMMAND cannot be run, 127 it is not found.\n"
-    "NO_COLOR in the environment turns colour off.\n"
-    "\n"
-    "Examples:\n"
-    "  morrow-board\n"
-    "  morrow-board --verbose | less\n"
-    "  morrow-board --save timeline.jsonl\n"
-    "  morrow-board --shell\n"
-    "  echo 'help' | morrow-board --shell\n"
-    "  morrow-board -- busctl tree xyz.openbmc_project.mctp\n"
-    "  morrow-board --daemon build/morrow/morrow \\\n"
-    "      --policy packaging/dbus/xyz.openbmc_project.mctp.conf\n";
+It plays a scenario, power-cycle by default: the daemon starts, the host
+runs, both endpoints are published, the host goes off and runs again, the
+daemon is stopped. With --shell you give the commands; "help" lists them.
 
-/** Refuses a name that is empty, e.g. that of a variable that is not set. */
-CLI::Validator named()
-{
-    return {[](const std::string& name) -> std::string
-            {
-                return name.empty() ? "the name of a file is missing" : "";
-            },
-            ""};
-}
+With a COMMAND, a client of the daemon or its tests, it runs that against a
+board: inside it, as root there, with the host running and both endpoints
+published, or as --play FILE leaves it. Nothing else is shown; --verbose
+shows the timeline on standard error.
+
+No right is needed where the system allows user namespaces and FUSE, and
+nothing is left behind, however it ends.)";
+
+constexpr auto notes = R"(
+Exit status: 0 passed, 1 failed, 2 wrong usage, 130 interrupted. With a
+COMMAND it is that of COMMAND, 128+N after signal N, or 125 no board, 126
+COMMAND cannot be run, 127 it is not found.
+NO_COLOR in the environment turns colour off.
+
+Examples:
+  morrow-board
+  morrow-board --verbose | less
+  morrow-board --save timeline.jsonl
+  morrow-board --shell
+  echo 'help' | morrow-board --shell
+  morrow-board -- busctl tree xyz.openbmc_project.mctp
+  morrow-board --daemon build/morrow/morrow \
+      --policy packaging/dbus/xyz.openbmc_project.mctp.conf
+)";
 
 bool wantsColour(int fd)
 {
@@ -126,30 +110,32 @@ class Formatter : public CLI::Formatter
 
 void addOptions(CLI::App& app, board::ProgramOptions& options)
 {
+    const auto addFile =
+        [&app](const std::string& name, auto& file, const std::string& help)
+    {
+        // An empty name is e.g. that of a variable that is not set.
+        app.add_option(name, file, help)
+            ->type_name("FILE")
+            ->check(
+                [](const std::string& given) -> std::string
+                {
+                    return given.empty() ? "the name of a file is missing" : "";
+                });
+    };
     app.set_version_flag("--version", "morrow-board " VERSION,
                          "print the version and exit");
-    app.add_option("--daemon", options.board.installation.daemon,
-                   "the daemon to run, instead of the installed one")
-        ->type_name("FILE")
-        ->check(named());
-    app.add_option("--policy", options.board.installation.policy,
-                   "its bus policy, instead of the installed one")
-        ->type_name("FILE")
-        ->check(named());
-    app.add_option("--play", options.play,
-                   "play the scenario in this file, or on standard input: -")
-        ->type_name("FILE")
-        ->check(named());
+    addFile("--daemon", options.board.installation.daemon,
+            "the daemon to run, instead of the installed one");
+    addFile("--policy", options.board.installation.policy,
+            "its bus policy, instead of the installed one");
+    addFile("--play", options.play,
+            "play the scenario in this file, or on standard input: -");
     app.add_flag("--shell", options.shell,
                  "take commands at a prompt, or from a pipe");
-    app.add_option("--parse", options.parse,
-                   "print the scenario in this file as JSON, and exit")
-        ->type_name("FILE")
-        ->check(named());
-    app.add_option("--save", options.save,
-                   "save the timeline in this file, an event a line, as JSON")
-        ->type_name("FILE")
-        ->check(named());
+    addFile("--parse", options.parse,
+            "print the scenario in this file as JSON, and exit");
+    addFile("--save", options.save,
+            "save the timeline in this file, an event a line, as JSON");
     app.add_flag("-v,--verbose", options.style.everything,
                  "show every log record, and every opening of a node");
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/program.hpp"
 
-#include "board/commands/commands.hpp"
 #include "board/commands/line_editor.hpp"
 #include "board/commands/piped_lines.hpp"
 #include "board/commands/scenario.hpp"
@@ -140,14 +139,17 @@ std::optional<SaveFile> saveFileOf(const ProgramOptions& options)
 
 std::optional<commands::Scenario> scenarioOf(const ProgramOptions& options)
 {
-    if (options.play.empty() && (options.shell || !options.client.empty()))
+    if (options.shell)
     {
         return {};
     }
+    if (options.play.empty() && !options.client.empty())
+    {
+        return commands::Scenario("built in", clientsBoard);
+    }
     auto scenario = commands::Scenario::of(
         options.play.empty() ? options.board.installation.scenario.string()
-                             : options.play,
-        commands::allCommands());
+                             : options.play);
     if ((scenario.targets() & commands::target::simulated) == 0)
     {
         throw Error(scenario.name() + ": it is for the targets " +
@@ -169,8 +171,7 @@ std::unique_ptr<commands::Lines> linesAt(bool terminal,
 {
     if (terminal)
     {
-        return std::make_unique<commands::LineEditor>(commands::allCommands(),
-                                                      interruption);
+        return std::make_unique<commands::LineEditor>(interruption);
     }
     return std::make_unique<commands::PipedLines>(interruption);
 }
@@ -188,49 +189,11 @@ Write writeOf(const ProgramOptions& options, commands::Lines& lines)
     return options.style.everything ? to(stderr) : [](const std::string&) {};
 }
 
-Verdict byHand(commands::Session& session, commands::Lines& lines,
-               Interruption& interruption)
-{
-    runShell(session, lines, interruption);
-    return {static_cast<int>(Status::passed),
-            "The board has ended; nothing is left behind."};
-}
-
-Verdict byScenario(commands::Session& session,
-                   const commands::Scenario& scenario)
+Verdict byClient(commands::Session& session, const ProgramOptions& options,
+                 const commands::Scenario& scenario, Interruption& interruption)
+try
 {
     scenario.play(session);
-    return {static_cast<int>(Status::passed),
-            "PASS " + scenario.name() + " (" +
-                secondsOf(session.board().timeline().now()) + ")"};
-}
-
-/** Brings the board into the state that a client finds.
- *  @throws Error when that fails */
-void prepare(commands::Session& session,
-             const std::optional<commands::Scenario>& scenario)
-try
-{
-    if (scenario)
-    {
-        scenario->play(session);
-        return;
-    }
-    commands::Scenario("built in", clientsBoard, commands::allCommands())
-        .play(session);
-}
-catch (const commands::CommandFailed& failure)
-{
-    throw Error(std::string("the board does not get ready for the client: ") +
-                failure.what() + "; --verbose shows what happened");
-}
-
-Verdict byClient(commands::Session& session, const ProgramOptions& options,
-                 const std::optional<commands::Scenario>& scenario,
-                 Interruption& interruption)
-try
-{
-    prepare(session, scenario);
     auto& daemon = session.board().daemon();
     const auto hadDaemon = daemon.running();
     const auto status =
@@ -240,6 +203,11 @@ try
         complain("the daemon ended while the client ran; --verbose shows how");
     }
     return {status, ""};
+}
+catch (const commands::CommandFailed& failure)
+{
+    throw Error(std::string("the board does not get ready for the client: ") +
+                failure.what() + "; --verbose shows what happened");
 }
 catch (const CannotRun& failure)
 {
@@ -254,13 +222,17 @@ Verdict drive(commands::Session& session, const ProgramOptions& options,
 {
     if (!options.client.empty())
     {
-        return byClient(session, options, scenario, interruption);
+        return byClient(session, options, *scenario, interruption);
     }
+    constexpr auto passed = static_cast<int>(Status::passed);
     if (options.shell)
     {
-        return byHand(session, lines, interruption);
+        runShell(session, lines, interruption);
+        return {passed, "The board has ended; nothing is left behind."};
     }
-    return byScenario(session, scenario.value());
+    scenario->play(session);
+    return {passed, "PASS " + scenario->name() + " (" +
+                        secondsOf(session.board().timeline().now()) + ")"};
 }
 
 } // namespace
@@ -287,7 +259,7 @@ int run(const ProgramOptions& options)
     {
         auto style = options.style;
         style.details = !prompts;
-        Printer printer(timeline, write, style);
+        Follower printer(timeline, printing(write, style));
         const auto say = [&](const std::string& text)
         {
             printer.catchUp();
@@ -297,7 +269,7 @@ int run(const ProgramOptions& options)
             timeline, options, scenario ? scenario->name() : "shell",
             [&](Board& board)
             {
-                commands::Session session(board, commands::allCommands(), say);
+                commands::Session session(board, say);
                 return drive(session, options, scenario, *lines, interruption);
             });
     }
@@ -315,8 +287,7 @@ int run(const ProgramOptions& options)
 
 void parseScenario(const std::string& file)
 {
-    put(stdout,
-        commands::Scenario::of(file, commands::allCommands()).asJson() + "\n");
+    put(stdout, commands::Scenario::of(file).asJson() + "\n");
 }
 
 } // namespace board

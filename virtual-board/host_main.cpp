@@ -12,7 +12,6 @@
 #include "board/host/host.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/error.hpp"
-#include "board/util/plain_text.hpp"
 
 #include <systemd/sd-daemon.h>
 
@@ -30,7 +29,7 @@ constexpr auto systemBus = "unix:path=/run/dbus/system_bus_socket";
 std::string answer(board::Host& host, const std::string& line)
 try
 {
-    board::hostAction(board::wordsOf(line))(host);
+    board::commands::run(board::hostActions(), host, line);
     return "done";
 }
 catch (const board::Error& error)

@@ -4,7 +4,7 @@
 #include "board/bus/broker.hpp"
 #include "board/bus/endpoint_object.hpp"
 #include "board/bus/sd.hpp"
-#include "board/commands/vocabulary.hpp"
+#include "board/commands/row.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/event_thread.hpp"
 
@@ -89,9 +89,9 @@ class Bus
     EventThread thread;
 };
 
-using BusAction = std::function<void(Bus&)>;
+using BusAction = commands::Row<void(Bus&, const commands::Values&)>;
 
-/** @brief The phrases for the bus, e.g. "broker-dies". */
-[[nodiscard]] const Vocabulary<BusAction>& busActions();
+/** @brief What follows "bus", e.g. "broker-dies". */
+[[nodiscard]] const std::vector<BusAction>& busActions();
 
 } // namespace board

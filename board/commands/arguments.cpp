@@ -2,42 +2,39 @@
 #include "board/commands/arguments.hpp"
 
 #include "board/commands/target.hpp"
-#include "board/commands/vocabulary.hpp"
-#include "board/endpoint/behaviours.hpp"
 #include "board/host/host.hpp"
-#include "board/kernel/i3c_driver.hpp"
-#include "board/util/error.hpp"
-#include "board/util/plain_text.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <csignal>
 #include <cstring>
-#include <optional>
 
 namespace board::commands
 {
 namespace
 {
 
-constexpr unsigned greatestEid = 0xFF;
-constexpr unsigned greatestStatus = 0xFF;
-constexpr unsigned greatestLevel = 99;
-constexpr unsigned longestMs = 3'600'000; // an hour
-constexpr unsigned greatestCount = 1'000'000;
-
-/** A number from 0 on, decimal or 0x... */
-std::optional<unsigned> numberOf(std::string_view word, unsigned greatest)
-{
-    const auto value = parseNumber(word);
-    return value && *value <= greatest
-               ? std::optional(static_cast<unsigned>(*value))
-               : std::nullopt;
-}
-
-template <unsigned greatest>
+template <unsigned least, unsigned greatest>
 bool isNumber(std::string_view word)
 {
-    return numberOf(word, greatest).has_value();
+    const auto value = parseNumber(word);
+    return value && *value >= least && *value <= greatest;
+}
+
+constexpr auto isByte = isNumber<0, 0xFF>;
+
+std::optional<int> parseErrno(std::string_view word)
+{
+    constexpr int afterLast = 134;
+    for (int value = 1; value < afterLast; ++value)
+    {
+        const auto* const name = strerrorname_np(value);
+        if (name != nullptr && word == name)
+        {
+            return value;
+        }
+    }
+    return {};
 }
 
 /** An exit status, or the name of the signal that ended the process. */
@@ -45,9 +42,9 @@ std::optional<event::Exited> parseEnd(std::string_view word)
 {
     constexpr int noStatus = -1;
     constexpr int noSignal = 0;
-    if (const auto status = numberOf(word, greatestStatus))
+    if (isByte(word))
     {
-        return event::Exited{static_cast<int>(*status), noSignal};
+        return event::Exited{numberOf<int>(word), noSignal};
     }
     for (int number = 1; number < NSIG; ++number)
     {
@@ -81,17 +78,6 @@ bool isTarget(std::string_view word)
     return targetOf(word) != target::none;
 }
 
-std::vector<std::string> namesOf(const std::vector<Phrase>& phrases)
-{
-    std::vector<std::string> names;
-    names.reserve(phrases.size());
-    for (const auto& phrase : phrases)
-    {
-        names.push_back(phrase.name);
-    }
-    return names;
-}
-
 struct Kind
 {
     std::string_view name;
@@ -103,14 +89,16 @@ struct Kind
 const std::vector<Kind>& kinds()
 {
     static const std::vector<Kind> table{
-        {"CONTROLLER", "0 or 1", isNumber<controllerCount - 1>, {"0", "1"}},
-        {"EID",
-         "0 to 255, or 0x00 to 0xff",
-         isNumber<greatestEid>,
-         {"29", "157"}},
-        {"MS", "milliseconds, 0 to 3600000", isNumber<longestMs>, {}},
-        {"LEVEL", "0 to 99", isNumber<greatestLevel>, {"1", "2", "4", "11"}},
-        {"COUNT", "0 to 1000000", isNumber<greatestCount>, {}},
+        {"CONTROLLER", "0 or 1", isNumber<0, 1>, {"0", "1"}},
+        {"EID", "0 to 255, or 0x00 to 0xff", isByte, {"29", "157"}},
+        {"BYTE", "0 to 255, or 0x00 to 0xff", isByte, {}},
+        {"BYTES", "0 to 4096", isNumber<0, 4096>, {}},
+        {"PART", "1 to 64 bytes", isNumber<1, 64>, {}},
+        {"PACKETS", "1 to 10000", isNumber<1, 10'000>, {}},
+        {"MS", "milliseconds, 0 to 3600000", isNumber<0, 3'600'000>, {}},
+        {"LEVEL", "0 to 99", isNumber<0, 99>, {"1", "2", "4", "11"}},
+        {"COUNT", "0 to 1000000", isNumber<0, 1'000'000>, {}},
+        {"TIMES", "1 to 1000000", isNumber<1, 1'000'000>, {}},
         {"END",
          "an exit status, or a signal such as SIGKILL",
          isEnd,
@@ -118,7 +106,7 @@ const std::vector<Kind>& kinds()
         {"STATE", "a capitalised word", isCapitalised, hostStates()},
         {"POWER", "", nullptr, {"StateS0", "StateS3", "StateS4", "StateS5"}},
         {"CAUSE", "", nullptr, {"WarmReset", "ColdReset"}},
-        {"BEHAVIOUR", "", nullptr, namesOf(behaviours().phrases())},
+        {"BEHAVIOUR", "what may follow \"endpoint CONTROLLER\"", nullptr, {}},
         {"ERRNO",
          "an errno name such as EIO",
          isErrno,
@@ -142,24 +130,27 @@ const Kind* find(std::string_view name)
     return found == kinds().end() ? nullptr : &*found;
 }
 
-unsigned numberOrThrow(std::string_view kind, const std::string& word,
-                       unsigned greatest)
-{
-    const auto value = numberOf(word, greatest);
-    if (!value)
-    {
-        throw Error(inQuotes(word) + " is no " + std::string(kind) + ": " +
-                    meaningOf(kind));
-    }
-    return *value;
-}
-
 } // namespace
 
-bool isOfKind(std::string_view kind, std::string_view word)
+bool isWord(std::string_view element)
 {
-    const auto* const found = find(kind);
-    return found == nullptr || found->takes == nullptr || found->takes(word);
+    return element.find('|') == std::string_view::npos &&
+           element.front() >= 'a' && element.front() <= 'z';
+}
+
+bool isOfKind(std::string_view element, std::string_view word)
+{
+    if (const auto bar = element.find('|'); bar != std::string_view::npos)
+    {
+        return isOfKind(element.substr(0, bar), word) ||
+               isOfKind(element.substr(bar + 1), word);
+    }
+    if (isWord(element))
+    {
+        return element == word;
+    }
+    const auto* const kind = find(element);
+    return kind == nullptr || kind->takes == nullptr || kind->takes(word);
 }
 
 std::string meaningOf(std::string_view kind)
@@ -174,44 +165,33 @@ std::vector<std::string> examplesOf(std::string_view kind)
     return found == nullptr ? std::vector<std::string>() : found->examples;
 }
 
-std::size_t controllerOf(const std::string& word)
+std::optional<std::uint64_t> parseNumber(std::string_view word)
 {
-    return numberOrThrow("CONTROLLER", word, controllerCount - 1);
+    constexpr int decimal = 10;
+    constexpr int hexadecimal = 16;
+    const auto isHex = word.starts_with("0x");
+    word.remove_prefix(isHex ? 2 : 0);
+    std::uint64_t value = 0;
+    const auto* const end = word.data() + word.size();
+    const auto [stop, error] =
+        std::from_chars(word.data(), end, value, isHex ? hexadecimal : decimal);
+    return error == std::errc() && stop == end ? std::optional(value)
+                                               : std::nullopt;
 }
 
-std::uint8_t eidOf(const std::string& word)
+std::chrono::milliseconds millisecondsOf(std::string_view word)
 {
-    return static_cast<std::uint8_t>(numberOrThrow("EID", word, greatestEid));
+    return std::chrono::milliseconds(numberOf(word));
 }
 
-std::chrono::milliseconds millisecondsOf(const std::string& word)
+int errnoOf(std::string_view word)
 {
-    return std::chrono::milliseconds(numberOrThrow("MS", word, longestMs));
+    return parseErrno(word).value();
 }
 
-int levelOf(const std::string& word)
+event::Exited endOf(std::string_view word)
 {
-    return static_cast<int>(numberOrThrow("LEVEL", word, greatestLevel));
-}
-
-std::size_t countOf(const std::string& word)
-{
-    return numberOrThrow("COUNT", word, greatestCount);
-}
-
-int errnoOf(const std::string& word)
-{
-    return parseErrno(word).value_or(0);
-}
-
-event::Exited endOf(const std::string& word)
-{
-    const auto end = parseEnd(word);
-    if (!end)
-    {
-        throw Error(inQuotes(word) + " is no END: " + meaningOf("END"));
-    }
-    return *end;
+    return parseEnd(word).value();
 }
 
 } // namespace board::commands

@@ -4,8 +4,8 @@
 #include "board/timeline/event.hpp"
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,9 +14,13 @@
 namespace board::commands
 {
 
-/** @brief Whether a word may stand for an argument of this kind. A kind that
- *         is not in the table takes any word. */
-[[nodiscard]] bool isOfKind(std::string_view kind, std::string_view word);
+/** @brief Whether an element of a pattern is a word, which stands for itself.
+ */
+[[nodiscard]] bool isWord(std::string_view element);
+
+/** @brief Whether a word may stand for an element of a pattern: a word, a kind,
+ *         or a choice. A kind that is not in the table takes any word. */
+[[nodiscard]] bool isOfKind(std::string_view element, std::string_view word);
 
 /** @brief What a kind takes, in words, e.g. "0 or 1"; empty for any word. */
 [[nodiscard]] std::string meaningOf(std::string_view kind);
@@ -24,16 +28,20 @@ namespace board::commands
 /** @brief Words that completion offers for a kind. */
 [[nodiscard]] std::vector<std::string> examplesOf(std::string_view kind);
 
-/** @name The values of words that are of the kind.
- *  @throws Error for any other word */
+/** @brief The number of a word, decimal or 0x... */
+[[nodiscard]] std::optional<std::uint64_t> parseNumber(std::string_view word);
+
+/** @name The values of words that a pattern has found to be of the kind. */
 ///@{
-[[nodiscard]] std::size_t controllerOf(const std::string& word);
-[[nodiscard]] std::uint8_t eidOf(const std::string& word);
-[[nodiscard]] std::chrono::milliseconds millisecondsOf(const std::string& word);
-[[nodiscard]] int levelOf(const std::string& word);
-[[nodiscard]] std::size_t countOf(const std::string& word);
-[[nodiscard]] int errnoOf(const std::string& word);
-[[nodiscard]] event::Exited endOf(const std::string& word);
+template <typename Number = std::size_t>
+[[nodiscard]] Number numberOf(std::string_view word)
+{
+    return static_cast<Number>(parseNumber(word).value());
+}
+
+[[nodiscard]] std::chrono::milliseconds millisecondsOf(std::string_view word);
+[[nodiscard]] int errnoOf(std::string_view word);
+[[nodiscard]] event::Exited endOf(std::string_view word);
 ///@}
 
 } // namespace board::commands

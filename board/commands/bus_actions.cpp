@@ -1,54 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/bus/bus.hpp"
-#include "board/util/plain_text.hpp"
 
 namespace board
 {
-namespace
-{
 
-using Entry = Vocabulary<BusAction>::Entry;
+using commands::Values;
 
-/** A phrase without arguments. */
-Entry plain(const std::string& name, const std::string& help,
-            void (Bus::*action)())
+const std::vector<BusAction>& busActions()
 {
-    return {{name, "", help},
-            [action](Arguments&) -> BusAction
-            {
-                return action;
-            }};
-}
-
-BusAction takingTheName(Arguments& arguments)
-{
-    const auto word = arguments.textOr("for-good");
-    if (word != "for-good" && word != "replaceable")
-    {
-        arguments.refuse(inQuotes(word) + R"( is not "replaceable")");
-    }
-    return [replaceable = word == "replaceable"](Bus& bus)
-    {
-        bus.takesDaemonsName(replaceable);
+    static const std::vector<BusAction> table{
+        {"name-taken [replaceable]",
+         "Another peer owns the daemon's name; it can be replaced or not.",
+         [](Bus& bus, const Values& values)
+         {
+             bus.takesDaemonsName(!values.empty());
+         },
+         commands::target::notVirtual},
+        {"name-given-up", "That peer gives the name up and leaves.",
+         commands::calling(&Bus::givesUpDaemonsName),
+         commands::target::notVirtual},
+        {"broker-dies", "The broker ends, and all connections with it.",
+         commands::calling(&Bus::dies), commands::target::simulated},
+        {"broker-comes-back", "A new broker listens at the same address.",
+         commands::calling(&Bus::comesBack), commands::target::simulated},
     };
-}
-
-} // namespace
-
-const Vocabulary<BusAction>& busActions()
-{
-    static const Vocabulary<BusAction> known(
-        "bus action",
-        {{{"name-taken", "[replaceable]",
-           "another peer owns the daemon's name; it can be replaced or not"},
-          takingTheName},
-         plain("name-given-up", "that peer gives the name up and leaves",
-               &Bus::givesUpDaemonsName),
-         plain("broker-dies", "the broker ends, and all connections with it",
-               &Bus::dies),
-         plain("broker-comes-back", "a new broker listens at the same address",
-               &Bus::comesBack)});
-    return known;
+    return table;
 }
 
 } // namespace board

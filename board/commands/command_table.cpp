@@ -2,7 +2,7 @@
 #include "board/commands/command_table.hpp"
 
 #include "board/commands/arguments.hpp"
-#include "board/util/error.hpp"
+#include "board/endpoint/behaviours.hpp"
 #include "board/util/plain_text.hpp"
 
 #include <algorithm>
@@ -23,19 +23,6 @@ void addOnce(std::vector<std::string>& list, std::string text)
     }
 }
 
-/** A list of what is possible, kinds with their meaning. */
-std::string inWords(const std::vector<std::string>& elements)
-{
-    std::string text;
-    for (const auto& element : elements)
-    {
-        const auto meaning = meaningOf(element);
-        text += (text.empty() ? "" : ", ") + element +
-                (meaning.empty() ? "" : " (" + meaning + ")");
-    }
-    return text;
-}
-
 /** What completion offers for an element: itself, its examples, or the words
  *  of a choice. */
 std::vector<std::string> wordsFor(const std::string& element)
@@ -51,11 +38,11 @@ std::vector<std::string> wordsFor(const std::string& element)
         }
         return words;
     }
-    if (element.front() >= 'a' && element.front() <= 'z')
+    if (element == "BEHAVIOUR")
     {
-        return {element};
+        return elementsAfter(patternsOf(behaviours()), "", 0);
     }
-    return examplesOf(element);
+    return isWord(element) ? std::vector{element} : examplesOf(element);
 }
 
 /** Refuses what an editor or a tool has put into a file beside its text.
@@ -103,7 +90,7 @@ std::string helpOn(const Command& command)
     constexpr std::size_t column = 34;
     constexpr std::size_t columns = 80;
     const auto newLine = "\n" + std::string(column, ' ');
-    auto text = "  " + command.pattern.text();
+    auto text = "  " + command.pattern;
     text += text.size() + 2 > column ? newLine
                                      : std::string(column - text.size(), ' ');
     const auto where = command.targets == target::all
@@ -115,19 +102,13 @@ std::string helpOn(const Command& command)
 
 } // namespace
 
-void Call::requireOn(Targets wanted) const
+void Command::requireOn(Targets wanted) const
 {
-    auto having = command->targets;
-    if (values.size() > command->valuesOnVirtualBoard)
+    if ((wanted & ~targets) != target::none)
     {
-        having &= ~target::virtualBoard;
-    }
-    if ((wanted & ~having) != target::none)
-    {
-        throw Error(inQuotes(command->pattern.text()) +
-                    " does not exist on the target " +
-                    namesOf(wanted & ~having) + "; it does on " +
-                    namesOf(having));
+        throw Error(inQuotes(pattern) + " does not exist on the target " +
+                    namesOf(wanted & ~targets) + "; it does on " +
+                    namesOf(targets));
     }
 }
 
@@ -148,65 +129,23 @@ std::string Completion::extension(std::size_t cursor) const
 }
 
 CommandTable::CommandTable(std::vector<Command> commands) :
-    commands(std::move(commands))
+    commands(std::move(commands)), patterns(patternsOf(this->commands))
 {
 }
 
-Call CommandTable::understand(std::string_view line) const
+Call<Command> CommandTable::understand(std::string_view line) const
 {
     refuseUnlessText(line);
     if (wordsOf(line).empty())
     {
         return {};
     }
-    for (const auto& command : commands)
+    auto call = commands::understand(commands, line);
+    if (call.row->check)
     {
-        auto match = command.pattern.match(line);
-        if (match.whole && match.fitting == wordsOf(line).size())
-        {
-            if (command.check)
-            {
-                command.check(match.values);
-            }
-            return {&command, std::move(match.values)};
-        }
+        call.row->check(call.values);
     }
-    throw Error(whyNot(line));
-}
-
-std::string CommandTable::whyNot(std::string_view line) const
-{
-    std::size_t fitting = 0;
-    for (const auto& command : commands)
-    {
-        fitting = std::max(fitting, command.pattern.match(line).fitting);
-    }
-    const auto words = wordsOf(line);
-    const auto possible = inWords(elementsAfter(line, fitting));
-    if (fitting == words.size())
-    {
-        return inQuotes(line.substr(words.front().begin)) +
-               " is not all; after it: " + possible;
-    }
-    const auto where =
-        fitting == 0 ? "" : " after " + inQuotes(words[fitting - 1].text);
-    return inQuotes(words[fitting].text) + " is not possible" + where +
-           "; possible: " + (possible.empty() ? "nothing more" : possible);
-}
-
-std::vector<std::string> CommandTable::elementsAfter(std::string_view line,
-                                                     std::size_t words) const
-{
-    std::vector<std::string> elements;
-    for (const auto& command : commands)
-    {
-        const auto next = command.pattern.elementAfter(words);
-        if (command.pattern.match(line).fitting >= words && !next.empty())
-        {
-            addOnce(elements, next);
-        }
-    }
-    return elements;
+    return call;
 }
 
 Completion CommandTable::complete(std::string_view line,
@@ -229,11 +168,11 @@ Completion CommandTable::complete(std::string_view line,
         }
     };
     for (const auto& element :
-         elementsAfter(before, words.size() - (endsInWord ? 1 : 0)))
+         elementsAfter(patterns, before, words.size() - (endsInWord ? 1 : 0)))
     {
         if (element == "WORD")
         {
-            const auto firstWords = elementsAfter("", 0);
+            const auto firstWords = elementsAfter(patterns, "", 0);
             std::for_each(firstWords.begin(), firstWords.end(), offer);
         }
         for (const auto& word : wordsFor(element))
@@ -244,29 +183,19 @@ Completion CommandTable::complete(std::string_view line,
     return completion;
 }
 
-std::string CommandTable::help() const
-{
-    std::string text;
-    for (const auto& command : commands)
-    {
-        text += helpOn(command);
-    }
-    return text;
-}
-
 std::string CommandTable::help(std::string_view word) const
 {
     std::string text;
     for (const auto& command : commands)
     {
-        if (command.pattern.elementAfter(0) == word)
+        if (word.empty() || elementAfter(command.pattern, 0) == word)
         {
             text += helpOn(command);
         }
     }
     if (text.empty())
     {
-        throw Error(whyNot(word));
+        throw Error(whyNot(patterns, word));
     }
     return text;
 }

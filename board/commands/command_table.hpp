@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/commands/pattern.hpp"
-#include "board/commands/target.hpp"
+#include "board/commands/row.hpp"
 
 #include <cstddef>
 #include <functional>
-#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,27 +17,17 @@ class Session;
 /** @brief The pattern of the command that names a scenario's targets. */
 inline constexpr auto targetsCommand = "targets TARGET...";
 
-/** @brief One row of the table. */
+/** @brief A command of the shell and of scenarios. On targets without the
+ *         simulated board it has nothing to run. */
 struct Command
 {
-    Pattern pattern;
+    std::string pattern;
     std::string help; //!< a sentence, or a few
-    /** @brief Runs it on the simulated board; empty where that lacks it. */
     std::function<void(Session&, const Values&)> run;
-    /** @brief Throws an Error when its values are not possible, for what the
-     *         pattern does not say. */
-    std::function<void(const Values&)> check{};
     Targets targets = target::all; //!< those that have it
-    /** The virtual board lacks it with more values than these. */
-    std::size_t valuesOnVirtualBoard = std::numeric_limits<std::size_t>::max();
-};
-
-/** @brief A command as it was called: what to do, and with what. It refers to
- *         its table. */
-struct Call
-{
-    const Command* command = nullptr; //!< nullptr: an empty line, a comment
-    Values values;
+    /** Throws an Error when its values are not possible, for what the pattern
+     *  does not say; may be empty. */
+    std::function<void(const Values&)> check{};
 
     /** @throws Error when one of these targets lacks it */
     void requireOn(Targets wanted) const;
@@ -64,27 +52,22 @@ class CommandTable
     explicit CommandTable(std::vector<Command> commands);
 
     /** @brief Parse a line.
+     *  @return without a row for an empty line and a comment
      *  @throws Error in one line: which word does not fit, what is possible, or
      *          that it is no plain text */
-    [[nodiscard]] Call understand(std::string_view line) const;
+    [[nodiscard]] Call<Command> understand(std::string_view line) const;
 
     /** @brief Complete the word before the cursor, or offer the next one. */
     [[nodiscard]] Completion complete(std::string_view line,
                                       std::size_t cursor) const;
 
-    /** @brief All commands with their help. */
-    [[nodiscard]] std::string help() const;
-
-    /** @brief Those that begin with this word.
+    /** @brief The help on all commands, or on those that begin with this word.
      *  @throws Error when none does */
-    [[nodiscard]] std::string help(std::string_view word) const;
+    [[nodiscard]] std::string help(std::string_view word = "") const;
 
   private:
-    [[nodiscard]] std::string whyNot(std::string_view line) const;
-    [[nodiscard]] std::vector<std::string>
-    elementsAfter(std::string_view line, std::size_t words) const;
-
     std::vector<Command> commands;
+    std::vector<std::string> patterns;
 };
 
 } // namespace board::commands

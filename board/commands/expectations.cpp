@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 #include <set>
 
 namespace board::commands
@@ -23,9 +22,14 @@ std::string inWords(const std::set<unsigned>& eids)
     return text.empty() ? "none" : text;
 }
 
-void expectEndpoints(Session& session, const std::set<unsigned>& expected)
+void expectEndpoints(Session& session, const Values& values)
 {
+    std::set<unsigned> expected;
     std::set<unsigned> published;
+    for (const auto& value : values)
+    {
+        expected.insert(numberOf<unsigned>(value));
+    }
     for (const auto& object : session.board().bus().endpoints())
     {
         published.insert(object.eid);
@@ -61,8 +65,9 @@ std::string inWords(const event::Exited& end)
                            : std::string("SIG") + name;
 }
 
-void expectExit(Session& session, const event::Exited& expected)
+void expectExit(Session& session, const Values& values)
 {
+    const auto expected = endOf(values[0]);
     const auto events = lastRun(session);
     const auto found = std::find_if(events.begin(), events.end(),
                                     [](const Event& event)
@@ -82,12 +87,12 @@ void expectExit(Session& session, const event::Exited& expected)
     }
 }
 
-void expectNoLog(Session& session, const std::string& text)
+void expectNoLog(Session& session, const Values& values)
 {
     for (const auto& event : lastRun(session))
     {
         const auto* const log = event.as<event::Log>();
-        if (log != nullptr && log->text.find(text) != std::string::npos)
+        if (log != nullptr && log->text.find(values[0]) != std::string::npos)
         {
             throw NotAsExpected("the daemon has logged \"" + log->text + "\"");
         }
@@ -99,35 +104,20 @@ void expectNoLog(Session& session, const std::string& text)
 std::vector<Command> expectations()
 {
     return {
-        {Pattern("expect endpoints none"),
+        {"expect endpoints none",
          "Fail unless a client reads no endpoint on the bus now.",
-         [](Session& session, const Values&)
-         {
-             expectEndpoints(session, {});
-         }},
-        {Pattern("expect endpoints EID..."),
+         expectEndpoints},
+        {"expect endpoints EID...",
          "Fail unless it reads those of these ids and no others.",
-         [](Session& session, const Values& values)
-         {
-             std::set<unsigned> expected;
-             std::transform(values.begin(), values.end(),
-                            std::inserter(expected, expected.end()), eidOf);
-             expectEndpoints(session, expected);
-         }},
-        {Pattern("expect exit END"),
+         expectEndpoints},
+        {"expect exit END",
          "Fail unless the daemon has ended with this exit status, or by "
          "this signal, e.g. 0 or SIGKILL.",
-         [](Session& session, const Values& values)
-         {
-             expectExit(session, endOf(values[0]));
-         }},
-        {Pattern("expect no log TEXT"),
+         expectExit},
+        {"expect no log TEXT",
          "Fail if it has logged a record with this in its text since its "
          "last start.",
-         [](Session& session, const Values& values)
-         {
-             expectNoLog(session, values[0]);
-         }},
+         expectNoLog},
     };
 }
 

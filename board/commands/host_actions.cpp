@@ -1,250 +1,121 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/commands/arguments.hpp"
 #include "board/host/host.hpp"
-#include "board/util/plain_text.hpp"
-
-#include <array>
-#include <cctype>
-#include <utility>
 
 namespace board
 {
 namespace
 {
 
-using Entry = Vocabulary<HostAction>::Entry;
+using commands::calling;
+using commands::Values;
 
-constexpr Range manyTimes{1, 1'000'000};
-
-struct NamedObject
+/** A regular announcement from one of the control objects.
+ *  @param object "power" or "reset" */
+ControlMessage announcement(const std::string& object)
 {
-    const char* name;
-    ControlObject object;
-    const char* property;
-};
+    return object == "power"
+               ? ControlMessage{ControlObject::powerState,
+                                {{"InternalPowerState", ".StateS5"}}}
+               : ControlMessage{ControlObject::resetCause,
+                                {{"ResetCause", ".WarmReset"}}};
+}
 
-constexpr std::array objects{
-    NamedObject{"power", ControlObject::powerState, "InternalPowerState"},
-    NamedObject{"reset", ControlObject::resetCause, "ResetCause"}};
-
-const NamedObject& objectOf(Arguments& arguments)
+template <void (Host::*announce)(const std::string&, std::size_t)>
+void announces(Host& host, const Values& values)
 {
-    const auto word = arguments.text();
-    for (const auto& known : objects)
+    (host.*announce)(values[0],
+                     values.size() > 1 ? commands::numberOf(values[1]) : 1);
+}
+
+/** Sends an announcement with another text in one place. */
+template <std::string ControlMessage::*field>
+void sendsWith(Host& host, const Values& values)
+{
+    auto message = announcement(values[0]);
+    message.*field = values.size() > 1 ? values[1] : "";
+    host.sends(message);
+}
+
+void sendsValues(Host& host, const Values& values)
+{
+    auto message = announcement(values[0]);
+    const auto name = message.properties.front().name;
+    message.properties.clear();
+    for (std::size_t index = 1; index < values.size(); ++index)
     {
-        if (word == known.name)
-        {
-            return known;
-        }
+        message.properties.push_back({name, values[index]});
     }
-    arguments.refuse(inQuotes(word) + R"( is neither "power" nor "reset")");
+    host.sends(message);
 }
 
-/** The words that are left as one text. */
-std::string textOf(Arguments& arguments)
+void sendsProperty(Host& host, const Values& values)
 {
-    std::string text;
-    for (const auto& word : arguments.rest())
-    {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
+    auto message = announcement(values[0]);
+    message.properties = {{values[1], values[2]}};
+    host.sends(message);
 }
 
-HostAction sending(ControlMessage message)
+void sendsType(Host& host, const Values& values)
 {
-    return [message = std::move(message)](Host& host)
-    {
-        host.sends(message);
-    };
-}
-
-/** A state that is announced and lies well. */
-ControlMessage ordinary(const NamedObject& from)
-{
-    const auto isPower = from.object == ControlObject::powerState;
-    return {
-        .object = from.object,
-        .properties = {{from.property, isPower ? ".StateS5" : ".WarmReset"}}};
-}
-
-/** A phrase without arguments. */
-Entry plain(const std::string& name, const std::string& help,
-            void (Host::*action)())
-{
-    return {{name, "", help},
-            [action](Arguments&) -> HostAction
-            {
-                return action;
-            }};
-}
-
-/** A phrase that announces a state or a cause, once or often. */
-Entry announcing(const std::string& name, const std::string& argument,
-                 const std::string& help,
-                 void (Host::*action)(const std::string&, std::size_t))
-{
-    return {{name, argument + " [TIMES]", help},
-            [action](Arguments& arguments) -> HostAction
-            {
-                const auto value = arguments.text();
-                const auto times = arguments.numberOr(manyTimes, 1);
-                return [=](Host& host)
-                {
-                    (host.*action)(value, times);
-                };
-            }};
-}
-
-/** A phrase that sends a proper announcement with one field changed. */
-Entry changed(const std::string& name, const std::string& argument,
-              const std::string& help, std::string ControlMessage::*field)
-{
-    return {{name, "power|reset " + argument, help},
-            [field](Arguments& arguments)
-            {
-                auto message = ordinary(objectOf(arguments));
-                message.*field = arguments.text();
-                return sending(std::move(message));
-            }};
-}
-
-std::vector<Entry> serviceTable()
-{
-    return {
-        {{"says", "[TEXT...]", "CurrentHostState is this whole text, or empty"},
-         [](Arguments& arguments) -> HostAction
-         {
-             return [text = textOf(arguments)](Host& host)
-             {
-                 host.says(text);
-             };
-         }},
-        plain("leaves", "the host-state service leaves the bus", &Host::leaves),
-        plain("comes", "the host-state service comes to the bus", &Host::comes),
-        plain("answers", "who asks for the state gets it", &Host::answers),
-        plain("never-answers", "who asks for the state gets no answer",
-              &Host::neverAnswers),
-        {{"answers-error", "NAME [TEXT...]",
-          "who asks for the state gets the D-Bus error NAME"},
-         [](Arguments& arguments) -> HostAction
-         {
-             const auto name = arguments.text();
-             return [name, text = textOf(arguments)](Host& host)
-             {
-                 host.answersWithError(name, text);
-             };
-         }},
-        {{"answers-type", "SIGNATURE",
-          "who asks for the state gets another type, e.g. u, o or as"},
-         [](Arguments& arguments) -> HostAction
-         {
-             return [signature = arguments.text()](Host& host)
-             {
-                 host.answersWithType(signature);
-             };
-         }},
-    };
-}
-
-std::vector<Entry> signalTable()
-{
-    return {
-        {{"signal-values", "power|reset TEXT...",
-          "announces the property once for each whole TEXT, in one signal"},
-         [](Arguments& arguments)
-         {
-             const auto& from = objectOf(arguments);
-             ControlMessage message{.object = from.object};
-             for (const auto& value : arguments.rest())
-             {
-                 message.properties.push_back({from.property, value});
-             }
-             return sending(std::move(message));
-         }},
-        {{"signal-property", "power|reset NAME TEXT",
-          "announces another property"},
-         [](Arguments& arguments)
-         {
-             ControlMessage message{.object = objectOf(arguments).object};
-             const auto name = arguments.text();
-             message.properties = {{name, arguments.text()}};
-             return sending(std::move(message));
-         }},
-        {{"signal-type", "power|reset SIGNATURE",
-          "announces the property as a value of another type"},
-         [](Arguments& arguments)
-         {
-             const auto& from = objectOf(arguments);
-             return sending(
-                 {.object = from.object,
-                  .properties = {{from.property, "", arguments.text()}}});
-         }},
-        {{"signal-body", "power|reset [SIGNATURE]",
-          "sends PropertiesChanged with a body of other types, or none"},
-         [](Arguments& arguments)
-         {
-             auto message = ordinary(objectOf(arguments));
-             message.body = arguments.textOr("");
-             return sending(std::move(message));
-         }},
-        changed("signal-member", "MEMBER",
-                "sends the announcement under another member's name",
-                &ControlMessage::member),
-        changed("signal-interface", "INTERFACE",
-                "sends the announcement from another interface",
-                &ControlMessage::interface),
-        changed("signal-changed", "INTERFACE",
-                "announces the property as one of another interface",
-                &ControlMessage::changed),
-    };
+    auto message = announcement(values[0]);
+    message.properties.front().type = values[1];
+    host.sends(message);
 }
 
 } // namespace
 
-const Vocabulary<HostAction>& hostActions()
+const std::vector<HostAction>& hostActions()
 {
-    static const Vocabulary<HostAction> known(
-        "host action",
-        []
-        {
-            auto all = serviceTable();
-            for (auto& entry : signalTable())
-            {
-                all.push_back(std::move(entry));
-            }
-            return all;
-        }());
-    return known;
-}
-
-const Vocabulary<HostAction>& announcements()
-{
-    static const Vocabulary<HostAction> known(
-        "announcement",
-        {announcing("power", "POWER",
-                    "announces InternalPowerState POWER, e.g. StateS5",
-                    &Host::entersPowerState),
-         announcing("reset", "CAUSE",
-                    "announces ResetCause CAUSE, e.g. WarmReset",
-                    &Host::isReset)});
-    return known;
-}
-
-HostAction hostAction(const Words& command)
-{
-    if (command.empty() || command.front() != "host")
-    {
-        return announcements().understand(command);
-    }
-    const Words words(command.begin() + 1, command.end());
-    if (words.size() == 1 && std::isupper(words.front().front()) != 0)
-    {
-        return [state = words.front()](Host& host)
-        {
-            host.goesTo(state);
-        };
-    }
-    return hostActions().understand(words);
+    static const std::vector<HostAction> table{
+        {"host STATE", "CurrentHostState becomes this, e.g. Running or Off.",
+         calling(&Host::goesTo)},
+        {"host says [TEXT]", "CurrentHostState is this whole text, or empty.",
+         calling(&Host::says)},
+        {"host leaves", "The host-state service leaves the bus.",
+         calling(&Host::leaves)},
+        {"host comes", "The host-state service comes to the bus.",
+         calling(&Host::comes)},
+        {"host answers", "Who asks for the state gets it.",
+         calling(&Host::answers)},
+        {"host never-answers", "Who asks for the state gets no answer.",
+         calling(&Host::neverAnswers)},
+        {"host answers-error NAME [TEXT]",
+         "Who asks for the state gets the D-Bus error NAME.",
+         [](Host& host, const Values& values)
+         {
+             host.answersWithError(values[0],
+                                   values.size() > 1 ? values[1] : "");
+         }},
+        {"host answers-type SIGNATURE",
+         "Who asks for the state gets another type, e.g. u, o or as.",
+         calling(&Host::answersWithType)},
+        {"host signal-values power|reset [VALUE...]",
+         "Announces the property once for each whole VALUE, in one signal.",
+         sendsValues},
+        {"host signal-property power|reset NAME VALUE",
+         "Announces another property.", sendsProperty},
+        {"host signal-type power|reset SIGNATURE",
+         "Announces the property as a value of another type.", sendsType},
+        {"host signal-body power|reset [SIGNATURE]",
+         "Sends PropertiesChanged with a body of other types, or none.",
+         sendsWith<&ControlMessage::body>},
+        {"host signal-member power|reset MEMBER",
+         "Sends the announcement under another member's name.",
+         sendsWith<&ControlMessage::member>},
+        {"host signal-interface power|reset INTERFACE",
+         "Sends the announcement from another interface.",
+         sendsWith<&ControlMessage::interface>},
+        {"host signal-changed power|reset INTERFACE",
+         "Announces the property as one of another interface.",
+         sendsWith<&ControlMessage::changed>},
+        {"power POWER [TIMES]",
+         "Announces InternalPowerState POWER, e.g. StateS5.",
+         announces<&Host::entersPowerState>},
+        {"reset CAUSE [TIMES]", "Announces ResetCause CAUSE, e.g. WarmReset.",
+         announces<&Host::isReset>},
+    };
+    return table;
 }
 
 } // namespace board

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/commands/line_editor.hpp"
 
+#include "board/commands/commands.hpp"
 #include "board/util/error.hpp"
 
 #include <histedit.h>
@@ -41,9 +42,7 @@ std::size_t columnsOfTerminal()
 
 } // namespace
 
-LineEditor::LineEditor(const CommandTable& commands,
-                       const Interruption& interruption) :
-    commands(commands),
+LineEditor::LineEditor(const Interruption& interruption) :
     interruption(interruption), typedLines(history_init(), history_end),
     editor(nullptr, el_end)
 {
@@ -66,8 +65,6 @@ LineEditor::LineEditor(const CommandTable& commands,
     el_set(el, EL_HIST, ::history, typedLines.get());
     el_set(el, EL_GETCFN, onKey);
 }
-
-LineEditor::~LineEditor() = default;
 
 LineEditor& LineEditor::of(editline* editor)
 {
@@ -167,7 +164,7 @@ void LineEditor::complete()
     const auto cursor = static_cast<std::size_t>(line->cursor - line->buffer);
     const std::string_view text(
         line->buffer, static_cast<std::size_t>(line->lastchar - line->buffer));
-    const auto completion = commands.complete(text, cursor);
+    const auto completion = allCommands().complete(text, cursor);
     if (completion.candidates.empty())
     {
         el_beep(editor.get());

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/commands/command_table.hpp"
 #include "board/commands/lines.hpp"
 #include "board/process/interruption.hpp"
 
@@ -30,15 +29,8 @@ namespace board::commands
 class LineEditor : public Lines
 {
   public:
-    /** @param commands completes words; outlives this
-     *  @param interruption reports Ctrl-C; outlives this */
-    LineEditor(const CommandTable& commands, const Interruption& interruption);
-
-    LineEditor(const LineEditor&) = delete;
-    LineEditor& operator=(const LineEditor&) = delete;
-    LineEditor(LineEditor&&) = delete;
-    LineEditor& operator=(LineEditor&&) = delete;
-    ~LineEditor() override;
+    /** @param interruption reports Ctrl-C; outlives this */
+    explicit LineEditor(const Interruption& interruption);
 
     std::optional<std::string> next() override;
     void write(const std::string& text) override;
@@ -57,7 +49,6 @@ class LineEditor : public Lines
     [[nodiscard]] std::size_t rowOfCursor() const;
     void remember(const std::string& line);
 
-    const CommandTable& commands;
     const Interruption& interruption;
     std::mutex screen;
     bool typing = false; //!< a line is on the screen and the lock is free

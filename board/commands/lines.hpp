@@ -14,8 +14,6 @@ class Lines
     Lines() = default;
     Lines(const Lines&) = delete;
     Lines& operator=(const Lines&) = delete;
-    Lines(Lines&&) = delete;
-    Lines& operator=(Lines&&) = delete;
     virtual ~Lines() = default;
 
     /** @brief The next line without its end; none: there are no more.

@@ -19,8 +19,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t defaultCount = 20;
-
 /** A directory as a client of the kernel sees it: names, links with targets.
  */
 std::string listing(const fs::path& directory, std::string_view prefix)
@@ -63,7 +61,7 @@ std::string stateOf(Board& board, std::size_t index)
            (node ? ", /dev/" + *node : ", no device") + endpoint.data();
 }
 
-void showTree(Session& session)
+void showTree(Session& session, const Values&)
 {
     auto text = listing("/sys/bus/platform/drivers/silvaco-i3c-master", "") +
                 listing("/sys/class/i3c-mctp", "") +
@@ -75,7 +73,7 @@ void showTree(Session& session)
     session.say(text);
 }
 
-void showEndpoints(Session& session)
+void showEndpoints(Session& session, const Values&)
 {
     const auto objects = session.board().bus().endpoints();
     for (const auto& object : objects)
@@ -88,8 +86,10 @@ void showEndpoints(Session& session)
     }
 }
 
-void showTimeline(Session& session, std::size_t count)
+void showTimeline(Session& session, const Values& values)
 {
+    constexpr std::size_t usual = 20;
+    const auto count = values.empty() ? usual : numberOf(values[0]);
     constexpr PrintStyle everything{false, true};
     const auto events = session.board().timeline().since();
     auto text = printedHeading(everything);
@@ -110,99 +110,65 @@ std::string entering()
     return "nsenter " + user + "-m -t " + std::to_string(getpid());
 }
 
-std::string busText()
+void showBus(Session& session, const Values&)
 {
     const std::string look("busctl tree xyz.openbmc_project.mctp\n");
-    return "To ask the daemon on the board's system bus, type \"daemon start\" "
-           "here first.\nThen, in another terminal:\n"
-           "  export DBUS_SYSTEM_BUS_ADDRESS=" +
-           Bus::outsideAddress() + "\n  " + look +
-           "or, for a program that the bus refuses so, inside the board:\n  " +
-           entering() + " " + look;
+    session.say(
+        "To ask the daemon on the board's system bus, type \"daemon start\" "
+        "here first.\nThen, in another terminal:\n"
+        "  export DBUS_SYSTEM_BUS_ADDRESS=" +
+        Bus::outsideAddress() + "\n  " + look +
+        "or, for a program that the bus refuses so, inside the board:\n  " +
+        entering() + " " + look);
 }
 
-std::vector<Command> looks()
+void note(Session& session, const Values& values)
 {
-    return {
-        {Pattern("tree"),
-         "Show the driver's directory, /sys/class/i3c-mctp, the device "
-         "nodes, and which endpoint is behind which.",
-         [](Session& session, const Values&)
-         {
-             showTree(session);
-         }},
-        {Pattern("endpoints"), "Show the endpoints as a client reads them.",
-         [](Session& session, const Values&)
-         {
-             showEndpoints(session);
-         }},
-        {Pattern("bus"), "Show the bus address, and how to use it.",
-         [](Session& session, const Values&)
-         {
-             session.say(busText());
-         }},
-        {Pattern("timeline [COUNT]"),
-         "Show the last events, hidden ones too; 20 by default.",
-         [](Session& session, const Values& values)
-         {
-             showTimeline(session,
-                          values.empty() ? defaultCount : countOf(values[0]));
-         }},
-    };
+    session.board().timeline().record(event::Note{values[0]});
 }
 
-std::vector<Command> aboutLines()
+void help(Session& session, const Values& values)
 {
-    return {
-        {Pattern("note TEXT"), "Put a note on the timeline.",
-         [](Session& session, const Values& values)
-         {
-             session.board().timeline().record(event::Note{values[0]});
-         }},
-        {Pattern(targetsCommand),
-         "Only as the first command of a scenario: the targets that it is "
-         "for; simulated without it.",
-         [](Session&, const Values&)
-         {
-             throw Error("only the first command can be \"targets\"");
-         }},
-        {Pattern("help [WORD]"),
-         "Show all commands, or those of a word.",
-         [](Session& session, const Values& values)
-         {
-             const auto& commands = session.commands();
-             session.say(values.empty() ? commands.help()
-                                        : commands.help(values[0]));
-         },
-         {},
-         target::simulated},
-        {Pattern("quit"),
-         "End the board; nothing is left behind.",
-         [](Session& session, const Values&)
-         {
-             session.leave();
-         },
-         {},
-         target::simulated},
-    };
+    session.say(allCommands().help(values.empty() ? "" : values[0]));
+}
+
+void refuseTargets(Session&, const Values&)
+{
+    throw Error("only the first command can be \"targets\"");
+}
+
+void leave(Session& session, const Values&)
+{
+    session.hasLeft = true;
 }
 
 } // namespace
 
 std::vector<Command> queries()
 {
-    auto all = looks();
-    for (auto& command : all)
-    {
-        // All targets have "endpoints": a scenario shows what clients read.
-        if (command.pattern.text() != "endpoints")
-        {
-            command.targets = target::simulated;
-        }
-    }
-    const auto more = aboutLines();
-    all.insert(all.end(), more.begin(), more.end());
-    return all;
+    return {
+        {"tree",
+         "Show the driver's directory, /sys/class/i3c-mctp, the device "
+         "nodes, and which endpoint is behind which.",
+         showTree, target::simulated},
+        // All targets have it: a scenario shows what clients read.
+        {"endpoints", "Show the endpoints as a client reads them.",
+         showEndpoints},
+        {"bus", "Show the bus address, and how to use it.", showBus,
+         target::simulated},
+        {"timeline [COUNT]",
+         "Show the last events, hidden ones too; 20 by default.", showTimeline,
+         target::simulated},
+        {"note TEXT", "Put a note on the timeline.", note},
+        {targetsCommand,
+         "Only as the first command of a scenario: the targets that it is "
+         "for; simulated without it.",
+         refuseTargets},
+        {"help [WORD]", "Show all commands, or those of a word.", help,
+         target::simulated},
+        {"quit", "End the board; nothing is left behind.", leave,
+         target::simulated},
+    };
 }
 
 } // namespace board::commands

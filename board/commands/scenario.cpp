@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/commands/scenario.hpp"
 
+#include "board/commands/commands.hpp"
 #include "board/util/fd.hpp"
 
 #include <fcntl.h>
@@ -45,8 +46,7 @@ std::string readAll(int fd, const std::string& name)
 
 } // namespace
 
-Scenario::Scenario(std::string file, const std::string& text,
-                   const CommandTable& commands) :
+Scenario::Scenario(std::string file, const std::string& text) :
     file(std::move(file))
 {
     std::istringstream all(text);
@@ -55,7 +55,7 @@ Scenario::Scenario(std::string file, const std::string& text,
     {
         try
         {
-            add(number, line, commands);
+            add(number, line);
         }
         catch (const Error& error)
         {
@@ -68,13 +68,12 @@ Scenario::Scenario(std::string file, const std::string& text,
     }
 }
 
-Scenario Scenario::of(const std::filesystem::path& file,
-                      const CommandTable& commands)
+Scenario Scenario::of(const std::filesystem::path& file)
 {
     if (file == "-")
     {
         const std::string name("standard input");
-        return {name, readAll(STDIN_FILENO, name), commands};
+        return {name, readAll(STDIN_FILENO, name)};
     }
     const Fd text(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!text)
@@ -82,18 +81,17 @@ Scenario Scenario::of(const std::filesystem::path& file,
         throw Error::fromErrno("cannot open the scenario " + file.string(),
                                errno);
     }
-    return {file.string(), readAll(text.get(), file.string()), commands};
+    return {file.string(), readAll(text.get(), file.string())};
 }
 
-void Scenario::add(std::size_t number, const std::string& line,
-                   const CommandTable& commands)
+void Scenario::add(std::size_t number, const std::string& line)
 {
-    auto call = commands.understand(line);
-    if (call.command == nullptr)
+    auto call = allCommands().understand(line);
+    if (call.row == nullptr)
     {
         return;
     }
-    if (call.command->pattern.text() == targetsCommand)
+    if (call.row->pattern == targetsCommand)
     {
         if (runsOn != target::none)
         {
@@ -109,7 +107,7 @@ void Scenario::add(std::size_t number, const std::string& line,
     {
         runsOn = target::simulated;
     }
-    call.requireOn(runsOn);
+    call.row->requireOn(runsOn);
     lines.push_back({number, trimmed(line), std::move(call)});
 }
 
@@ -130,7 +128,7 @@ void Scenario::play(Session& session) const
             throw CommandFailed(placeOf(line.number) + line.text + ": " +
                                 error.what());
         }
-        if (session.left())
+        if (session.hasLeft)
         {
             return;
         }
@@ -163,7 +161,7 @@ std::string Scenario::asJson() const
     {
         commands.push_back({{"line", line.number},
                             {"text", line.text},
-                            {"command", line.call.command->pattern.text()},
+                            {"command", line.call.row->pattern},
                             {"arguments", line.call.values}});
     }
     return Json{{"file", file}, {"targets", names}, {"commands", commands}}

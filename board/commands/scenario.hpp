@@ -26,16 +26,13 @@ class Scenario
   public:
     /** @param file what it is called in errors, e.g. its path
      *  @param text its lines
-     *  @param commands outlives this
      *  @throws Error "FILE:LINE: ..." for the first malformed line, or one
      *          that a target lacks, or when there is no command at all */
-    Scenario(std::string file, const std::string& text,
-             const CommandTable& commands);
+    Scenario(std::string file, const std::string& text);
 
     /** @brief Read it from a file, or from standard input when that is "-".
      *  @throws Error as above, or when it cannot be read */
-    static Scenario of(const std::filesystem::path& file,
-                       const CommandTable& commands);
+    static Scenario of(const std::filesystem::path& file);
 
     /** @brief Run its commands on the simulated board, up to the end or a
      *         "quit".
@@ -56,11 +53,10 @@ class Scenario
     {
         std::size_t number = 0; //!< from 1
         std::string text; //!< without blanks around it
-        Call call;
+        Call<Command> call;
     };
 
-    void add(std::size_t number, const std::string& line,
-             const CommandTable& commands);
+    void add(std::size_t number, const std::string& line);
     [[nodiscard]] std::string placeOf(std::size_t number) const;
 
     std::string file;

@@ -28,10 +28,9 @@ class Session
 {
   public:
     /** @param board outlives this
-     *  @param commands outlives this
      *  @param say shows an answer to the user, after what the timeline has
      *         to show until then */
-    Session(Board& board, const CommandTable& commands, Write say);
+    Session(Board& board, Write say);
 
     /** @brief Parse a line and run its command. The line is recorded on the
      *         timeline before.
@@ -40,10 +39,9 @@ class Session
     void run(const std::string& line);
 
     /** @brief Run a command that was parsed. */
-    void run(const Call& call, const std::string& line);
+    void run(const Call<Command>& call, const std::string& line);
 
     [[nodiscard]] Board& board();
-    [[nodiscard]] const CommandTable& commands() const;
 
     /** @brief Show an answer: lines, with their ends. */
     void say(const std::string& text) const;
@@ -54,25 +52,13 @@ class Session
      *  @throws WaitFailed at the timeout, or when no daemon runs */
     void wait(const std::string& what, const Timeline::Predicate& matches);
 
-    /** @brief Let the next wait count only what happens from this entry of
-     *         the timeline on. */
-    void lookFrom(std::size_t index);
-
-    /** @brief How long a wait lasts at most. */
-    void setTimeout(Timeline::Limit limit);
-    [[nodiscard]] Timeline::Limit timeout() const;
-
-    /** @brief No more lines are wanted. */
-    void leave();
-    [[nodiscard]] bool left() const;
+    std::size_t from = 0; //!< where on the timeline the next wait looks first
+    Timeline::Limit timeout = Board::usualLimit; //!< of a wait
+    bool hasLeft = false; //!< no more lines are wanted
 
   private:
     Board& theBoard;
-    const CommandTable& known;
     const Write write;
-    std::size_t from = 0; //!< where the next wait begins to look
-    Timeline::Limit longest = Board::usualLimit;
-    bool leaving = false;
 };
 
 } // namespace board::commands

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/commands/shell.hpp"
 
+#include "board/commands/commands.hpp"
 #include "board/util/plain_text.hpp"
 
 #include <exception>
@@ -12,8 +13,8 @@ namespace
 
 void greet(Session& session)
 {
-    const auto bus = session.commands().understand("bus");
-    bus.command->run(session, bus.values);
+    const auto bus = allCommands().understand("bus");
+    bus.row->run(session, bus.values);
     session.say("\"help\" lists all commands, \"quit\" ends the board.\n");
 }
 
@@ -38,7 +39,7 @@ void runLine(Session& session, const std::string& line)
 void runShell(Session& session, Lines& lines, Interruption& interruption)
 {
     greet(session);
-    while (!session.left())
+    while (!session.hasLeft)
     {
         const auto line = lines.next();
         // A Ctrl-C that came until now has done its work.

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/commands/arguments.hpp"
 #include "board/commands/commands.hpp"
 
 #include <initializer_list>
@@ -22,9 +21,9 @@ constexpr std::initializer_list<Row> rows{
      "and the host in this state. Without it the machine has booted and the "
      "service has not been started.",
      target::virtualBoard},
-    {"daemon restart", "Restart the service, and wait until it is ready. What "
-                       "happened until then "
-                       "does not count for the next wait."},
+    {"daemon restart",
+     "Restart the service, and wait until it is ready. What happened until "
+     "then does not count for the next wait."},
     {"unit set TEXT",
      "Put this setting into a drop-in of the daemon's unit, e.g. "
      "RestartSec=1."},
@@ -37,8 +36,7 @@ constexpr std::initializer_list<Row> rows{
     {"expect clean stop",
      "Fail unless the unit's last end was a success, and the service manager "
      "has not had to kill anything or wait too long since the last command "
-     "that "
-     "started or stopped it."},
+     "that started or stopped it."},
     {"expect log LEVEL FILE TEXT",
      "Fail unless the journal has a record of this level and source file with "
      "this in its text."},
@@ -74,7 +72,7 @@ std::vector<Command> systemdCommands()
     std::vector<Command> all;
     for (const auto& row : rows)
     {
-        all.push_back({Pattern(row.pattern), row.help, {}, {}, row.targets});
+        all.push_back({row.pattern, row.help, {}, row.targets});
     }
     return all;
 }

@@ -20,6 +20,7 @@ inline constexpr Targets simulated = 1; //!< the board of this program
 inline constexpr Targets service = 2; //!< systemd in a container
 inline constexpr Targets virtualBoard = 4; //!< an ARM64 machine in QEMU
 inline constexpr Targets systemd = service | virtualBoard;
+inline constexpr Targets notVirtual = simulated | service;
 inline constexpr Targets all = simulated | systemd;
 
 } // namespace target

@@ -3,7 +3,8 @@
 #include "board/commands/commands.hpp"
 #include "board/commands/session.hpp"
 
-#include <string_view>
+#include <string>
+#include <type_traits>
 
 namespace board::commands
 {
@@ -22,16 +23,34 @@ void waitEvent(Session& session, const std::string& what, Holds holds)
                  });
 }
 
-/** The last word of an object's path is its endpoint id. */
-bool isObjectOf(std::string_view path, const std::string& eid)
+constexpr auto isAny = [](const auto&)
 {
-    return path.substr(path.rfind('/') + 1) == std::to_string(eidOf(eid));
+    return true;
+};
+
+/** Waits until an object is announced, or withdrawn. */
+template <typename Kind>
+void waitObject(Session& session, const Values& values)
+{
+    constexpr auto isAdded = std::is_same_v<Kind, event::EndpointAdded>;
+    // The last word of an object's path is its endpoint id.
+    const auto end = '/' + std::to_string(numberOf(values[0]));
+    waitEvent<Kind>(session,
+                    (isAdded ? "announcement" : "withdrawal") +
+                        (" of endpoint " + values[0]),
+                    [&](const Kind& object)
+                    {
+                        return object.path.ends_with(end);
+                    });
 }
 
-void waitWrite(Session& session, bool bind, const std::string& controller,
-               int error = 0)
+/** Waits for a bind or an unbind of a controller, or for one that has failed
+ *  with this error. */
+template <bool bind>
+void waitWrite(Session& session, const Values& values)
 {
-    const std::string name(controllerNames.at(controllerOf(controller)));
+    const std::string name(controllerNames.at(numberOf(values[0])));
+    const auto error = values.size() > 1 ? errnoOf(values[1]) : 0;
     waitEvent<event::DriverWrite>(
         session,
         std::string(error == 0 ? "" : "failed ") + (bind ? "bind" : "unbind") +
@@ -44,131 +63,51 @@ void waitWrite(Session& session, bool bind, const std::string& controller,
 }
 
 template <typename Kind>
-void waitDevice(Session& session, const std::string& what,
-                const std::string& controller)
+void waitDevice(Session& session, const Values& values)
 {
-    const auto index = controllerOf(controller);
+    constexpr auto isUp = std::is_same_v<Kind, event::DeviceUp>;
+    const auto index = numberOf(values[0]);
     waitEvent<Kind>(session,
-                    what + " of the device of " + controllerNames.at(index),
+                    std::string(isUp ? "coming up" : "end") +
+                        " of the device of " + controllerNames.at(index),
                     [index](const Kind& device)
                     {
                         return device.controller == index;
                     });
 }
 
-std::vector<Command> daemonWaits()
+void waitReady(Session& session, const Values&)
 {
-    return {
-        {Pattern("wait ready"),
-         "Wait until the daemon says READY=1. Each wait looks from the end "
-         "of the last one (or the daemon's last start, if later), and what "
-         "has happened since counts: events that come one after the other "
-         "are waited for in their order.",
-         [](Session& session, const Values&)
-         {
-             waitEvent<event::Notified>(
-                 session, "READY=1 from the daemon",
-                 [](const event::Notified& notified)
-                 {
-                     return notified.text.find("READY=1") != std::string::npos;
-                 });
-         }},
-        {Pattern("wait log TEXT"),
-         "Wait until it has logged a record with this in its text.",
-         [](Session& session, const Values& values)
-         {
-             waitEvent<event::Log>(
-                 session, "log record with \"" + values[0] + "\"",
-                 [&](const event::Log& log)
-                 {
-                     return log.text.find(values[0]) != std::string::npos;
-                 });
-         }},
-        {Pattern("wait exit"),
-         "Wait until it has ended.",
-         [](Session& session, const Values&)
-         {
-             waitEvent<event::Exited>(session, "end of the daemon",
-                                      [](const event::Exited&)
-                                      {
-                                          return true;
-                                      });
-         },
-         {},
-         target::simulated},
-        {Pattern("wait host-asked"),
-         "Wait until the host-state service was asked for the state and did "
-         "not answer as it should.",
-         [](Session& session, const Values&)
-         {
-             waitEvent<event::HostAnswer>(session, "question to the host",
-                                          [](const event::HostAnswer&)
-                                          {
-                                              return true;
-                                          });
-         },
-         {},
-         target::simulated | target::service},
-    };
+    waitEvent<event::Notified>(session, "READY=1 from the daemon",
+                               [](const event::Notified& notified)
+                               {
+                                   return notified.text.find("READY=1") !=
+                                          std::string::npos;
+                               });
 }
 
-std::vector<Command> boardWaits()
+void waitLog(Session& session, const Values& values)
 {
-    return {
-        {Pattern("wait published EID"),
-         "Wait until an object of this endpoint id is announced.",
-         [](Session& session, const Values& values)
-         {
-             waitEvent<event::EndpointAdded>(
-                 session, "announcement of endpoint " + values[0],
-                 [&](const event::EndpointAdded& added)
-                 {
-                     return isObjectOf(added.path, values[0]);
-                 });
-         }},
-        {Pattern("wait withdrawn EID"), "Wait until it is withdrawn.",
-         [](Session& session, const Values& values)
-         {
-             waitEvent<event::EndpointRemoved>(
-                 session, "withdrawal of endpoint " + values[0],
-                 [&](const event::EndpointRemoved& removed)
-                 {
-                     return isObjectOf(removed.path, values[0]);
-                 });
-         }},
-        {Pattern("wait bind CONTROLLER"),
-         "Wait until the driver has bound this controller.",
-         [](Session& session, const Values& values)
-         {
-             waitWrite(session, true, values[0]);
-         }},
-        {Pattern("wait failed-bind CONTROLLER ERRNO"),
-         "Wait until a bind of it has failed with this error.",
-         [](Session& session, const Values& values)
-         {
-             waitWrite(session, true, values[0], errnoOf(values[1]));
-         }},
-        {Pattern("wait unbind CONTROLLER"),
-         "Wait until the driver has unbound it.",
-         [](Session& session, const Values& values)
-         {
-             waitWrite(session, false, values[0]);
-         }},
-        {Pattern("wait up CONTROLLER"), "Wait until its device comes up.",
-         [](Session& session, const Values& values)
-         {
-             waitDevice<event::DeviceUp>(session, "coming up", values[0]);
-         }},
-        {Pattern("wait down CONTROLLER"), "Wait until its device is gone.",
-         [](Session& session, const Values& values)
-         {
-             waitDevice<event::DeviceDown>(session, "end", values[0]);
-         }},
-    };
+    waitEvent<event::Log>(session, "log record with \"" + values[0] + "\"",
+                          [&](const event::Log& log)
+                          {
+                              return log.text.find(values[0]) !=
+                                     std::string::npos;
+                          });
+}
+
+void waitExit(Session& session, const Values&)
+{
+    waitEvent<event::Exited>(session, "end of the daemon", isAny);
+}
+
+void waitHostAsked(Session& session, const Values&)
+{
+    waitEvent<event::HostAnswer>(session, "question to the host", isAny);
 }
 
 /** Waits for nothing; a Ctrl-C ends it like any other wait. */
-void pause(Session& session, std::chrono::milliseconds time)
+void pause(Session& session, const Values& values)
 {
     try
     {
@@ -178,7 +117,7 @@ void pause(Session& session, std::chrono::milliseconds time)
             {
                 return false;
             },
-            time));
+            millisecondsOf(values[0])));
     }
     catch (const WaitFailed&)
     {
@@ -186,39 +125,57 @@ void pause(Session& session, std::chrono::milliseconds time)
     }
 }
 
-std::vector<Command> waiting()
+void lookFromNow(Session& session, const Values&)
 {
-    return {
-        {Pattern("from now"),
-         "The next wait counts only what happens after this.",
-         [](Session& session, const Values&)
-         {
-             session.lookFrom(session.board().timeline().size());
-         }},
-        {Pattern("timeout MS"),
-         "A wait, and daemon stop, last no longer; 200000 at the beginning.",
-         [](Session& session, const Values& values)
-         {
-             session.setTimeout(millisecondsOf(values[0]));
-         }},
-        {Pattern("pause MS"), "Wait so long.",
-         [](Session& session, const Values& values)
-         {
-             pause(session, millisecondsOf(values[0]));
-         }},
-    };
+    session.from = session.board().timeline().size();
+}
+
+void setTimeout(Session& session, const Values& values)
+{
+    session.timeout = millisecondsOf(values[0]);
 }
 
 } // namespace
 
 std::vector<Command> waits()
 {
-    std::vector<Command> all;
-    for (const auto& group : {daemonWaits(), boardWaits(), waiting()})
-    {
-        all.insert(all.end(), group.begin(), group.end());
-    }
-    return all;
+    return {
+        {"wait ready",
+         "Wait until the daemon says READY=1. Each wait looks from the end "
+         "of the last one (or the daemon's last start, if later), and what "
+         "has happened since counts: events that come one after the other "
+         "are waited for in their order.",
+         waitReady},
+        {"wait log TEXT",
+         "Wait until it has logged a record with this in its text.", waitLog},
+        {"wait exit", "Wait until it has ended.", waitExit, target::simulated},
+        {"wait host-asked",
+         "Wait until the host-state service was asked for the state and did "
+         "not answer as it should.",
+         waitHostAsked, target::notVirtual},
+        {"wait published EID",
+         "Wait until an object of this endpoint id is announced.",
+         waitObject<event::EndpointAdded>},
+        {"wait withdrawn EID", "Wait until it is withdrawn.",
+         waitObject<event::EndpointRemoved>},
+        {"wait bind CONTROLLER",
+         "Wait until the driver has bound this controller.", waitWrite<true>},
+        {"wait failed-bind CONTROLLER ERRNO",
+         "Wait until a bind of it has failed with this error.",
+         waitWrite<true>},
+        {"wait unbind CONTROLLER", "Wait until the driver has unbound it.",
+         waitWrite<false>},
+        {"wait up CONTROLLER", "Wait until its device comes up.",
+         waitDevice<event::DeviceUp>},
+        {"wait down CONTROLLER", "Wait until its device is gone.",
+         waitDevice<event::DeviceDown>},
+        {"from now", "The next wait counts only what happens after this.",
+         lookFromNow},
+        {"timeout MS",
+         "A wait, and daemon stop, last no longer; 200000 at the beginning.",
+         setTimeout},
+        {"pause MS", "Wait so long.", pause},
+    };
 }
 
 } // namespace board::commands

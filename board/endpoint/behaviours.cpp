@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/endpoint/behaviours.hpp"
 
+#include "board/commands/arguments.hpp"
+
 #include <algorithm>
 #include <functional>
 #include <iterator>
@@ -14,6 +16,10 @@ namespace
 {
 
 namespace mctp = platform::mctp;
+using commands::millisecondsOf;
+using commands::numberOf;
+using commands::Values;
+using commands::target::notVirtual;
 using std::chrono::milliseconds;
 
 // A control message: type; Rq, D and instance id in one byte; command; in an
@@ -23,7 +29,6 @@ constexpr std::size_t instance = 1;
 constexpr std::size_t command = 2;
 constexpr std::size_t completion = 3;
 constexpr std::size_t requestSize = 3;
-constexpr std::size_t answerSize = 4;
 constexpr std::uint8_t controlType = 0x00;
 constexpr std::uint8_t vendorType = 0x7E;
 constexpr std::uint8_t requestBit = 0x80;
@@ -146,29 +151,56 @@ void append(std::vector<Reply>& replies, std::vector<Reply> more)
     std::move(more.begin(), more.end(), std::back_inserter(replies));
 }
 
-/** Sends the regular answer with another value of one byte. */
-Endpoint::Behaviour withByte(std::size_t index, std::uint8_t value)
+/** Sends the regular answer with another value of one byte: the one that is
+ *  named, or this one. */
+template <std::size_t index, std::uint8_t otherwise>
+Endpoint::Behaviour withByte(const Values& values)
 {
     return altering(
-        [=](Answer& answer)
+        [value = values.empty()
+                     ? otherwise
+                     : numberOf<std::uint8_t>(values[0])](Answer& answer)
         {
             answer.message[index] = value;
         });
 }
 
-/** Sends the regular answer, cut or followed by zeros. */
-Endpoint::Behaviour withSize(std::size_t size)
+/** Sends the regular answer, cut or followed by zeros, in so many bytes as are
+ *  named, or in these. */
+template <std::size_t otherwise>
+Endpoint::Behaviour withSize(const Values& values)
 {
     return altering(
-        [=](Answer& answer)
+        [size =
+             values.empty() ? otherwise : numberOf(values[0])](Answer& answer)
         {
             answer.message.resize(size);
         });
 }
 
-Endpoint::Behaviour late(milliseconds by, Endpoint::Behaviour how)
+/** The behaviour that the value of this index names, or the usual one. */
+Endpoint::Behaviour furtherOf(const Values& values, std::size_t index)
 {
-    return [by, how = std::move(how)](std::uint8_t eid, const Request& request)
+    return behaviourOf(index < values.size() ? values[index] : "answering");
+}
+
+Endpoint::Behaviour answering(const Values&)
+{
+    return altering([](Answer&) {});
+}
+
+Endpoint::Behaviour silent(const Values&)
+{
+    return [](std::uint8_t, const Request&)
+    {
+        return std::vector<Reply>();
+    };
+}
+
+Endpoint::Behaviour late(const Values& values)
+{
+    return [by = millisecondsOf(values[0]), how = furtherOf(values, 1)](
+               std::uint8_t eid, const Request& request)
     {
         auto replies = how(eid, request);
         for (auto& reply : replies)
@@ -179,16 +211,16 @@ Endpoint::Behaviour late(milliseconds by, Endpoint::Behaviour how)
     };
 }
 
-Endpoint::Behaviour split(std::size_t bytes)
+Endpoint::Behaviour split(const Values& values)
 {
     return sending(
-        [bytes](const Answer& answer)
+        [bytes = values.empty() ? 1 : numberOf(values[0])](const Answer& answer)
         {
             return fragmentsOf(answer, bytes);
         });
 }
 
-Endpoint::Behaviour outOfSequence()
+Endpoint::Behaviour outOfSequence(const Values&)
 {
     return sending(
         [](const Answer& answer)
@@ -199,7 +231,7 @@ Endpoint::Behaviour outOfSequence()
         });
 }
 
-Endpoint::Behaviour otherTag()
+Endpoint::Behaviour otherTag(const Values&)
 {
     return altering(
         [](Answer& answer)
@@ -208,7 +240,7 @@ Endpoint::Behaviour otherTag()
         });
 }
 
-Endpoint::Behaviour otherTagOwner()
+Endpoint::Behaviour otherTagOwner(const Values&)
 {
     return altering(
         [](Answer& answer)
@@ -217,17 +249,17 @@ Endpoint::Behaviour otherTagOwner()
         });
 }
 
-Endpoint::Behaviour fromEid(std::uint8_t eid)
+Endpoint::Behaviour otherEid(const Values& values)
 {
     return altering(
-        [eid](Answer& answer)
+        [eid = numberOf<std::uint8_t>(values[0])](Answer& answer)
         {
             answer.envelope.source = eid;
         });
 }
 
 /** Too few bytes for a packet, too many, and another MCTP version. */
-Endpoint::Behaviour garbage()
+Endpoint::Behaviour garbage(const Values&)
 {
     return sending(
         [](const Answer& answer)
@@ -246,7 +278,7 @@ Endpoint::Behaviour garbage()
 }
 
 /** A read of the node gives no byte, not even a header. */
-Endpoint::Behaviour nothing()
+Endpoint::Behaviour nothing(const Values&)
 {
     return sending(
         [](const Answer&)
@@ -255,10 +287,10 @@ Endpoint::Behaviour nothing()
         });
 }
 
-Endpoint::Behaviour flooding(std::size_t packets, Endpoint::Behaviour how)
+Endpoint::Behaviour flooding(const Values& values)
 {
-    return [packets, how = std::move(how)](std::uint8_t eid,
-                                           const Request& request)
+    return [packets = numberOf(values[0]), how = furtherOf(values, 1)](
+               std::uint8_t eid, const Request& request)
     {
         const auto answer = regularAnswer(eid, request);
         std::vector<Reply> replies;
@@ -273,9 +305,10 @@ Endpoint::Behaviour flooding(std::size_t packets, Endpoint::Behaviour how)
     };
 }
 
-Endpoint::Behaviour vanishing(milliseconds after)
+Endpoint::Behaviour vanishing(const Values& values)
 {
-    return [after](std::uint8_t eid, const Request& request)
+    return [after = milliseconds(values.empty() ? 0 : numberOf(values[0]))](
+               std::uint8_t eid, const Request& request)
     {
         return regularAnswer(eid, request)
                    ? std::vector<Reply>{{{}, after, Reply::Kind::deviceLost}}
@@ -283,10 +316,16 @@ Endpoint::Behaviour vanishing(milliseconds after)
     };
 }
 
-Endpoint::Behaviour atFirst(std::size_t messages, Endpoint::Behaviour how,
-                            Endpoint::Behaviour then)
+Endpoint::Behaviour first(const Values& values)
 {
-    return [messages, how = std::move(how), then = std::move(then)](
+    constexpr std::string_view mark = " then ";
+    const auto& both = values[1];
+    const auto end = both.find(mark);
+    const auto then = end == std::string::npos
+                          ? Values()
+                          : Values{both.substr(end + mark.size())};
+    return [messages = numberOf(values[0]),
+            how = behaviourOf(both.substr(0, end)), then = furtherOf(then, 0)](
                std::uint8_t eid, const Request& request) mutable
     {
         if (messages == 0)
@@ -298,147 +337,71 @@ Endpoint::Behaviour atFirst(std::size_t messages, Endpoint::Behaviour how,
     };
 }
 
-constexpr Range byte{0, 0xFF};
-constexpr Range aMinute{0, 60'000}; // in milliseconds
-constexpr Range messageSize{answerSize, 4096};
-constexpr Range packetCount{1, 10'000};
-constexpr Range messageCount{1, 1'000'000};
-
-std::uint8_t byteOr(Arguments& arguments, std::uint8_t otherwise)
-{
-    return static_cast<std::uint8_t>(arguments.numberOr(byte, otherwise));
-}
-
-/** The behaviour of the remaining words, if there are any. */
-Endpoint::Behaviour furtherOr(const Words& words, Endpoint::Behaviour otherwise)
-{
-    return words.empty() ? std::move(otherwise) : behaviourFromWords(words);
-}
-
-Endpoint::Behaviour atFirstOf(Arguments& arguments)
-{
-    const auto messages = arguments.number(messageCount);
-    auto how = behaviourFromWords(arguments.until("then"));
-    return atFirst(messages, std::move(how),
-                   furtherOr(arguments.rest(), answering()));
-}
-
-/** A phrase without arguments. */
-Vocabulary<Endpoint::Behaviour>::Entry plain(const std::string& name,
-                                             const std::string& help,
-                                             Endpoint::Behaviour (*how)())
-{
-    return {{name, "", help},
-            [how](Arguments&)
-            {
-                return how();
-            }};
-}
-
-std::vector<Vocabulary<Endpoint::Behaviour>::Entry> table()
+std::vector<BehaviourRow> table()
 {
     return {
-        plain("answering", "answers as it should", answering),
-        plain("silent", "never says anything", silent),
-        {{"late", "MS [BEHAVIOUR...]",
-          "answers, or behaves in another way, so many milliseconds later"},
-         [](Arguments& arguments)
-         {
-             const milliseconds by(arguments.number(aMinute));
-             return late(by, furtherOr(arguments.rest(), answering()));
-         }},
-        {{"short", "[BYTES]",
-          "answers with the first 0 to 3 bytes only, 2 unless said otherwise"},
-         [](Arguments& arguments)
-         {
-             return withSize(arguments.numberOr({0, answerSize - 1}, 2));
-         }},
-        {{"empty", "", "answers with a packet's header and no message"},
-         [](Arguments&)
-         {
-             return withSize(0);
-         }},
-        {{"long", "BYTES", "answers, followed by zeros up to this size"},
-         [](Arguments& arguments)
-         {
-             return withSize(arguments.number(messageSize));
-         }},
-        {{"wrong-type", "[TYPE]", "answers with message type TYPE, or 0x7E"},
-         [](Arguments& arguments)
-         {
-             return withByte(type, byteOr(arguments, vendorType));
-         }},
-        {{"wrong-command", "[COMMAND]", "answers to COMMAND, or to 0x02"},
-         [](Arguments& arguments)
-         {
-             return withByte(command, byteOr(arguments, 2));
-         }},
-        {{"error", "[CODE]", "answers with completion code CODE, or 0x01"},
-         [](Arguments& arguments)
-         {
-             return withByte(completion, byteOr(arguments, 1));
-         }},
-        {{"split", "[BYTES]",
-          "answers in packets of 1 to 64 bytes of the message, or of 1"},
-         [](Arguments& arguments)
-         {
-             return split(arguments.numberOr({1, mctp::maxBodySize}, 1));
-         }},
-        plain("out-of-sequence", "answers in packets, one of which is missing",
-              outOfSequence),
-        plain("other-tag", "answers with another message tag", otherTag),
-        plain("other-owner", "answers as if the tag were its own",
-              otherTagOwner),
-        {{"other-eid", "EID", "answers in the name of another endpoint"},
-         [](Arguments& arguments)
-         {
-             return fromEid(static_cast<std::uint8_t>(arguments.number(byte)));
-         }},
-        plain("garbage", "sends bytes that are no packet", garbage),
-        plain("nothing", "lets a read of its node give no byte", nothing),
-        {{"flooding", "PACKETS [BEHAVIOUR...]",
-          "sends packets of other conversations before its answer and after"},
-         [](Arguments& arguments)
-         {
-             const auto packets = arguments.number(packetCount);
-             return flooding(packets, furtherOr(arguments.rest(), answering()));
-         }},
-        {{"vanishing", "[MS]",
-          "its device is gone once asked, until the next bind"},
-         [](Arguments& arguments)
-         {
-             return vanishing(milliseconds(arguments.numberOr(aMinute, 0)));
-         }},
-        {{"first", "N BEHAVIOUR... [then BEHAVIOUR...]",
-          "behaves so for N messages, then answers or behaves otherwise"},
-         atFirstOf},
+        {"answering", "Answers as it should.", answering},
+        {"silent", "Never says anything.", silent},
+        {"short", "Answers with the first 2 bytes only.", withSize<2>},
+        {"short BYTES", "Answers with so many bytes only.", withSize<2>,
+         notVirtual},
+        {"wrong-type", "Answers with message type 0x7E.",
+         withByte<type, vendorType>},
+        {"wrong-type BYTE", "Answers with this message type.",
+         withByte<type, vendorType>, notVirtual},
+        {"wrong-command", "Answers to command 0x02.", withByte<command, 2>},
+        {"wrong-command BYTE", "Answers to this command.", withByte<command, 2>,
+         notVirtual},
+        {"error", "Answers with completion code 0x01.",
+         withByte<completion, 1>},
+        {"error BYTE", "Answers with this completion code.",
+         withByte<completion, 1>, notVirtual},
+        {"late MS [BEHAVIOUR]",
+         "Answers, or behaves in another way, so many milliseconds later.",
+         late, notVirtual},
+        {"empty", "Answers with a packet's header and no message.", withSize<0>,
+         notVirtual},
+        {"long BYTES", "Answers, followed by zeros up to this size.",
+         withSize<0>, notVirtual},
+        {"split [PART]",
+         "Answers in packets of so many bytes of the message, or of 1.", split,
+         notVirtual},
+        {"out-of-sequence", "Answers in packets, one of which is missing.",
+         outOfSequence, notVirtual},
+        {"other-tag", "Answers with another message tag.", otherTag,
+         notVirtual},
+        {"other-owner", "Answers as if the tag were its own.", otherTagOwner,
+         notVirtual},
+        {"other-eid EID", "Answers in the name of another endpoint.", otherEid,
+         notVirtual},
+        {"garbage", "Sends bytes that are no packet.", garbage, notVirtual},
+        {"nothing", "Lets a read of its node give no byte.", nothing,
+         notVirtual},
+        {"flooding PACKETS [BEHAVIOUR]",
+         "Sends packets of other conversations before its answer and after.",
+         flooding, notVirtual},
+        {"vanishing [MS]",
+         "Its device is gone once asked, until the next bind.", vanishing,
+         notVirtual},
+        {"first TIMES BEHAVIOUR",
+         "Behaves so for so many messages, then answers; or, after \"then\", "
+         "behaves in another way.",
+         first, notVirtual},
     };
 }
 
 } // namespace
 
-Endpoint::Behaviour answering()
+const std::vector<BehaviourRow>& behaviours()
 {
-    return altering([](Answer&) {});
-}
-
-Endpoint::Behaviour silent()
-{
-    return [](std::uint8_t, const Request&)
-    {
-        return std::vector<Reply>();
-    };
-}
-
-const Vocabulary<Endpoint::Behaviour>& behaviours()
-{
-    static const Vocabulary<Endpoint::Behaviour> known("behaviour", table());
+    static const auto known = table();
     return known;
 }
 
-Endpoint::Behaviour behaviourFromWords(const Words& words)
+Endpoint::Behaviour behaviourOf(std::string_view text)
 {
-    return behaviours().understand(words);
+    const auto call = commands::understand(behaviours(), text);
+    return call.row->run(call.values);
 }
 
 } // namespace board

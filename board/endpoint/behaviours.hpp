@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/commands/vocabulary.hpp"
+#include "board/commands/row.hpp"
 #include "board/endpoint/endpoint.hpp"
+
+#include <string_view>
+#include <vector>
 
 /** How endpoints behave: values for Endpoint::setBehaviour().
  *
@@ -18,23 +21,21 @@
  *    `vanishing` with EIO, after which the node is unusable until the next
  *    bind.
  *
- *  Requests that are no MCTP control requests (DSP0236) are never answered.
+ *  `answering` answers Discovery Notify (command 0x0D) with success and other
+ *  control commands with "unsupported command". Requests that are no MCTP
+ *  control requests (DSP0236) are never answered.
  */
 namespace board
 {
 
-/** @brief Answers Discovery Notify (command 0x0D) with success and other
- *         control commands with "unsupported command". */
-[[nodiscard]] Endpoint::Behaviour answering();
+using BehaviourRow =
+    commands::Row<Endpoint::Behaviour(const commands::Values&)>;
 
-/** @brief Never answers. */
-[[nodiscard]] Endpoint::Behaviour silent();
+/** @brief All behaviours, by pattern. */
+[[nodiscard]] const std::vector<BehaviourRow>& behaviours();
 
-/** @brief All behaviours, by name. */
-[[nodiscard]] const Vocabulary<Endpoint::Behaviour>& behaviours();
-
-/** @brief The behaviour of these words, e.g. {"late", "500"}.
+/** @brief The behaviour of a text, e.g. "late 500".
  *  @throws Error when there is none, with those that there are */
-[[nodiscard]] Endpoint::Behaviour behaviourFromWords(const Words& words);
+[[nodiscard]] Endpoint::Behaviour behaviourOf(std::string_view text);
 
 } // namespace board

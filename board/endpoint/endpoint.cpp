@@ -19,7 +19,7 @@ constexpr std::size_t longestRequest = 4096;
 } // namespace
 
 Endpoint::Endpoint(std::uint8_t eid) :
-    id(eid), behave(answering()), reassembler(longestRequest)
+    id(eid), behave(behaviourOf("answering")), reassembler(longestRequest)
 {
 }
 

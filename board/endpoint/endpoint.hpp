@@ -58,10 +58,7 @@ class Endpoint
     /** @brief An endpoint of this id that answers as it should. */
     explicit Endpoint(std::uint8_t eid);
 
-    /** @brief Its endpoint id, the source of its packets. */
     [[nodiscard]] std::uint8_t eid() const;
-
-    /** @brief Give it another id. */
     void setEid(std::uint8_t eid);
 
     /** @brief Let it behave in another way from the next message on. */

@@ -112,24 +112,16 @@ const std::vector<std::string>& hostStates()
     return states;
 }
 
-Host::Host(Timeline& timeline, std::string address, const std::string& state,
-           bool isThere) :
-    timeline(timeline),
-    address(std::move(address)), current(statePrefix + state)
+Host::Host(Timeline& timeline, std::string address, const std::string& state) :
+    timeline(timeline), address(std::move(address)),
+    current(statePrefix + state)
 {
     timeline.record(event::HostState{current});
-    if (!isThere)
-    {
-        timeline.record(event::HostService{false});
-    }
     thread.run(
-        [&](sd_event* loop)
+        [this](sd_event* loop)
         {
             announce(loop);
-            if (isThere)
-            {
-                serve(loop);
-            }
+            serve(loop);
         });
 }
 
@@ -226,15 +218,10 @@ void Host::goesTo(const std::string& state)
                                     " is no state of a host that is known; "
                                     "the daemon takes it for off."});
     }
-    change(statePrefix + state);
+    says(statePrefix + state);
 }
 
 void Host::says(const std::string& text)
-{
-    change(text);
-}
-
-void Host::change(const std::string& text)
 {
     timeline.record(event::HostState{text});
     thread.run(

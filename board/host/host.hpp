@@ -2,12 +2,11 @@
 #pragma once
 
 #include "board/bus/sd.hpp"
-#include "board/commands/vocabulary.hpp"
+#include "board/commands/row.hpp"
 #include "board/timeline/timeline.hpp"
 #include "board/util/event_thread.hpp"
 
 #include <cstddef>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -60,10 +59,8 @@ class Host
   public:
     /** @brief Take the service's name, with the host being in this state.
      *  @param address the bus
-     *  @param isThere whether the service is there from the beginning
      *  @throws Error when the name cannot be had */
-    Host(Timeline& timeline, std::string address, const std::string& state,
-         bool isThere = true);
+    Host(Timeline& timeline, std::string address, const std::string& state);
 
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
@@ -133,7 +130,6 @@ class Host
     void announce(sd_event* loop);
     void serve(sd_event* loop);
     void leave();
-    void change(const std::string& text);
     void setAnswer(const Answer& newAnswer);
     void record(const ControlMessage& message, std::size_t times);
     [[nodiscard]] sd::Message newSignal(const ControlMessage& message,
@@ -156,16 +152,9 @@ class Host
 /** @brief The short names of the states that a host can be in. */
 [[nodiscard]] const std::vector<std::string>& hostStates();
 
-using HostAction = std::function<void(Host&)>;
+using HostAction = commands::Row<void(Host&, const commands::Values&)>;
 
-/** @brief The actions that follow "host", but for a state. */
-[[nodiscard]] const Vocabulary<HostAction>& hostActions();
-
-/** @brief The commands "power" and "reset". */
-[[nodiscard]] const Vocabulary<HostAction>& announcements();
-
-/** @brief The action of a whole command, e.g. {"host", "Running"}.
- *  @throws Error when it is none */
-[[nodiscard]] HostAction hostAction(const Words& command);
+/** @brief The commands "host", "power" and "reset". */
+[[nodiscard]] const std::vector<HostAction>& hostActions();
 
 } // namespace board

@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kernel/controller.hpp"
 
+#include "board/commands/arguments.hpp"
 #include "board/endpoint/behaviours.hpp"
-#include "board/util/plain_text.hpp"
 
 #include <cerrno>
-#include <map>
-#include <utility>
 
 namespace board
 {
 
-using std::chrono::milliseconds;
-
 namespace
 {
+
+using commands::errnoOf;
+using commands::millisecondsOf;
+using commands::Values;
+using commands::target::notVirtual;
 
 void setNodeRefusal(ControllerState& controller, const NodeRefusal& refusal)
 {
@@ -25,168 +26,110 @@ void setNodeRefusal(ControllerState& controller, const NodeRefusal& refusal)
     }
 }
 
-constexpr Range aMinute{0, 60'000}; // in milliseconds
-
-ClassEntry classEntryOf(Arguments& arguments)
+ClassEntry classEntryOf(const std::string& word)
 {
-    static const std::map<std::string, ClassEntry> known{
-        {"directory", ClassEntry::directory},
-        {"file", ClassEntry::file},
-        {"none", ClassEntry::none}};
-    const auto word = arguments.text();
-    const auto found = known.find(word);
-    if (found == known.end())
-    {
-        arguments.refuse(inQuotes(word) + " is no kind of class entry");
-    }
-    return found->second;
+    return word == "directory" ? ClassEntry::directory
+           : word == "file"    ? ClassEntry::file
+                               : ClassEntry::none;
 }
 
-ControllerAction refusingNode(int error, Arguments& arguments)
+/** @param values ends with "writers" when readers are let in */
+void refuseNode(ControllerState& controller, int error, const Values& values)
 {
-    const auto word = arguments.textOr("all");
-    if (word != "all" && word != "writers")
-    {
-        arguments.refuse(inQuotes(word) + R"( is not "writers")");
-    }
-    const NodeRefusal refusal{error,
-                              word == "all" ? Openers::all : Openers::writers};
-    return [=](ControllerState& controller)
-    {
-        setNodeRefusal(controller, refusal);
-    };
+    const auto forWriters = !values.empty() && values.back() == "writers";
+    setNodeRefusal(controller,
+                   {error, forWriters ? Openers::writers : Openers::all});
 }
 
-std::vector<Vocabulary<ControllerAction>::Entry> controllerTable()
+template <DriverFile file>
+void setFile(I3cDriver& driver, const Values& values)
 {
-    return {
-        {{"default", "", "comes up as it should again, and refuses nothing"},
-         [](Arguments&)
-         {
-             return [](ControllerState& controller)
-             {
-                 controller.comingUp = {};
-                 controller.refusals = {};
-                 setNodeRefusal(controller, {});
-             };
-         }},
-        {{"comes-up-after", "MS", "its device comes up so long after a bind"},
-         [](Arguments& arguments)
-         {
-             const milliseconds delay(arguments.number(aMinute));
-             return [=](ControllerState& controller)
-             {
-                 controller.comingUp.after = delay;
-                 controller.comingUp.afterTheOther = false;
-             };
-         }},
-        {{"comes-up-after-the-other", "[MS]",
-          "its device comes up only after the other controller's"},
-         [](Arguments& arguments)
-         {
-             const milliseconds delay(arguments.numberOr(aMinute, 0));
-             return [=](ControllerState& controller)
-             {
-                 controller.comingUp.after = delay;
-                 controller.comingUp.afterTheOther = true;
-             };
-         }},
-        {{"never-comes-up", "", "its device never comes up"},
-         [](Arguments&)
-         {
-             return [](ControllerState& controller)
-             {
-                 controller.comingUp.after.reset();
-             };
-         }},
-        {{"class-entry", "directory|file|none",
-          "what its device has under /sys/class/i3c-mctp"},
-         [](Arguments& arguments)
-         {
-             return
-                 [entry = classEntryOf(arguments)](ControllerState& controller)
-             {
-                 controller.comingUp.classEntry = entry;
-             };
-         }},
-        {{"refuses-bind", "ERRNO", "a bind fails, e.g. with EIO"},
-         [](Arguments& arguments)
-         {
-             return
-                 [error = arguments.errnoValue()](ControllerState& controller)
-             {
-                 controller.refusals.bind = error;
-             };
-         }},
-        {{"refuses-unbind", "ERRNO", "an unbind fails and changes nothing"},
-         [](Arguments& arguments)
-         {
-             return
-                 [error = arguments.errnoValue()](ControllerState& controller)
-             {
-                 controller.refusals.unbind = error;
-             };
-         }},
-        {{"node-busy", "[writers]",
-          "somebody else holds its node; or it can still be read"},
-         [](Arguments& arguments)
-         {
-             return refusingNode(EBUSY, arguments);
-         }},
-        {{"node-refuses", "ERRNO [writers]",
-          "its node cannot be opened, or not for writing"},
-         [](Arguments& arguments)
-         {
-             return refusingNode(arguments.errnoValue(), arguments);
-         }},
-    };
-}
-
-/** The errno with which an open of a driver file fails. */
-int fileErrorOf(Arguments& arguments)
-{
-    const auto how = arguments.text();
-    if (how == "works" || how == "missing")
-    {
-        return how == "works" ? 0 : ENOENT;
-    }
-    if (how != "refuses")
-    {
-        arguments.refuse(inQuotes(how) + " is none of these");
-    }
-    return arguments.errnoValue();
-}
-
-Vocabulary<DriverAction>::Entry fileEntryOf(DriverFile file,
-                                            const std::string& name)
-{
-    return {{name + "-file", "works|missing|refuses ERRNO",
-             "whether the " + name + " file is there and can be opened"},
-            [file](Arguments& arguments) -> DriverAction
-            {
-                const auto error = fileErrorOf(arguments);
-                return [=](I3cDriver& driver)
-                {
-                    driver.setFile(file, error);
-                };
-            }};
+    driver.setFile(file, values[0] == "works"     ? 0
+                         : values[0] == "missing" ? ENOENT
+                                                  : errnoOf(values[0]));
 }
 
 } // namespace
 
-const Vocabulary<ControllerAction>& controllerActions()
+const std::vector<ControllerAction>& controllerActions()
 {
-    static const Vocabulary<ControllerAction> known("controller action",
-                                                    controllerTable());
-    return known;
+    static const std::vector<ControllerAction> table{
+        {"default", "Comes up as it should again, and refuses nothing.",
+         [](ControllerState& controller, const Values&)
+         {
+             controller.comingUp = {};
+             controller.refusals = {};
+             setNodeRefusal(controller, {});
+         }},
+        {"comes-up-after MS", "Its device comes up so long after a bind.",
+         [](ControllerState& controller, const Values& values)
+         {
+             controller.comingUp.after = millisecondsOf(values[0]);
+             controller.comingUp.afterTheOther = false;
+         }},
+        {"comes-up-after-the-other [MS]",
+         "Its device comes up only after the other controller's.",
+         [](ControllerState& controller, const Values& values)
+         {
+             controller.comingUp.after =
+                 millisecondsOf(values.empty() ? "0" : values[0]);
+             controller.comingUp.afterTheOther = true;
+         },
+         notVirtual},
+        {"never-comes-up", "Its device never comes up.",
+         [](ControllerState& controller, const Values&)
+         {
+             controller.comingUp.after.reset();
+         }},
+        {"class-entry directory|file|none",
+         "What its device has under /sys/class/i3c-mctp.",
+         [](ControllerState& controller, const Values& values)
+         {
+             controller.comingUp.classEntry = classEntryOf(values[0]);
+         },
+         notVirtual},
+        {"refuses-bind ERRNO", "A bind fails, e.g. with EIO.",
+         [](ControllerState& controller, const Values& values)
+         {
+             controller.refusals.bind = errnoOf(values[0]);
+         }},
+        {"refuses-unbind ERRNO", "An unbind fails and changes nothing.",
+         [](ControllerState& controller, const Values& values)
+         {
+             controller.refusals.unbind = errnoOf(values[0]);
+         },
+         notVirtual},
+        {"node-busy [writers]",
+         "Somebody else holds its node; or it can still be read.",
+         [](ControllerState& controller, const Values& values)
+         {
+             refuseNode(controller, EBUSY, values);
+         },
+         notVirtual},
+        {"node-refuses ERRNO [writers]",
+         "Its node cannot be opened, or not for writing.",
+         [](ControllerState& controller, const Values& values)
+         {
+             refuseNode(controller, errnoOf(values[0]), values);
+         },
+         notVirtual},
+    };
+    return table;
 }
 
-const Vocabulary<DriverAction>& driverActions()
+const std::vector<DriverAction>& driverActions()
 {
-    static const Vocabulary<DriverAction> known(
-        "driver action", {fileEntryOf(DriverFile::bind, "bind"),
-                          fileEntryOf(DriverFile::unbind, "unbind")});
-    return known;
+    static const std::vector<DriverAction> table{
+        {"bind-file works|missing", "Whether the bind file is there.",
+         setFile<DriverFile::bind>, notVirtual},
+        {"bind-file refuses ERRNO", "The bind file cannot be opened.",
+         setFile<DriverFile::bind>, notVirtual},
+        {"unbind-file works|missing", "Whether the unbind file is there.",
+         setFile<DriverFile::unbind>, notVirtual},
+        {"unbind-file refuses ERRNO", "The unbind file cannot be opened.",
+         setFile<DriverFile::unbind>, notVirtual},
+    };
+    return table;
 }
 
 Controller::Controller(Kernel& kernel, std::size_t index) :
@@ -194,7 +137,8 @@ Controller::Controller(Kernel& kernel, std::size_t index) :
 {
 }
 
-void Controller::change(const ControllerAction& action) const
+void Controller::change(
+    const std::function<void(ControllerState&)>& action) const
 {
     kernel.change(
         [&](I3cDriver& driver)
@@ -205,7 +149,11 @@ void Controller::change(const ControllerAction& action) const
 
 void Controller::does(const std::string& action) const
 {
-    change(controllerActions().understand(wordsOf(action)));
+    change(
+        [&](ControllerState& controller)
+        {
+            commands::run(controllerActions(), controller, action);
+        });
 }
 
 std::optional<std::string> Controller::node() const
@@ -238,7 +186,7 @@ void EndpointControl::behaves(const Endpoint::Behaviour& behaviour) const
 
 void EndpointControl::behaves(const std::string& behaviour) const
 {
-    behaves(behaviourFromWords(wordsOf(behaviour)));
+    behaves(behaviourOf(behaviour));
 }
 
 void EndpointControl::hasEid(std::uint8_t eid) const

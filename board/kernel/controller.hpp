@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/commands/vocabulary.hpp"
+#include "board/commands/row.hpp"
 #include "board/kernel/kernel.hpp"
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 /** The I3C controllers, the endpoints behind them and their driver, as
  *  scenarios set them up. Objects here are handles on a kernel, for any thread
@@ -21,15 +21,16 @@
 namespace board
 {
 
-using ControllerAction = std::function<void(ControllerState&)>;
+using ControllerAction =
+    commands::Row<void(ControllerState&, const commands::Values&)>;
 
-/** @brief The phrases for a controller, e.g. "never-comes-up". */
-[[nodiscard]] const Vocabulary<ControllerAction>& controllerActions();
+/** @brief What follows "controller N", e.g. "never-comes-up". */
+[[nodiscard]] const std::vector<ControllerAction>& controllerActions();
 
-using DriverAction = std::function<void(I3cDriver&)>;
+using DriverAction = commands::Row<void(I3cDriver&, const commands::Values&)>;
 
-/** @brief The phrases for the driver's files, e.g. "bind-file missing". */
-[[nodiscard]] const Vocabulary<DriverAction>& driverActions();
+/** @brief What follows "driver", e.g. "bind-file missing". */
+[[nodiscard]] const std::vector<DriverAction>& driverActions();
 
 /** @brief One of the two I3C controllers. */
 class Controller
@@ -38,7 +39,7 @@ class Controller
     /** @param index 0 or 1 */
     Controller(Kernel& kernel, std::size_t index);
 
-    void change(const ControllerAction& action) const;
+    void change(const std::function<void(ControllerState&)>& action) const;
 
     /** @brief Do one of controllerActions(), e.g. "comes-up-after 500".
      *  @throws Error when there is no such action */

@@ -23,14 +23,12 @@ FileEntry readableEntry(std::string content)
     return {.mode = S_IFREG | 0444, .content = std::move(content)};
 }
 
-FileEntry controlEntry(std::function<int(std::string_view)> onWrite)
+FileEntry controlEntry(std::function<int()> onOpen,
+                       std::function<int(std::string_view)> onWrite)
 {
-    return {.mode = S_IFREG | 0200, .onWrite = std::move(onWrite)};
-}
-
-FileEntry refusingEntry(std::function<int()> onOpen)
-{
-    return {.mode = S_IFREG | 0200, .onOpen = std::move(onOpen)};
+    return {.mode = S_IFREG | 0200,
+            .onOpen = std::move(onOpen),
+            .onWrite = std::move(onWrite)};
 }
 
 FileEntry deviceEntry(std::shared_ptr<MctpDevice> device)

@@ -35,10 +35,8 @@ struct FileEntry
 
 /** @brief A write-only file, as sysfs has them. */
 [[nodiscard]] FileEntry
-controlEntry(std::function<int(std::string_view)> onWrite);
-
-/** @brief A write-only file that cannot be opened. */
-[[nodiscard]] FileEntry refusingEntry(std::function<int()> onOpen);
+controlEntry(std::function<int()> onOpen,
+             std::function<int(std::string_view)> onWrite);
 
 [[nodiscard]] FileEntry deviceEntry(std::shared_ptr<MctpDevice> device);
 

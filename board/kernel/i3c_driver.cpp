@@ -42,28 +42,24 @@ void I3cDriver::setFile(DriverFile file, int error)
     if (error == ENOENT)
     {
         tree.remove(path);
+        return;
     }
-    else if (error != 0)
-    {
-        tree.add(
-            path,
-            refusingEntry(
-                [this, isBind, error]
+    tree.add(
+        path,
+        controlEntry(
+            [this, isBind, error]
+            {
+                if (error != 0)
                 {
                     timeline.record(event::DriverFileRefused{isBind, error});
-                    return error;
-                }));
-    }
-    else
-    {
-        tree.add(path, controlEntry(
-                           [this, isBind](std::string_view name)
-                           {
-                               const auto now = Clock::now();
-                               return isBind ? bind(name, now)
-                                             : unbind(name, now);
-                           }));
-    }
+                }
+                return error;
+            },
+            [this, isBind](std::string_view name)
+            {
+                const auto now = Clock::now();
+                return isBind ? bind(name, now) : unbind(name, now);
+            }));
 }
 
 int I3cDriver::bind(std::string_view name, Clock::time_point now)

@@ -59,11 +59,10 @@ class MctpDevice
      *         and what it refuses with. */
     int open(bool forWriting);
 
+    void close();
+
     /** @brief Refuse to be opened from now on. */
     void refuse(const NodeRefusal& how);
-
-    /** @brief Close it: the next may open it. */
-    void close();
 
     /** @brief Send one packet to the endpoint: EINVAL when it is larger than
      *         a packet can be, ENODEV when gone. */

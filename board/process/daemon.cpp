@@ -239,45 +239,17 @@ pid_t Daemon::process() const
     return child->id();
 }
 
-void Daemon::awaitReady(Timeline::Limit limit)
-{
-    const auto isReady = [](const Event& event)
-    {
-        const auto* const notified = event.as<event::Notified>();
-        return notified != nullptr &&
-               notified->text.find("READY=1") != std::string::npos;
-    };
-    try
-    {
-        const auto event = timeline.waitFor(
-            "READY=1 from the daemon",
-            [&](const Event& event)
-            {
-                return isReady(event) || event.as<event::Exited>();
-            },
-            limit, startedAt);
-        if (!isReady(event))
-        {
-            throw WaitFailed("the daemon ended before READY=1");
-        }
-    }
-    catch (const WaitFailed& failure)
-    {
-        throw withHang(failure);
-    }
-}
-
 event::Exited Daemon::awaitExit(Timeline::Limit limit)
+try
 {
-    try
-    {
-        return timeline.waitFor<event::Exited>("end of the daemon", limit,
-                                               startedAt);
-    }
-    catch (const WaitFailed& failure)
-    {
-        throw withHang(failure);
-    }
+    return timeline.waitFor<event::Exited>("end of the daemon", limit,
+                                           startedAt);
+}
+catch (const WaitFailed& failure)
+{
+    const auto where = threads();
+    const std::string what(failure.what());
+    throw WaitFailed(where.empty() ? what : what + "; it hangs: " + where);
 }
 
 std::string Daemon::threads() const
@@ -295,13 +267,6 @@ std::string Daemon::threads() const
                " in " + firstLine(task.path() / "wchan");
     }
     return all;
-}
-
-WaitFailed Daemon::withHang(const WaitFailed& failure) const
-{
-    const auto where = threads();
-    const std::string what(failure.what());
-    return WaitFailed(where.empty() ? what : what + "; it hangs: " + where);
 }
 
 } // namespace board

@@ -51,25 +51,18 @@ class Daemon
      *  @throws Error when it cannot be started */
     void start();
 
-    /** @brief Send SIGTERM. */
-    void terminate();
-
+    void terminate(); //!< by SIGTERM
     void signal(int number);
 
     /** @brief Whether it was started and has not ended. */
     [[nodiscard]] bool running() const;
 
-    /** @brief Its process id.
-     *  @throws Error when it was never started */
+    /** @throws Error when it was never started */
     [[nodiscard]] pid_t process() const;
 
     /** @brief Where the kernel has each of its threads wait, e.g.
      *         "morrow in hrtimer_nanosleep"; empty when it does not run. */
     [[nodiscard]] std::string threads() const;
-
-    /** @brief Wait for "READY=1".
-     *  @throws WaitFailed when it ends before, or hangs */
-    void awaitReady(Timeline::Limit limit);
 
     /** @brief Wait for its end.
      *  @throws WaitFailed when it hangs */
@@ -81,7 +74,6 @@ class Daemon
     void keep(std::string_view line);
     void collect();
     bool takeEnd();
-    [[nodiscard]] WaitFailed withHang(const WaitFailed& failure) const;
 
     Timeline& timeline;
     const std::filesystem::path program;

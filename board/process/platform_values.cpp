@@ -29,33 +29,11 @@ fs::path pathOf(const std::string& key)
     return directory / key;
 }
 
-[[noreturn]] void fail(const fs::path& path, const std::error_code& error)
+void failOn(const std::error_code& error, const fs::path& path)
 {
-    throw Error::fromErrno("cannot change " + path.string(), error.value());
-}
-
-void removeFile(const fs::path& path)
-{
-    std::error_code error;
-    fs::remove(path, error);
     if (error)
     {
-        fail(path, error);
-    }
-}
-
-/** Only a directory gives way to nothing but its removal. */
-void replace(const fs::path& path, const fs::path& by)
-{
-    if (fs::is_directory(path))
-    {
-        removeFile(path);
-    }
-    std::error_code error;
-    fs::rename(by, path, error);
-    if (error)
-    {
-        fail(path, error);
+        throw Error::fromErrno("cannot change " + path.string(), error.value());
     }
 }
 
@@ -72,7 +50,17 @@ void writePlatformValue(const std::string& key, const std::string& value)
     {
         throw Error("cannot write " + written.string());
     }
-    replace(path, written);
+    std::error_code error;
+    if (fs::is_directory(path))
+    {
+        // It gives way to nothing but its removal.
+        fs::remove(path, error);
+    }
+    if (!error)
+    {
+        fs::rename(written, path, error);
+    }
+    failOn(error, path);
 }
 
 PlatformValues::PlatformValues(Timeline& timeline) : timeline(timeline)
@@ -81,74 +69,46 @@ PlatformValues::PlatformValues(Timeline& timeline) : timeline(timeline)
 
 void PlatformValues::set(const std::string& key, const std::string& value)
 {
-    timeline.record(event::PlatformValue{key, '"' + value + '"'});
-    writePlatformValue(key, value);
-}
-
-void PlatformValues::remove(const std::string& key)
-{
     const auto path = pathOf(key);
-    timeline.record(event::PlatformValue{key, "missing"});
-    removeFile(path);
-}
-
-void PlatformValues::makeUnreadable(const std::string& key)
-{
-    const auto path = pathOf(key);
-    timeline.record(event::PlatformValue{key, "unreadable"});
-    removeFile(path);
-    // Root may read every file, but nobody reads a directory.
-    std::error_code error;
-    fs::create_directory(path, error);
-    if (error)
+    const auto isUnreadable = value == "unreadable";
+    if (!isUnreadable && value != "missing")
     {
-        fail(path, error);
+        timeline.record(event::PlatformValue{key, '"' + value + '"'});
+        writePlatformValue(key, value);
+        return;
     }
-}
-
-namespace
-{
-
-PlatformAction actionFor(const std::string& key, Arguments& arguments)
-{
-    const auto value = arguments.text();
-    return [key, value](PlatformValues& values)
+    timeline.record(event::PlatformValue{key, value});
+    std::error_code error;
+    fs::remove(path, error);
+    if (!error && isUnreadable)
     {
-        if (value == "missing")
-        {
-            values.remove(key);
-        }
-        else if (value == "unreadable")
-        {
-            values.makeUnreadable(key);
-        }
-        else
-        {
-            values.set(key, value);
-        }
-    };
+        // Root may read every file, but nobody reads a directory.
+        fs::create_directory(path, error);
+    }
+    failOn(error, path);
 }
 
-} // namespace
-
-const Vocabulary<PlatformAction>& platformActions()
+const std::vector<PlatformAction>& platformActions()
 {
-    static const Vocabulary<PlatformAction> known(
-        "platform action", {{{"cpu-vendor", "missing|unreadable|VALUE",
-                              "the CPU's vendor: 0 is Intel, others are "
-                              "others, text is malformed"},
-                             [](Arguments& arguments)
-                             {
-                                 return actionFor(cpuVendor, arguments);
-                             }},
-                            {{"value", "KEY missing|unreadable|VALUE",
-                              "any value that the hardware library reads"},
-                             [](Arguments& arguments)
-                             {
-                                 const auto key = arguments.text();
-                                 return actionFor(key, arguments);
-                             }}});
-    return known;
+    using commands::Values;
+    using commands::target::simulated;
+    static const std::vector<PlatformAction> table{
+        {"cpu-vendor missing|unreadable|VALUE",
+         "The CPU's vendor: 0 is Intel, others are others, text is malformed.",
+         [](PlatformValues& platform, const Values& values)
+         {
+             platform.set(cpuVendor, values[0]);
+         },
+         simulated},
+        {"value KEY missing|unreadable|VALUE",
+         "Any value that the hardware library reads.",
+         [](PlatformValues& platform, const Values& values)
+         {
+             platform.set(values[0], values[1]);
+         },
+         simulated},
+    };
+    return table;
 }
 
 } // namespace board

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "board/commands/vocabulary.hpp"
+#include "board/commands/row.hpp"
 #include "board/timeline/timeline.hpp"
 
-#include <functional>
 #include <string>
+#include <vector>
 
 namespace board
 {
@@ -20,15 +20,11 @@ class PlatformValues
     explicit PlatformValues(Timeline& timeline);
 
     /** @brief Set a value.
-     *  @param value as text, decimal or 0x...; anything else is malformed for
-     *               the library
+     *  @param value as text, decimal or 0x...; "missing" removes it,
+     *               "unreadable" lets it be there and not be read, anything
+     *               else is malformed for the library
      *  @throws Error when the key is no file name or there is no sandbox */
     void set(const std::string& key, const std::string& value);
-
-    void remove(const std::string& key);
-
-    /** @brief The value is there but cannot be read. */
-    void makeUnreadable(const std::string& key);
 
   private:
     Timeline& timeline;
@@ -37,9 +33,10 @@ class PlatformValues
 /** @brief Set a value without an event, as the board does before it boots. */
 void writePlatformValue(const std::string& key, const std::string& value);
 
-using PlatformAction = std::function<void(PlatformValues&)>;
+using PlatformAction =
+    commands::Row<void(PlatformValues&, const commands::Values&)>;
 
-/** @brief The phrases for them, e.g. "cpu-vendor missing". */
-[[nodiscard]] const Vocabulary<PlatformAction>& platformActions();
+/** @brief What follows "platform", e.g. "cpu-vendor missing". */
+[[nodiscard]] const std::vector<PlatformAction>& platformActions();
 
 } // namespace board

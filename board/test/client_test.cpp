@@ -8,10 +8,7 @@
 #include "board/test/program.hpp"
 #include "board/test/terminal.hpp"
 
-#include <unistd.h>
-
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -31,40 +28,18 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
-/** Runs a shell script as the client, on a board without a daemon. */
+/** Runs a client on a board without a daemon. */
 std::vector<std::string> without(const std::vector<std::string>& options,
                                  const std::vector<std::string>& client)
 {
-    auto arguments = playing("exit 3");
-    std::ofstream("/mnt/nothing.board") << "note prepared\n";
-    arguments.insert(arguments.end(), {"--play", "/mnt/nothing.board"});
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    arguments.emplace_back("--");
-    arguments.insert(arguments.end(), client.begin(), client.end());
-    return arguments;
+    return plus(plus(playing("note prepared\n"), options),
+                plus({"--"}, client));
 }
 
+/** Runs a shell script as the client. */
 std::vector<std::string> client(const std::string& script)
 {
     return without({}, {"sh", "-c", script});
-}
-
-/** Whether a process ends; one that has ended and not been waited for has. */
-bool ends(pid_t process)
-{
-    constexpr int attempts = 10'000;
-    const auto state = "/proc/" + std::to_string(process) + "/stat";
-    for (int attempt = 0; attempt < attempts; ++attempt)
-    {
-        std::string text;
-        std::getline(std::ifstream(state), text);
-        if (text.empty() || text.find(") Z ") != std::string::npos)
-        {
-            return true;
-        }
-        usleep(1000);
-    }
-    return false;
 }
 
 TEST(Client, HasTheStreamsAndNothingElseIsShown)
@@ -92,11 +67,11 @@ TEST(Client, TakesItsArgumentsAsTheyAre)
 
 TEST(Client, HasTheDescriptorsThatTheBoardWasGiven)
 {
-    const auto run = shell("exec 3<<END\nkept\nEND\nexec \"$@\"",
-                           client("cat <&3; ls /proc/self/fd | wc -l"));
-    EXPECT_EQ(run.status, 0);
+    Program program(client("cat <&3; ls /proc/self/fd | wc -l"), {},
+                    "exec 3<<END\nkept\nEND\nexec \"$@\"");
+    EXPECT_EQ(program.end(), 0);
     // Beside the streams and that one, the directory that ls reads.
-    EXPECT_EQ(run.output, "kept\n5\n");
+    EXPECT_EQ(program.output, "kept\n5\n");
 }
 
 TEST(Client, ThatCannotBeRunHasTheStatusOfAShell)
@@ -118,9 +93,7 @@ TEST(Client, IsNotRunWithoutItsBoard)
     EXPECT_THAT(missing.output,
                 AllOf(StartsWith("morrow-board: cannot find the daemon "),
                       Not(HasSubstr("client"))));
-    auto arguments = playing("exit 3");
-    arguments.insert(arguments.end(), {"--", "echo", "ran"});
-    Program ended(arguments);
+    Program ended(plus(withDaemon("exit 3"), {"--", "echo", "ran"}));
     EXPECT_EQ(ended.end(), 125);
     EXPECT_THAT(
         ended.output,
@@ -173,19 +146,15 @@ TEST(Client, FindsBothEndpointsAndARunningHost)
 
 TEST(Client, IsFollowedByALineWhenTheDaemonHasEnded)
 {
-    auto arguments = playing("echo $$ >/mnt/process\n"
-                             "echo 'dlog 4 324 morrow:1:here'\n"
-                             "while :; do sleep 0.01; done");
-    std::ofstream("/mnt/daemon.board") << "daemon start\nwait log here\n";
-    arguments.insert(
-        arguments.end(),
-        {"--play", "/mnt/daemon.board", "--save", "/mnt/saved", "--", "sh",
-         "-c",
-         "kill $(cat /mnt/process)\n"
-         "until grep -q '\"event\":\"exited\"' /mnt/saved; do "
-         "sleep 0.01; done\n"
-         "exit 7"});
-    Program program(arguments);
+    Program program(plus(playing("daemon start\nwait log here\n",
+                                 "echo $$ >/mnt/process\n"
+                                 "echo 'dlog 4 324 morrow:1:here'\n"
+                                 "while :; do sleep 0.01; done"),
+                         {"--save", "/mnt/saved", "--", "sh", "-c",
+                          "kill $(cat /mnt/process)\n"
+                          "until grep -q '\"event\":\"exited\"' /mnt/saved; do "
+                          "sleep 0.01; done\n"
+                          "exit 7"}));
     EXPECT_EQ(program.end(), 7);
     EXPECT_EQ(program.output, "morrow-board: the daemon ended while the client "
                               "ran; --verbose shows how\n");
@@ -233,9 +202,9 @@ TEST(Client, ThatDoesNotEndIsKilled)
 
 TEST(Client, IsNotRunWhenTheBoardIsInterruptedBefore)
 {
-    auto arguments = playing("echo 'dlog 4 324 morrow:1:here'; exec sleep 60");
-    arguments.insert(arguments.end(), {"--verbose", "--", "echo", "ran"});
-    Program program(arguments);
+    Program program(
+        plus(withDaemon("echo 'dlog 4 324 morrow:1:here'; exec sleep 60"),
+             {"--verbose", "--", "echo", "ran"}));
     ASSERT_TRUE(program.reads("here"));
     program.signal(SIGTERM);
     EXPECT_EQ(program.end(), 130);

@@ -2,14 +2,11 @@
 #include "board/kernel/controller.hpp"
 #include "board/test/files.hpp"
 #include "board/timeline/timeline.hpp"
-#include "board/util/error.hpp"
-#include "board/util/plain_text.hpp"
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace
@@ -19,7 +16,6 @@ namespace fs = std::filesystem;
 using namespace board;
 using namespace board::test;
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 
 constexpr auto limit = 10s;
 
@@ -34,7 +30,11 @@ class Controllers : public testing::Test
 
     void driver(const std::string& action)
     {
-        kernel.change(driverActions().understand(wordsOf(action)));
+        kernel.change(
+            [&](I3cDriver& driver)
+            {
+                commands::run(driverActions(), driver, action);
+            });
     }
 
     event::DeviceUp waitForDeviceUp(std::size_t from)
@@ -59,7 +59,7 @@ TEST_F(Controllers, ComeUpAfterTheSetTime)
     EXPECT_EQ(openError(node0), 0);
 }
 
-TEST_F(Controllers, StayAwayWhenUnboundBeforeTheyAreUp)
+TEST_F(Controllers, StayAwayWhenUnboundBeforeTheyAreUpOrForEver)
 {
     controller0.does("comes-up-after 50");
     controller1.does("comes-up-after 100");
@@ -68,6 +68,9 @@ TEST_F(Controllers, StayAwayWhenUnboundBeforeTheyAreUp)
     ASSERT_EQ(writeText(bindFile, second), 0);
     // The first was due earlier.
     EXPECT_EQ(waitForDeviceUp(0).controller, 1U);
+    controller0.does("never-comes-up");
+    ASSERT_EQ(writeText(bindFile, first), 0);
+    EXPECT_EQ(controller0.node(), std::nullopt);
 }
 
 TEST_F(Controllers, TakeTheLowestFreeNumber)
@@ -81,16 +84,6 @@ TEST_F(Controllers, TakeTheLowestFreeNumber)
     ASSERT_EQ(writeText(unbindFile, first), 0);
     ASSERT_EQ(writeText(bindFile, first), 0);
     EXPECT_EQ(controller0.node(), "i3c-mctp-0");
-}
-
-TEST_F(Controllers, CanBeSlowOrNeverComeUp)
-{
-    controller0.does("never-comes-up");
-    controller1.does("comes-up-after 50");
-    ASSERT_EQ(writeText(bindFile, first), 0);
-    ASSERT_EQ(writeText(bindFile, second), 0);
-    EXPECT_EQ(waitForDeviceUp(0).controller, 1U);
-    EXPECT_EQ(controller0.node(), std::nullopt);
 }
 
 TEST_F(Controllers, CanHaveAFileAsClassEntry)
@@ -215,35 +208,6 @@ TEST_F(Controllers, HaveDriverFilesThatCanBeMissing)
     EXPECT_EQ(writeText(bindFile, first), 0);
     driver("unbind-file works");
     EXPECT_EQ(writeText(unbindFile, first), 0);
-}
-
-std::string refusal(const Words& words)
-{
-    try
-    {
-        static_cast<void>(controllerActions().understand(words));
-    }
-    catch (const Error& error)
-    {
-        return error.what();
-    }
-    return "";
-}
-
-TEST(ControllerWords, HaveAUsageLine)
-{
-    EXPECT_EQ(refusal({"class-entry", "socket"}),
-              "cannot understand \"class-entry\": \"socket\" is no kind of "
-              "class entry; say class-entry directory|file|none");
-    EXPECT_EQ(refusal({"refuses-bind", "EVIL"}),
-              "cannot understand \"refuses-bind\": \"EVIL\" is no errno name "
-              "such as EIO; say refuses-bind ERRNO");
-    EXPECT_EQ(refusal({"node-busy", "readers"}),
-              "cannot understand \"node-busy\": \"readers\" is not "
-              "\"writers\"; say node-busy [writers]");
-    EXPECT_THAT(refusal({"explodes"}),
-                HasSubstr("unknown controller action \"explodes\"; there "
-                          "are: default, comes-up-after MS, "));
 }
 
 } // namespace

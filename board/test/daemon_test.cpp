@@ -16,7 +16,6 @@ namespace
 
 using namespace board;
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 
 constexpr auto limit = 10s;
 constexpr auto scriptPath = "/run/daemon";
@@ -70,15 +69,6 @@ TEST_F(RunDaemon, ReportsHowItEnded)
     EXPECT_EQ(killed.signal, SIGBUS);
 }
 
-TEST_F(RunDaemon, ReceivesReady)
-{
-    play(std::string(ready) + stay);
-    daemon.start();
-    daemon.awaitReady(limit);
-    EXPECT_TRUE(daemon.running());
-    EXPECT_THAT(all<event::Notified>().at(0).text, HasSubstr("READY=1"));
-}
-
 TEST_F(RunDaemon, CollectsLogRecordsAndEverythingElse)
 {
     play("echo 'dlog 4 324 morrow:57:Entry [main]' >&2\n"
@@ -111,7 +101,7 @@ TEST_F(RunDaemon, LogComesBeforeWhatHappensAfterIt)
     play("trap 'echo \"dlog 4 324 morrow:1:term\"; : > /run/logged' TERM\n" +
          std::string(ready) + stay);
     daemon.start();
-    daemon.awaitReady(limit);
+    timeline.waitFor<event::Notified>("READY=1", limit);
     for (auto round = 1U; round <= 100; ++round)
     {
         std::filesystem::remove("/run/logged");
@@ -132,56 +122,15 @@ TEST_F(RunDaemon, GetsEverySigterm)
          "trap 'n=$((n+1)); echo term $n; [ $n = 2 ] && exit 0' TERM\n" +
          std::string(ready) + stay);
     daemon.start();
-    daemon.awaitReady(limit);
+    timeline.waitFor<event::Notified>("READY=1", limit);
     daemon.terminate();
     timeline.waitFor<event::Output>("first line", limit);
     EXPECT_TRUE(daemon.running());
+    EXPECT_THROW(daemon.start(), Error);
     daemon.terminate();
     EXPECT_EQ(daemon.awaitExit(limit).status, 0);
     EXPECT_EQ(all<event::Signalled>().size(), 2U);
     EXPECT_EQ(all<event::Output>()[1].line, "term 2");
-}
-
-TEST_F(RunDaemon, NoticesAHang)
-{
-    play("trap '' TERM\n" + std::string(ready) + stay);
-    daemon.start();
-    daemon.awaitReady(limit);
-    daemon.terminate();
-    try
-    {
-        daemon.awaitExit(100ms);
-        FAIL() << "it ended";
-    }
-    catch (const WaitFailed& failure)
-    {
-        EXPECT_THAT(failure.what(),
-                    HasSubstr("no end of the daemon within 100 ms; it hangs: "
-                              "daemon in "));
-    }
-    EXPECT_TRUE(daemon.running());
-}
-
-TEST_F(RunDaemon, SaysWhenItEndsBeforeReady)
-{
-    play("exit 1");
-    daemon.start();
-    try
-    {
-        daemon.awaitReady(limit);
-        FAIL() << "it is ready";
-    }
-    catch (const WaitFailed& failure)
-    {
-        EXPECT_STREQ(failure.what(), "the daemon ended before READY=1");
-    }
-}
-
-TEST_F(RunDaemon, IsNotStartedTwice)
-{
-    play(stay);
-    daemon.start();
-    EXPECT_THROW(daemon.start(), Error);
 }
 
 TEST_F(RunDaemon, SaysWhatCannotBeRun)

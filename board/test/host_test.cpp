@@ -28,9 +28,9 @@ constexpr auto unknownService = "org.freedesktop.DBus.Error.ServiceUnknown";
 class SimulatedHost : public testing::Test
 {
   protected:
-    void does(const Words& words)
+    void does(const std::string& action)
     {
-        hostAction(words)(host);
+        commands::run(hostActions(), host, action);
     }
 
     Timeline timeline;
@@ -74,12 +74,12 @@ TEST_F(SimulatedHost, CannotBeThereTwice)
 
 TEST_F(SimulatedHost, LeavesAndComesBack)
 {
-    does({"host", "leaves"});
+    does("host leaves");
     EXPECT_EQ(client.hostState(), unknownService);
-    does({"host", "Running"});
-    does({"host", "comes"});
+    does("host Running");
+    does("host comes");
     EXPECT_EQ(client.hostState(), running);
-    does({"host", "comes"});
+    does("host comes");
     EXPECT_EQ(client.hostState(), running);
     EXPECT_FALSE(
         timeline.waitFor<event::HostService>("service", limit).isThere);
@@ -88,22 +88,22 @@ TEST_F(SimulatedHost, LeavesAndComesBack)
 TEST_F(SimulatedHost, AnnouncesPowerStatesWhileItsServiceIsAway)
 {
     Listener power(client, powerPath);
-    does({"host", "leaves"});
-    does({"power", "StateS5"});
+    does("host leaves");
+    does("power StateS5");
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
 TEST_F(SimulatedHost, ComesBackAfterTheBroker)
 {
     bus.dies();
-    does({"host", "Running"});
-    EXPECT_THROW(does({"power", "StateS5"}), Error);
+    does("host Running");
+    EXPECT_THROW(does("power StateS5"), Error);
     bus.comesBack();
-    does({"host", "comes"});
+    does("host comes");
     Client after;
     EXPECT_EQ(after.hostState(), running);
     Listener power(after, powerPath);
-    does({"power", "StateS5"});
+    does("power StateS5");
     EXPECT_THAT(power.heard(), HasSubstr(".StateS5"));
 }
 
@@ -117,35 +117,24 @@ TEST(Host, IsAcceptedByTheBrokerOnBothConnectionsFromTheBeginning)
     EXPECT_EQ(client.connections(), before + 2);
 }
 
-TEST(Host, CanComeLate)
-{
-    Timeline timeline;
-    const Bus bus(timeline, POLICY_FILE);
-    Host host(timeline, Bus::address(), "Running", false);
-    Client client;
-    EXPECT_EQ(client.hostState(), unknownService);
-    host.comes();
-    EXPECT_EQ(client.hostState(), running);
-}
-
 TEST_F(SimulatedHost, SaysAnyText)
 {
-    does({"host", "says"});
+    does("host says");
     EXPECT_EQ(client.hostState(), "");
     const std::string asLong(48, 'x');
-    does({"host", "says", asLong});
+    does("host says " + asLong);
     EXPECT_EQ(client.hostState(), asLong);
-    does({"host", "says", "two", "words"});
+    does("host says two words");
     EXPECT_EQ(client.hostState(), "two words");
 }
 
 TEST_F(SimulatedHost, AnswersWithErrors)
 {
-    does({"host", "answers-error", "org.example.Error.Late", "not", "now"});
+    does("host answers-error org.example.Error.Late not now");
     EXPECT_EQ(client.hostState(), "org.example.Error.Late");
     EXPECT_EQ(timeline.waitFor<event::HostAnswer>("answer", limit).what,
               "the error org.example.Error.Late");
-    does({"host", "answers"});
+    does("host answers");
     EXPECT_EQ(client.hostState(), off);
     EXPECT_THROW(host.answersWithError("no name"), Error);
 }
@@ -155,7 +144,7 @@ TEST_F(SimulatedHost, AnswersWithOtherTypes)
     for (const auto* type :
          {"u", "b", "d", "o", "g", "as", "ay", "a{sv}", "(sa(ou))", "v"})
     {
-        does({"host", "answers-type", type});
+        does(std::string("host answers-type ") + type);
         EXPECT_EQ(client.hostStateType(), type);
     }
     for (const auto* type :
@@ -176,7 +165,7 @@ TEST_F(SimulatedHost, AnswersWithOtherTypes)
 
 TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)
 {
-    does({"host", "never-answers"});
+    does("host never-answers");
     auto answer = std::async(std::launch::async,
                              []
                              {
@@ -185,7 +174,7 @@ TEST_F(SimulatedHost, LetsCallersWaitUntilTheServiceLeaves)
     EXPECT_EQ(timeline.waitFor<event::HostAnswer>("call", limit).what,
               "no answer");
     EXPECT_EQ(answer.wait_for(50ms), std::future_status::timeout);
-    does({"host", "leaves"});
+    does("host leaves");
     ASSERT_EQ(answer.wait_for(limit), std::future_status::ready);
     EXPECT_EQ(answer.get(), "org.freedesktop.DBus.Error.NoReply");
 }
@@ -194,7 +183,7 @@ TEST_F(SimulatedHost, AnnouncesOften)
 {
     constexpr int times = 2000;
     Listener power(client, powerPath);
-    does({"power", "StateS5", std::to_string(times)});
+    does("power StateS5 " + std::to_string(times));
     for (int heard = 0; heard < times; ++heard)
     {
         ASSERT_THAT(power.heard(), HasSubstr(".StateS5")) << heard;
@@ -210,7 +199,7 @@ TEST_F(SimulatedHost, AnnouncesSeveralPropertiesAtOnce)
                                {"Other", "x"},
                                {"Number", "", "u"}}});
     EXPECT_EQ(power.heard(), "InternalPowerState=.StateS5 Other=x Number:u");
-    does({"host", "signal-values", "reset", ".WarmReset", ".Other"});
+    does("host signal-values reset .WarmReset .Other");
     EXPECT_EQ(timeline.waitFor<event::ControlSignal>("signal", limit).path,
               resetPath);
 }
@@ -219,19 +208,19 @@ TEST_F(SimulatedHost, SendsMalformedSignals)
 {
     Listener power(client, powerPath);
     Listener reset(client, resetPath);
-    does({"host", "signal-type", "power", "u"});
+    does("host signal-type power u");
     EXPECT_EQ(power.heard(), "InternalPowerState:u");
-    does({"host", "signal-type", "reset", "o"});
+    does("host signal-type reset o");
     EXPECT_EQ(reset.heard(), "ResetCause:o");
-    does({"host", "signal-property", "reset", "Other", "x"});
+    does("host signal-property reset Other x");
     EXPECT_EQ(reset.heard(), "Other=x");
-    does({"host", "signal-body", "power", "ua{su}"});
+    does("host signal-body power ua{su}");
     EXPECT_EQ(power.heard(), "<body ua{su}>");
-    does({"host", "signal-body", "power"});
+    does("host signal-body power");
     EXPECT_EQ(power.heard(), "<body >");
-    does({"host", "signal-changed", "power", "org.example.Other"});
+    does("host signal-changed power org.example.Other");
     EXPECT_EQ(power.heard(), "<org.example.Other> InternalPowerState=.StateS5");
-    does({"host", "signal-values", "power"});
+    does("host signal-values power");
     EXPECT_EQ(power.heard(), "<none>");
     EXPECT_EQ(timeline.waitFor<event::MalformedSignal>("signal", limit).what,
               "org.freedesktop.DBus.Properties.PropertiesChanged, "
@@ -244,36 +233,13 @@ TEST_F(SimulatedHost, SendsOtherSignals)
                     "Other");
     Listener interface(client, powerPath, "org.example.Other",
                        "PropertiesChanged");
-    does({"host", "signal-member", "power", "Other"});
+    does("host signal-member power Other");
     EXPECT_EQ(member.heard(), "InternalPowerState=.StateS5");
-    does({"host", "signal-interface", "power", "org.example.Other"});
+    does("host signal-interface power org.example.Other");
     EXPECT_EQ(interface.heard(), "InternalPowerState=.StateS5");
-    EXPECT_THROW(does({"host", "signal-member", "power", "no name"}), Error);
-    EXPECT_THROW(does({"host", "signal-type", "power", "uu"}), Error);
-    EXPECT_THROW(does({"host", "signal-body", "power", "a"}), Error);
-}
-
-TEST(HostWords, HaveAUsageLine)
-{
-    const auto refusal = [](const Words& words) -> std::string
-    {
-        try
-        {
-            static_cast<void>(hostAction(words));
-        }
-        catch (const Error& error)
-        {
-            return error.what();
-        }
-        return "";
-    };
-    EXPECT_EQ(refusal({"power"}), "cannot understand \"power\": something is "
-                                  "missing; say power POWER [TIMES]");
-    EXPECT_EQ(refusal({"host", "signal-type", "host", "u"}),
-              "cannot understand \"signal-type\": \"host\" is neither "
-              "\"power\" nor \"reset\"; say signal-type power|reset "
-              "SIGNATURE");
-    EXPECT_THAT(refusal({"host", "dies"}), HasSubstr("unknown host action"));
+    EXPECT_THROW(does("host signal-member power no-name"), Error);
+    EXPECT_THROW(does("host signal-type power uu"), Error);
+    EXPECT_THROW(does("host signal-body power a"), Error);
 }
 
 } // namespace

@@ -6,37 +6,24 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <exception>
 
 #include <gtest/gtest.h>
-
-namespace
-{
-
-/** @throws board::Error where the system closes off what the tests need */
-void enterSandbox()
-{
-    board::sandbox::enter();
-#ifdef NEEDS_FUSE
-    if (access("/dev/fuse", R_OK | W_OK) != 0)
-    {
-        throw board::Error::fromErrno("cannot open /dev/fuse", errno);
-    }
-#endif
-}
-
-} // namespace
 
 /** Every test program of the board runs in a sandbox of its own; where the
  *  system refuses what it needs, it says so and counts as skipped. */
 int main(int argc, char** argv)
-try
 {
     constexpr int skipped = 77;
     testing::InitGoogleTest(&argc, argv);
     try
     {
-        enterSandbox();
+        board::sandbox::enter();
+#ifdef NEEDS_FUSE
+        if (access("/dev/fuse", R_OK | W_OK) != 0)
+        {
+            throw board::Error::fromErrno("cannot open /dev/fuse", errno);
+        }
+#endif
     }
     catch (const board::Error& error)
     {
@@ -44,9 +31,4 @@ try
         return skipped;
     }
     return RUN_ALL_TESTS();
-}
-catch (const std::exception& error)
-{
-    static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
-    return 1;
 }

@@ -19,10 +19,10 @@ using namespace board;
 class Values : public testing::Test
 {
   protected:
-    void are(const Words& words)
+    void are(const std::string& action)
     {
         PlatformValues values(timeline);
-        platformActions().understand(words)(values);
+        commands::run(platformActions(), values, action);
     }
 
     /** @return whether it could be read; then its value is `read` */
@@ -43,41 +43,40 @@ class Values : public testing::Test
 
 TEST_F(Values, CanBeSet)
 {
-    are({"cpu-vendor", "0"});
+    are("cpu-vendor 0");
     ASSERT_TRUE(reads());
     EXPECT_EQ(read, 0);
-    are({"cpu-vendor", "0xFFFE"});
+    are("cpu-vendor 0xFFFE");
     ASSERT_TRUE(reads());
     EXPECT_EQ(read, 0xFFFE);
     EXPECT_EQ(recorded(), "\"0xFFFE\"");
-    are({"value", "OTHER", "7"});
+    are("value OTHER 7");
     ASSERT_TRUE(reads("OTHER"));
     EXPECT_EQ(read, 7);
 }
 
 TEST_F(Values, CanBeMissingUnreadableOrMalformed)
 {
-    are({"cpu-vendor", "unreadable"});
+    are("cpu-vendor unreadable");
     EXPECT_FALSE(reads());
     EXPECT_EQ(recorded(), "unreadable");
-    are({"cpu-vendor", "malformed"});
+    are("cpu-vendor malformed");
     EXPECT_FALSE(reads());
-    are({"cpu-vendor", "missing"});
+    are("cpu-vendor missing");
     EXPECT_FALSE(reads());
     EXPECT_EQ(recorded(), "missing");
     EXPECT_FALSE(std::filesystem::exists("/run/platform/io/CPU_VENDOR"));
-    are({"cpu-vendor", "missing"});
-    are({"cpu-vendor", "unreadable"});
-    are({"cpu-vendor", "unreadable"});
-    are({"cpu-vendor", "1"});
+    are("cpu-vendor missing");
+    are("cpu-vendor unreadable");
+    are("cpu-vendor unreadable");
+    are("cpu-vendor 1");
     EXPECT_TRUE(reads());
 }
 
 TEST_F(Values, HavePlainNames)
 {
-    EXPECT_THROW(are({"value", "../x", "1"}), Error);
-    EXPECT_THROW(are({"value", "..", "missing"}), Error);
-    EXPECT_THROW(are({"value", "x"}), Error);
+    EXPECT_THROW(are("value ../x 1"), Error);
+    EXPECT_THROW(are("value .. missing"), Error);
 }
 
 } // namespace

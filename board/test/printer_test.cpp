@@ -160,7 +160,7 @@ TEST(Printer, PrintsLiveAndToTheEnd)
     auto* const stream = open_memstream(&text, &size);
     {
         Timeline timeline;
-        const Printer printer(timeline, to(stream), {});
+        const Follower printer(timeline, printing(to(stream), {}));
         timeline.record(event::Note{"one"});
         timeline.record(event::Note{"two"});
     }

@@ -87,16 +87,6 @@ bool exists(pid_t process)
     return kill(process, 0) == 0;
 }
 
-TEST(Process, ReportsHowItEnded)
-{
-    const auto exited = Script("exit 7").end();
-    EXPECT_EQ(exited.status, 7);
-    EXPECT_EQ(exited.signal, 0);
-    const auto killed = Script("kill -SEGV $$").end();
-    EXPECT_EQ(killed.status, -1);
-    EXPECT_EQ(killed.signal, SIGSEGV);
-}
-
 TEST(Process, RunsUntilItIsSignalled)
 {
     Script script("trap 'echo term; exit 3' TERM; echo up; "
@@ -182,20 +172,6 @@ TEST(Process, DiesWithTheThreadThatStartedIt)
         });
     starter.join();
     EXPECT_EQ(script->end().signal, SIGKILL);
-}
-
-TEST(Process, SaysWhatCannotBeRun)
-{
-    try
-    {
-        const Process process({"/no/such/program"}, {}, {});
-        FAIL() << "it runs";
-    }
-    catch (const board::Error& error)
-    {
-        EXPECT_STREQ(error.what(), "cannot run /no/such/program: No such file "
-                                   "or directory");
-    }
 }
 
 TEST(Environment, LeavesOutTheNamed)

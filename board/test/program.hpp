@@ -30,14 +30,24 @@ inline constexpr int limitMs = 300'000;
 inline constexpr auto scriptDirectory = "/mnt";
 inline constexpr auto script = "/mnt/daemon";
 
+inline std::vector<std::string> plus(std::vector<std::string> words,
+                                     const std::vector<std::string>& more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 /** A run of morrow-board. */
 class Program
 {
   public:
-    explicit Program(std::vector<std::string> arguments,
-                     const std::vector<std::string>& environment = {}) :
-        process(command(std::move(arguments)),
-                with(environmentWithout({"NO_COLOR"}), environment),
+    /** @param script how a shell runs it: morrow-board and its arguments are
+     *         "$@" */
+    explicit Program(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment = {},
+                     const std::string& script = "exec \"$@\"") :
+        process(plus({"/bin/sh", "-c", script, "sh", BOARD_PROGRAM}, arguments),
+                plus(environmentWithout({"NO_COLOR"}), environment),
                 {{input.readEnd.get(), STDIN_FILENO},
                  {pipe.writeEnd.get(), STDOUT_FILENO},
                  {pipe.writeEnd.get(), STDERR_FILENO}}),
@@ -53,12 +63,6 @@ class Program
         const auto text = line + '\n';
         EXPECT_EQ(write(input.writeEnd.get(), text.data(), text.size()),
                   static_cast<ssize_t>(text.size()));
-    }
-
-    /** Ends its standard input. */
-    void tellNoMore()
-    {
-        input.writeEnd.reset();
     }
 
     /** Reads until a line contains a word; false when it never does. */
@@ -83,7 +87,7 @@ class Program
     /** Its exit status, with all of its output read. */
     int end()
     {
-        tellNoMore();
+        input.writeEnd.reset();
         static_cast<void>(reads("\n")); // no line has one: reads to the end
         pollfd source{process.endFd(), POLLIN, 0};
         EXPECT_EQ(poll(&source, 1, limitMs), 1);
@@ -103,19 +107,6 @@ class Program
     std::string output;
 
   private:
-    static std::vector<std::string> command(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), BOARD_PROGRAM);
-        return arguments;
-    }
-
-    static std::vector<std::string> with(std::vector<std::string> variables,
-                                         const std::vector<std::string>& more)
-    {
-        variables.insert(variables.end(), more.begin(), more.end());
-        return variables;
-    }
-
     bool awaitOutput()
     {
         pollfd source{reader.fd(), POLLIN, 0};
@@ -129,7 +120,7 @@ class Program
 };
 
 /** Runs morrow-board with a shell script as the daemon. */
-inline std::vector<std::string> playing(const std::string& text)
+inline std::vector<std::string> withDaemon(const std::string& text)
 {
     static const auto mounted =
         mount("tmpfs", scriptDirectory, "tmpfs", 0, nullptr);
@@ -139,39 +130,31 @@ inline std::vector<std::string> playing(const std::string& text)
     return {"--daemon", script, "--policy", POLICY_FILE};
 }
 
-/** How a shell ended that ran morrow-board. */
-struct ShellRun
+/** Plays a scenario with a shell script as the daemon. */
+inline std::vector<std::string> playing(const std::string& scenario,
+                                        const std::string& daemon = "exit 3")
 {
-    int status = -1;
-    std::string output; //!< what was redirected to nowhere else
-};
+    const auto arguments = withDaemon(daemon);
+    std::ofstream("/mnt/a.board") << scenario;
+    return plus(arguments, {"--play", "/mnt/a.board"});
+}
 
-/** @param script has morrow-board and its arguments as "$@" */
-inline ShellRun shell(const std::string& script,
-                      std::vector<std::string> arguments)
+/** Whether a process ends; one that has ended and not been waited for has. */
+inline bool ends(pid_t process)
 {
-    arguments.insert(arguments.begin(),
-                     {"/bin/sh", "-c", script, "sh", BOARD_PROGRAM});
-    Pipe pipe;
-    Process process(arguments, environmentWithout({}),
-                    {{pipe.writeEnd.get(), STDOUT_FILENO},
-                     {pipe.writeEnd.get(), STDERR_FILENO}});
-    pipe.writeEnd.reset();
-    LineReader reader(std::move(pipe.readEnd));
-    ShellRun run;
-    pollfd source{reader.fd(), POLLIN, 0};
-    while (poll(&source, 1, limitMs) > 0 &&
-           reader.drain(
-               [&run](std::string_view line)
-               {
-                   run.output += std::string(line) + '\n';
-               }))
+    constexpr int attempts = 10'000;
+    const auto state = "/proc/" + std::to_string(process) + "/stat";
+    for (int attempt = 0; attempt < attempts; ++attempt)
     {
+        std::string text;
+        std::getline(std::ifstream(state), text);
+        if (text.empty() || text.find(") Z ") != std::string::npos)
+        {
+            return true;
+        }
+        usleep(1000);
     }
-    pollfd end{process.endFd(), POLLIN, 0};
-    EXPECT_EQ(poll(&end, 1, limitMs), 1);
-    run.status = process.ended().value_or(ExitStatus{}).status;
-    return run;
+    return false;
 }
 
 inline std::string lastLine(const std::string& output)

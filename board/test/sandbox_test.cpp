@@ -18,7 +18,6 @@
 #include <functional>
 #include <string>
 #include <system_error>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -173,32 +172,24 @@ TEST(Sandbox, HasTheTreesOfABoard)
     EXPECT_TRUE(fs::is_directory("/run/platform/io"));
 }
 
-TEST(Sandbox, RenewGivesFreshTreesAndKeepsTheOldOnesForTheParent)
+TEST(Sandbox, RenewedOrEnteredTwiceHasFreshTreesAndTheParentKeepsItsOwn)
 {
     ASSERT_TRUE(touch("/run/mine"));
-    EXPECT_TRUE(inChild(
-        []
-        {
-            board::sandbox::renew();
-            return !fs::exists("/run/mine") && touch("/run/theirs") &&
-                   touch("/dev/i3c-mctp-0") && touch("/sys/class/new");
-        }));
+    for (const auto again : {board::sandbox::renew, board::sandbox::enter})
+    {
+        EXPECT_TRUE(inChild(
+            [again]
+            {
+                again();
+                return board::sandbox::entered() && !fs::exists("/run/mine") &&
+                       touch("/run/theirs") && touch("/dev/i3c-mctp-0") &&
+                       touch("/sys/class/new");
+            }));
+    }
     EXPECT_TRUE(fs::exists("/run/mine"));
     EXPECT_FALSE(fs::exists("/run/theirs"));
     EXPECT_FALSE(fs::exists("/dev/i3c-mctp-0"));
     EXPECT_FALSE(fs::exists("/sys/class/new"));
-    fs::remove("/run/mine");
-}
-
-TEST(Sandbox, EnteredTwiceIsRenewed)
-{
-    ASSERT_TRUE(touch("/run/mine"));
-    EXPECT_TRUE(inChild(
-        []
-        {
-            board::sandbox::enter();
-            return board::sandbox::entered() && !fs::exists("/run/mine");
-        }));
     fs::remove("/run/mine");
 }
 
@@ -245,17 +236,11 @@ TEST(SandboxProgram, PrintsItsUsage)
 
 TEST(SandboxProgram, FailsWhenItsHelpDoesNotArrive)
 {
-    for (const auto& [redirection, why] :
-         {std::pair(" 2>&1 >/dev/full", "No space left on device\n"),
-          std::pair(" 2>&1 >&-", "Bad file descriptor\n")})
-    {
-        const auto result = output("sh -c '" SANDBOX_PROGRAM " --help" +
-                                   std::string(redirection) + "'");
-        EXPECT_EQ(result.status, 125);
-        EXPECT_EQ(result.output, std::string("morrow-sandbox: cannot write all "
-                                             "of standard output: ") +
-                                     why);
-    }
+    const auto result =
+        output("sh -c '" SANDBOX_PROGRAM " --help 2>&1 >/dev/full'");
+    EXPECT_EQ(result.status, 125);
+    EXPECT_EQ(result.output, "morrow-sandbox: cannot write all of standard "
+                             "output: No space left on device\n");
 }
 
 TEST(SandboxProgram, LeavesStreamsThatAreClosedAsTheyAre)

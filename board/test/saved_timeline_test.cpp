@@ -125,31 +125,4 @@ TEST(SavedTimeline, HasEveryEventInOrderAndNothingOfAnEarlierOne)
                 ElementsAre(jsonLine(events[0]), jsonLine(events[1])));
 }
 
-std::string failureOf(const std::string& path)
-{
-    try
-    {
-        Timeline timeline;
-        SavedTimeline saved(timeline, SaveFile(path));
-        timeline.record(event::Note{"one"});
-        timeline.record(event::Note{"two"});
-        saved.finish();
-    }
-    catch (const Error& error)
-    {
-        return error.what();
-    }
-    return "no failure";
-}
-
-TEST(SavedTimeline, SaysWhyItCannotBeSaved)
-{
-    EXPECT_EQ(failureOf("/no/such/file"),
-              "cannot open /no/such/file to save the timeline: No such file or "
-              "directory; name another file with --save");
-    EXPECT_EQ(failureOf("/dev/full"),
-              "cannot save the timeline in /dev/full: No space left on device; "
-              "it is not whole; name another file with --save");
-}
-
 } // namespace

@@ -85,45 +85,23 @@ class Terminal
     bool showsAfter(const std::vector<std::string>& keys,
                     const std::string& text)
     {
-        constexpr int attempts = 100;
-        constexpr int patienceMs = 100;
-        for (int attempt = 0; attempt < attempts; ++attempt)
-        {
-            for (const auto& key : keys)
-            {
-                types(key);
-                while (readMore(patienceMs))
-                {
-                    // Until nothing more comes.
-                }
-            }
-            if (output.find(text, from) != std::string::npos)
-            {
-                return shows(text);
-            }
-        }
-        return false;
+        return typesUntil(keys,
+                          [&]
+                          {
+                              return output.find(text, from) !=
+                                     std::string::npos;
+                          }) &&
+               shows(text);
     }
 
     /** Its exit status, after a key was typed again and again until it ends. */
     int endAfter(const std::string& key)
     {
-        constexpr int attempts = 100;
-        constexpr int patienceMs = 100;
-        for (int attempt = 0; attempt < attempts; ++attempt)
-        {
-            // Fails when it has ended meanwhile, which is what is wanted.
-            static_cast<void>(write(terminal.get(), key.data(), key.size()));
-            while (readMore(patienceMs))
-            {
-                // Until nothing more comes.
-            }
-            pollfd source{terminal.get(), 0, 0};
-            if (poll(&source, 1, 0) != 0)
-            {
-                break;
-            }
-        }
+        static_cast<void>(typesUntil({key},
+                                     [this]
+                                     {
+                                         return hasHungUp();
+                                     }));
         return end();
     }
 
@@ -133,8 +111,7 @@ class Terminal
         while (readMore())
         {
         }
-        pollfd source{terminal.get(), 0, 0}; // a hang-up shows unasked
-        if (poll(&source, 1, 0) == 0)
+        if (!hasHungUp())
         {
             kill(process, SIGKILL);
         }
@@ -152,6 +129,32 @@ class Terminal
     std::string output;
 
   private:
+    bool typesUntil(const std::vector<std::string>& keys, const auto& done)
+    {
+        constexpr int attempts = 100;
+        constexpr int patienceMs = 100;
+        for (int attempt = 0; attempt < attempts && !done(); ++attempt)
+        {
+            for (const auto& key : keys)
+            {
+                // Fails when it has ended meanwhile, which may be wanted.
+                static_cast<void>(
+                    write(terminal.get(), key.data(), key.size()));
+                while (readMore(patienceMs))
+                {
+                    // Until nothing more comes.
+                }
+            }
+        }
+        return done();
+    }
+
+    bool hasHungUp()
+    {
+        pollfd source{terminal.get(), 0, 0}; // a hang-up shows unasked
+        return poll(&source, 1, 0) != 0;
+    }
+
     bool readMore(int patienceMs = limitMs)
     {
         pollfd source{terminal.get(), POLLIN, 0};

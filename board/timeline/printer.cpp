@@ -354,12 +354,6 @@ std::string coloured(const std::string& time, const std::string& who,
            "  " + text;
 }
 
-Write afterHeading(Write write, const PrintStyle& style)
-{
-    write(printedHeading(style));
-    return write;
-}
-
 } // namespace
 
 std::string printed(const Event& event, const PrintStyle& style)
@@ -400,27 +394,21 @@ Write to(std::FILE* stream)
     };
 }
 
-Printer::Printer(Timeline& timeline, Write write, const PrintStyle& style) :
-    follower(timeline,
-             [write = afterHeading(std::move(write), style),
-              style](const std::vector<Event>& events)
-             {
-                 std::string text;
-                 for (const auto& event : events)
-                 {
-                     text += printed(event, style);
-                 }
-                 if (!text.empty())
-                 {
-                     write(text);
-                 }
-             })
+Follower::Take printing(const Write& write, const PrintStyle& style)
 {
-}
-
-void Printer::catchUp()
-{
-    follower.catchUp();
+    write(printedHeading(style));
+    return [write, style](const std::vector<Event>& events)
+    {
+        std::string text;
+        for (const auto& event : events)
+        {
+            text += printed(event, style);
+        }
+        if (!text.empty())
+        {
+            write(text);
+        }
+    };
 }
 
 } // namespace board

@@ -31,20 +31,10 @@ using Write = std::function<void(const std::string& text)>;
 
 [[nodiscard]] Write to(std::FILE* stream);
 
-/** Shows a timeline as it grows, on a thread of its own. */
-class Printer
-{
-  public:
-    /** @param timeline outlives this
-     *  @param write where to; called on this object's thread, and once, for
-     *         the heading, by the caller */
-    Printer(Timeline& timeline, Write write, const PrintStyle& style);
-
-    /** @brief Wait until everything that is recorded by now is shown. */
-    void catchUp();
-
-  private:
-    Follower follower;
-};
+/** @brief Shows a timeline as it grows, for a follower.
+ *  @param write where to; called at once for the heading, then on the
+ *         follower's thread */
+[[nodiscard]] Follower::Take printing(const Write& write,
+                                      const PrintStyle& style);
 
 } // namespace board

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/timeline/timeline.hpp"
 
-#include <cstdio>
-#include <iterator>
+#include <algorithm>
 
 namespace board
 {
@@ -57,31 +56,15 @@ std::size_t Timeline::size() const
 
 std::vector<Event> Timeline::copyFrom(std::size_t first) const
 {
-    std::vector<Event> copy;
-    for (auto index = first; index < events.size(); ++index)
-    {
-        copy.push_back(events[index]);
-    }
-    return copy;
+    const auto skipped = std::min(first, events.size());
+    return {events.begin() + static_cast<std::ptrdiff_t>(skipped),
+            events.end()};
 }
 
 std::vector<Event> Timeline::since(std::size_t first) const
 {
     const std::lock_guard lock(mutex);
     return copyFrom(first);
-}
-
-std::optional<Event> Timeline::findFrom(std::size_t& next,
-                                        const Predicate& matches) const
-{
-    for (; next < events.size(); ++next)
-    {
-        if (matches(events[next]))
-        {
-            return events[next];
-        }
-    }
-    return {};
 }
 
 Event Timeline::waitFor(const std::string& what, const Predicate& matches,
@@ -95,9 +78,12 @@ Event Timeline::waitFor(const std::string& what, const Predicate& matches,
         {
             throw Interrupted();
         }
-        if (auto found = findFrom(first, matches))
+        for (; first < events.size(); ++first)
         {
-            return *std::move(found);
+            if (matches(events[first]))
+            {
+                return events[first];
+            }
         }
         if (!inTime)
         {

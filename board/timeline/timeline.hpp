@@ -10,7 +10,6 @@
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -104,13 +103,10 @@ class Timeline
     /** @brief Let later waits be waits again. */
     void resume();
 
-    /** @brief The board's clock, now. */
     [[nodiscard]] Time now() const;
 
   private:
     [[nodiscard]] std::vector<Event> copyFrom(std::size_t first) const;
-    std::optional<Event> findFrom(std::size_t& next,
-                                  const Predicate& matches) const;
 
     const std::chrono::steady_clock::time_point start;
     std::mutex collecting;

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/util/plain_text.hpp"
 
-#include <iterator>
-#include <sstream>
-
 namespace board
 {
 
@@ -35,12 +32,6 @@ std::string inQuotes(std::string_view word)
     return word.size() <= longest
                ? '"' + std::string(word) + '"'
                : '"' + std::string(word.substr(0, longest)) + "...\"";
-}
-
-std::vector<std::string> wordsOf(const std::string& text)
-{
-    std::istringstream stream(text);
-    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 } // namespace board

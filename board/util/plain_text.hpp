@@ -3,7 +3,6 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace board
 {
@@ -15,8 +14,5 @@ namespace board
 
 /** @brief A word in quotes for an error's line; a long one ends in dots. */
 [[nodiscard]] std::string inQuotes(std::string_view word);
-
-/** @brief The words of a text, which are separated by white space. */
-[[nodiscard]] std::vector<std::string> wordsOf(const std::string& text);
 
 } // namespace board

@@ -165,7 +165,8 @@ class Scenario : public testing::Test
     void startToBothEndpoints()
     {
         board().daemon().start();
-        board().daemon().awaitReady(timeout);
+        static_cast<void>(board().await<board::event::Notified>(
+            "READY=1 from the daemon", booted, timeout));
         publishes(endpoint0);
         publishes(endpoint1);
         logs("Discovery complete");

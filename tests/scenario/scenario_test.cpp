@@ -6,7 +6,6 @@
  * file in scenarios/ nor a unit test.
  */
 
-#include "board/endpoint/behaviours.hpp"
 #include "tests/scenario/scenario.hpp"
 #include "tests/support/wrapper.hpp"
 
@@ -18,7 +17,6 @@
 #include <fstream>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -86,12 +84,6 @@ std::string nameOf(const std::string& text)
         name += isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';
     }
     return name;
-}
-
-board::Words wordsOf(const std::string& text)
-{
-    std::istringstream stream(text);
-    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 using Discovery = Scenario;
@@ -211,8 +203,7 @@ using Endpoint = Scenario;
 TEST_P(EndpointThat, IsPublishedOrNot)
 {
     const auto& behaviour = GetParam();
-    board().endpoint(0).behaves(
-        board::behaviourFromWords(wordsOf(behaviour.words)));
+    board().endpoint(0).behaves(behaviour.words);
     board().daemon().start();
     const auto published = behaviour.published != nullptr;
     logs(std::string("Number of elements in i3c_device_notify_map: ") +
