@@ -89,7 +89,12 @@ int runClient(Board& board, const std::vector<std::string>& command,
 {
     auto& timeline = board.timeline();
     timeline.record(event::Note{"The client runs: " + command.front()});
-    Process client(command, clientEnvironment(), {}, Sharing::everything);
+    // What the terminal sends from here on, it sends to the client as well.
+    Process client(command, clientEnvironment(), {}, Sharing::everything,
+                   [&interruption]
+                   {
+                       interruption.goOn();
+                   });
     awaitEnd(client, interruption);
     const auto status = statusOf(client.ended().value());
     timeline.record(event::Note{"The client has ended with status " +

@@ -33,6 +33,7 @@ inline constexpr int signalled = 128; //!< and the signal's number
  *  @param command the program and its arguments
  *  @return its exit status, or client_status::signalled and the signal
  *  @throws CannotRun when there is no such program, or it is none
+ *  @throws Interrupted when a signal came before it ran
  */
 int runClient(Board& board, const std::vector<std::string>& command,
               Interruption& interruption);

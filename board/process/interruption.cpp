@@ -3,29 +3,32 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <utility>
 
 namespace board
 {
-namespace
-{
-
-// Wakes this object's thread for its end. From anybody else it means nothing.
-constexpr int leave = SIGUSR1;
-
-} // namespace
 
 Interruption::Interruption(Timeline& timeline, CtrlC ctrlC) :
     timeline(timeline), ctrlC(ctrlC)
 {
-    sigemptyset(&signals);
-    for (const auto number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, leave})
+    sigset_t ours;
+    sigemptyset(&ours);
+    for (const auto number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
     {
-        sigaddset(&signals, number);
+        sigaddset(&ours, number);
     }
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &ours, nullptr);
+    signals = Fd(signalfd(-1, &ours, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signals)
+    {
+        throw Error::fromErrno("cannot listen to signals", errno);
+    }
     thread = std::thread(
         [this]
         {
@@ -35,36 +38,36 @@ Interruption::Interruption(Timeline& timeline, CtrlC ctrlC) :
 
 Interruption::~Interruption()
 {
-    leaving = true;
-    pthread_kill(thread.native_handle(), leave);
+    leave.wake();
     thread.join();
 }
 
 void Interruption::listen()
 {
-    siginfo_t signal{};
-    while (!leaving)
+    constexpr int forEver = -1;
+    std::array sources{pollfd{signals.get(), POLLIN, 0},
+                       pollfd{leave.fd(), POLLIN, 0}};
+    // It fails when it is interrupted, e.g. by a debugger.
+    while (poll(sources.data(), sources.size(), forEver) < 0 ||
+           sources[1].revents == 0)
     {
-        // Fails when it is interrupted, e.g. by a debugger.
-        if (sigwaitinfo(&signals, &signal) > 0 && signal.si_signo != leave)
-        {
-            take({signal.si_signo, signal.si_code == SI_KERNEL});
-        }
+        collect();
     }
 }
 
-void Interruption::take(const CaughtSignal& signal)
+/** Whoever holds the lock has taken all that came, whichever thread asks. */
+void Interruption::collect()
 {
-    if (signal.number != SIGINT || ctrlC == CtrlC::ends)
+    const std::lock_guard lock(catching);
+    signalfd_siginfo signal{};
+    while (read(signals.get(), &signal, sizeof(signal)) == sizeof(signal))
     {
-        ending = true;
+        const auto number = static_cast<int>(signal.ssi_signo);
+        ending = ending || number != SIGINT || ctrlC == CtrlC::ends;
+        caught.push_back({number, signal.ssi_code == SI_KERNEL});
+        timeline.interrupt();
+        came.wake();
     }
-    {
-        const std::lock_guard lock(catching);
-        caught.push_back(signal);
-    }
-    timeline.interrupt();
-    came.wake();
 }
 
 bool Interruption::awaitReadable(
@@ -90,7 +93,8 @@ std::vector<CaughtSignal> Interruption::takeSignals()
 
 void Interruption::goOn()
 {
-    // In this order: a signal to end that comes meanwhile interrupts again.
+    collect();
+    const std::lock_guard lock(catching);
     came.clear();
     timeline.resume();
     if (ending)

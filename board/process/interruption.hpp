@@ -2,9 +2,9 @@
 #pragma once
 
 #include "board/timeline/timeline.hpp"
+#include "board/util/fd.hpp"
 #include "board/util/wakeup.hpp"
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <mutex>
@@ -25,8 +25,9 @@ struct CaughtSignal
 /** Ctrl-C, a hangup, SIGQUIT or SIGTERM ends the timeline's waits, so that the
  *  board ends in order. At a prompt, Ctrl-C only ends the present command.
  *
- *  Made before any other thread, so that all of them leave these signals to the
- *  thread of this object.
+ *  Made before any other thread, so that all of them have these signals
+ * blocked. A thread of this object waits for them; who asks, takes what has
+ * come without waiting for that thread, so that nothing is overlooked.
  */
 class Interruption
 {
@@ -54,21 +55,22 @@ class Interruption
     [[nodiscard]] std::vector<CaughtSignal> takeSignals();
 
     /** @brief Let waits be waits again after a Ctrl-C.
-     *  @throws Interrupted when the board is to end */
+     *  @throws Interrupted when the board is to end: for every signal to do so
+     *          that was sent before the call */
     void goOn();
 
   private:
     void listen();
-    void take(const CaughtSignal& signal);
+    void collect();
 
     Timeline& timeline;
     const CtrlC ctrlC;
+    Fd signals; //!< readable when one has come
     Wakeup came;
-    std::atomic<bool> ending = false;
-    std::atomic<bool> leaving = false;
-    std::mutex catching; //!< guards the next one
+    Wakeup leave;
+    std::mutex catching; //!< guards the next two
+    bool ending = false;
     std::vector<CaughtSignal> caught;
-    sigset_t signals{};
     std::thread thread;
 };
 

@@ -110,8 +110,18 @@ void execute(const Prepared& prepared)
     execve(program, arguments, environment);
 }
 
+/** Waits until the parent has closed its end. */
+void awaitPermission(Pipe& permission)
+{
+    permission.writeEnd.reset();
+    pollfd source{permission.readEnd.get(), POLLIN, 0};
+    while (poll(&source, 1, -1) < 0 && errno == EINTR)
+    {
+    }
+}
+
 /** @return only on failure, with errno set */
-void becomeChild(const Prepared& prepared)
+void becomeChild(const Prepared& prepared, Pipe& permission)
 {
     defaultSignals();
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 ||
@@ -119,6 +129,7 @@ void becomeChild(const Prepared& prepared)
     {
         return;
     }
+    awaitPermission(permission);
     if (getppid() != prepared.parent)
     {
         // The parent ended before its death could be heard of.
@@ -134,9 +145,10 @@ void becomeChild(const Prepared& prepared)
     execute(prepared);
 }
 
-[[noreturn]] void runChild(const Prepared& prepared, const Fd& failure)
+[[noreturn]] void runChild(const Prepared& prepared, Pipe& permission,
+                           const Fd& failure)
 {
-    becomeChild(prepared);
+    becomeChild(prepared, permission);
     const auto error = errno;
     // Without a reader the parent has gone.
     static_cast<void>(write(failure.get(), &error, sizeof(error)) > 0);
@@ -186,19 +198,35 @@ Pipe::Pipe()
 
 Process::Process(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment,
-                 const std::vector<Inherited>& descriptors, Sharing sharing)
+                 const std::vector<Inherited>& descriptors, Sharing sharing,
+                 const std::function<void()>& last)
 {
     Pipe failure;
+    Pipe permission;
     const auto prepared = prepare(arguments, environment, descriptors, sharing);
     pid = fork();
     if (pid == 0)
     {
-        runChild(prepared, failure.writeEnd);
+        runChild(prepared, permission, failure.writeEnd);
     }
     if (pid < 0)
     {
         throw Error::fromErrno("cannot start " + arguments.front(), errno);
     }
+    try
+    {
+        if (last)
+        {
+            last();
+        }
+    }
+    catch (...)
+    {
+        static_cast<void>(kill(pid, SIGKILL));
+        static_cast<void>(waitpid(pid, nullptr, 0));
+        throw;
+    }
+    permission.writeEnd.reset();
     if (const auto error = errorOf(failure); error != 0)
     {
         static_cast<void>(waitpid(pid, nullptr, 0)); // it says no more

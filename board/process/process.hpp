@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,12 +60,15 @@ class Process
   public:
     /** @param arguments the program's path and its arguments
      *  @param environment all of it, as "NAME=value"
+     *  @param last what is done when the process is there and before it runs
+     * the program; throws what the constructor is to throw instead
      *  @throws CannotRun when there is no such program, or it is none
      *  @throws Error when the system has no more processes or descriptors */
     Process(const std::vector<std::string>& arguments,
             const std::vector<std::string>& environment,
             const std::vector<Inherited>& descriptors,
-            Sharing sharing = Sharing::nothing);
+            Sharing sharing = Sharing::nothing,
+            const std::function<void()>& last = {});
 
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;

@@ -252,4 +252,23 @@ TEST(ClientAtATerminal, EndsWithCtrlCUnlessItSaysOtherwise)
     EXPECT_EQ(terminal.end(), 128 + SIGINT);
 }
 
+TEST(ClientAtATerminal, IsNotRunAfterACtrlCThatComesBeforeIt)
+{
+    // The board shows more than a terminal holds, so it has not come to the
+    // client yet when the first part of it is read.
+    std::string scenario;
+    for (auto count = 0; count < 50; ++count)
+    {
+        scenario += "help\n";
+    }
+    Terminal terminal(
+        plus(playing(scenario), {"--verbose", "--", "echo", "the client ran"}));
+    ASSERT_TRUE(terminal.shows("End the board"));
+    terminal.types("\003");
+    EXPECT_EQ(terminal.end(), 130);
+    EXPECT_THAT(terminal.output,
+                AllOf(EndsWith("Interrupted; nothing is left behind.\r\n"),
+                      Not(HasSubstr("the client ran\r\n"))));
+}
+
 } // namespace

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "board/process/interruption.hpp"
 #include "board/process/process.hpp"
 #include "board/util/error.hpp"
 #include "board/util/line_reader.hpp"
 
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -172,6 +175,43 @@ TEST(Process, DiesWithTheThreadThatStartedIt)
         });
     starter.join();
     EXPECT_EQ(script->end().signal, SIGKILL);
+}
+
+TEST(Process, RunsNothingWhenItIsBrokenOffAtTheLastMoment)
+{
+    EXPECT_THROW(Process({"/bin/sh", "-c", ": >/run/ran"}, {}, {},
+                         board::Sharing::everything,
+                         []
+                         {
+                             throw board::Error("no");
+                         }),
+                 board::Error);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1); // it has no process
+    EXPECT_FALSE(std::filesystem::exists("/run/ran"));
+}
+
+TEST(Interruption, KnowsEverySignalThatWasSentBefore)
+{
+    sigset_t before;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    board::Timeline timeline;
+    {
+        board::Interruption interruption(timeline);
+        for (auto round = 0; round < 100; ++round)
+        {
+            kill(getpid(), SIGTERM);
+            EXPECT_THROW(interruption.goOn(), board::Interrupted);
+        }
+        EXPECT_EQ(interruption.takeSignals().size(), 100U);
+    }
+    {
+        board::Interruption atPrompt(timeline,
+                                     board::Interruption::CtrlC::breaksOff);
+        kill(getpid(), SIGINT);
+        EXPECT_NO_THROW(atPrompt.goOn());
+        EXPECT_EQ(atPrompt.takeSignals().size(), 1U);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST(Environment, LeavesOutTheNamed)
