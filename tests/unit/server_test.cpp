@@ -689,7 +689,7 @@ TEST_F(Interface, SetIsRefused)
 {
     EXPECT_EQ(publish(0, 8), 0);
     const ServedConnection peer;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     EXPECT_LT(sd_bus_set_property(peer.get(), "xyz.openbmc_project.mctp",
                                   (manager0 + "/8").c_str(),
                                   "xyz.openbmc_project.mctp.Endpoint", "EID",
