@@ -58,7 +58,7 @@ void FileTree::add(const std::string& path, FileEntry entry)
 
 void FileTree::put(const std::string& path, FileEntry entry)
 {
-    entry.inode = inodes.try_emplace(path, inodes.size() + 1).first->second;
+    entry.inode = ++lastInode;
     entries.insert_or_assign(path, std::move(entry));
 }
 

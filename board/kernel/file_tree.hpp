@@ -43,8 +43,8 @@ controlEntry(std::function<int()> onOpen,
 /** The names that the simulated kernel shows, by their paths relative to the
  *  root, e.g. "dev/null".
  *
- *  A path keeps its inode number when its entry is removed and comes back:
- *  lock keys are made from it. No lock of its own.
+ *  As in a real kernel, an entry that is removed and comes back has another
+ *  inode number. No lock of its own.
  */
 class FileTree
 {
@@ -68,7 +68,7 @@ class FileTree
     void put(const std::string& path, FileEntry entry);
 
     std::map<std::string, FileEntry, std::less<>> entries;
-    std::map<std::string, ino_t> inodes;
+    ino_t lastInode = 0;
 };
 
 } // namespace board

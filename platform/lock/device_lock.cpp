@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <platform/device_lock.hpp>
+#include <platform/dlog.h>
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 /*
@@ -15,9 +18,6 @@
 
 namespace
 {
-
-// The same in all processes of the platform, so that they share the objects.
-constexpr int projectId = 'M';
 
 constexpr int platformMode = 0660;
 constexpr std::size_t segmentSize = 4096;
@@ -29,25 +29,73 @@ union SemaphoreArgument
     semid_ds* status;
 };
 
-/** The key of a device's objects; none when its node does not exist. */
-std::optional<key_t> keyOf(const std::string& device)
+/** The key of a device's objects, the same in all processes of the platform.
+ *
+ *  It depends on the path alone: ftok(3) would take the node's inode number,
+ *  which changes whenever the kernel makes the node again, and the objects of
+ *  the former node would never be found and destroyed. */
+key_t keyOf(const std::string& device)
 {
-    const key_t key = ::ftok(device.c_str(), projectId);
-    return key == -1 ? std::nullopt : std::optional(key);
+    constexpr std::uint32_t platform = 0x4D << 24;
+    constexpr std::uint32_t offsetBasis = 0x811C9DC5; // FNV-1a
+    constexpr std::uint32_t prime = 0x01000193;
+    std::uint32_t hash = offsetBasis;
+    for (const char letter : device)
+    {
+        hash = (hash ^ static_cast<unsigned char>(letter)) * prime;
+    }
+    return static_cast<key_t>(platform | ((hash >> 24 ^ hash) & 0x00FFFFFF));
+}
+
+/** Whether root or the caller's user made an object. Any other user can guess
+ *  a key and make an object with it first: that is not the platform's. */
+bool isTrusted(const ipc_perm& permissions)
+{
+    return permissions.cuid == 0 || permissions.cuid == ::geteuid();
+}
+
+/** The status of a lock of the platform; none if it is missing, foreign or may
+ *  not be read. */
+std::optional<semid_ds> statusOfLock(int lockId)
+{
+    semid_ds status = {};
+    const SemaphoreArgument argument{.status = &status};
+    return ::semctl(lockId, 0, IPC_STAT, argument) == 0 &&
+                   isTrusted(status.sem_perm)
+               ? std::optional(status)
+               : std::nullopt;
+}
+
+/** The same for a segment. */
+std::optional<shmid_ds> statusOfShm(int shmId)
+{
+    shmid_ds status = {};
+    return ::shmctl(shmId, IPC_STAT, &status) == 0 && isTrusted(status.shm_perm)
+               ? std::optional(status)
+               : std::nullopt;
+}
+
+/** The device works without the object, so this is all that is done. */
+void reportUnusable(const char* object, const std::string& device)
+{
+    dmctp_trace(1, "device_lock", __LINE__,
+                "%s 0x%08x of %s is not used: it cannot be made, or another "
+                "user has made it",
+                object, static_cast<unsigned>(keyOf(device)), device.c_str());
 }
 
 } // namespace
 
 int acquireLock(const std::string& device)
 {
-    const auto key = keyOf(device);
-    return key ? ::semget(*key, 0, 0) : -1;
+    const int lockId = ::semget(keyOf(device), 0, 0);
+    return statusOfLock(lockId) ? lockId : -1;
 }
 
 int getShmId(const std::string& device)
 {
-    const auto key = keyOf(device);
-    return key ? ::shmget(*key, 0, 0) : -1;
+    const int shmId = ::shmget(keyOf(device), 0, 0);
+    return statusOfShm(shmId) ? shmId : -1;
 }
 
 void removeLock(int lockId)
@@ -70,41 +118,33 @@ void removeShm(int shmId)
 
 void setLockPermission(const std::string& device)
 {
-    const auto key = keyOf(device);
-    if (!key)
+    const int lockId = ::semget(keyOf(device), 1, IPC_CREAT | platformMode);
+    auto status = statusOfLock(lockId);
+    if (!status)
     {
+        reportUnusable("Lock", device);
         return;
     }
-    const int lockId = ::semget(*key, 1, IPC_CREAT | platformMode);
-    semid_ds status = {};
-    SemaphoreArgument argument{.status = &status};
-    if (lockId == -1 || ::semctl(lockId, 0, IPC_STAT, argument) == -1)
-    {
-        return;
-    }
-    status.sem_perm.mode = platformMode;
+    status->sem_perm.mode = platformMode;
+    const SemaphoreArgument argument{.status = &*status};
     // Fails for other users than the owner, who has done it.
     static_cast<void>(::semctl(lockId, 0, IPC_SET, argument));
 }
 
 void setShmPermission(const std::string& device)
 {
-    const auto key = keyOf(device);
-    if (!key)
-    {
-        return;
-    }
-    int shmId = ::shmget(*key, 0, 0);
+    int shmId = ::shmget(keyOf(device), 0, 0);
     if (shmId == -1)
     {
-        shmId = ::shmget(*key, segmentSize, IPC_CREAT | platformMode);
+        shmId = ::shmget(keyOf(device), segmentSize, IPC_CREAT | platformMode);
     }
-    shmid_ds status = {};
-    if (shmId == -1 || ::shmctl(shmId, IPC_STAT, &status) == -1)
+    auto status = statusOfShm(shmId);
+    if (!status)
     {
+        reportUnusable("Shared memory", device);
         return;
     }
-    status.shm_perm.mode = platformMode;
+    status->shm_perm.mode = platformMode;
     // Fails for other users than the owner, who has done it.
-    static_cast<void>(::shmctl(shmId, IPC_SET, &status));
+    static_cast<void>(::shmctl(shmId, IPC_SET, &*status));
 }

@@ -154,23 +154,22 @@ TEST_F(DeviceLock, RemovingTwiceOrNothingIsIgnored)
     EXPECT_NE(getShmId(otherDevice), -1);
 }
 
-TEST_F(DeviceLock, AMissingNodeHasNeither)
+/** The kernel makes a node again with another inode number. */
+TEST_F(DeviceLock, ANodeThatIsGoneOrMadeAgainKeepsThem)
 {
     setLockPermission(device);
     setShmPermission(device);
     const int lockId = acquireLock(device);
     const int shmId = getShmId(device);
     std::filesystem::remove(device);
+    EXPECT_EQ(acquireLock(device), lockId);
+    EXPECT_EQ(getShmId(device), shmId);
 
-    EXPECT_EQ(acquireLock(device), -1);
-    EXPECT_EQ(getShmId(device), -1);
-    setLockPermission(device);
-    setShmPermission(device);
-    EXPECT_EQ(acquireLock(device), -1);
-    EXPECT_EQ(getShmId(device), -1);
-
-    removeLock(lockId);
-    removeShm(shmId);
+    // It takes the inode number of the former node.
+    platform::test::writeFile("/run/another", "");
+    platform::test::writeFile(device, "");
+    EXPECT_EQ(acquireLock(device), lockId);
+    EXPECT_EQ(getShmId(device), shmId);
 }
 
 } // namespace

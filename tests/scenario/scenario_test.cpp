@@ -9,6 +9,13 @@
 #include "tests/scenario/scenario.hpp"
 #include "tests/support/wrapper.hpp"
 
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -42,6 +49,46 @@ std::size_t ipcObjects(const std::string& kind)
     const auto lines = std::count(std::istreambuf_iterator<char>(table),
                                   std::istreambuf_iterator<char>(), '\n');
     return static_cast<std::size_t>(lines) - 1; // the heading
+}
+
+/** The keys of the System V objects of a kind in this sandbox. */
+std::vector<key_t> ipcKeys(const std::string& kind)
+{
+    std::ifstream table("/proc/sysvipc/" + kind);
+    std::string line;
+    std::getline(table, line); // the heading
+    std::vector<key_t> keys;
+    while (std::getline(table, line))
+    {
+        keys.push_back(static_cast<key_t>(std::stol(line)));
+    }
+    return keys;
+}
+
+/** As another user, makes a lock and shared memory of each key, and holds the
+ *  lock.
+ *  @return false where there is no other user */
+bool makeAsNobody(const std::vector<key_t>& keys)
+{
+    constexpr uid_t nobody = 65534;
+    constexpr int privateMode = 0600;
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        // Not setuid(3), which the threads of the parent would have to answer.
+        bool made = syscall(SYS_setuid, nobody) == 0;
+        for (const auto key : keys)
+        {
+            sembuf hold{0, 1, 0};
+            const int lock = semget(key, 1, IPC_CREAT | IPC_EXCL | privateMode);
+            made = made && semop(lock, &hold, 1) == 0 &&
+                   shmget(key, 1, IPC_CREAT | IPC_EXCL | privateMode) != -1;
+        }
+        _exit(made ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0;
 }
 
 std::string outputOf(const std::string& command)
@@ -137,6 +184,43 @@ TEST_F(Discovery, EachDeviceHasALockAndSharedMemoryUntilTheHostIsOff)
     logs("Change State to OFF", now());
     EXPECT_EQ(ipcObjects("sem"), 0U);
     EXPECT_EQ(ipcObjects("shm"), 0U);
+    EXPECT_EQ(stop().status, 0);
+}
+
+/** Anybody can guess a key and be first to make an object with it. */
+TEST_F(Discovery, LocksAndSharedMemoryOfAnotherUserAreNotUsed)
+{
+    startToBothEndpoints();
+    const auto keys = ipcKeys("sem");
+    ASSERT_EQ(keys.size(), 2U);
+    const auto off = now();
+    board().host().goesTo("Off");
+    logs("Change State to OFF", off);
+    if (!makeAsNobody(keys))
+    {
+        GTEST_SKIP() << "the sandbox has no second user";
+    }
+
+    const auto from = now();
+    board().host().goesTo("Running");
+    publishes(endpoint0, from);
+    publishes(endpoint1, from);
+    std::vector<std::string> refused;
+    for (const auto& trace : all<board::event::Trace>(from))
+    {
+        if (trace.file == "device_lock")
+        {
+            refused.push_back(std::regex_replace(
+                trace.text, std::regex("0x[0-9a-f]+"), "KEY"));
+        }
+    }
+    const std::string reason =
+        " is not used: it cannot be made, or another user has made it";
+    EXPECT_THAT(refused,
+                ElementsAre("Lock KEY of /dev/i3c-mctp-0" + reason,
+                            "Shared memory KEY of /dev/i3c-mctp-0" + reason,
+                            "Lock KEY of /dev/i3c-mctp-1" + reason,
+                            "Shared memory KEY of /dev/i3c-mctp-1" + reason));
     EXPECT_EQ(stop().status, 0);
 }
 

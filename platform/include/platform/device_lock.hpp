@@ -3,7 +3,7 @@
 
 /**
  * The board's locks and shared memory, one of each for a device node, found by
- * the node's path: libplatform-lock.so.1.
+ * the node's path: libplatform-lock.so.1. They outlive the node.
  *
  * `device` is always the path of the node, for example "/dev/i3c-mctp-0". No
  * call throws on its own account or reports more than it returns; all may be
@@ -16,11 +16,11 @@
 #pragma GCC visibility push(default)
 
 /** Looks the device's lock up; never creates one.
- *  @return the lock's id, -1 when there is none. */
+ *  @return the lock's id, -1 when there is none that can be trusted. */
 int acquireLock(const std::string& device);
 
 /** Looks the device's shared memory up; never creates it.
- *  @return the segment's id, -1 when there is none. */
+ *  @return the segment's id, -1 when there is none that can be trusted. */
 int getShmId(const std::string& device);
 
 /** Destroys a lock. An id of -1 is ignored. */
