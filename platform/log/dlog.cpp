@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "journal.hpp"
+#include "text.hpp"
+
 #include <platform/dlog.h>
 
-// CODE_FILE and CODE_LINE are the caller's.
-#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string_view>
 
 /*
@@ -35,24 +35,17 @@
 namespace
 {
 
+using platform::log::Field;
+using platform::log::Journal;
+using platform::log::Line;
+
 constexpr int defaultLevel = 2;
 
-// Below PIPE_BUF, so that lines of several writers never mix in a pipe.
-constexpr std::size_t recordCapacity = 1024;
-
 constexpr std::string_view placePrefix = "%s:%u:";
-
-/** The socket to the journal, as the service manager names it. */
-struct JournalStream
-{
-    dev_t device;
-    ino_t inode;
-};
 
 struct Settings
 {
     int shownLevel;
-    std::optional<JournalStream> journal;
     /** If it was closed at the start, another file may get its number later. */
     bool hasStderr;
 };
@@ -78,100 +71,10 @@ int readShownLevel()
     return error == std::errc{} && stop == end ? level : defaultLevel;
 }
 
-std::optional<JournalStream> readJournalStream()
-{
-    const char* const text = std::getenv("JOURNAL_STREAM");
-    if (text == nullptr)
-    {
-        return std::nullopt;
-    }
-    const char* const end = text + std::strlen(text);
-    JournalStream stream{};
-    const auto device = std::from_chars(text, end, stream.device);
-    if (device.ec != std::errc{} || device.ptr == end || *device.ptr != ':')
-    {
-        return std::nullopt;
-    }
-    const auto inode = std::from_chars(device.ptr + 1, end, stream.inode);
-    if (inode.ec != std::errc{} || inode.ptr != end)
-    {
-        return std::nullopt;
-    }
-    return stream;
-}
-
 // Read while the library is loaded: getenv is not async-signal-safe.
-const Settings settings{readShownLevel(), readJournalStream(),
-                        ::fcntl(STDERR_FILENO, F_GETFD) >= 0};
+const Settings settings{readShownLevel(), ::fcntl(STDERR_FILENO, F_GETFD) >= 0};
 
-/** Text of bounded length; what does not fit is cut. */
-template <std::size_t Capacity>
-class Text
-{
-  public:
-    __attribute__((format(printf, 2, 0))) void append(const char* format,
-                                                      va_list values)
-    {
-        const std::size_t space = text.size() - length;
-        const int wanted =
-            std::vsnprintf(text.data() + length, space, format, values);
-        if (wanted > 0)
-        {
-            length += std::min(static_cast<std::size_t>(wanted), space - 1);
-        }
-    }
-
-    // NOLINTNEXTLINE(cert-dcl50-cpp): so that the compiler checks the format
-    __attribute__((format(printf, 2, 3))) void append(const char* format, ...)
-    {
-        va_list values;
-        va_start(values, format);
-        append(format, values);
-        va_end(values);
-    }
-
-    /** Drops the line ends at the end and makes blanks of those within. */
-    void flatten()
-    {
-        while (length > 0 && text[length - 1] == '\n')
-        {
-            --length;
-        }
-        std::replace(text.begin(), text.begin() + length, '\n', ' ');
-    }
-
-    /** Puts the line end into the place that append's NUL had. */
-    void terminate()
-    {
-        text[length++] = '\n';
-    }
-
-    [[nodiscard]] iovec vector()
-    {
-        return {text.data(), length};
-    }
-
-  private:
-    std::array<char, Capacity> text;
-    std::size_t length = 0;
-};
-
-using Line = Text<recordCapacity>;
-/** A short "NAME=value" of a journal record. */
-using Field = Text<80>;
-
-/** Checked for each record: standard error may be redirected at any time. */
-bool stderrIsJournal()
-{
-    if (!settings.journal)
-    {
-        return false;
-    }
-    struct stat status = {};
-    return ::fstat(STDERR_FILENO, &status) == 0 &&
-           status.st_dev == settings.journal->device &&
-           status.st_ino == settings.journal->inode;
-}
+Journal journal;
 
 /** 1 is an error, and each level above it one step less; 4 is information. */
 int priorityOf(int level)
@@ -184,35 +87,40 @@ int priorityOf(int level)
 __attribute__((format(printf, 2, 0))) void
 sendToJournal(const Origin& origin, const char* format, va_list values)
 {
+    std::array<iovec, 6> fields{};
+    std::size_t count = 0;
+    const auto add = [&](auto& field)
+    {
+        field.makePlain();
+        field.terminate();
+        fields[count++] = field.vector();
+    };
     Line message;
     message.append("MESSAGE=");
     message.append(format, values);
-    message.flatten();
-
+    add(message);
     Field priority;
-    Field level;
     priority.append("PRIORITY=%d", priorityOf(origin.level));
+    add(priority);
+    Field level;
     level.append("DLOG_LEVEL=%d", origin.level);
-    std::array<iovec, 6> fields{message.vector(), priority.vector(),
-                                level.vector()};
-    int count = 3;
+    add(level);
     Field module;
     if (origin.module)
     {
         module.append("DLOG_MODULE=%d", *origin.module);
-        fields[count++] = module.vector();
+        add(module);
     }
     Field file;
     Field line;
     if (origin.file != nullptr)
     {
         file.append("CODE_FILE=%s", origin.file);
+        add(file);
         line.append("CODE_LINE=%u", origin.line);
-        fields[count++] = file.vector();
-        fields[count++] = line.vector();
+        add(line);
     }
-    // There is nowhere to report a failure of the log.
-    static_cast<void>(sd_journal_sendv(fields.data(), count));
+    journal.send(std::span(fields).first(count));
 }
 
 __attribute__((format(printf, 2, 0))) void
@@ -232,7 +140,7 @@ writeToStderr(const Origin& origin, const char* format, va_list values)
         line.append("%s:%u:", origin.file, origin.line);
     }
     line.append(format, values);
-    line.flatten();
+    line.makePlain();
     line.terminate();
 
     const iovec bytes = line.vector();
@@ -251,7 +159,7 @@ emit(const Origin& origin, const char* format, va_list values)
         return;
     }
     const int callersErrno = errno;
-    const bool toJournal = stderrIsJournal();
+    const bool toJournal = journal.isStandardError();
     errno = callersErrno; // for %m
     if (toJournal)
     {

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <functional>
@@ -144,6 +145,26 @@ void openFile(Arguments& arguments)
     }
 }
 
+/** Gives a file another name. */
+void renameFile(Arguments& arguments)
+{
+    const auto from = next(arguments);
+    if (std::rename(from.c_str(), next(arguments).c_str()) != 0)
+    {
+        std::exit(6);
+    }
+}
+
+/** Logs more than a queue of any length takes. */
+void flood(Arguments&)
+{
+    constexpr int records = 20'000;
+    for (int record = 0; record < records; ++record)
+    {
+        dlog_printf(1, module, "%s:%u:%d", "morrow", 4U, record);
+    }
+}
+
 const std::map<std::string, std::function<void(Arguments&)>> commands{
     {"dlog", sayDlog},
     {"trace", sayTrace},
@@ -155,6 +176,8 @@ const std::map<std::string, std::function<void(Arguments&)>> commands{
     {"with-errno", sayWithErrno},
     {"from-handler", sayFromHandler},
     {"open", openFile},
+    {"rename", renameFile},
+    {"flood", flood},
 };
 
 } // namespace

@@ -168,6 +168,15 @@ TEST_F(Log, MakesOneLineOfAnyText)
                             "dlog 1 324 morrow:57:\n"));
 }
 
+TEST_F(Log, ShowsNoControlCharacter)
+{
+    EXPECT_THAT(say({"dlog", "1", "a\rb\tc\x1B[2Jd\x7F", "trace", "1",
+                     "\xC2\x9B"
+                     "e\xC3\xA4\n\x01"}),
+                ElementsAre("dlog 1 324 morrow:57:a?b c?[2Jd?\n",
+                            "trace 1 morrow:58:\xC2?e\xC3\xA4 ?\n"));
+}
+
 TEST_F(Log, CutsALongTextAndNeverSplitsIt)
 {
     std::string expected = "dlog 1 324 morrow:57:";
@@ -318,6 +327,42 @@ TEST_F(Journal, LeavesErrno)
     const auto entries = entriesOf({"with-errno"});
     ASSERT_EQ(entries.size(), 2);
     EXPECT_EQ(entries[0].at("MESSAGE"), "kept");
+}
+
+TEST_F(Journal, GetsNoControlCharacter)
+{
+    const auto entries = entriesOf({"dlog", "1", "a\rb\x1B[2Jc"});
+    ASSERT_EQ(entries.size(), 1);
+    EXPECT_EQ(entries[0].at("MESSAGE"), "a?b?[2Jc");
+}
+
+/** The program would not end if it waited. */
+TEST_F(Journal, IsNotWaitedFor)
+{
+    const auto entries = entriesOf({"flood"});
+    ASSERT_FALSE(entries.empty());
+    EXPECT_LT(entries.size(), 20'000U);
+    EXPECT_EQ(entries.back().at("MESSAGE"), std::to_string(entries.size() - 1));
+}
+
+TEST_F(Journal, GetsTheNumberOfRecordsThatItMissed)
+{
+    const std::string away = std::string(journalPath) + ".away";
+    std::filesystem::rename(journalPath, away);
+    const auto entries = entriesOf({"dlog", "1", "a", "trace", "1", "b",
+                                    "rename", away, std::string(journalPath),
+                                    "dlog", "1", "c", "dlog", "1", "d"});
+    std::vector<std::string> messages;
+    for (const auto& entry : entries)
+    {
+        messages.push_back(entry.at("MESSAGE"));
+    }
+    EXPECT_THAT(messages, ElementsAre("2 log records were lost", "c", "d"));
+    EXPECT_THAT(entries.front(),
+                testing::UnorderedElementsAre(
+                    Pair("MESSAGE", "2 log records were lost"),
+                    Pair("PRIORITY", "4"),
+                    Pair("SYSLOG_IDENTIFIER", "platform-log-speaker")));
 }
 
 TEST_F(Journal, IsLeftAloneWhenStandardErrorIsNotItsStream)
