@@ -31,6 +31,9 @@ FILES = {
 
 PROPERTY = "properties: [{name: P, type: byte, flags: [readonly]}]"
 
+VALUE = "{name: V, type: byte}"
+LONG_SIGNATURE = ",".join(f"{{name: V{n}, type: 'array[byte]'}}" for n in range(128))
+
 # definition: what is wrong with it
 MALFORMED = {
     "- a": "the interface has to be a mapping: KEY: VALUE lines",
@@ -40,7 +43,21 @@ MALFORMED = {
     "properties: [{name: On, type: byte}]": "property 'True' needs name to be text:"
     " put it in quotes",
     "properties: [{name: A-B, type: byte}]": "property 'A-B' needs letters, digits and"
-    " _ alone",
+    " _ alone, a letter first",
+    "properties: [{name: _A, type: byte}]": "property '_A' needs letters, digits and _"
+    " alone, a letter first",
+    "properties: [{name: Default, type: byte}]": "property 'Default' cannot be"
+    " 'default' in the code: rename it",
+    f"{PROPERTY}\nmethods: [{{name: STD}}]": "method 'STD' cannot be 'std' in the code:"
+    " rename it",
+    f"{PROPERTY}\nsignals: [{{name: SetPropertyByName}}]": "signal 'SetPropertyByName'"
+    " cannot be 'setPropertyByName' in the code: rename it",
+    f"{PROPERTY}\nsignals: [{{name: P}}]": "'p' has two meanings: rename one",
+    f"{PROPERTY}\nsignals: [{{name: S, properties: [{VALUE}, {VALUE}]}}]": "'v' has two"
+    " meanings: rename one",
+    f"{PROPERTY}\nsignals: [{{name: S, properties: [{LONG_SIGNATURE}]}}]": "a list of"
+    " values needs a signature of at most 255 characters: use fewer",
+    "a: &a [x]\nproperties: *a": "an alias (*) is not possible: write the value itself",
     "properties: [{name: P, type: int8}]": "property 'P' cannot have the type 'int8',"
     " only byte, uint16, uint32, string, array[byte]",
     "properties: [{name: P, type: byte}]": "property 'P' needs flags: [readonly]",
@@ -126,6 +143,16 @@ class Generator(unittest.TestCase):
                 "uint8_t p(uint8_t value);",
             ],
         )
+
+    def test_the_name_of_an_interface_can_be_written_in_cpp(self):
+        for name in ("std.C", "a.class.C", "a.sdbusplus"):
+            path = self.root / (name.replace(".", "/") + ".interface.yaml")
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(PROPERTY)
+            run = sdbuspp("-r", str(self.root), "interface", "common-header", name)
+            with self.subTest(name=name):
+                self.assertEqual((run.returncode, run.stdout), (1, ""))
+                self.assertIn("in the code: rename it\n", run.stderr)
 
     def test_the_code_compiles_without_a_warning(self):
         directory = self.root / "net/example/Sample"

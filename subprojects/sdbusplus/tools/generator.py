@@ -33,12 +33,36 @@ TYPES = {
     "array[byte]": ("ay", "std::vector<uint8_t>"),
 }
 
+# Names that the generated code cannot declare: C++'s own, and those that it uses.
+TAKEN_NAMES = """
+alignas alignof and and_eq asm auto bitand bitor bool break case catch char char8_t
+char16_t char32_t class co_await co_return co_yield compl concept const const_cast
+consteval constexpr constinit continue decltype default delete do double dynamic_cast
+else enum explicit export extern false float for friend goto if inline int long mutable
+namespace new noexcept not not_eq nullptr operator or or_eq private protected public
+register reinterpret_cast requires return short signed sizeof static static_assert
+static_cast struct switch template this thread_local throw true try typedef typeid
+typename union unsigned using virtual void volatile wchar_t while xor xor_eq
+std sdbusplus interface get_bus setPropertyByName
+""".split()
+
+LONGEST_SIGNATURE = 255  # of the D-Bus specification
+
 INTERFACE_NAME = re.compile(r"([a-z_][a-z0-9_]*\.)+[A-Za-z_]\w*", re.ASCII)
-MEMBER_NAME = re.compile(r"[A-Za-z_]\w*", re.ASCII)
+MEMBER_NAME = re.compile(r"[A-Za-z]\w*", re.ASCII)
 
 
 class UserError(Exception):
     """What is wrong with the definition, and what to do about it."""
+
+
+class Loader(yaml.SafeLoader):
+    """Takes no aliases: with them a short file can stand for any amount of text."""
+
+    def compose_node(self, parent, index):
+        alias = self.check_event(yaml.AliasEvent)
+        expect(not alias, "an alias (*)", "is not possible: write the value itself")
+        return super().compose_node(parent, index)
 
 
 def expect(condition, what, rule):
@@ -72,9 +96,20 @@ def member(kind, content, **others):
     name = content.get("name") if isinstance(content, dict) else ""
     what = f"{kind} '{name}'"
     found = node(what, content, name="", description="", **others)
-    expect(MEMBER_NAME.fullmatch(found.name), what, "needs letters, digits and _ alone")
+    rule = "needs letters, digits and _ alone, a letter first"
+    expect(MEMBER_NAME.fullmatch(found.name), what, rule)
     found.cpp_name = cpp_name(found.name)
+    expect_free(what, found.cpp_name)
     return found
+
+
+def expect_free(what, name):
+    expect(name not in TAKEN_NAMES, what, f"cannot be '{name}' in the code: rename it")
+
+
+def expect_distinct(names):
+    for name in names:
+        expect(names.count(name) == 1, f"'{name}'", "has two meanings: rename one")
 
 
 def value(kind, content, **others):
@@ -86,7 +121,12 @@ def value(kind, content, **others):
 
 
 def values(kind, contents):
-    return [value(kind, content) for content in contents]
+    found = [value(kind, content) for content in contents]
+    expect_distinct([each.cpp_name for each in found])
+    length = sum(len(each.signature) for each in found)
+    rule = f"needs a signature of at most {LONGEST_SIGNATURE} characters: use fewer"
+    expect(length <= LONGEST_SIGNATURE, f"a list of {kind}s", rule)
+    return found
 
 
 def method(content):
@@ -124,6 +164,10 @@ def interface_of(name, content):
     found.methods = [method(each) for each in found.methods]
     found.signals = [signal(each) for each in found.signals]
     found.properties = [property_(each) for each in found.properties]
+    for part in name.split("."):
+        expect_free(what, part)
+    members = found.methods + found.signals + found.properties
+    expect_distinct([found.classname, *(each.cpp_name for each in members)])
     return found
 
 
@@ -131,7 +175,7 @@ def load(rootdir, name):
     """The interface of that name, from its file below rootdir."""
     path = Path(rootdir) / (name.replace(".", "/") + ".interface.yaml")
     try:
-        return interface_of(name, yaml.safe_load(path.read_text(encoding="utf-8")))
+        return interface_of(name, yaml.load(path.read_text("utf-8"), Loader))
     except OSError as error:
         reason = f"{error.strerror}; give the directory of the name with -r"
     except (yaml.YAMLError, ValueError) as error:
