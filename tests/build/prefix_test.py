@@ -18,7 +18,12 @@ from pathlib import Path
 TREE = Path(os.environ["TREE"])
 BUILD = Path(os.environ["BUILD"])
 
-UNITS = ["morrow.service", "morrow-return.service"]
+UNITS = [
+    "morrow.service",
+    "morrow-return.service",
+    "morrow-watch.service",
+    "morrow-watch.timer",
+]
 POLICY = "xyz.openbmc_project.mctp.conf"
 
 # The file of systemd now, and before 255, with a second prefix for /.

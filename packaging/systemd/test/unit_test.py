@@ -13,11 +13,16 @@ import tempfile
 import unittest
 from pathlib import Path
 
-UNIT = Path(os.environ["UNIT"])
-RETURN_UNIT = Path(os.environ["RETURN_UNIT"])
+UNITS = Path(os.environ["UNITS"])
+UNIT = UNITS / "morrow.service"
+RETURN_UNIT = UNITS / "morrow-return.service"
+WATCH_UNIT = UNITS / "morrow-watch.service"
+TIMER = Path(os.environ["TIMER"])
+WATCH = Path(os.environ["WATCH"])
 DAEMON = Path(os.environ["DAEMON"])
 INSTALLED = json.loads(Path(os.environ["INSTALLED"]).read_text())
 INSTALLED_DAEMON = INSTALLED[str(DAEMON)]
+INSTALLED_WATCH = INSTALLED[str(WATCH)]
 
 # So that nothing depends on which broker this machine has, or whether it has
 # one that systemd starts.
@@ -53,21 +58,24 @@ class Unit(unittest.TestCase):
         self.root = Path(directory.name)
 
     def complaints(self):
-        """What systemd says of our units when it reads them, with the daemon
-        that is built in place of the installed one."""
+        """What systemd says of our units when it reads them, with the programs
+        of this tree in place of the installed ones."""
         (self.root / "dbus.service").write_text(BROKER)
-        shutil.copy(RETURN_UNIT, self.root)
-        text = UNIT.read_text().replace(INSTALLED_DAEMON, str(DAEMON))
-        (self.root / UNIT.name).write_text(text)
-        done = analyze(
-            "verify", "--man=no", "--recursive-errors=no",
-            self.root / UNIT.name, self.root / RETURN_UNIT.name,
-        )  # fmt: skip
+        shutil.copy(TIMER, self.root)
+        for unit in (UNIT, RETURN_UNIT, WATCH_UNIT):
+            text = unit.read_text().replace(INSTALLED_WATCH, str(WATCH))
+            text = text.replace(INSTALLED_DAEMON, str(DAEMON))
+            (self.root / unit.name).write_text(text)
+        units = [path for path in self.root.iterdir() if "morrow" in path.name]
+        done = analyze("verify", "--man=no", "--recursive-errors=no", *units)
         # It says more, of other units of this machine.
         return [line for line in done.stderr.splitlines() if "morrow" in line]
 
     def test_starts_the_daemon_where_it_is_installed(self):
         self.assertIn(["ExecStart", INSTALLED_DAEMON], settings())
+
+    def test_watches_the_daemon_with_the_installed_program(self):
+        self.assertIn(["ExecStart", INSTALLED_WATCH], settings(WATCH_UNIT))
 
     def test_limits_no_number_of_starts(self):
         for unit in (UNIT, RETURN_UNIT):
@@ -78,13 +86,13 @@ class Unit(unittest.TestCase):
         self.assertEqual(self.complaints(), [])
 
     def test_leaves_an_exposure_of_at_most_1_1(self):
-        for unit in (UNIT, RETURN_UNIT):
+        for unit in (UNIT, RETURN_UNIT, WATCH_UNIT):
             with self.subTest(unit=unit.name):
                 done = analyze("security", "--offline=true", "--threshold=11", unit)
                 self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
     def test_writes_no_core_files(self):
-        for unit in (UNIT, RETURN_UNIT):
+        for unit in (UNIT, RETURN_UNIT, WATCH_UNIT):
             with self.subTest(unit=unit.name):
                 self.assertIn(["LimitCORE", "0"], settings(unit))
 

@@ -65,7 +65,7 @@ python () {
             ' empty: set it to the recipes that provide the libraries')
 }
 
-SYSTEMD_SERVICE:${PN} = "morrow.service morrow-return.service"
+SYSTEMD_SERVICE:${PN} = "morrow.service morrow-return.service morrow-watch.timer"
 
 PACKAGES =+ "${PN}-platform"
 
