@@ -18,7 +18,7 @@ UNIT = UNITS / "morrow.service"
 RETURN_UNIT = UNITS / "morrow-return.service"
 WATCH_UNIT = UNITS / "morrow-watch.service"
 TIMER = Path(os.environ["TIMER"])
-WATCH = Path(os.environ["WATCH"])
+WATCH = Path(os.path.normpath(os.environ["WATCH"]))
 DAEMON = Path(os.environ["DAEMON"])
 INSTALLED = json.loads(Path(os.environ["INSTALLED"]).read_text())
 INSTALLED_DAEMON = INSTALLED[str(DAEMON)]
@@ -95,6 +95,14 @@ class Unit(unittest.TestCase):
         for unit in (UNIT, RETURN_UNIT, WATCH_UNIT):
             with self.subTest(unit=unit.name):
                 self.assertIn(["LimitCORE", "0"], settings(unit))
+
+    def test_bounds_memory_and_records(self):
+        for setting in (
+            ["MemoryMax", "64M"],
+            ["LogRateLimitIntervalSec", "10min"],
+            ["LogRateLimitBurst", "20"],
+        ):
+            self.assertIn(setting, settings())
 
 
 if __name__ == "__main__":
