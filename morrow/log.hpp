@@ -30,8 +30,8 @@ namespace logging
 inline constexpr int module = 324;
 
 /** Levels of the debug log: smaller is more severe. */
-inline constexpr int error = 1; //!< errors inside the bus sides
-inline constexpr int failure = 2; //!< failures of the core
+inline constexpr int error = 1; //!< errors; three lines for all settings
+inline constexpr int failure = 2; //!< a failed read, a malformed signal
 inline constexpr int progress = 4; //!< ordinary progress
 inline constexpr int iteration = 11; //!< each iteration of the state loop
 

@@ -56,8 +56,8 @@ constexpr int32_t deviceNodeLimitMs = 3000;
 /** All I3C endpoints are published on this network. */
 constexpr uint32_t i3cNetwork = 0;
 
-/** A controller with what the kernel makes for it when it comes up first
- *  (row 0) or second (row 1). */
+/** The name of the i-th controller, and, independent of it, what the kernel
+ *  makes for the i-th controller that comes up. */
 struct I3cController
 {
     const char* name;
@@ -115,7 +115,8 @@ void enterState(uint32_t state)
     shared_word::store(daemon_state, state);
 }
 
-/** Parks the state loop for `ticks` seconds, with `next` to follow. */
+/** Enters the count-down: one tick, of a second, in each iteration of the state
+ *  loop, then `next`. */
 void waitBefore(uint32_t next, int32_t ticks)
 {
     state_after_wait = next;

@@ -80,7 +80,8 @@ void probe_cpu_vendor();
 
 /** Turns a host power event into a daemon state; on a CPU of another vendor
  *  the daemon idles whatever was asked.
- *  @param request  1 ON, 0 OFF, anything else ON by default */
+ *  @param request  1 ON, 0 OFF, anything else ON by default. These are not the
+ *                  numbers of the states, where ON is 0 and OFF is 1. */
 void change_State(int request);
 
 /** Writes a controller's name into the driver's bind or unbind file. A file

@@ -124,12 +124,12 @@ struct PowerState
     const char* substring; //!< identifies it
     const char* logFormat; //!< of the log: file, line, function
     const char* traceFormat; //!< of the trace: function
-    bool leavesS0; //!< whether it arms the OFF transition
+    bool armsPowerDown;
 };
 
-/** In the order of the test: the first one contained decides, and ".StateS5"
- *  is contained in its two neighbours before. That OffPendingS0 only shows in
- *  the log while Unknown counts as leaving S0 is meant. */
+/** The first row whose substring occurs decides, so ".StateS5" stands after the
+ *  two names that contain it. OffPendingS0 is only logged, and Unknown arms the
+ *  power-down: both are intended. */
 constexpr std::array powerStates{
     PowerState{".S0InReset", "%s:%u:%s:Power state is S0InReset\n",
                "%s:Power state is S0InReset\n", true},
@@ -505,7 +505,7 @@ void signalHandler_internalpowerstate(sdbusplus::message_t& message)
         dmctp_trace(logging::progress, logSource.data(),
                     static_cast<unsigned int>(__LINE__), state->traceFormat,
                     __func__);
-        if (state->leavesS0)
+        if (state->armsPowerDown)
         {
             armPowerDown();
         }
