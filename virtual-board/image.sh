@@ -195,12 +195,13 @@ masked_generators=(
 )
 
 # enable_units ROOT: what `systemctl enable` does in a running system, for the
-# daemon's units and the board's drivers.
+# services of the daemon and of the board's drivers. The daemon's timer is for the
+# target service alone.
 enable_units() {
     local root=$1 unit by wanted_by
     for unit in "$root"/usr/lib/systemd/system/morrow*.service \
         "$root/etc/systemd/system/board-kernel.service"; do
-        read -ra wanted_by < <(sed -n 's/^WantedBy=//p' "$unit")
+        read -ra wanted_by < <(sed -n 's/^WantedBy=//p' "$unit") || continue
         for by in "${wanted_by[@]}"; do
             mkdir -p "$root/etc/systemd/system/$by.wants"
             ln -sfn "${unit#"$root"}" "$root/etc/systemd/system/$by.wants"
