@@ -65,30 +65,37 @@ std::vector<key_t> ipcKeys(const std::string& kind)
     return keys;
 }
 
-/** As another user, makes a lock and shared memory of each key, and holds the
- *  lock.
- *  @return false where there is no other user */
-bool makeAsNobody(const std::vector<key_t>& keys)
+/** As another user, makes a lock and shared memory of each key, which the
+ * daemon could use, and holds the lock.
+ *  @return what failed, none for nothing */
+std::string makeAsNobody(const std::vector<key_t>& keys)
 {
     constexpr uid_t nobody = 65534;
-    constexpr int privateMode = 0600;
+    constexpr int flags = IPC_CREAT | IPC_EXCL | 0666;
     const pid_t child = fork();
     if (child == 0)
     {
         // Not setuid(3), which the threads of the parent would have to answer.
-        bool made = syscall(SYS_setuid, nobody) == 0;
+        if (syscall(SYS_setuid, nobody) != 0)
+        {
+            _exit(1);
+        }
         for (const auto key : keys)
         {
             sembuf hold{0, 1, 0};
-            const int lock = semget(key, 1, IPC_CREAT | IPC_EXCL | privateMode);
-            made = made && semop(lock, &hold, 1) == 0 &&
-                   shmget(key, 1, IPC_CREAT | IPC_EXCL | privateMode) != -1;
+            const int lock = semget(key, 1, flags);
+            if (semop(lock, &hold, 1) != 0 || shmget(key, 1, flags) == -1)
+            {
+                _exit(2);
+            }
         }
-        _exit(made ? 0 : 1);
+        _exit(0);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return status == 0;
+    return WEXITSTATUS(status) == 0   ? "none"
+           : WEXITSTATUS(status) == 1 ? "no second user"
+                                      : "no objects";
 }
 
 std::string outputOf(const std::string& command)
@@ -195,11 +202,14 @@ TEST_F(Discovery, LocksAndSharedMemoryOfAnotherUserAreNotUsed)
     ASSERT_EQ(keys.size(), 2U);
     const auto off = now();
     board().host().goesTo("Off");
-    logs("Change State to OFF", off);
-    if (!makeAsNobody(keys))
+    withdraws(endpoint1, off);
+    logs("Change State to OFF", now());
+    const auto failure = makeAsNobody(keys);
+    if (failure == "no second user")
     {
-        GTEST_SKIP() << "the sandbox has no second user";
+        GTEST_SKIP() << failure;
     }
+    ASSERT_EQ(failure, "none");
 
     const auto from = now();
     board().host().goesTo("Running");
