@@ -25,8 +25,8 @@ def number_of(text):
 # or a function of the command's last argument.
 SETTINGS = {
     "endpoint CONTROLLER eid EID": {"eid": number_of},
-    "endpoint CONTROLLER silent": {"silent": 1},
-    "endpoint CONTROLLER answering": {"answer": "right", "silent": 0},
+    "endpoint CONTROLLER silent": {"answer": "none"},
+    "endpoint CONTROLLER answering": {"answer": "right"},
     "endpoint CONTROLLER short": {"answer": "short"},
     "endpoint CONTROLLER wrong-type": {"answer": "wrong-type"},
     "endpoint CONTROLLER wrong-command": {"answer": "wrong-command"},

@@ -30,6 +30,7 @@ struct mctp_device;
 /* How an endpoint answers Discovery Notify. */
 enum answer {
 	ANSWER_RIGHT,
+	ANSWER_NONE,
 	ANSWER_WRONG_TYPE,
 	ANSWER_WRONG_COMMAND,
 	ANSWER_SHORT,
@@ -39,7 +40,6 @@ enum answer {
 /* Numbers a user sets are plain ints: each is read once where it is needed. */
 struct endpoint {
 	int eid;
-	int silent;
 	int answer;
 	atomic_t requests;
 	atomic_t answers;

@@ -55,12 +55,14 @@ static u8 completion_of(u8 command)
 	return command == DISCOVERY_NOTIFY ? SUCCESS : UNSUPPORTED_COMMAND;
 }
 
-/* Gives the message's size. */
+/* Gives the message's size, 0 when there is none. */
 static size_t spoil(u8 *message, enum answer how)
 {
 	switch (how) {
 	case ANSWER_RIGHT:
 		break;
+	case ANSWER_NONE:
+		return 0;
 	case ANSWER_WRONG_TYPE:
 		message[0] = TYPE_VENDOR;
 		break;
@@ -82,13 +84,11 @@ size_t endpoint_answer(struct endpoint *endpoint, const u8 *request,
 	const u8 eid = READ_ONCE(endpoint->eid);
 	const u8 *asked = request + MCTP_HEADER_SIZE;
 	u8 *message = answer + MCTP_HEADER_SIZE;
+	size_t message_size;
 
 	if (!is_for(request, size, eid) || !is_control_request(request, size))
 		return 0;
 	atomic_inc(&endpoint->requests);
-	if (READ_ONCE(endpoint->silent))
-		return 0;
-	atomic_inc(&endpoint->answers);
 	answer[0] = HEADER_VERSION;
 	answer[1] = request[2];
 	answer[2] = eid;
@@ -97,5 +97,9 @@ size_t endpoint_answer(struct endpoint *endpoint, const u8 *request,
 	message[1] = asked[1] & INSTANCE_MASK;
 	message[2] = asked[2];
 	message[3] = completion_of(asked[2]);
-	return MCTP_HEADER_SIZE + spoil(message, READ_ONCE(endpoint->answer));
+	message_size = spoil(message, READ_ONCE(endpoint->answer));
+	if (!message_size)
+		return 0;
+	atomic_inc(&endpoint->answers);
+	return MCTP_HEADER_SIZE + message_size;
 }

@@ -77,7 +77,6 @@ static ssize_t counter_show(struct device *dev,
 	}
 
 SETTING(eid, endpoint.eid, 0, 0xff);
-SETTING(silent, endpoint.silent, 0, 1);
 SETTING(probe_error, probe_error, 0, MAX_ERRNO);
 SETTING(node_delay_ms, node_delay_ms, -1, A_MINUTE);
 COUNTER(requests, endpoint.requests);
@@ -85,6 +84,7 @@ COUNTER(answers, endpoint.answers);
 
 static const char *const answer_names[] = {
 	[ANSWER_RIGHT] = "right",
+	[ANSWER_NONE] = "none",
 	[ANSWER_WRONG_TYPE] = "wrong-type",
 	[ANSWER_WRONG_COMMAND] = "wrong-command",
 	[ANSWER_SHORT] = "short",
@@ -115,7 +115,6 @@ static DEVICE_ATTR_RW(answer);
 
 static struct attribute *settings[] = {
 	&eid.attribute.attr,
-	&silent.attribute.attr,
 	&dev_attr_answer.attr,
 	&probe_error.attribute.attr,
 	&node_delay_ms.attribute.attr,
