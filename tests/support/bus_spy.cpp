@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <atomic>
 #include <cinttypes>
@@ -19,6 +20,8 @@ namespace
 
 /** Not while a call is passed on: libsystemd releases things of its own. */
 thread_local bool watching = false;
+
+thread_local int inputError = 0;
 
 std::atomic<bool> repliesAreErrors{false};
 std::atomic<int> subscriptionError{0};
@@ -55,6 +58,11 @@ void makeRepliesErrors()
 void failSubscriptions(int error)
 {
     subscriptionError = error;
+}
+
+void failNextInput(int error)
+{
+    inputError = error;
 }
 
 void watchThisThread()
@@ -144,6 +152,18 @@ extern "C" int sd_bus_process(sd_bus* bus, sd_bus_message** message)
         record::add("finds nothing more to do");
     }
     return result;
+}
+
+extern "C" int sd_event_add_io(sd_event* loop, sd_event_source** source, int fd,
+                               uint32_t events, sd_event_io_handler_t handler,
+                               void* userdata)
+{
+    if (const int error = std::exchange(inputError, 0); error != 0)
+    {
+        return -error;
+    }
+    return next(sd_event_add_io, "sd_event_add_io")(loop, source, fd, events,
+                                                    handler, userdata);
 }
 
 extern "C" int sd_bus_call(sd_bus* bus, sd_bus_message* call, uint64_t limit,

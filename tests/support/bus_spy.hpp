@@ -28,6 +28,10 @@ void makeRepliesErrors();
 /** Makes every subscription fail from now on with this errno value. */
 void failSubscriptions(int error);
 
+/** Makes the calling thread fail with this errno value, once, to have a
+ *  descriptor watched. */
+void failNextInput(int error);
+
 /** Records from now on what the calling thread does. */
 void watchThisThread();
 

@@ -81,6 +81,23 @@ std::vector<Semaphore> semaphores()
     return found;
 }
 
+std::vector<int> semaphoreValues()
+{
+    auto& all = Semaphores::all();
+    const std::lock_guard lock(all.mutex);
+    std::vector<int> values;
+    for (const auto& [address, semaphore] : all.known)
+    {
+        if (semaphore.destroyed == 0)
+        {
+            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): not
+            // changed
+            sem_getvalue(const_cast<sem_t*>(address), &values.emplace_back());
+        }
+    }
+    return values;
+}
+
 namespace
 {
 

@@ -95,6 +95,10 @@ Semaphore semaphore(const sem_t* address);
 /** What became of all of them. Any thread. */
 std::vector<Semaphore> semaphores();
 
+/** How often each that was not destroyed can be waited for at once. Any
+ *  thread. */
+std::vector<int> semaphoreValues();
+
 /** The signals whose disposition was set, in order. */
 std::vector<int> signalsSet();
 

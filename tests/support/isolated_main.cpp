@@ -7,8 +7,9 @@
  * The daemon's singletons, threads and globals live as long as their process,
  * and its files have fixed paths. So every test is run in a child with fresh
  * /sys, /dev, /run and System V IPC, and a test that ends its process, as some
- * behaviour of the daemon does, ends nobody else. Results are printed as TAP;
- * the output of a failed test follows as comments, with the events it recorded.
+ * behaviour of the daemon does, ends nobody else. Results are printed as TAP, a
+ * skipped test with its reason; the output of a failed test follows as
+ * comments, with the events it recorded.
  */
 
 #include "isolated_main.hpp"
@@ -30,6 +31,7 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -43,6 +45,11 @@ namespace
 
 constexpr unsigned limitSeconds = 300;
 constexpr int usageError = 2;
+
+/** The exit status of a test that was skipped. Its last output is this mark and
+ *  the reason. */
+constexpr int skipped = 77;
+constexpr std::string_view skipMark = "skipped: ";
 
 constexpr const char* usage =
     R"(Runs tests, each in a process and a sandbox of its own; prints TAP.
@@ -111,6 +118,34 @@ std::vector<std::string> testsMatching(const std::string& filter)
     return names;
 }
 
+/** Why the test that has just run was skipped, in one line; nothing when it was
+ *  not. */
+std::optional<std::string> skipReason()
+{
+    const auto& registry = *testing::UnitTest::GetInstance();
+    for (int suite = 0; suite < registry.total_test_suite_count(); ++suite)
+    {
+        const auto& tests = *registry.GetTestSuite(suite);
+        for (int test = 0; test < tests.total_test_count(); ++test)
+        {
+            const auto& result = *tests.GetTestInfo(test)->result();
+            if (result.Skipped())
+            {
+                const int last = result.total_part_count() - 1;
+                std::istringstream words(
+                    result.GetTestPartResult(last).message());
+                std::string reason;
+                for (std::string word; words >> word;)
+                {
+                    reason += (reason.empty() ? "" : " ") + word;
+                }
+                return reason;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 /** The child: one test in fresh trees. */
 [[noreturn]] void runAlone(const std::string& name, int output)
 {
@@ -131,6 +166,11 @@ std::vector<std::string> testsMatching(const std::string& filter)
     if ((result != 0 || isolated::show) && isolated::printEvents != nullptr)
     {
         isolated::printEvents();
+    }
+    if (const auto reason = skipReason(); result == 0 && reason)
+    {
+        std::cout << skipMark << *reason << std::endl;
+        std::exit(skipped);
     }
     // Not _exit: the daemon's singletons end with the process, and the leak
     // checker looks at what is left.
@@ -171,28 +211,46 @@ std::string failureOf(int status)
                : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
-void printAsComments(int output)
+std::vector<std::string> linesOf(int output)
 {
-    std::ifstream lines("/proc/self/fd/" + std::to_string(output));
-    for (std::string line; std::getline(lines, line);)
+    std::ifstream file("/proc/self/fd/" + std::to_string(output));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
     {
-        std::cout << "# " << line << '\n';
+        lines.push_back(line);
     }
+    return lines;
 }
 
-/** Prints a result. @return whether the test passed */
+/** The reason that a skipped test has printed; nothing for any other. */
+std::optional<std::string> reasonOf(const Running& test, int status)
+{
+    const auto lines = linesOf(test.output);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != skipped || lines.empty() ||
+        !lines.back().starts_with(skipMark))
+    {
+        return std::nullopt;
+    }
+    return lines.back().substr(skipMark.size());
+}
+
+/** Prints a result. @return whether the test passed or was skipped */
 bool report(const Running& test, int status, std::size_t number)
 {
-    const auto failure = failureOf(status);
+    const auto reason = reasonOf(test, status);
+    const auto failure = reason ? "" : failureOf(status);
     std::cout << (failure.empty() ? "ok " : "not ok ") << number << " - "
-              << test.name << '\n';
+              << test.name << (reason ? " # SKIP " + *reason : "") << '\n';
     if (!failure.empty())
     {
         std::cout << "# " << failure << '\n';
     }
     if (!failure.empty() || isolated::show)
     {
-        printAsComments(test.output);
+        for (const auto& line : linesOf(test.output))
+        {
+            std::cout << "# " << line << '\n';
+        }
     }
     close(test.output);
     return failure.empty();

@@ -8,14 +8,15 @@ import shlex
 import subprocess
 import unittest
 
-# The sandbox with one of the test programs.
+# The sandbox with one of the test programs, and with one whose tests skip.
 COMMAND = shlex.split(os.environ["COMMAND"])
+SKIPPING = shlex.split(os.environ["SKIPPING"])
 SUITE = "InitialValues"
 TEST = f"{SUITE}.AreAsTheStateLoopExpects"
 
 
-def run(*arguments):
-    return subprocess.run([*COMMAND, *arguments], capture_output=True, text=True)
+def run(*arguments, command=COMMAND):
+    return subprocess.run([*command, *arguments], capture_output=True, text=True)
 
 
 def passed(*arguments):
@@ -46,6 +47,21 @@ class Output(unittest.TestCase):
         event = "ReadIO_Str_C CPU_VENDOR"
         self.assertNotIn(event, run(test).stdout)
         self.assertRegex(run(test, "--show").stdout, rf"(?m)^# \d+ {event}")
+
+
+class Skipping(unittest.TestCase):
+    def test_is_no_pass_and_no_failure(self):
+        done = run("Skipping.OnPurpose", command=SKIPPING)
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(
+            done.stdout, "1..1\nok 1 - Skipping.OnPurpose # SKIP on purpose\n"
+        )
+
+    def test_needs_a_test_that_says_so_and_has_not_failed(self):
+        for name in ("AfterAFailure", "ByItsExitStatusAlone"):
+            done = run(f"Skipping.{name}", command=SKIPPING)
+            self.assertEqual(done.returncode, 1)
+            self.assertIn(f"not ok 1 - Skipping.{name}\n", done.stdout)
 
 
 class UsageErrors(unittest.TestCase):

@@ -45,6 +45,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
+using testing::Pair;
 using testing::StartsWith;
 using namespace transcript;
 
@@ -470,6 +471,25 @@ TEST_P(BusSideStart, NeverReturnsWithoutALoop)
               failed("sd_event_add_io bus failed:Invalid argument"),
               failed("sd_event_add_io sig pipe failed: Invalid argument"),
               side.threadExits()});
+}
+
+TEST_P(BusSideStart, BusThatCannotBeWatchedIsLoggedAndTheLoopRuns)
+{
+    record::when(side.loopEnters(),
+                 []
+                 {
+                     bus_spy::failNextInput(ENOMEM);
+                 });
+    EXPECT_EQ(side.init(), 0);
+    ASSERT_TRUE(record::waitFor(side.loopStarts()));
+    EXPECT_EQ(record::textsOf(threadOf(side.ready())),
+              (side.threadBegins() +
+               Texts{side.line(1, "createMorrowEventLoop -sd_event_add_io bus "
+                                  "failed:Cannot allocate memory"),
+                     side.ready(), side.loopStarts()}));
+    EXPECT_THAT(event_loop::watchedBy(side.loop),
+                ElementsAre(Pair(side.pipe[0], EPOLLIN)));
+    EXPECT_EQ(side.stop(), 0);
 }
 
 TEST_P(BusSideStart, StopByteWrittenBeforeTheLoopRunsEndsIt)

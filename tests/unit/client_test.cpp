@@ -26,8 +26,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -162,6 +162,16 @@ class PowerSignals : public Client
         auto trace = threadTrace();
         trace.pop_back();
         return trace;
+    }
+
+    /** How much of what has been sent the client has not read. */
+    static int waitingBytes()
+    {
+        auto watched = event_loop::watchedBy(clientEvent);
+        watched.erase(clientSignalPipe[0]);
+        int waiting = 0;
+        (void)ioctl(watched.begin()->first, FIONREAD, &waiting);
+        return waiting;
     }
 
     static void clearFlags()
@@ -795,33 +805,47 @@ TEST_F(PowerSignals, OtherPropertiesMayBeOfAnyType)
 
 TEST_F(PowerSignals, TwoSignalsThatWaitAreServedInTheirOrderInOneCall)
 {
-    // The client's handler waits for the mutex while both arrive.
-    std::unique_lock lock(clientBusMutex);
-    control.changes(HostControl::powerState,
-                    {{"InternalPowerState", "a.StateS6"}});
-    control.changes(HostControl::powerState,
-                    {{"InternalPowerState", "a.PreStandby"}});
-    // Between the two, the mutex can't be had: one call serves both.
-    bool free = false;
+    // The client's thread is held where it does not serve the bus.
+    const std::string gotByte =
+        "log 1 morrow_client: morrowProcessSig - signal: 7\n";
+    std::promise<void> go;
+    record::when(gotByte,
+                 [held = go.get_future().share()]
+                 {
+                     held.wait();
+                 });
+    ASSERT_EQ(write(clientSignalPipe[1], "\7", 1), 1);
+    ASSERT_TRUE(record::waitFor(gotByte));
+    for (const auto* const state : {"a.StateS6", "a.PreStandby"})
+    {
+        const int before = waitingBytes();
+        control.changes(HostControl::powerState,
+                        {{"InternalPowerState", state}});
+        ASSERT_TRUE(record::waitUntil(
+            [before]
+            {
+                return waitingBytes() > before;
+            }));
+    }
+    bool free = true;
     record::when("log 4 morrow_client: signalHandler_internalpowerstate:Power "
                  "state is PreStandby",
                  [&free]
                  {
                      free = isFreeForAnother(clientBusMutex);
                  });
-    lock.unlock();
-    EXPECT_EQ(handled(), Texts{powerPath} + logsPowerState("a.StateS6") +
-                             recognises("StateS6") + Texts{powerPath} +
-                             logsPowerState("a.PreStandby") +
-                             recognises("PreStandby"));
+    const auto start = here();
+    EXPECT_EQ(morrowClientProcessRequest(nullptr, -1, 0, nullptr), 0);
+    EXPECT_EQ(traceFrom(start), Texts{powerPath} + logsPowerState("a.StateS6") +
+                                    recognises("StateS6") + Texts{powerPath} +
+                                    logsPowerState("a.PreStandby") +
+                                    recognises("PreStandby"));
     EXPECT_FALSE(free);
+    go.set_value();
 }
 
 TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
 {
-    auto watched = event_loop::watchedBy(clientEvent);
-    watched.erase(clientSignalPipe[0]);
-    const int bus = watched.begin()->first;
     // While the first is handled, the second arrives.
     record::when(
         "trace 4 morrow_client: signalHandler_internalpowerstate:Power state "
@@ -831,10 +855,9 @@ TEST_F(PowerSignals, BurstIsServedUntilNothingIsLeft)
             HostControl().changes(HostControl::powerState,
                                   {{"InternalPowerState", "a.PreStandby"}});
             EXPECT_TRUE(record::waitUntil(
-                [bus]
+                []
                 {
-                    int waiting = 0;
-                    return ioctl(bus, FIONREAD, &waiting) == 0 && waiting > 0;
+                    return waitingBytes() > 0;
                 }));
             bus_spy::watchThisThread();
         });

@@ -514,6 +514,13 @@ TEST_F(Daemon, IsReadyAfterTheVendorWasReadAndBeforeTheFirstIteration)
     fake::onVendorRead = {};
 }
 
+TEST_F(Daemon, GoesOnWhenReadinessCannotBeSent)
+{
+    setenv("NOTIFY_SOCKET", "/run/nobody-listens", 1);
+    startToDiscovery();
+    EXPECT_EQ(exitStatus, -1);
+}
+
 TEST_F(Daemon, BeginsWithACleanupWhateverTheStateWas)
 {
     daemon_state = MORROW_SLEEP_EVENT;

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -132,8 +133,13 @@ using PowerOffCleanup = WithFiles;
 
 TEST_F(WaitDeviceNode, TriesOnceAndOnceMoreForEach100Ms)
 {
-    for (const auto& [limit, attempts] :
-         {std::pair{3000, 31}, {199, 2}, {0, 1}, {-99, 1}, {-100, 0}})
+    for (const auto& [limit, attempts] : {std::pair{3000, 31},
+                                          {199, 2},
+                                          {0, 1},
+                                          {-99, 1},
+                                          {-100, 0},
+                                          {-101, 0},
+                                          {INT32_MIN, 0}})
     {
         SCOPED_TRACE(limit);
         removeNode();
@@ -344,7 +350,7 @@ TEST_F(Notify, FillsBothRecordsBeforeEachAttempt)
 TEST_F(Notify, FailureIsTriedThreeTimesOrOnceWithTheStopFlag)
 {
     const Texts attempt = attemptFails(node0);
-    for (const uint8_t stop : {0, 1})
+    for (const uint8_t stop : {0, 1, 2, 0x80, 0xFF})
     {
         skipped += trace().size();
         // The response of a failed attempt is not evaluated.
@@ -393,7 +399,8 @@ TEST_F(Notify, NumberOfAttemptsDependsOnTheAnswer)
           {Bytes{0x00, 0xFF, 0x0D, 0x80}, 0, 1U}, // an error, as a request
           {Bytes{0x00, 0x01, 0x0C, 0x00}, 0, 2U}, // wrong command
           {Bytes{0x05, 0x01, 0x0D}, 0, 2U}, // wrong type
-          {Bytes{0x05, 0x01, 0x0D}, 1, 1U}})
+          {Bytes{0x05, 0x01, 0x0D}, 1, 1U},
+          {Bytes{0x05, 0x01, 0x0D}, 0x80, 1U}})
     {
         i3c_device_notify_map.clear();
         const auto before = record::count("send 00 81 0d");
@@ -432,12 +439,34 @@ TEST_F(Notify, WrongTypeThenFailuresPublishesAnyway)
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
 }
 
+TEST_F(Notify, ThreeWrongAnswersPublishAfterTheThird)
+{
+    fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_EQ(record::count("send 00 81 0d"), 3);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
+TEST_F(Notify, FailureWithTheStopFlagAfterAWrongAnswerPublishesAnyway)
+{
+    fake::endpoints[node0] = {{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D},
+                              {.result = ETIMEDOUT, .stop = 1}};
+    EXPECT_EQ(morrow_i3c_device_do_notify(node0), 0);
+    EXPECT_EQ(record::count("send 00 81 0d"), 2);
+    EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0));
+}
+
 TEST_F(Notify, ExceptionOfTheTransportComesOutAfterTheEndpointIsGone)
 {
-    fake::endpoints[node0] = {{.throws = true}};
-    EXPECT_THROW(morrow_i3c_device_do_notify(node0), std::runtime_error);
-    EXPECT_EQ(trace().back(), "~mctp_wrapper_ep " + node0);
-    EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    const fake::Attempt thrown{.throws = true};
+    const fake::Attempt wrong{.response = {0x7F, 0x01, 0x0D}, .eid = 0x9D};
+    for (const auto& attempts : {std::deque{thrown}, {wrong, thrown}})
+    {
+        fake::endpoints[node0] = attempts;
+        EXPECT_THROW(morrow_i3c_device_do_notify(node0), std::runtime_error);
+        EXPECT_EQ(trace().back(), "~mctp_wrapper_ep " + node0);
+        EXPECT_THAT(i3c_device_notify_map, IsEmpty());
+    }
 }
 
 TEST_F(Notify, LengthBeyondTheAreaIsNotRead)
@@ -474,6 +503,8 @@ TEST_F(OnTheBus, LastIdIsPublishedWithTheLastSlotThatAnIdHad)
     expectPublished({failure(0x5D), fake::answer(0x42)}, 0x42, 2);
     expectPublished({wrongCommand(0x9D), failure(0x43), failure(0x42)}, 0x42,
                     1);
+    expectPublished(
+        {wrongCommand(0x9D), wrongCommand(0x5D), wrongCommand(0x42)}, 0x42, 2);
     for (const uint8_t eid : {0x1E, 0x9E, 0x5E, 0xDE})
     {
         expectPublished({wrongCommand(0x9D), fake::answer(eid)}, eid, 1);
@@ -551,13 +582,16 @@ TEST_F(FullDiscovery, BothAnsweringHasTheExpectedTrace)
 
 TEST_F(FullDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
 {
-    fake::lockIds = {{node1, 0}};
-    fake::shmIds = {{node1, 0}};
-    run(full_discovery);
-    EXPECT_EQ(record::count("removeLock -1"), 1);
-    EXPECT_EQ(record::count("removeLock 0"), 1);
+    for (const int id : {0, -2})
+    {
+        fake::lockIds = {{node1, id}};
+        fake::shmIds = {{node1, id}};
+        run(full_discovery);
+        EXPECT_EQ(record::count("removeLock " + std::to_string(id)), 1);
+        EXPECT_EQ(record::count("removeShm " + std::to_string(id)), 1);
+    }
+    EXPECT_EQ(record::count("removeLock -1"), 2);
     EXPECT_EQ(record::count("removeShm -1"), 0);
-    EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
 TEST_F(FullDiscovery, OnlyTheFirstAnsweringStartsPartialDiscovery)
@@ -588,6 +622,21 @@ TEST_F(FullDiscovery, EndsEarlyWhenTheFirstNodeNeverOpens)
     EXPECT_EQ(Texts(bind + 1, told.end()), Texts(31, "sleep 100 ms"));
     EXPECT_THAT(told, Contains("write unbind fff11000.i3c"));
     EXPECT_THAT(told, Not(Contains("write bind fff11000.i3c")));
+}
+
+TEST_F(FullDiscovery, EndsEarlyAtTheSecondControllerToo)
+{
+    driver.comesUpWithoutClassEntry(controller0);
+    record::when("setShmPermission /dev/i3c-mctp-0",
+                 []
+                 {
+                     std::filesystem::remove(node0);
+                 });
+    run(full_discovery);
+    expectWait(1, MORROW_ON_EVENT);
+    expectTraceEndsWith(Texts{"write bind fff11000.i3c"} +
+                        Texts(31, "sleep 100 ms"));
+    EXPECT_THAT(i3c_device_map, IsEmpty());
 }
 
 TEST_F(FullDiscovery, NoEndpointAnsweringRetriesAfterThreeSeconds)
@@ -806,14 +855,17 @@ TEST_F(PowerOffCleanup, DeviceListedTwiceIsLookedUpAndRemovedTwice)
 
 TEST_F(PowerOffCleanup, IdsOf0AreRemovedAndOfMinus1LeftOut)
 {
-    i3c_device_map = {node0, node1};
-    fake::lockIds = {{node1, 0}};
-    fake::shmIds = {{node0, 0}};
-    run(power_off_cleanup);
+    for (const int id : {0, -2})
+    {
+        i3c_device_map = {node0, node1};
+        fake::lockIds = {{node1, id}};
+        fake::shmIds = {{node0, id}};
+        run(power_off_cleanup);
+        EXPECT_EQ(record::count("removeLock " + std::to_string(id)), 1);
+        EXPECT_EQ(record::count("removeShm " + std::to_string(id)), 1);
+    }
     EXPECT_EQ(record::count("removeLock -1"), 0);
-    EXPECT_EQ(record::count("removeLock 0"), 1);
     EXPECT_EQ(record::count("removeShm -1"), 0);
-    EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
 TEST_F(PowerOffCleanup, UnopenableUnbindFileIsLoggedBeforeItGoesIdle)

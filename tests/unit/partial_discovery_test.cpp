@@ -237,17 +237,16 @@ TEST_F(PartialDiscovery, ListsAreLeftBeforeTheIdsAreAskedFor)
 
 TEST_F(PartialDiscovery, IdsOf0AreRemovedAndOfMinus1TheLockAlone)
 {
-    for (const int id : {-1, 0})
+    for (const int id : {-1, 0, -2})
     {
         answered(0);
         fake::lockIds[node1] = id;
         fake::shmIds[node1] = id;
         run(partial_discovery);
+        EXPECT_EQ(record::count("removeLock " + std::to_string(id)), 1);
+        EXPECT_EQ(record::count("removeShm " + std::to_string(id)),
+                  id == -1 ? 0 : 1);
     }
-    EXPECT_EQ(record::count("removeLock -1"), 1);
-    EXPECT_EQ(record::count("removeLock 0"), 1);
-    EXPECT_EQ(record::count("removeShm -1"), 0);
-    EXPECT_EQ(record::count("removeShm 0"), 1);
 }
 
 // What goes wrong
@@ -324,6 +323,16 @@ TEST_F(PartialDiscovery, ClassEntryWithoutANodeIsScannedAnyway)
               0);
     EXPECT_THAT(i3c_device_notify_map, ElementsAre(node0, node1));
     EXPECT_EQ(daemon_state, MORROW_SLEEP_EVENT);
+}
+
+TEST_F(PartialDiscovery, NodeWithoutAClassEntryIsDiscoveredAndNotScanned)
+{
+    answered(0);
+    driver.comesUpWithoutClassEntry(controller1);
+    run(partial_discovery);
+    expectNothingFoundAfter(
+        {"write bind fff11000.i3c", "sleep 100 ms",
+         "log 4 morrow: Discovered i3c device: /dev/i3c-mctp-1\n"});
 }
 
 TEST_F(PartialDiscovery, EndpointThatStaysSilentIsTriedAgainInTenSeconds)

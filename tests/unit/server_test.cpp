@@ -356,6 +356,9 @@ TEST_F(Registry, KeepsTheNetworksApart)
     EXPECT_THAT(busctl::managedObjects(manager1), IsEmpty());
     EXPECT_THAT(busctl::managedObjects(manager2),
                 ElementsAre("/xyz/openbmc_project/mctp/2/8"));
+    EXPECT_EQ(server().deleteAllEndpointObject(2), 0);
+    EXPECT_THAT(busctl::managedObjects(manager2), IsEmpty());
+    EXPECT_THAT(busctl::managedObjects(manager0), ElementsAre(manager0 + "/8"));
 }
 
 TEST_F(Registry, PublishesTheLow16BitsOfTheEndpointType)
@@ -370,6 +373,8 @@ TEST_F(Registry, PublishesTheLow16BitsOfTheEndpointType)
 TEST_F(Registry, SecondOfTheSamePathFailsAndTheFirstStays)
 {
     EXPECT_EQ(publish(0, 8), 0);
+    observer.catchUp();
+    const auto seenBefore = observer.seen().size();
     const auto start = here();
     EXPECT_EQ(server().createEndpointObject(0, 8, {}, 9, 9, "other"), 5);
     const std::string error =
@@ -383,6 +388,8 @@ TEST_F(Registry, SecondOfTheSamePathFailsAndTheFirstStays)
                     "log 4 morrow_server: createEndpointObject - Exit\n"));
     EXPECT_THAT(busctl::getAll(manager0 + "/8"),
                 HasSubstr("DevicePath=/dev/i3c-mctp-0"));
+    observer.catchUp();
+    EXPECT_THAT(observer.seen(seenBefore), IsEmpty());
     EXPECT_EQ(server().deleteAllEndpointObject(0), 0);
     EXPECT_THAT(busctl::managedObjects(manager0), IsEmpty());
 }
@@ -842,6 +849,7 @@ TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
     EXPECT_EQ(publish(0, 8), 0);
     EXPECT_EQ(publish(0, 9), 0);
     EXPECT_EQ(publish(1, 7), 0);
+    EXPECT_EQ(publish(2, 6), 0);
     observer.catchUp();
     const auto seenBefore = observer.seen().size();
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
@@ -851,6 +859,7 @@ TEST_F(ServerStop, WithdrawsEveryEndpointAndLeavesTheBus)
         ElementsAre("InterfacesRemoved " + manager0 + "/8" + removedInterfaces,
                     "InterfacesRemoved " + manager0 + "/9" + removedInterfaces,
                     "InterfacesRemoved " + manager1 + "/7" + removedInterfaces,
+                    "InterfacesRemoved " + manager2 + "/6" + removedInterfaces,
                     "NameOwnerChanged gone"));
     EXPECT_FALSE(busctl::hasOwner("xyz.openbmc_project.mctp"));
 }
