@@ -105,6 +105,49 @@ class Unit(unittest.TestCase):
             self.assertIn(setting, settings())
 
 
+# What the watch calls; while it sleeps, the list of connections changes.
+TOOLS = {
+    "systemctl": """\
+case $* in
+*MainPID*) echo 7 ;;
+*try-restart*) touch restarted ;;
+esac
+""",
+    "busctl": "touch asked; cat list",
+    "sleep": "rm -f list; [ ! -e second ] || mv second list",
+}
+BOTH = ":1.5 7 morrow\n:1.6 7 morrow\n:1.7 8 other\n"
+ONE = ":1.6 7 morrow\n:1.7 8 other\n:1.8 7 morrow\n"
+
+
+class Watch(unittest.TestCase):
+    def restarts(self, first, second):
+        """Whether it restarts the daemon. A list of None cannot be had."""
+        with tempfile.TemporaryDirectory() as directory:
+            place = Path(directory)
+            for name, text in TOOLS.items():
+                (place / name).write_text(f"#!/bin/sh\n{text}\n")
+                (place / name).chmod(0o755)
+            for name, text in (("list", first), ("second", second)):
+                if text is not None:
+                    (place / name).write_text(text)
+            path = f"{place}:{os.environ['PATH']}"
+            subprocess.run(
+                ["sh", WATCH], cwd=place, env={"PATH": path}, check=True,
+                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            )  # fmt: skip
+            self.assertTrue((place / "asked").exists())
+            return (place / "restarted").exists()
+
+    def test_restarts_a_daemon_that_has_lost_a_connection(self):
+        self.assertFalse(self.restarts(BOTH, BOTH))
+        self.assertTrue(self.restarts(BOTH, ONE))
+
+    def test_leaves_one_alone_while_the_broker_cannot_be_asked(self):
+        self.assertFalse(self.restarts(None, BOTH))
+        self.assertFalse(self.restarts(BOTH, None))
+
+
 if __name__ == "__main__":
     if shutil.which("systemd-analyze") is None:
         print("systemd-analyze is missing: install the package systemd")
