@@ -63,6 +63,13 @@ constexpr std::initializer_list<Row> rows{
      "Another user sends so many large power signals that the broker's limit "
      "for a waiting client is reached.",
      target::service},
+    {"hostile PEER",
+     "From now on another user misuses the bus: with descriptors, large "
+     "messages, a crowd of connections, cut calls, a flood of them, or deaf to "
+     "the answers.",
+     target::service},
+    {"peers leave", "Let those peers stay for ten seconds in all, then leave.",
+     target::service},
 };
 
 } // namespace

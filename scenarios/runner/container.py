@@ -12,6 +12,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import threading
 import time
@@ -29,6 +30,9 @@ BROKERS = {
 
 # They mostly wait.
 CONTAINERS = 5
+
+# How long each hostile peer stays, at least.
+HOSTILE_SECONDS = float(os.environ.get("HOSTILE_SECONDS", "10"))
 
 ENVIRONMENT = {
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
@@ -188,6 +192,7 @@ class Container(System):
         self.followers = []
         self.nodes = {}
         self.packets = {}
+        self.peers = []
         self.read = 0
 
     def __enter__(self):
@@ -213,6 +218,7 @@ class Container(System):
         return self
 
     def __exit__(self, *_):
+        self._end_peers()
         if self.shell:
             self.shell.end()
         # The second signal does not wait for the services in it.
@@ -229,6 +235,7 @@ class Container(System):
 
     def reset(self):
         """Everything as it is before a scenario."""
+        self._end_peers()
         self.ask(STOP)
         for text in DEFAULTS:
             self.shell.run(text)
@@ -274,7 +281,41 @@ class Container(System):
         # tests/policy is in the path of Python where containers are run.
         from bus_peer import NOBODY, Connection, as_user
 
-        as_user(NOBODY, Connection.burst, Path(f"/proc/{self.leader}/root{SOCKET}"))
+        as_user(NOBODY, Connection.burst, self._socket())
+
+    @command("hostile PEER")
+    def hostile(self, kind):
+        from hostile_peers import start
+
+        self.seen = {}
+        # Far more than a round takes.
+        peer = start(kind, self._socket(), HOSTILE_SECONDS + COMMAND_SECONDS)
+        self.peers.append((*peer, time.monotonic() + HOSTILE_SECONDS))
+        self._round(peer[1])
+
+    @command("peers leave")
+    def peers_leave(self):
+        """After a whole round, and after its time."""
+        for _, reports, end in self.peers:
+            self._round(reports)
+            while time.monotonic() < end:
+                self._round(reports)
+        self._end_peers()
+
+    @staticmethod
+    def _round(reports):
+        if not reports.readline():
+            raise Failed("the hostile peer has ended")
+
+    def _end_peers(self):
+        for process, reports, _ in self.peers:
+            os.kill(process, signal.SIGKILL)
+            os.waitpid(process, 0)
+            reports.close()
+        self.peers = []
+
+    def _socket(self):
+        return Path(f"/proc/{self.leader}/root{SOCKET}")
 
     # How it is made.
 

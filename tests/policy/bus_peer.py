@@ -95,6 +95,21 @@ class Connection:
         )  # fmt: skip
         return ANSWERED if result >= 0 else error.name.decode()
 
+    def close(self):
+        sd.sd_bus_flush_close_unref(self.bus)
+
+    def send_call(self, destination, path, interface, member, signature, *arguments):
+        """Makes a call without waiting for the answer."""
+        call = ctypes.c_void_p()
+        checked(
+            "call",
+            sd.sd_bus_message_new_method_call(
+                self.bus, ctypes.byref(call), encoded(destination), encoded(path),
+                encoded(interface), encoded(member),
+            ),
+        )  # fmt: skip
+        self._send(call, signature, *arguments)
+
     def request(self, name):
         """@return ANSWERED or the error's name"""
         return self.call(
@@ -124,17 +139,21 @@ class Connection:
                 "destination",
                 sd.sd_bus_message_set_destination(signal, encoded(destination)),
             )
+        self._send(signal, signature, *arguments)
+
+    def _send(self, message, signature, *arguments):
+        """Sends a message of which only the body is missing."""
         checked(
             "body",
             sd.sd_bus_message_append(
-                signal, encoded(signature), *map(encoded, arguments)
+                message, encoded(signature), *map(encoded, arguments)
             ),
         )
         try:
-            checked("send", sd.sd_bus_send(self.bus, signal, None))
+            checked("send", sd.sd_bus_send(self.bus, message, None))
             checked("flush", sd.sd_bus_flush(self.bus))
         finally:
-            sd.sd_bus_message_unref(signal)
+            sd.sd_bus_message_unref(message)
 
     def change_property(self, path, name, kind, value, destination=None):
         """Sends PropertiesChanged with one property."""
@@ -170,9 +189,12 @@ class Connection:
                 f"type='signal',member='PropertiesChanged',path='{path}',"
                 f"interface='{PROPERTIES}',"
             )
-            checked(
-                "match", sd.sd_bus_add_match(self.bus, None, rule.encode(), None, None)
-            )
+            self.add_match(rule)
+
+    def add_match(self, rule):
+        checked(
+            "match", sd.sd_bus_add_match(self.bus, None, rule.encode(), None, None)
+        )
 
     def answer_all(self):
         """Answers each call with an empty reply from now on."""
@@ -213,18 +235,23 @@ def in_process(action):
     return process, os.fdopen(reading)
 
 
+def become(user, socket):
+    """Makes this process one of a user, next to the socket, since the user may have
+    no access to its directory."""
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    os.chdir(socket.parent)
+    os.setgroups([])
+    os.setresgid(user, user, user)
+    os.setresuid(user, user, user)
+
+
 def as_user(user, action, socket=SOCKET):
     """@return the action's result for a connection of this user, in a separate
     process"""
 
     def become_and_act(report):
-        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
-        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-        # The user may have no access to the directory.
-        os.chdir(socket.parent)
-        os.setgroups([])
-        os.setresgid(user, user, user)
-        os.setresuid(user, user, user)
+        become(user, socket)
         report(action(Connection(socket.name)))
 
     process, reports = in_process(become_and_act)

@@ -99,6 +99,7 @@ class Unit(unittest.TestCase):
     def test_bounds_memory_and_records(self):
         for setting in (
             ["MemoryMax", "64M"],
+            ["Environment", "GLIBC_TUNABLES=glibc.malloc.mmap_threshold=131072"],
             ["LogRateLimitIntervalSec", "10min"],
             ["LogRateLimitBurst", "20"],
         ):
