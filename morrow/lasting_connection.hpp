@@ -25,7 +25,9 @@
 class LastingConnection
 {
   public:
-    /** Takes a reference to the calling thread's default system connection. */
+    /** Takes a reference to the calling thread's default system connection.
+     *  @throws sdbusplus::exception::SdBusError when it cannot: without this
+     *          reference a stop would write into a thread that has ended */
     void hold();
 
     /** Adds an object manager that stays for the life of the connection. */

@@ -311,6 +311,7 @@ void morrow_dbus_server::morrowDBusMgrHandler()
     catch (const sdbusplus::exception::SdBusError& error)
     {
         MORROW_LOG(logging::error, "%s -Error:%s\n", __func__, error.what());
+        (void)bus.exchange({}); // and the name goes, which nobody serves
     }
     MORROW_LOG(logging::progress, "%s - Exit\n", __func__);
 }

@@ -112,6 +112,18 @@ configure() {
     fi
 }
 
+# use_wrapper PREFIX: lets builds find the sdbusplus and the generator that are
+# installed there, by the search paths of a build environment alone.
+use_wrapper() {
+    [ -x "$1/bin/sdbus++" ] ||
+        fail "--wrapper: there is no bin/sdbus++ below \"$1\": install sdbusplus and its generator there"
+    export PATH=$1/bin:$PATH
+    PKG_CONFIG_PATH=$(find "$1" -type d -name pkgconfig -printf %p:)
+    export PKG_CONFIG_PATH
+    LD_LIBRARY_PATH=$(pkg-config --variable=libdir sdbusplus)
+    export LD_LIBRARY_PATH
+}
+
 # logged LOG COMMAND...: runs a step of a build and appends its output to the log;
 # if it fails, the end of the log is shown and the script ends.
 logged() {
