@@ -172,6 +172,7 @@ std::vector<Fault> allFaults()
     }
     std::vector<Fault> faults;
     auto lines = places();
+    EXPECT_NE(lines.str(), "") << "no call was recorded";
     for (std::string line; std::getline(lines, line);)
     {
         std::istringstream words(line);

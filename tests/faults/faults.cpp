@@ -128,6 +128,10 @@ int addModule(dl_phdr_info* file, std::size_t /*size*/, void* /*data*/)
 /** Not a constructor: other libraries' constructors call before. */
 void prepare()
 {
+    if (environ == nullptr)
+    {
+        return; // the C library is not ready; sanitizers call before
+    }
     settings.ready = true;
     settings.log = std::getenv("FAULT_LOG");
     if (settings.log == nullptr || *settings.log == 0)
