@@ -33,7 +33,7 @@ class LastingConnection
     /** Adds an object manager that stays for the life of the connection. */
     void manage(const char* path);
 
-    /** Sends what is queued and leaves the bus. */
+    /** Sends what is queued, for at most a few seconds, and leaves the bus. */
     void close();
 
   private:

@@ -1075,6 +1075,45 @@ TEST_F(Handshake, TerminationOfTheVeryThreadDoesNotInterruptIt)
                 Not(Contains(HasSubstr("Interrupted system call"))));
 }
 
+class HandshakeCutAfter :
+    public Handshake,
+    public testing::WithParamInterface<std::size_t>
+{
+};
+
+TEST_P(HandshakeCutAfter, StopEnds)
+{
+    startToDiscovery();
+    broken.emplace();
+    broken->send(GetParam(), HandshakeBroker::Then::close);
+    doNotHold();
+    release();
+    broken->waitForClient();
+    terminate();
+    ASSERT_TRUE(record::waitFor(stopped));
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    terminateForGood();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bytes, HandshakeCutAfter,
+    testing::Range<std::size_t>(0, HandshakeBroker::answers.size() + 1));
+
+TEST_F(Daemon, StopOfItsBusSidesNeedsNoBrokerThatWorks)
+{
+    startToDiscovery();
+    broker->pause();
+    doNotHold();
+    release();
+    terminate();
+    ASSERT_TRUE(record::waitFor(stopped));
+    broker->resume();
+    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+    EXPECT_EQ(startingWith("InterfacesRemoved ", observer->seen()).size(), 2U);
+    ASSERT_TRUE(record::waitFor("log 4 morrow: Stop initialization\n"));
+    terminateForGood();
+}
+
 TEST_F(Daemon, OnlyTheBusThreadsBlockTerminationAndNothingElse)
 {
     startToDiscovery();

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -997,40 +998,87 @@ TEST_F(ServerStop, PublicationUnderWayReleasesTheBusBeforeTheMutexIsFree)
     EXPECT_EQ(server().stop_morrow_dbus_server(), 0);
 }
 
-TEST_F(ServerStart, StopSendsWhatTheBrokerHadNoRoomForBeforeItLeaves)
+/** A server with a hundred endpoints and as little room as the system lets a
+ *  socket have, whose broker reads nothing more when it is stopped. */
+class FullSocket : public ServerStart
 {
-    const BusObserver observer;
-    record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
-                 []
-                 {
-                     // As little room as the system lets a socket have.
-                     sd_bus* own = nullptr;
-                     ASSERT_GE(sd_bus_default_system(&own), 0);
-                     const int size = 1;
-                     ASSERT_EQ(setsockopt(sd_bus_get_fd(own), SOL_SOCKET,
-                                          SO_SNDBUF, &size, sizeof(size)),
-                               0);
-                     sd_bus_unref(own);
-                 });
-    EXPECT_EQ(morrow_dbus_server_init(), 0);
-    for (uint8_t eid = 0; eid < 100; ++eid)
+  protected:
+    FullSocket()
     {
-        EXPECT_EQ(publish(0, eid), 0);
+        record::when("log 4 morrow_server: createMorrowEventLoop - Enter",
+                     []
+                     {
+                         sd_bus* own = nullptr;
+                         ASSERT_GE(sd_bus_default_system(&own), 0);
+                         const int size = 1;
+                         ASSERT_EQ(setsockopt(sd_bus_get_fd(own), SOL_SOCKET,
+                                              SO_SNDBUF, &size, sizeof(size)),
+                                   0);
+                         sd_bus_unref(own);
+                     });
+        EXPECT_EQ(morrow_dbus_server_init(), 0);
+        for (uint8_t eid = 0; eid < 100; ++eid)
+        {
+            EXPECT_EQ(publish(0, eid), 0);
+        }
+        broker.pause();
+        stop = std::async(std::launch::async,
+                          [this]
+                          {
+                              thread = record::thisThread();
+                              return server().stop_morrow_dbus_server();
+                          });
+        EXPECT_TRUE(
+            record::waitFor("log 4 morrow_server: UnloadDBusObjects - Exit\n"));
     }
-    broker.pause();
-    auto stop = std::async(std::launch::async,
-                           []
-                           {
-                               return server().stop_morrow_dbus_server();
-                           });
-    ASSERT_TRUE(
-        record::waitFor("log 4 morrow_server: UnloadDBusObjects - Exit\n"));
+
+    void expectAllIsSent() const
+    {
+        ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
+        EXPECT_EQ(startingWith("InterfacesRemoved ", observer.seen()).size(),
+                  100U);
+    }
+
+    const BusObserver observer;
+    std::atomic<pid_t> thread{0};
+    std::future<int32_t> stop;
+};
+
+TEST_F(FullSocket, StopSendsWhatTheBrokerHadNoRoomForBeforeItLeaves)
+{
     EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(100)),
               std::future_status::timeout);
     broker.resume();
     EXPECT_EQ(stop.get(), 0);
-    ASSERT_TRUE(record::waitFor("NameOwnerChanged gone"));
-    EXPECT_EQ(startingWith("InterfacesRemoved ", observer.seen()).size(), 100U);
+    expectAllIsSent();
+}
+
+TEST_F(FullSocket, SignalDuringTheStopLosesNothing)
+{
+    (void)std::signal(SIGTERM, [](int) {});
+    ASSERT_TRUE(record::waitUntil(
+        [this]
+        {
+            return thread_status::isAsleep(thread);
+        }));
+    ASSERT_EQ(tgkill(getpid(), thread, SIGTERM), 0);
+    // Time enough for a stop that gives up to do so.
+    EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(100)),
+              std::future_status::timeout);
+    broker.resume();
+    EXPECT_EQ(stop.get(), 0);
+    expectAllIsSent();
+}
+
+TEST_F(FullSocket, StopEndsWithoutABrokerThatReadsNothingMore)
+{
+    EXPECT_EQ(stop.get(), 0);
+}
+
+TEST_F(FullSocket, StopEndsWhenTheBrokerDies)
+{
+    broker.kill();
+    EXPECT_EQ(stop.get(), 0);
 }
 
 TEST_F(ServerStop, IsOrderlyWhileEndpointsArePublished)
