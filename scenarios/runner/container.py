@@ -32,7 +32,7 @@ BROKERS = {
 CONTAINERS = 5
 
 # How long each hostile peer stays, at least.
-HOSTILE_SECONDS = float(os.environ.get("HOSTILE_SECONDS", "10"))
+HOSTILE_SECONDS = float(os.environ.get("HOSTILE_SECONDS", "3"))
 
 ENVIRONMENT = {
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",

@@ -96,10 +96,11 @@ class Unit(unittest.TestCase):
             with self.subTest(unit=unit.name):
                 self.assertIn(["LimitCORE", "0"], settings(unit))
 
-    def test_bounds_memory_and_records(self):
+    def test_bounds_memory_descriptors_and_records(self):
         for setting in (
             ["MemoryMax", "64M"],
             ["Environment", "GLIBC_TUNABLES=glibc.malloc.mmap_threshold=131072"],
+            ["LimitNOFILE", "4096"],
             ["LogRateLimitIntervalSec", "10min"],
             ["LogRateLimitBurst", "20"],
         ):
