@@ -72,7 +72,6 @@ class Collect(unittest.TestCase):
 
     def test_board(self):
         """With a running daemon, all that the simulated board has."""
-        (self.tools / "pidof").unlink()
         done = self.collect(
             "-s1", "-o", self.archive, around=BOARD, path=os.environ["PATH"].split(":")
         )
